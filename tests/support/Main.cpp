@@ -1,0 +1,6 @@
+#include <gtest/gtest.h>
+
+int main(int count, char** arguments) {
+  ::testing::InitGoogleTest(&count, arguments);
+  return RUN_ALL_TESTS();
+}

@@ -1,0 +1,84 @@
+// EGeneric, the root of the library's exceptions: an ordered list of named
+// values. The thrower says what it knows under names of its choosing, handlers
+// read those names back, and what() prints them all. EBadCastException, the
+// failure of a value, stands here too, since value and exception need each
+// other from the first.
+#pragma once
+
+#include <exception>
+#include <string>
+#include <typeinfo>
+#include <utility>
+#include <vector>
+
+#include "velt/Export.h"
+#include "velt/value/Value.h"
+
+// Names that the library itself writes: "Text", the message for people;
+// "Code", a number; and, by the diagnostics, "MiniDump", "ModuleName",
+// "AddressName" and "Stack". All others belong to the thrower.
+//
+// Names are looked up without regard to the case of the 26 ASCII letters; every
+// other byte must match. Copies share their values. One object belongs to one
+// thread at a time.
+class VELT_API EGeneric : public std::exception {
+public:
+  using named_value = std::pair<std::string, _value_t>;
+  using P = named_value;
+
+  EGeneric();
+  EGeneric(EGeneric const& other);
+  // One to six values, in this order. Names are not checked for duplicates; a
+  // lookup finds the first.
+  EGeneric(P const& a);
+  EGeneric(P const& a, P const& b);
+  EGeneric(P const& a, P const& b, P const& c);
+  EGeneric(P const& a, P const& b, P const& c, P const& d);
+  EGeneric(P const& a, P const& b, P const& c, P const& d, P const& e);
+  EGeneric(P const& a, P const& b, P const& c, P const& d, P const& e, P const& f);
+  EGeneric& operator=(EGeneric const& other);
+  ~EGeneric() override;
+
+  // The list as text. A list of one value named exactly "Text" gives that text
+  // alone; any other gives a line "name: value" for each value, numbers of type
+  // int and unsigned long with their hexadecimal form behind.
+  //
+  // The text is good only until the next what() of any exception on any
+  // thread: there is one buffer for the whole process. Copy it at once. The
+  // standard library forbids this operation to throw, so a value whose
+  // conversion throws is printed as an empty one.
+  char const* what() const noexcept override;
+
+  // Replaces the value in its place, or appends it.
+  void put_value(std::string const& name, _value_t const& value);
+  // The value, or an empty one if the name is absent.
+  _value_t get_value(std::string const& name) const;
+  _value_t operator[](std::string const& name) const;
+  // The value in the list, appended as an empty one if the name is absent. The
+  // reference is good until the list next grows.
+  _value_t& operator[](std::string const& name);
+  // The list keeps its capacity.
+  void clear_values();
+  std::vector<named_value> const& values() const;
+
+protected:
+  std::vector<named_value>::iterator find_value(std::string const& name);
+  std::vector<named_value>::const_iterator find_value(std::string const& name) const;
+  // Swaps the element with the last one; does nothing if the name is absent.
+  void move_to_back(std::string const& name);
+
+private:
+  void append(std::string const& name, _value_t const& value);
+
+  std::vector<named_value> list;
+};
+
+// A conversion between types of a value that is not provided. "Text" is "Bad
+// cast", "From" and "To" are the readable names of the types, and "RealType",
+// if given, that of the object found.
+class VELT_API EBadCastException : public EGeneric {
+public:
+  EBadCastException(std::type_info const& from, std::type_info const& to);
+  EBadCastException(std::type_info const& from, std::type_info const& to,
+                    std::type_info const& real);
+};

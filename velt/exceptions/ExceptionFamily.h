@@ -1,0 +1,89 @@
+// The exceptions that the library throws, one class for each source of
+// failure. Each only adds constructors to EGeneric: what it knows stands in the
+// list of named values, in the order given here, which is the order in which
+// what() prints them. Texts that come from the platform are wide values.
+#pragma once
+
+#include <cerrno>
+#include <string>
+
+#include "velt/Export.h"
+#include "velt/exceptions/EGeneric.h"
+
+class _com_error;
+struct IErrorInfo;
+
+namespace velt::detail {
+
+// GetLastError(), without the platform's headers.
+VELT_API int last_error() noexcept;
+
+}  // namespace velt::detail
+
+// A failed platform call. "Code", "Text" (the system's text without its line
+// ends, empty if there is none), then the caller's values.
+class VELT_API ESystemException : public EGeneric {
+public:
+  ESystemException(int code = velt::detail::last_error());
+  ESystemException(int code, P const& a);
+  ESystemException(int code, P const& a, P const& b);
+};
+
+// A failed call of the run-time library. "Code", the caller's values, then
+// "Text", which is left out if the run time has none.
+class VELT_API ERuntimeException : public EGeneric {
+public:
+  ERuntimeException(int code = errno);
+  ERuntimeException(int code, P const& a);
+  ERuntimeException(int code, P const& a, P const& b);
+};
+
+// An error that an older library raises through OnSysLibExc. "Code", "Type",
+// "Text". The texts must not be null.
+class VELT_API ELegacyException : public EGeneric {
+public:
+  ELegacyException(char const* type, char const* text, int code);
+};
+
+// A COM result. The two forms differ in what they store.
+class VELT_API EComException : public EGeneric {
+public:
+  // "HRESULT" as a number, "Text", "Description" (both wide, possibly empty).
+  EComException(_com_error& error);
+  // "Code" as a number, "HRESULT" as eight or fewer hexadecimal digits, then
+  // those of "Text", "Description" and "Source" that are to be had. `info` may
+  // be null; its reference stays the caller's.
+  EComException(long code, IErrorInfo* info);
+};
+
+// A pure virtual function was called. "Text".
+class VELT_API EPurecallException : public EGeneric {
+public:
+  EPurecallException();
+};
+
+// A function that has no implementation was reached. "Text", "SourceFile",
+// "SourceLine", "Function". The texts must not be null.
+class VELT_API ENotImplemented : public EGeneric {
+public:
+  ENotImplemented(char const* file, int line, char const* function);
+};
+
+// Thrown to end a thread. It is no error and has no base, so that no handler of
+// errors stops it on its way.
+class EThreadInterrupt {};
+
+// Throw ESystemException for GetLastError(), or for the code.
+[[noreturn]] VELT_API void ThrowSystemException();
+[[noreturn]] VELT_API void ThrowSystemException(unsigned long code);
+
+// Throws EComException(code, info). Takes over the caller's reference to
+// `info`, which may be null.
+[[noreturn]] VELT_API void throw_EGeneric_from_com_error(long code, IErrorInfo* info);
+
+// Entry for an older library to raise its errors through.
+[[noreturn]] VELT_API void OnSysLibExc(char const* type, char const* text, int code);
+
+// Throws EPurecallException. In the form that the run time's hook of pure calls
+// takes; a client installs it, the library does not.
+[[noreturn]] VELT_API void _my_purecall_translator();

@@ -1,0 +1,215 @@
+// _value_t: the dynamically typed value. It holds one of eleven element types,
+// a sequence of one of them, or nothing; copies share the content until one of
+// them is written. Use std::variant where the types are known to the compiler;
+// use _value_t where names and types travel together, as in an exception.
+//
+// Reading comes in two kinds. The conversion operators are strict: they convert
+// only where a table says so, and throw EBadCastException otherwise. The as_*
+// accessors are lenient and convert nearly everything. docs/value.md holds the
+// tables.
+#pragma once
+
+#include <list>
+#include <set>
+#include <string>
+#include <type_traits>
+#include <typeinfo>
+#include <vector>
+
+#include "velt/Export.h"
+#include "velt/value/ConstArray.h"
+#include "velt/value/ConstString.h"
+#include "velt/value/ElementTypes.h"
+#include "velt/value/SmartPtr.h"
+#include "velt/value/ValueData.h"
+
+namespace velt::detail {
+
+[[noreturn]] VELT_API void throw_bad_cast(std::type_info const& from, std::type_info const& to);
+
+// A new sequence holder with copies of the elements, in iteration order.
+// Collection is const_array, std::list, std::set or std::vector of an element
+// type.
+template <class Collection>
+_value_t_data* new_sequence(Collection const& elements);
+
+// A pointer that is neither text nor a counted object would silently become a
+// bool.
+template <class T>
+concept foreign_object = !std::is_convertible_v<T*, SmartPtrObj const*> &&
+                         !std::is_convertible_v<T*, char const*> &&
+                         !std::is_convertible_v<T*, wchar_t const*> &&
+                         !std::is_convertible_v<T*, _value_t_data*>;
+
+}  // namespace velt::detail
+
+// One pointer wide. A value has no lock: distinct values may share their
+// content across threads, one value belongs to one thread at a time.
+class _value_t {
+public:
+  // The empty value, which holds nothing.
+  _value_t() noexcept = default;
+  _value_t(_value_t const&) noexcept = default;
+  _value_t(_value_t&&) noexcept = default;  // leaves the source empty
+  _value_t& operator=(_value_t const&) noexcept = default;
+  _value_t& operator=(_value_t&&) noexcept = default;
+  ~_value_t() = default;
+
+  // For each element type: make a value of it; write into the value, which
+  // keeps its type (an empty value takes the type); read strictly, which
+  // throws EBadCastException from void if the value is empty; append.
+  //
+  // Appending to an empty value makes it a scalar; to a scalar, a sequence of
+  // two; and a sequence grows. If the type of the element is not that of the
+  // sequence, EBadCastException is thrown, and a scalar stays behind as a
+  // sequence of one.
+#define VELT_FRONT(T, TAG)                \
+  VELT_API _value_t(T const& value);      \
+  VELT_API _value_t& operator=(T const& value); \
+  VELT_API operator T() const;            \
+  VELT_API void push_back(T const& value);
+  VELT_ELEMENT_TYPES(VELT_FRONT)
+#undef VELT_FRONT
+
+  // Text up to its terminator; must not be null.
+  VELT_API _value_t(char const* text);
+  VELT_API _value_t(wchar_t const* text);
+  VELT_API _value_t& operator=(char const* text);
+  VELT_API _value_t& operator=(wchar_t const* text);
+
+  // Text of a given length. Length 0 gives an empty text whatever the pointer.
+  VELT_API _value_t(basic_const_string<char> const& text);
+  VELT_API _value_t(basic_const_string<wchar_t> const& text);
+  VELT_API _value_t& operator=(basic_const_string<char> const& text);
+  VELT_API _value_t& operator=(basic_const_string<wchar_t> const& text);
+
+  // An object, of which a reference is taken. Null gives a value that holds a
+  // null handle, which is not the empty value.
+  VELT_API _value_t(SmartPtrObj* object);
+  VELT_API _value_t(SmartPtrObj const* object);
+  VELT_API _value_t& operator=(SmartPtrObj* object);
+  VELT_API _value_t& operator=(SmartPtrObj const* object);
+  VELT_API void push_back(SmartPtrObj* object);
+  VELT_API void push_back(SmartPtrObj const* object);
+
+  template <class T>
+    requires std::is_convertible_v<T*, SmartPtrObj const*>
+  _value_t(SmartPtr<T> const& object) : _value_t(object.get()) {}
+
+  template <velt::detail::foreign_object T>
+  _value_t(T* pointer) = delete;
+  template <velt::detail::foreign_object T>
+  _value_t& operator=(T* pointer) = delete;
+
+  // A collection of an element type. The value becomes a sequence with copies
+  // of the elements, in iteration order; what it held before does not matter.
+  template <velt::detail::element_type T>
+  _value_t(const_array<T> const& elements) : data(velt::detail::new_sequence(elements)) {}
+  template <velt::detail::element_type T>
+  _value_t(std::list<T> const& elements) : data(velt::detail::new_sequence(elements)) {}
+  template <velt::detail::element_type T>
+  _value_t(std::set<T> const& elements) : data(velt::detail::new_sequence(elements)) {}
+  template <velt::detail::element_type T>
+  _value_t(std::vector<T> const& elements) : data(velt::detail::new_sequence(elements)) {}
+
+  template <velt::detail::element_type T>
+  _value_t& operator=(const_array<T> const& elements) { return replace(elements); }
+  template <velt::detail::element_type T>
+  _value_t& operator=(std::list<T> const& elements) { return replace(elements); }
+  template <velt::detail::element_type T>
+  _value_t& operator=(std::set<T> const& elements) { return replace(elements); }
+  template <velt::detail::element_type T>
+  _value_t& operator=(std::vector<T> const& elements) { return replace(elements); }
+
+  // Takes a holder of the caller's own, made with new.
+  explicit _value_t(_value_t_data* holder) noexcept : data(holder) {}
+
+  // Strict reading, the same as the conversion operators.
+  template <velt::detail::element_type T>
+  T get() const {
+    if (empty()) velt::detail::throw_bad_cast(typeid(void), typeid(T));
+    return data->get(static_cast<T const*>(nullptr));
+  }
+
+  // All elements, of exactly type T; a scalar is a collection of one. An empty
+  // value, and a sequence of no elements whatever its type, give an empty
+  // collection. Otherwise throws EBadCastException for another element type.
+  template <velt::detail::element_type T>
+  operator std::list<T>() const { return collect<std::list<T>, T>(); }
+  template <velt::detail::element_type T>
+  operator std::set<T>() const { return collect<std::set<T>, T>(); }
+  template <velt::detail::element_type T>
+  operator std::vector<T>() const { return collect<std::vector<T>, T>(); }
+
+  // A view of one element, which must not outlive the value nor the next
+  // push_back. The view of the mutable form writes through, into a shared
+  // content too, as long as no copy of the view is made. A scalar throws
+  // std::out_of_range for any index but 0; a sequence does not check the index,
+  // and the value must not be empty.
+  VELT_API const _value_t operator[](unsigned __int64 index) const;
+  VELT_API _value_t operator[](unsigned __int64 index);
+
+  // Appends what another value holds; that value must not be empty. An empty
+  // value becomes a copy of it. Otherwise its first element is appended, if it
+  // reads strictly as the element type of the sequence.
+  VELT_API void push_back(_value_t const& value);
+
+  // Lenient reading. Throws EBadCastException from void if the value is empty,
+  // and for the few pairs that do not convert. A sequence reads as its first
+  // element, which must exist; only as_string lists all of them.
+  VELT_API int as_int() const;
+  VELT_API unsigned long as_ulong() const;
+  VELT_API __int64 as_int64() const;
+  VELT_API double as_double() const;
+  VELT_API bool as_bool() const;
+  VELT_API std::string as_string() const;
+  VELT_API std::wstring as_wstring() const;
+  VELT_API _bstr_t as_bstr() const;
+  VELT_API _time_t as_time() const;
+
+  // Does the value hold nothing?
+  bool empty() const noexcept { return !data; }
+  // The number of elements: 0 for the empty value, 1 for a scalar.
+  unsigned __int64 size() const { return data ? data->size() : 0; }
+  // Is it a sequence?
+  bool container() const { return data && data->container(); }
+  // Is its element type an object handle?
+  bool object() const { return data && data->object(); }
+  // The element type; void for the empty value.
+  std::type_info const& type() const { return data ? data->type() : typeid(void); }
+  // The holder itself, null for the empty value; it belongs to the value.
+  _value_t_data const* holder() const noexcept { return data.get(); }
+
+  void swap(_value_t& other) noexcept { data.swap(other.data); }
+  friend void swap(_value_t& a, _value_t& b) noexcept { a.swap(b); }
+
+  // Two empty values are equal, and an empty one is less than any other.
+  // Otherwise the holder on the left decides: the right side is read strictly
+  // as its type, so a comparison can throw EBadCastException, and can work one
+  // way round only.
+  VELT_API friend bool operator==(_value_t const& a, _value_t const& b);
+  VELT_API friend bool operator<(_value_t const& a, _value_t const& b);
+
+private:
+  template <class Collection>
+  _value_t& replace(Collection const& elements) {
+    data = velt::detail::new_sequence(elements);
+    return *this;
+  }
+
+  template <class Collection, class T>
+  Collection collect() const {
+    auto const count = size();
+    if (count == 0) return Collection();
+    T const* const first = data->getp(static_cast<T const*>(nullptr));
+    return Collection(first, first + count);
+  }
+
+  template <class T>
+  _value_t& assign(T const& value);
+  template <class T>
+  void append(T const& value);
+  void make_private();
+
+  SmartPtr<_value_t_data> data;
+};
