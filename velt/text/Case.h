@@ -1,0 +1,33 @@
+// strlower, strupper: the text with its letters in lower or upper case. The
+// argument is left alone and a new text of the same length returned.
+//
+// What is a letter, and its other case, is fixed by the user's locale as it was
+// when the library was loaded; neither std::locale::global nor setlocale has
+// any effect. Each character is cased by itself: no character becomes two.
+//
+// Safe from any thread. Throws std::bad_alloc.
+#pragma once
+
+#include <concepts>
+#include <string>
+
+#include "velt/Export.h"
+
+class _bstr_t;
+
+// Text in the system's ANSI code page, byte by byte.
+VELT_API std::string strlower(std::string const& source);
+VELT_API std::string strupper(std::string const& source);
+
+VELT_API std::wstring strlower(std::wstring const& source);
+VELT_API std::wstring strupper(std::wstring const& source);
+
+// For _bstr_t, and for nothing that merely converts to it, so that a literal
+// goes to the forms above. A null or empty string gives one that shares its
+// data. Throws _com_error with 0x8007000E if the data record of the result
+// cannot be allocated; if its characters cannot, the heap raises the structured
+// exception STATUS_NO_MEMORY.
+template <std::same_as<_bstr_t> ComString>
+VELT_API ComString strlower(ComString const& source);
+template <std::same_as<_bstr_t> ComString>
+VELT_API ComString strupper(ComString const& source);

@@ -1,0 +1,39 @@
+#include "velt/text/Encoding.h"
+
+#include <windows.h>
+
+#include <cassert>
+#include <climits>
+
+#include "velt/exceptions/ExceptionFamily.h"
+
+namespace {
+
+// `convert` is called as (source, length, target, size) and returns the size, 0
+// meaning failure; with a null target it only measures.
+template <class Target, class Source, class Convert>
+std::basic_string<Target> converted(basic_const_string<Source> source, Convert convert) {
+  if (source.length == 0) return {};
+  assert(source.data);
+  if (source.length > INT_MAX) ThrowSystemException(ERROR_INVALID_PARAMETER);
+  auto const length = static_cast<int>(source.length);
+  int const size = convert(source.data, length, nullptr, 0);
+  if (size == 0) ThrowSystemException();
+  std::basic_string<Target> result(static_cast<std::size_t>(size), Target());
+  if (convert(source.data, length, result.data(), size) == 0) ThrowSystemException();
+  return result;
+}
+
+}  // namespace
+
+std::string as_string(basic_const_string<wchar_t> source, int code_page) {
+  return converted<char>(source, [=](wchar_t const* text, int length, char* target, int size) {
+    return WideCharToMultiByte(code_page, 0, text, length, target, size, nullptr, nullptr);
+  });
+}
+
+std::wstring as_wstring(basic_const_string<char> source, int code_page) {
+  return converted<wchar_t>(source, [=](char const* text, int length, wchar_t* target, int size) {
+    return MultiByteToWideChar(code_page, 0, text, length, target, size);
+  });
+}

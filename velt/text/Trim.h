@@ -1,0 +1,35 @@
+// trim, triml, trimr: text without the characters of a set at both ends, at the
+// left, or at the right. The argument is left alone and a new text returned.
+//
+// `characters` is the set as a terminated text and must not be null; with an
+// empty set the whole text comes back. A text of nothing but such characters
+// gives an empty one. NULs within the text are kept.
+//
+// Safe from any thread. Throws std::bad_alloc; the _bstr_t forms throw
+// _com_error with 0x8007000E if their data record cannot be allocated.
+#pragma once
+
+#include <concepts>
+#include <string>
+
+#include "velt/Export.h"
+
+class _bstr_t;
+
+VELT_API std::string trim(std::string const& source, char const* characters);
+VELT_API std::string triml(std::string const& source, char const* characters);
+VELT_API std::string trimr(std::string const& source, char const* characters);
+
+VELT_API std::wstring trim(std::wstring const& source, wchar_t const* characters);
+VELT_API std::wstring triml(std::wstring const& source, wchar_t const* characters);
+VELT_API std::wstring trimr(std::wstring const& source, wchar_t const* characters);
+
+// For _bstr_t, and for nothing that merely converts to it, so that a literal
+// goes to the forms above. The result is a string of its own, also when it is
+// empty: a null _bstr_t gives an allocated empty one.
+template <std::same_as<_bstr_t> ComString>
+VELT_API ComString trim(ComString const& source, wchar_t const* characters);
+template <std::same_as<_bstr_t> ComString>
+VELT_API ComString triml(ComString const& source, wchar_t const* characters);
+template <std::same_as<_bstr_t> ComString>
+VELT_API ComString trimr(ComString const& source, wchar_t const* characters);
