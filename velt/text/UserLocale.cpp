@@ -85,19 +85,19 @@ struct ByteTables {
   explicit ByteTables(UserCasing const& casing) {
     for (std::size_t index = 0; index < 256; ++index) {
       auto const byte = static_cast<char>(index);
-      lower[index] = upper[index] = byte;
+      lower_of[index] = upper_of[index] = byte;
       wchar_t wide;
       if (MultiByteToWideChar(CP_ACP, MB_ERR_INVALID_CHARS, &byte, 1, &wide, 1) != 1) continue;
       classes[index] = class_of(wide);
-      lower[index] = narrowed(casing.in_case(LCMAP_LOWERCASE, wide), byte);
-      upper[index] = narrowed(casing.in_case(LCMAP_UPPERCASE, wide), byte);
+      lower_of[index] = narrowed(casing.in_case(LCMAP_LOWERCASE, wide), byte);
+      upper_of[index] = narrowed(casing.in_case(LCMAP_UPPERCASE, wide), byte);
     }
   }
 
   using Bytes = std::array<char, 256>;
   std::array<mask, 256> classes = {};
-  Bytes lower;
-  Bytes upper;
+  Bytes lower_of;
+  Bytes upper_of;
 };
 
 // The tables are a base so that they stand before std::ctype is given them.
@@ -107,13 +107,13 @@ public:
       : ByteTables(casing), std::ctype<char>(classes.data()) {}
 
 protected:
-  char do_tolower(char byte) const override { return mapped(lower, byte); }
-  char do_toupper(char byte) const override { return mapped(upper, byte); }
+  char do_tolower(char byte) const override { return mapped(lower_of, byte); }
+  char do_toupper(char byte) const override { return mapped(upper_of, byte); }
   char const* do_tolower(char* first, char const* last) const override {
-    return map(lower, first, last);
+    return map(lower_of, first, last);
   }
   char const* do_toupper(char* first, char const* last) const override {
-    return map(upper, first, last);
+    return map(upper_of, first, last);
   }
 
 private:
