@@ -1,0 +1,115 @@
+// The lock interfaces, and TLock, which holds a lock for a scope. A function
+// that needs a lock takes the narrowest interface that will do, so that its
+// caller chooses the kind: a critical section, a kernel object that other
+// processes share, or a read/write lock.
+#pragma once
+
+#include "velt/Export.h"
+
+// In all interfaces a timeout is in milliseconds, 0 asks without waiting, and
+// 0xFFFFFFFF means no limit. The operations with a timeout return true when the
+// lock was obtained and false when the time ran out; those without return when
+// the lock is held. Their Lock and Unlock calls balance. Waits are alertable, so
+// that any of them can end in an EThreadInterrupt, and a failed platform call
+// in an ESystemException, unless a lock says otherwise.
+//
+// No lock is owned or deleted through an interface, so the destructors are not
+// virtual and out of reach.
+class ILock {
+public:
+  virtual bool Lock(unsigned int timeout) = 0;
+  virtual void Lock() = 0;
+  virtual void Unlock() = 0;
+
+protected:
+  ~ILock() = default;
+};
+
+// Many readers or one writer. Lock() is the plain lock of ILock, and Unlock()
+// ends either kind of hold.
+class IMultiLock : public ILock {
+public:
+  virtual bool ReadLock(unsigned int timeout) = 0;
+  virtual void ReadLock() = 0;
+  virtual bool WriteLock(unsigned int timeout) = 0;
+  virtual void WriteLock() = 0;
+
+protected:
+  ~IMultiLock() = default;
+};
+
+// Adds holds that belong to no thread: one thread may take them and another
+// may end them, by UnlockThreadIndependent().
+class IMultiLockEx : public IMultiLock {
+public:
+  virtual bool ReadLockThreadIndependent(unsigned int timeout) = 0;
+  virtual void ReadLockThreadIndependent() = 0;
+  virtual bool WriteLockThreadIndependent(unsigned int timeout) = 0;
+  virtual void WriteLockThreadIndependent() = 0;
+  virtual void UnlockThreadIndependent() = 0;
+
+protected:
+  ~IMultiLockEx() = default;
+};
+
+namespace velt::detail {
+
+// Throws ESystemException with the platform's status of a wait that ran out of
+// time, 258.
+[[noreturn]] VELT_API void throw_wait_timeout();
+
+}  // namespace velt::detail
+
+// Holds a lock from its making to the end of the scope:
+//
+//   TLock guard(list_lock);
+//
+// One shot: Unlock() and a timed Lock() that fails leave the guard empty for
+// good, and locking an empty guard dereferences null. The guard does not own
+// its lock, and it belongs to one thread. A const lock is locked all the same.
+class [[nodiscard]] TLock {
+public:
+  // Wait without limit. A pointer must not be null.
+  TLock(ILock& lock) : TLock(&lock) {}
+  TLock(ILock const& lock) : TLock(&lock) {}
+  TLock(ILock const* lock) : TLock(const_cast<ILock*>(lock)) {}
+  TLock(ILock* lock) : held(lock) { Lock(); }
+
+  // Throw ESystemException with code 258 when the time runs out.
+  TLock(ILock& lock, unsigned int timeout) : TLock(&lock, timeout) {}
+  TLock(ILock const& lock, unsigned int timeout) : TLock(&lock, timeout) {}
+  TLock(ILock const* lock, unsigned int timeout) : TLock(const_cast<ILock*>(lock), timeout) {}
+  TLock(ILock* lock, unsigned int timeout) : held(lock) {
+    if (!Lock(timeout)) velt::detail::throw_wait_timeout();
+  }
+
+  // A copy would be a second guard of one hold.
+  TLock(TLock const&) = delete;
+
+  // Copies the pointer and nothing else: the lock held before is not released,
+  // and both guards will release the other's.
+  TLock& operator=(TLock const&) = default;
+
+  // What the lock's Unlock() throws passes out, with the guard still holding.
+  ~TLock() noexcept(false) { Unlock(); }
+
+  // A further acquisition of the lock, which the guard will not release.
+  void Lock() { held->Lock(); }
+
+  // The same with a limit; false leaves the guard empty.
+  bool Lock(unsigned int timeout) {
+    if (held->Lock(timeout)) return true;
+    held = nullptr;
+    return false;
+  }
+
+  // Releases the lock before the scope ends; does nothing on an empty guard.
+  void Unlock() {
+    if (!held) return;
+    held->Unlock();
+    held = nullptr;
+  }
+
+private:
+  ILock* held;
+};
