@@ -9,7 +9,7 @@ set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 # Warnings are errors in the project's own code; clients choose for themselves.
 add_library(velt_warnings INTERFACE)
 target_compile_options(velt_warnings INTERFACE -Wall -Wextra -Wpedantic -Wno-long-long -Wshadow
-  -Wnon-virtual-dtor -Woverloaded-virtual -Wcast-qual -Wundef -Werror)
+  -Woverloaded-virtual -Wcast-qual -Wundef -Werror)
 
 # The exception state is shared between the library and its clients only when
 # both use the compiler's run-time DLLs, so these go beside the binaries.

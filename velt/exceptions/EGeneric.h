@@ -6,6 +6,7 @@
 #pragma once
 
 #include <exception>
+#include <initializer_list>
 #include <string>
 #include <typeinfo>
 #include <utility>
@@ -69,6 +70,7 @@ protected:
 
 private:
   void append(std::string const& name, _value_t const& value);
+  void append_all(std::initializer_list<P const*> values);
 
   std::vector<named_value> list;
 };

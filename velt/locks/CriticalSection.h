@@ -7,12 +7,6 @@
 
 #include "velt/locks/Lock.h"
 
-// The warning asks for a virtual destructor wherever there are virtual
-// operations. No lock is deleted through a base, and this one is to stay as
-// small as the platform's record allows.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
-
 // The platform's critical section as an ILock; it may be handed to the
 // platform's calls as it is. One thread may lock it again while it holds it,
 // and unlocks it as many times. Its waits are not alertable. Safe from any
@@ -32,5 +26,3 @@ public:
   void Lock() override;
   void Unlock() override;
 };
-
-#pragma GCC diagnostic pop

@@ -23,6 +23,8 @@
 #include "velt/value/SmartPtr.h"
 #include "velt/value/ValueData.h"
 
+class _value_t;
+
 namespace velt::detail {
 
 [[noreturn]] VELT_API void throw_bad_cast(std::type_info const& from, std::type_info const& to);
@@ -40,6 +42,9 @@ concept foreign_object = !std::is_convertible_v<T*, SmartPtrObj const*> &&
                          !std::is_convertible_v<T*, char const*> &&
                          !std::is_convertible_v<T*, wchar_t const*> &&
                          !std::is_convertible_v<T*, _value_t_data*>;
+
+template <class T>
+concept becomes_value = !std::is_same_v<T, _value_t> && std::is_constructible_v<_value_t, T const&>;
 
 }  // namespace velt::detail
 
@@ -187,8 +192,18 @@ public:
   // Otherwise the holder on the left decides: the right side is read strictly
   // as its type, so a comparison can throw EBadCastException, and can work one
   // way round only.
-  VELT_API friend bool operator==(_value_t const& a, _value_t const& b);
-  VELT_API friend bool operator<(_value_t const& a, _value_t const& b);
+  friend bool operator==(_value_t const& a, _value_t const& b) { return a.equal(b); }
+  friend bool operator<(_value_t const& a, _value_t const& b) { return a.less(b); }
+
+  // The same with anything on one side that a value can be made of.
+  template <velt::detail::becomes_value T>
+  friend bool operator==(_value_t const& a, T const& b) { return a.equal(_value_t(b)); }
+  template <velt::detail::becomes_value T>
+  friend bool operator==(T const& a, _value_t const& b) { return _value_t(a).equal(b); }
+  template <velt::detail::becomes_value T>
+  friend bool operator<(_value_t const& a, T const& b) { return a.less(_value_t(b)); }
+  template <velt::detail::becomes_value T>
+  friend bool operator<(T const& a, _value_t const& b) { return _value_t(a).less(b); }
 
 private:
   template <class Collection>
@@ -210,6 +225,9 @@ private:
   template <class T>
   void append(T const& value);
   void make_private();
+
+  VELT_API bool equal(_value_t const& other) const;
+  VELT_API bool less(_value_t const& other) const;
 
   SmartPtr<_value_t_data> data;
 };

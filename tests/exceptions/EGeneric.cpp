@@ -1,0 +1,170 @@
+#include "velt/exceptions/EGeneric.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "tests/support/BadCast.h"
+#include "velt/exceptions/ExceptionFamily.h"
+
+namespace {
+
+std::string names_of(EGeneric const& exception) {
+  std::string names;
+  for (auto const& value : exception.values()) names += value.first + " ";
+  return names;
+}
+
+// Opens what the family alone may do.
+struct Family : EGeneric {
+  using EGeneric::EGeneric;
+  using EGeneric::move_to_back;
+};
+
+}  // namespace
+
+static_assert(sizeof(EGeneric) == sizeof(std::exception) + sizeof(std::vector<int>),
+              "the list is the only field");
+static_assert(sizeof(EBadCastException) == sizeof(EGeneric));
+static_assert(!std::is_base_of_v<std::exception, EThreadInterrupt> &&
+              sizeof(EThreadInterrupt) == 1);
+
+TEST(EGeneric, KeepsUpToSixPairsInOrder) {
+  using P = EGeneric::P;
+  P const a{"a", 1}, b{"b", 2}, c{"c", 3}, d{"d", 4}, e{"e", 5}, f{"f", 6};
+  EXPECT_EQ(names_of(EGeneric()), "");
+  EXPECT_EQ(names_of(EGeneric(a)), "a ");
+  EXPECT_EQ(names_of(EGeneric(a, b)), "a b ");
+  EXPECT_EQ(names_of(EGeneric(a, b, c)), "a b c ");
+  EXPECT_EQ(names_of(EGeneric(a, b, c, d)), "a b c d ");
+  EXPECT_EQ(names_of(EGeneric(a, b, c, d, e)), "a b c d e ");
+  EXPECT_EQ(names_of(EGeneric(f, e, d, c, b, a)), "f e d c b a ");
+}
+
+TEST(EGeneric, FindsNamesWhateverTheirAsciiCase) {
+  EGeneric exception({"text", "found"}, {"\xC4", "capital"}, {"TEXT", "never seen"});
+  EXPECT_EQ(exception.get_value("Text").as_string(), "found");
+  EXPECT_TRUE(exception.get_value("\xE4").empty()) << "only the 26 letters are folded";
+  EXPECT_TRUE(exception.get_value("tex").empty());
+  EXPECT_TRUE(exception.get_value("[").empty());
+
+  exception.put_value("TexT", 5);
+  EXPECT_EQ(exception.values()[0].first, "text") << "the stored name keeps its spelling";
+  EXPECT_EQ(exception.values()[0].second, 5);
+  exception.put_value("new", 6);
+  EXPECT_EQ(names_of(exception), "text \xC4 TEXT new ");
+}
+
+TEST(EGeneric, IndexingAddsAnAbsentNameAndConstIndexingDoesNot) {
+  EGeneric exception({"a", 1});
+  EGeneric const& constant = exception;
+  EXPECT_TRUE(constant["b"].empty());
+  EXPECT_EQ(exception.values().size(), 1u);
+  exception["b"];
+  EXPECT_EQ(exception.values().size(), 2u);
+  exception["A"] = 7;
+  EXPECT_EQ(constant["a"], 7);
+}
+
+TEST(EGeneric, ListGrowsByHalf) {
+  EGeneric exception;
+  std::vector<std::size_t> capacities;
+  for (int i = 0; i < 10; ++i) {
+    exception.put_value("name" + std::to_string(i), i);
+    if (capacities.empty() || capacities.back() != exception.values().capacity())
+      capacities.push_back(exception.values().capacity());
+  }
+  EXPECT_EQ(capacities, (std::vector<std::size_t>{1, 2, 3, 4, 6, 9, 13}));
+  exception.clear_values();
+  EXPECT_TRUE(exception.values().empty());
+  EXPECT_EQ(exception.values().capacity(), 13u);
+}
+
+TEST(EGeneric, MovingToTheBackSwapsWithTheLast) {
+  Family exception({"a", 1}, {"b", 2}, {"c", 3});
+  exception.move_to_back("A");
+  EXPECT_EQ(names_of(exception), "c b a ");
+  exception.move_to_back("a");
+  exception.move_to_back("absent");
+  EXPECT_EQ(names_of(exception), "c b a ");
+}
+
+TEST(EGeneric, CopiesShareTheValues) {
+  EGeneric const original({"a", "some text"});
+  EGeneric copy(original), assigned;
+  assigned = original;
+  EXPECT_EQ(copy.get_value("a").holder(), original.get_value("a").holder());
+  EXPECT_EQ(assigned.get_value("a").holder(), original.get_value("a").holder());
+  copy["a"] = "other";
+  EXPECT_EQ(original.get_value("a"), "some text");
+}
+
+TEST(EGeneric, ThrownFromManyDepthsKeepsItsListThroughRethrow) {
+  try {
+    try {
+      throw EGeneric({"Text", "inner"}, {"Depth", 1});
+    } catch (EGeneric& error) {
+      error.put_value("Depth", 2);
+      throw;
+    }
+  } catch (std::exception const& error) {
+    EXPECT_STREQ(error.what(), "Text: inner\nDepth: 2 (0x2)");
+  }
+}
+
+TEST(EBadCastException, NamesTheTypes) {
+  EBadCastException const error(typeid(int), typeid(std::exception), typeid(EGeneric));
+  EXPECT_STREQ(error.what(), "Text: Bad cast\nFrom: int\nTo: std::exception\nRealType: EGeneric");
+  EXPECT_EQ(EBadCastException(typeid(void), typeid(double)).values().size(), 3u);
+}
+
+TEST(ExceptionText, SingleTextStandsAlone) {
+  EXPECT_STREQ(EGeneric().what(), "");
+  EXPECT_STREQ(EGeneric({"Text", L"Gr\u00FC\u00DFe"}).what(), "Gr\xFC\xDF"
+                                                              "e");
+  EXPECT_STREQ(EGeneric({"text", "small"}).what(), "text: small");
+  EXPECT_STREQ(EGeneric({"Text", "a"}, {"text", "b"}).what(), "Text: a\ntext: b");
+}
+
+TEST(ExceptionText, ShowsNumbersOfThirtyTwoBitsInBothForms) {
+  EGeneric const exception({"n", 255ul}, {"i", -1073741819}, {"w", 255ll}, {"b", true},
+                           {"s", std::vector<int>{16, 17}}, {"t", "x"});
+  EXPECT_STREQ(exception.what(),
+               "n: 255 (0xff)\n"
+               "i: -1073741819 (0xc0000005)\n"
+               "w: 255\n"
+               "b: true\n"
+               "s: {16,17} (0x10)\n"
+               "t: x");
+}
+
+TEST(ExceptionText, LeavesThePlaceOfWhatHoldsNothingEmpty) {
+  EGeneric const exception({"empty", _value_t()}, {"none", std::vector<int>()}, {"last", 1ll});
+  EXPECT_STREQ(exception.what(), "empty: \nnone: \nlast: 1");
+}
+
+TEST(ExceptionText, ValueThatCannotBePrintedLeavesItsPlaceEmpty) {
+  struct Mute : virtual SmartPtrObj {
+    std::string describe() const override { throw 1; }
+  };
+  EGeneric const exception({"first", 1ll}, {"mute", new Mute}, {"last", 2ll});
+  EXPECT_STREQ(exception.what(), "first: 1\nmute: \nlast: 2");
+  EXPECT_STREQ(EGeneric({"Text", 5}).what(), "") << "an int does not read strictly as text";
+  EXPECT_STREQ(EGeneric({"x", 1ll}).what(), "x: 1") << "the lock was released";
+}
+
+TEST(ExceptionText, OneBufferServesAllExceptions) {
+  EGeneric const first({"Text", "first"}), second({"Text", "second"});
+  char const* const text = first.what();
+  EXPECT_EQ(second.what(), text);
+  EXPECT_STREQ(text, "second");
+}
+
+TEST(ExceptionText, ThreadsMayAskAtTheSameTime) {
+  std::vector<std::jthread> threads;
+  for (int i = 0; i < 4; ++i)
+    threads.emplace_back([] {
+      EGeneric const exception({"Code", 5}, {"Text", std::string(100, 'x')});
+      for (int n = 0; n < 5'000; ++n) (void)exception.what();
+    });
+}

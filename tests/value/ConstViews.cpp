@@ -1,0 +1,38 @@
+#include <comutil.h>
+#include <gtest/gtest.h>
+
+#include "velt/value/ConstArray.h"
+#include "velt/value/ConstString.h"
+
+static_assert(offsetof(basic_const_string<char>, data) == 0);
+static_assert(offsetof(basic_const_string<char>, length) == 8);
+static_assert(offsetof(const_array<int>, count) == 0);
+static_assert(offsetof(const_array<int>, data) == 8);
+
+TEST(ConstString, OnlyTerminatedTextHasAnEnd) {
+  std::string const text("abc\0def", 7);
+  EXPECT_EQ(basic_const_string<char>(text).c_str(), text.data());
+  EXPECT_EQ(basic_const_string<char>(text).length, 7u);
+  EXPECT_EQ(basic_const_string<char>("abc").length, 3u);
+  try {
+    (void)basic_const_string<char>("abcdef", 3).c_str();
+    FAIL() << "did not throw";
+  } catch (std::logic_error const& error) {
+    EXPECT_STREQ(error.what(), "Invalid _data of const_string for c_str()");
+  }
+}
+
+TEST(ConstString, ViewsTheWholeTextOfAComString) {
+  _bstr_t const text(SysAllocStringLen(L"a\0b", 3), false);
+  basic_const_string<wchar_t> const view(text);
+  EXPECT_EQ(view.length, 3u);
+  EXPECT_EQ(view.view(), std::wstring_view(L"a\0b", 3));
+  EXPECT_EQ(basic_const_string<wchar_t>(_bstr_t()).length, 0u);
+}
+
+TEST(ConstArray, ViewsAPlainArray) {
+  int const numbers[] = {1, 2, 3};
+  const_array<int> const view(numbers);
+  EXPECT_EQ(view.count, 3u);
+  EXPECT_EQ(std::vector<int>(view.begin(), view.end()), (std::vector<int>{1, 2, 3}));
+}

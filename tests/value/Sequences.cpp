@@ -1,0 +1,187 @@
+#include <gtest/gtest.h>
+
+#include "tests/support/BadCast.h"
+#include "tests/support/ElementTypes.h"
+
+using namespace velt_test;
+
+namespace {
+
+template <class T>
+class SequenceOf : public ::testing::Test {};
+
+using AllTypes = ::testing::Types<bool, int, unsigned long, __int64, double, _time_t, _bstr_t,
+                                  SmartPtr<SmartPtrObj>, SmartPtr<const SmartPtrObj>, std::string,
+                                  std::wstring>;
+TYPED_TEST_SUITE(SequenceOf, AllTypes);
+
+}  // namespace
+
+TYPED_TEST(SequenceOf, GoesInAndComesOutOfEveryCollection) {
+  auto const sample = element<TypeParam>::sample();
+  std::vector<TypeParam> const vector{sample, TypeParam(), sample};
+  std::list<TypeParam> const list(vector.begin(), vector.end());
+  std::set<TypeParam> const set(vector.begin(), vector.end());
+  TypeParam const array[] = {sample, TypeParam(), sample};
+
+  for (_value_t const& value :
+       {_value_t(vector), _value_t(list), _value_t(const_array<TypeParam>(array))}) {
+    EXPECT_TRUE(value.container());
+    EXPECT_EQ(value.object(), velt::detail::is_object<TypeParam>);
+    EXPECT_EQ(value.size(), 3u);
+    EXPECT_EQ(value.type(), typeid(TypeParam));
+    EXPECT_TRUE((static_cast<std::vector<TypeParam>>(value) == vector));
+    EXPECT_TRUE((static_cast<std::list<TypeParam>>(value) == list));
+    EXPECT_EQ((static_cast<std::set<TypeParam>>(value).size()), set.size());
+  }
+  _value_t assigned = "anything";
+  assigned = set;
+  EXPECT_EQ(assigned.size(), set.size());
+  EXPECT_TRUE((static_cast<std::set<TypeParam>>(assigned) == set));
+}
+
+TYPED_TEST(SequenceOf, ScalarReadsAsACollectionOfOne) {
+  _value_t const value = element<TypeParam>::sample();
+  EXPECT_EQ((static_cast<std::vector<TypeParam>>(value).size()), 1u);
+}
+
+TYPED_TEST(SequenceOf, NoElementsReadAsNoElementsOfAnyType) {
+  _value_t const value = const_array<TypeParam>();
+  EXPECT_TRUE(value.container());
+  EXPECT_EQ(value.size(), 0u);
+  EXPECT_TRUE((static_cast<std::list<int>>(value).empty()));
+  EXPECT_TRUE((static_cast<std::vector<std::string>>(value).empty()));
+}
+
+TEST(Sequence, NeedsExactlyItsElementTypeToComeOut) {
+  _value_t const numbers = std::vector<int>{1, 2};
+  EXPECT_BAD_CAST(int, double, (void)static_cast<std::vector<double>>(numbers));
+}
+
+TEST(Sequence, KeepsTheOrderOfASetAndTheDuplicatesOfAVector) {
+  EXPECT_EQ(_value_t(std::set<int>{3, 1, 2}).as_string(), "{1,2,3}");
+  _value_t const flags = std::vector<bool>{true, false, true};
+  EXPECT_EQ(flags.as_string(), "{true,false,true}");
+  EXPECT_EQ((static_cast<std::set<bool>>(flags).size()), 2u);
+}
+
+TEST(Sequence, GrowsFromNothingThroughAScalar) {
+  _value_t value;
+  value.push_back(1);
+  EXPECT_FALSE(value.container());
+  value.push_back(2);
+  value.push_back(3);
+  EXPECT_TRUE(value.container());
+  EXPECT_EQ(value.as_string(), "{1,2,3}");
+  EXPECT_EQ(value.as_int(), 1);
+
+  value = 9;
+  EXPECT_EQ(value.as_string(), "{9,2,3}") << "a scalar goes to element 0";
+  EXPECT_BAD_CAST(double, int, value.push_back(1.5));
+
+  value.push_back(_value_t(true));
+  EXPECT_EQ(value.as_string(), "{9,2,3,1}") << "a bool reads strictly as an int";
+  EXPECT_BAD_CAST(double, int, value.push_back(_value_t(1.5)));
+  value.push_back(value);
+  EXPECT_EQ(value.as_string(), "{9,2,3,1,9}");
+}
+
+TEST(Sequence, EmptyValueTakesACopyOfWhatIsAppended) {
+  _value_t const numbers = std::vector<int>{1, 2};
+  _value_t value;
+  value.push_back(numbers);
+  EXPECT_EQ(value.as_string(), "{1,2}");
+  EXPECT_NE(value.holder(), numbers.holder());
+}
+
+TEST(Sequence, ObjectsAreAppendedByReference) {
+  SmartPtr<SmartPtrObj> const object(new Object);
+  _value_t value;
+  value.push_back(object.get());
+  value.push_back(object.get());
+  EXPECT_EQ(object.use_count(), 3);
+  EXPECT_BAD_CAST(SmartPtr<const SmartPtrObj>, SmartPtr<SmartPtrObj>,
+                  value.push_back(static_cast<SmartPtrObj const*>(object.get())));
+}
+
+TEST(Sequence, GrowingASharedOneLeavesTheOthersAlone) {
+  _value_t first = std::vector<int>{1};
+  _value_t const second = first;
+  first.push_back(2);
+  EXPECT_EQ(second.as_string(), "{1}");
+}
+
+TEST(Sequence, EmptySequenceOfBoolHasAFalseInStore) {
+  EXPECT_FALSE(_value_t(std::vector<bool>()).as_bool());
+}
+
+TEST(View, WritesThroughEvenIntoSharedContent) {
+  _value_t scalar = 1;
+  scalar[0] = 5;
+  EXPECT_EQ(scalar.as_int(), 5);
+
+  _value_t numbers = std::vector<int>{1, 2, 3};
+  _value_t const shared = numbers;
+  numbers[1] = 9;
+  EXPECT_EQ(shared.as_string(), "{1,9,3}");
+  numbers[2] = true;
+  EXPECT_EQ(shared.as_string(), "{1,9,1}") << "under the element's type";
+  _value_t flags = std::vector<bool>{true, true};
+  flags[1] = false;
+  EXPECT_EQ(flags.as_string(), "{true,false}");
+}
+
+TEST(View, CopyOfAViewDetachesFromTheElement) {
+  _value_t value = 1;
+  _value_t view = value[0];
+  _value_t copy = view;
+  copy = 3;
+  EXPECT_EQ(copy.as_int(), 3);
+  EXPECT_EQ(view.as_int(), 1);
+  view = 4;
+  EXPECT_EQ(value.as_int(), 4) << "alone again, the view writes through";
+}
+
+TEST(View, OfAConstValueRefusesToBeWritten) {
+  _value_t const value = 1;
+  _value_t view = value[0];
+  EXPECT_BAD_CAST(int, int, view = 2);
+  EXPECT_BAD_CAST(int, _value_t_data*, (void)view[0]);
+  _value_t copy = view;
+  copy = 2;
+  EXPECT_EQ(copy.as_int(), 2) << "the copy became an owner";
+  EXPECT_EQ(value.as_int(), 1);
+}
+
+TEST(View, OfAScalarHasOneIndex) {
+  _value_t value = 1;
+  _value_t const& constant = value;
+  for (auto const& ask : std::initializer_list<std::function<void()>>{
+           [&] { (void)value[1]; }, [&] { (void)constant[1]; },
+           [&] { (void)value[0][1]; }, [&] { (void)constant[0][7]; }}) {
+    try {
+      ask();
+      FAIL() << "did not throw";
+    } catch (std::out_of_range const& error) {
+      EXPECT_STREQ(error.what(), "out of range");
+    }
+  }
+  EXPECT_NE(value[0].holder(), value[0].holder());
+  EXPECT_EQ(value[0][0].as_string(), constant[0][0].as_string());
+}
+
+TEST(View, GrowsIntoASequenceOfItsOwn) {
+  _value_t numbers = std::vector<int>{1, 2};
+  _value_t view = numbers[1];
+  view.push_back(5);
+  EXPECT_EQ(view.as_string(), "{2,5}");
+  EXPECT_EQ(numbers.as_string(), "{1,2}");
+}
+
+TEST(View, ReadsAndComparesLikeTheElement) {
+  _value_t const words = std::vector<std::string>{"x", "7"};
+  EXPECT_EQ(words[1].as_int(), 7);
+  EXPECT_EQ(words[1], _value_t("7"));
+  EXPECT_LT(words[1], words[0]);
+  EXPECT_FALSE(words[1].container());
+}

@@ -1,0 +1,156 @@
+#include "velt/value/Value.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <thread>
+
+#include "tests/support/BadCast.h"
+#include "tests/support/ElementTypes.h"
+
+using namespace velt_test;
+
+static_assert(sizeof(_value_t) == sizeof(void*));
+static_assert(!std::is_constructible_v<_value_t, void*>, "would become a bool");
+static_assert(!std::is_assignable_v<_value_t&, int*>, "would become a bool");
+static_assert(!std::is_constructible_v<_value_t, unsigned>, "ambiguous");
+
+TEST(Value, TakesTheTypeThatItIsMadeOf) {
+  for_each_element_type([]<class T>() {
+    _value_t const value = element<T>::sample();
+    EXPECT_EQ(value.type(), typeid(T));
+    EXPECT_EQ(value.size(), 1u);
+    EXPECT_FALSE(value.container());
+    EXPECT_EQ(value.object(), velt::detail::is_object<T>);
+    _value_t assigned;
+    assigned = element<T>::sample();
+    EXPECT_EQ(assigned.type(), typeid(T));
+  });
+  EXPECT_EQ(_value_t("text").type(), typeid(std::string));
+  EXPECT_EQ(_value_t(L"text").type(), typeid(std::wstring));
+  EXPECT_EQ(_value_t(short(3)).type(), typeid(int));
+  EXPECT_EQ(_value_t(1.5f).type(), typeid(double));
+  EXPECT_EQ(_value_t(SmartPtr<Object>(new Object)).type(), typeid(SmartPtr<SmartPtrObj>));
+  EXPECT_EQ(_value_t(SmartPtr<const Object>(new Object)).type(),
+            typeid(SmartPtr<const SmartPtrObj>));
+  EXPECT_EQ(_value_t().type(), typeid(void));
+}
+
+TEST(Value, NullObjectIsNotTheEmptyValue) {
+  _value_t const value = static_cast<SmartPtrObj*>(nullptr);
+  EXPECT_FALSE(value.empty());
+  EXPECT_TRUE(value.object());
+  EXPECT_FALSE(value.get<SmartPtr<SmartPtrObj>>());
+}
+
+TEST(Value, CopySharesUntilOneIsWritten) {
+  _value_t first = 1;
+  _value_t second = first;
+  EXPECT_EQ(first.holder(), second.holder());
+  second = 2;
+  EXPECT_EQ(first.get<int>(), 1);
+  EXPECT_EQ(second.get<int>(), 2);
+
+  _value_t third = first;
+  EXPECT_BAD_CAST(std::string, int, third = "text");
+  EXPECT_NE(first.holder(), third.holder()) << "a refused write leaves a private copy";
+  EXPECT_EQ(third.get<int>(), 1);
+}
+
+TEST(Value, MovedFromIsEmptyAndSwapExchanges) {
+  _value_t a = 1, b = "two";
+  _value_t c = std::move(a);
+  EXPECT_TRUE(a.empty());
+  swap(b, c);
+  EXPECT_EQ(b.get<int>(), 1);
+  EXPECT_EQ(c.get<std::string>(), "two");
+  c = std::move(a);
+  EXPECT_TRUE(c.empty());
+}
+
+TEST(Value, TextOfAGivenLengthIsTakenWhole) {
+  EXPECT_EQ(_value_t(basic_const_string<char>("abcdef", 3)).get<std::string>(), "abc");
+  EXPECT_EQ(_value_t(basic_const_string<wchar_t>(nullptr, 0)).get<std::wstring>(), L"");
+  EXPECT_EQ(_value_t(basic_const_string<char>("a\0b", 3)).get<std::string>(),
+            std::string("a\0b", 3));
+  _value_t wide = L"before";
+  wide = basic_const_string<char>("afterwards", 5);
+  EXPECT_EQ(wide.type(), typeid(std::wstring)) << "keeps its type";
+  EXPECT_EQ(wide.get<std::wstring>(), L"after");
+}
+
+TEST(Value, ComparesByTheTypeOnTheLeft) {
+  _value_t const empty, one = 1, yes = true, text = "b", wide = L"b", nan_value = std::nan("");
+  EXPECT_EQ(empty, _value_t());
+  EXPECT_NE(empty, one);
+  EXPECT_LT(empty, one);
+  EXPECT_FALSE(one < empty);
+  EXPECT_FALSE(empty < _value_t());
+
+  EXPECT_EQ(one, yes);
+  EXPECT_BAD_CAST(int, bool, (void)(yes == one));
+  EXPECT_EQ(text, wide);
+  EXPECT_LT(_value_t("B"), text);
+  EXPECT_NE(nan_value, nan_value);
+  EXPECT_LT(_value_t(-1), one);
+  EXPECT_LT(_value_t(1ul), _value_t(-1)) << "unsigned on the left";
+  EXPECT_LT(_value_t(_time_t(1)), _value_t(_time_t(2)));
+}
+
+TEST(Value, ComparesWithPlainElements) {
+  _value_t const number = 5, text = "five";
+  EXPECT_TRUE(number == 5);
+  EXPECT_TRUE(5 == number);
+  EXPECT_TRUE(number != 6);
+  EXPECT_TRUE(number < 6);
+  EXPECT_TRUE(4 < number);
+  EXPECT_TRUE(text == "five");
+  EXPECT_TRUE(text == std::string("five"));
+  EXPECT_TRUE(_time_t(5) == _time_t(5)) << "times still compare by themselves";
+}
+
+TEST(Value, ComStringsCompareByCodeUnitsAndLength) {
+  _value_t const null = _bstr_t(), empty = _bstr_t(L""), a = _bstr_t(L"a"),
+                 z = _bstr_t(L"\uFFFD"), longer = _bstr_t(L"aa");
+  EXPECT_EQ(null, empty);
+  EXPECT_LT(null, a);
+  EXPECT_LT(empty, a);
+  EXPECT_LT(a, z);
+  EXPECT_LT(a, longer);
+  EXPECT_FALSE(null < empty);
+  BSTR const with_nul = SysAllocStringLen(L"a\0b", 3);
+  EXPECT_NE(_value_t(_bstr_t(with_nul, false)), a);
+}
+
+TEST(Value, ScalarIsASequenceOfOneInComparisons) {
+  _value_t const one = 1, ones = std::vector<int>{1}, pair = std::vector<int>{1, 2},
+                 words = std::vector<std::string>{"a", "b"};
+  EXPECT_EQ(one, ones);
+  EXPECT_EQ(ones, one);
+  EXPECT_NE(one, words) << "another length needs no conversion";
+  EXPECT_BAD_CAST(std::string, int, (void)(one == _value_t("1")));
+  EXPECT_LT(one, _value_t(std::vector<int>{2, 0})) << "by the first element";
+  EXPECT_LT(ones, pair);
+  EXPECT_FALSE(pair < ones);
+  EXPECT_BAD_CAST(double, int, (void)(pair < _value_t(std::vector<double>{1.0})));
+  EXPECT_BAD_CAST(double, int,
+                  (void)(_value_t(std::vector<int>()) == _value_t(std::vector<double>())));
+}
+
+TEST(Value, ThreadsMayShareTheContent) {
+  _value_t const shared = std::string(40, 'x');
+  std::vector<std::jthread> threads;
+  std::atomic<int> failures = 0;
+  for (int i = 0; i < 4; ++i)
+    threads.emplace_back([&shared, &failures, i] {
+      for (int n = 0; n < 20'000; ++n) {
+        _value_t copy = shared;
+        if (n % 3 == i % 3) copy = std::string(40, 'y');
+        _value_t const other = copy;
+        if (other.size() != 1 || shared.holder()->type() != typeid(std::string)) ++failures;
+      }
+    });
+  threads.clear();
+  EXPECT_EQ(failures, 0);
+  EXPECT_EQ(shared.get<std::string>(), std::string(40, 'x'));
+}

@@ -1,0 +1,74 @@
+#include <charconv>
+#include <cstdint>
+#include <string>
+#include <typeinfo>
+
+#include "velt/exceptions/EGeneric.h"
+#include "velt/locks/CriticalSection.h"
+#include "velt/locks/Lock.h"
+
+namespace {
+
+// The one text of all exceptions, so that an exception carries none itself.
+struct shared_text {
+  TCriticalSection lock;
+  std::string buffer;
+};
+
+shared_text& the_text() {
+  static shared_text text;
+  return text;
+}
+
+void append_hexadecimal(std::string& text, std::uint32_t pattern) {
+  char digits[8];
+  auto const end = std::to_chars(digits, digits + sizeof digits, pattern, 16).ptr;
+  text.append(" (0x").append(digits, end).append(")");
+}
+
+void append_value(std::string& text, _value_t const& value) {
+  if (value.size() == 0) return;
+  text += value.as_string();
+  if (value.type() == typeid(int) || value.type() == typeid(unsigned long))
+    append_hexadecimal(text, static_cast<std::uint32_t>(value.get<int>()));
+}
+
+// what() must not throw, so a value that cannot be printed leaves its place
+// empty.
+void append_value_or_nothing(std::string& text, _value_t const& value) {
+  auto const length = text.size();
+  try {
+    append_value(text, value);
+  } catch (...) {
+    text.resize(length);
+  }
+}
+
+std::string text_or_nothing(_value_t const& value) {
+  try {
+    return value.get<std::string>();
+  } catch (...) {
+    return std::string();
+  }
+}
+
+}  // namespace
+
+char const* EGeneric::what() const noexcept try {
+  auto& text = the_text();
+  TLock const guard(text.lock);
+  auto& buffer = text.buffer;
+  if (list.size() == 1 && list.front().first == "Text") {
+    buffer = text_or_nothing(list.front().second);
+    return buffer.c_str();
+  }
+  buffer.clear();
+  for (auto const& [name, value] : list) {
+    if (&name != &list.front().first) buffer += '\n';
+    buffer.append(name).append(": ");
+    append_value_or_nothing(buffer, value);
+  }
+  return buffer.c_str();
+} catch (...) {
+  return std::exception::what();
+}

@@ -1,0 +1,49 @@
+#include <algorithm>
+#include <cstring>
+#include <string_view>
+
+#include "velt/text/ComStringInternal.h"
+#include "velt/text/Encoding.h"
+#include "velt/value/ConstString.h"
+#include "velt/value/ConversionsInternal.h"
+
+namespace velt::detail {
+namespace {
+
+constexpr int ansi_code_page = 0;
+
+std::wstring_view wide_view(_bstr_t const& text) {
+  return {static_cast<wchar_t const*>(text), text.length()};
+}
+
+}  // namespace
+
+void convert_text(std::string const& from, std::wstring& to) {
+  to = as_wstring(from, ansi_code_page);
+}
+
+void convert_text(std::wstring const& from, std::string& to) {
+  to = as_string(from, ansi_code_page);
+}
+
+void convert_text(std::string const& from, _bstr_t& to) {
+  to = basic_const_string<char>(from).c_str();
+}
+
+void convert_text(std::wstring const& from, _bstr_t& to) {
+  BSTR const text = SysAllocStringLen(from.data(), static_cast<UINT>(from.size()));
+  if (!text) raise_com_error(E_OUTOFMEMORY);
+  to = adopt_bstr(text);
+}
+
+void convert_text(_bstr_t const& from, std::wstring& to) { to = wide_view(from); }
+
+void convert_text(_bstr_t const& from, std::string& to) {
+  char const* const narrow = from;
+  if (narrow) to.assign(narrow, std::min<std::size_t>(std::strlen(narrow), from.length()));
+}
+
+bool element_equal(_bstr_t const& a, _bstr_t const& b) { return wide_view(a) == wide_view(b); }
+bool element_less(_bstr_t const& a, _bstr_t const& b) { return wide_view(a) < wide_view(b); }
+
+}  // namespace velt::detail

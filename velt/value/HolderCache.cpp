@@ -1,0 +1,247 @@
+#include <windows.h>
+#include <winternl.h>
+
+#include <atomic>
+#include <mutex>
+#include <new>
+#include <utility>
+
+#include "velt/value/HolderCacheInternal.h"
+#include "velt/value/HolderCount.h"
+
+namespace velt::detail {
+namespace {
+
+constexpr std::size_t granule = 16;       // block sizes go up in steps of this
+constexpr std::size_t bins = 4;           // so a cached block has at most 64 bytes
+constexpr unsigned batch_size = 128;      // blocks that move between threads at once
+constexpr unsigned thread_limit = 2 * batch_size;  // blocks of one size that a thread keeps
+constexpr unsigned depot_limit = 64;      // batches of one size that the depot keeps
+
+// What stands in a block while it is free.
+struct free_block {
+  free_block* next;        // in the same list
+  free_block* next_batch;  // in the first block of a batch that lies in the depot
+};
+static_assert(sizeof(free_block) <= granule);
+
+struct free_list {
+  free_block* first = nullptr;
+  unsigned count = 0;
+
+  void push(free_block* block) noexcept {
+    block->next = first;
+    first = block;
+    ++count;
+  }
+  free_block* pop() noexcept {
+    free_block* const block = first;
+    first = block->next;
+    --count;
+    return block;
+  }
+};
+
+struct thread_cache {
+  free_list lists[bins];
+  // Holders made minus holders freed by this thread; negative for a thread that
+  // frees what others made. Written by this thread alone.
+  std::atomic<__int64> live = 0;
+  thread_cache* next = nullptr;
+};
+
+void free_all(free_block* block) noexcept {
+  while (block) ::operator delete(std::exchange(block, block->next));
+}
+
+class srw_lock {
+public:
+  void lock() noexcept { AcquireSRWLockExclusive(&native); }
+  void unlock() noexcept { ReleaseSRWLockExclusive(&native); }
+
+private:
+  SRWLOCK native = SRWLOCK_INIT;
+};
+
+// Constant-initialised and trivially destroyed: values are made before and
+// after the library's other static objects live.
+struct depot {
+  srw_lock lock;
+  free_block* batches[bins] = {};
+  unsigned counts[bins] = {};
+  thread_cache* caches = nullptr;  // of all threads, for counting and unloading
+  __int64 live_elsewhere = 0;      // of ended threads and of uncached holders
+  bool closed = false;
+};
+constinit depot shared;
+
+// The slot that holds the calling thread's cache. Read without a function call
+// where it lies in the thread's block itself, as the first 64 slots do.
+constinit std::atomic<DWORD> slot = TLS_OUT_OF_INDEXES;
+
+void** slot_in_block(DWORD index) noexcept { return NtCurrentTeb()->TlsSlots + index; }
+
+bool lies_in_block(DWORD index) noexcept { return index < TLS_MINIMUM_AVAILABLE; }
+
+// Reading and writing a slot must leave the thread's last error alone: values
+// are made between a failed call and the question for its error.
+thread_cache* stored_cache(DWORD index) noexcept {
+  if (lies_in_block(index)) [[likely]]
+    return static_cast<thread_cache*>(*slot_in_block(index));
+  if (index == TLS_OUT_OF_INDEXES) return nullptr;
+  DWORD const error = GetLastError();
+  auto const cache = static_cast<thread_cache*>(TlsGetValue(index));
+  SetLastError(error);
+  return cache;
+}
+
+bool store_cache(DWORD index, thread_cache* cache) noexcept {
+  DWORD const error = GetLastError();
+  bool const stored = TlsSetValue(index, cache);
+  SetLastError(error);
+  return stored;
+}
+
+// A cache for the calling thread; null if there can be none, and the heap
+// serves instead.
+thread_cache* make_cache() noexcept {
+  std::lock_guard const guard(shared.lock);
+  if (shared.closed) return nullptr;
+  DWORD index = slot.load(std::memory_order_relaxed);
+  if (index == TLS_OUT_OF_INDEXES) {
+    index = TlsAlloc();
+    if (index == TLS_OUT_OF_INDEXES) return nullptr;
+    slot.store(index, std::memory_order_release);
+  }
+  auto const cache = new (std::nothrow) thread_cache;
+  if (!cache) return nullptr;
+  if (!store_cache(index, cache)) {
+    delete cache;
+    return nullptr;
+  }
+  cache->next = std::exchange(shared.caches, cache);
+  return cache;
+}
+
+thread_cache* current_cache() noexcept {
+  auto const cache = stored_cache(slot.load(std::memory_order_acquire));
+  if (cache) [[likely]]
+    return cache;
+  return make_cache();
+}
+
+void count(thread_cache* cache, int change) noexcept {
+  if (cache) [[likely]] {
+    cache->live.store(cache->live.load(std::memory_order_relaxed) + change,
+                      std::memory_order_relaxed);
+  } else {
+    std::lock_guard const guard(shared.lock);
+    shared.live_elsewhere += change;
+  }
+}
+
+std::size_t bin_of(std::size_t size) noexcept { return (size - 1) / granule; }
+
+// Fills an empty list with a batch from the depot, if there is one.
+bool refill(free_list& list, std::size_t bin) noexcept {
+  std::lock_guard const guard(shared.lock);
+  free_block* const batch = shared.batches[bin];
+  if (!batch) return false;
+  shared.batches[bin] = batch->next_batch;
+  --shared.counts[bin];
+  list = {batch, batch_size};
+  return true;
+}
+
+// Takes a batch off a full list and gives it to the depot, or to the heap if
+// the depot is full too.
+void hand_on(free_list& list, std::size_t bin) noexcept {
+  free_block* const batch = list.first;
+  free_block* last = batch;
+  for (unsigned i = 1; i < batch_size; ++i) last = last->next;
+  list = {std::exchange(last->next, nullptr), list.count - batch_size};
+  {
+    std::lock_guard const guard(shared.lock);
+    if (shared.counts[bin] < depot_limit) {
+      batch->next_batch = std::exchange(shared.batches[bin], batch);
+      ++shared.counts[bin];
+      return;
+    }
+  }
+  free_all(batch);
+}
+
+void dissolve(thread_cache* cache) noexcept {
+  for (auto& list : cache->lists) free_all(list.first);
+  delete cache;
+}
+
+}  // namespace
+
+void* allocate_holder(std::size_t size) {
+  std::size_t const bin = bin_of(size);
+  thread_cache* const cache = current_cache();
+  void* block;
+  if (!cache || bin >= bins) [[unlikely]]
+    block = ::operator new(size);
+  else if (auto& list = cache->lists[bin]; list.first || refill(list, bin)) [[likely]]
+    block = list.pop();
+  else
+    block = ::operator new((bin + 1) * granule);
+  count(cache, 1);
+  return block;
+}
+
+void free_holder(void* block, std::size_t size) noexcept {
+  std::size_t const bin = bin_of(size);
+  thread_cache* const cache = current_cache();
+  count(cache, -1);
+  if (!cache || bin >= bins) [[unlikely]] {
+    ::operator delete(block);
+    return;
+  }
+  auto& list = cache->lists[bin];
+  if (list.count >= thread_limit) [[unlikely]]
+    hand_on(list, bin);
+  list.push(static_cast<free_block*>(block));
+}
+
+void end_thread_of_holder_cache() noexcept {
+  DWORD const index = slot.load(std::memory_order_acquire);
+  thread_cache* const cache = stored_cache(index);
+  if (!cache) return;
+  store_cache(index, nullptr);
+  {
+    std::lock_guard const guard(shared.lock);
+    shared.live_elsewhere += cache->live.load(std::memory_order_relaxed);
+    for (auto link = &shared.caches; *link; link = &(*link)->next)
+      if (*link == cache) {
+        *link = cache->next;
+        break;
+      }
+  }
+  dissolve(cache);
+}
+
+void close_holder_cache() noexcept {
+  std::lock_guard const guard(shared.lock);
+  shared.closed = true;
+  DWORD const index = slot.exchange(TLS_OUT_OF_INDEXES);
+  if (index != TLS_OUT_OF_INDEXES) TlsFree(index);
+  while (shared.caches) {
+    shared.live_elsewhere += shared.caches->live.load(std::memory_order_relaxed);
+    dissolve(std::exchange(shared.caches, shared.caches->next));
+  }
+  for (auto& batch : shared.batches)
+    while (batch) free_all(std::exchange(batch, batch->next_batch));
+}
+
+__int64 live_holders() noexcept {
+  std::lock_guard const guard(shared.lock);
+  __int64 total = shared.live_elsewhere;
+  for (auto cache = shared.caches; cache; cache = cache->next)
+    total += cache->live.load(std::memory_order_relaxed);
+  return total;
+}
+
+}  // namespace velt::detail

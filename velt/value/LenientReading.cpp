@@ -1,0 +1,169 @@
+#include <comutil.h>
+#include <emmintrin.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "velt/exceptions/TypeName.h"
+#include "velt/text/Encoding.h"
+#include "velt/text/GeneralNumberInternal.h"
+#include "velt/text/Numbers.h"
+#include "velt/value/Value.h"
+
+namespace {
+
+using velt::detail::is_object;
+using velt::detail::throw_bad_cast;
+using velt::detail::variant_tag;
+
+using object_handle = SmartPtr<const SmartPtrObj>;
+
+// Stands for a holder of a kind that is not one of the library's own.
+struct unknown_kind {};
+
+template <class T>
+T read(_value_t_data const& held) {
+  return held.get(static_cast<T const*>(nullptr));
+}
+
+// Calls rule.operator()<Kind>(held) for the kind of the holder. All texts are
+// one kind, and so are both handles of objects.
+template <class Result, class Rule>
+Result by_kind(_value_t const& value, Rule const& rule) {
+  if (value.empty()) throw_bad_cast(typeid(void), typeid(Result));
+  _value_t_data const& held = *value.holder();
+  switch (held.vartype()) {
+    case variant_tag<double>: return rule.template operator()<double>(held);
+    case variant_tag<_time_t>: return rule.template operator()<_time_t>(held);
+    case variant_tag<std::string>: return rule.template operator()<std::string>(held);
+    case variant_tag<bool>: return rule.template operator()<bool>(held);
+    case variant_tag<object_handle>: return rule.template operator()<object_handle>(held);
+    case variant_tag<unsigned long>: return rule.template operator()<unsigned long>(held);
+    case variant_tag<__int64>: return rule.template operator()<__int64>(held);
+    case variant_tag<int>: return rule.template operator()<int>(held);
+    default: return rule.template operator()<unknown_kind>(held);
+  }
+}
+
+// Toward zero with the processor's rule: what does not fit, and NaN, give the
+// lowest number. A cast in the language would leave these cases open.
+int truncated(double value) { return _mm_cvttsd_si32(_mm_set_sd(value)); }
+__int64 truncated_64(double value) { return _mm_cvttsd_si64(_mm_set_sd(value)); }
+
+template <class To>
+To from_double(double value);
+template <>
+int from_double(double value) { return truncated(value); }
+template <>
+unsigned long from_double(double value) {
+  return static_cast<unsigned long>(truncated_64(value));
+}
+// Through 32 bits on purpose, like as_int.
+template <>
+__int64 from_double(double value) { return truncated(value); }
+template <>
+double from_double(double value) { return value; }
+template <>
+bool from_double(double value) { return truncated(value) != 0; }
+
+template <class To>
+To from_text(char const* text);
+template <>
+int from_text(char const* text) { return ::atoi(text); }
+template <>
+unsigned long from_text(char const* text) { return std::strtoul(text, nullptr, 10); }
+template <>
+__int64 from_text(char const* text) { return ::_atoi64(text); }
+template <>
+double from_text(char const* text) { return ::atof(text); }
+template <>
+bool from_text(char const* text) { return ::_stricmp(text, "true") == 0 || ::atoi(text) != 0; }
+
+// Converting to a number is refused for objects. It is refused too for __int64
+// read as an int, though as_ulong cuts it: the asymmetry is part of the rules.
+template <class To>
+To as_number(_value_t const& value) {
+  return by_kind<To>(value, []<class Kind>(_value_t_data const& held) -> To {
+    if constexpr (std::is_same_v<Kind, unknown_kind>)
+      return read<To>(held);
+    else if constexpr (is_object<Kind> ||
+                       (std::is_same_v<To, int> && std::is_same_v<Kind, __int64>))
+      throw_bad_cast(held.type(), typeid(To));
+    else if constexpr (std::is_same_v<Kind, std::string>)
+      return from_text<To>(read<std::string>(held).c_str());
+    else if constexpr (std::is_same_v<Kind, double>)
+      return from_double<To>(read<double>(held));
+    else if constexpr (std::is_same_v<Kind, _time_t>)
+      return static_cast<To>(static_cast<__int64>(read<_time_t>(held)));
+    else
+      return static_cast<To>(read<Kind>(held));
+  });
+}
+
+std::string narrow_text(double value) { return velt::detail::general_text(value); }
+std::string narrow_text(_time_t value) { return value.ctime(); }
+std::string narrow_text(bool value) { return value ? "true" : "false"; }
+std::string narrow_text(object_handle const& value) {
+  return value ? value->describe() : "<null>";
+}
+std::string narrow_text(unsigned long value) { return ui64toa(value, 10); }
+std::string narrow_text(__int64 value) { return i64toa(value, 10); }
+std::string narrow_text(int value) { return itoa(value, 10); }
+
+template <class Text>
+Text text_of(std::string narrow);
+template <>
+std::string text_of(std::string narrow) { return narrow; }
+template <>
+std::wstring text_of(std::string narrow) { return as_wstring(narrow, 0); }
+template <>
+_bstr_t text_of(std::string narrow) { return narrow.c_str(); }
+
+template <class Text>
+Text as_text(_value_t const& value) {
+  return by_kind<Text>(value, []<class Kind>(_value_t_data const& held) -> Text {
+    constexpr bool names_unknown_kinds = std::is_same_v<Text, std::string>;
+    if constexpr (std::is_same_v<Kind, unknown_kind> && names_unknown_kinds)
+      return velt::detail::readable_name(held.type());
+    else if constexpr (std::is_same_v<Kind, std::string> || std::is_same_v<Kind, unknown_kind>)
+      return read<Text>(held);
+    else
+      return text_of<Text>(narrow_text(read<Kind>(held)));
+  });
+}
+
+}  // namespace
+
+int _value_t::as_int() const { return as_number<int>(*this); }
+unsigned long _value_t::as_ulong() const { return as_number<unsigned long>(*this); }
+__int64 _value_t::as_int64() const { return as_number<__int64>(*this); }
+double _value_t::as_double() const { return as_number<double>(*this); }
+bool _value_t::as_bool() const { return as_number<bool>(*this); }
+
+_time_t _value_t::as_time() const {
+  return by_kind<_time_t>(*this, []<class Kind>(_value_t_data const& held) -> _time_t {
+    if constexpr (std::is_same_v<Kind, double>)
+      return _time_t::mktime(read<double>(held), true);
+    else if constexpr (std::is_same_v<Kind, __int64>)
+      return _time_t(read<int>(held));  // which __int64 does not provide
+    else if constexpr (std::is_same_v<Kind, unsigned long> || std::is_same_v<Kind, int>)
+      return _time_t(read<int>(held));
+    else if constexpr (std::is_same_v<Kind, _time_t> || std::is_same_v<Kind, unknown_kind>)
+      return read<_time_t>(held);
+    else
+      throw_bad_cast(held.type(), typeid(_time_t));
+  });
+}
+
+std::string _value_t::as_string() const {
+  if (!container()) return as_text<std::string>(*this);
+  std::string list = "{";
+  for (unsigned __int64 index = 0; index < size(); ++index) {
+    if (index != 0) list += ',';
+    list += (*this)[index].as_string();
+  }
+  return list += '}';
+}
+
+std::wstring _value_t::as_wstring() const { return as_text<std::wstring>(*this); }
+_bstr_t _value_t::as_bstr() const { return as_text<_bstr_t>(*this); }

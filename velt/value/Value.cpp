@@ -1,0 +1,114 @@
+#include "velt/value/Value.h"
+
+#include <comutil.h>
+
+#include <cassert>
+
+#include "velt/value/HoldersInternal.h"
+
+namespace {
+
+template <class T>
+SmartPtr<_value_t_data> make_scalar(T&& value) {
+  using Holder = _value_t_data_t<std::remove_cvref_t<T>>;
+  return SmartPtr<_value_t_data>::adopt_new(new Holder(std::forward<T>(value)));
+}
+
+template <class Char>
+std::basic_string<Char> string_of(basic_const_string<Char> const& text) {
+  return std::basic_string<Char>(text.view());
+}
+
+}  // namespace
+
+// Copy-on-write: what other values share is not written to.
+void _value_t::make_private() {
+  if (data.use_count() != 1) data = data->clone();
+}
+
+template <class T>
+_value_t& _value_t::assign(T const& value) {
+  if (empty()) {
+    data = make_scalar(value);
+  } else {
+    make_private();
+    data->put(value);
+  }
+  return *this;
+}
+
+template <class T>
+void _value_t::append(T const& value) {
+  if (!data->container()) data = data->to_container();
+  make_private();
+  data->push_back(value);
+}
+
+#define VELT_FRONT(T, TAG)                                         \
+  _value_t::_value_t(T const& value) : data(make_scalar(value)) {} \
+  _value_t& _value_t::operator=(T const& value) { return assign(value); } \
+  _value_t::operator T() const { return get<T>(); }                \
+  void _value_t::push_back(T const& value) {                       \
+    if (empty())                                                   \
+      data = make_scalar(value);                                   \
+    else                                                           \
+      append(value);                                               \
+  }
+VELT_ELEMENT_TYPES(VELT_FRONT)
+#undef VELT_FRONT
+
+_value_t::_value_t(char const* text) : _value_t(basic_const_string<char>(text)) {}
+_value_t::_value_t(wchar_t const* text) : _value_t(basic_const_string<wchar_t>(text)) {}
+_value_t::_value_t(basic_const_string<char> const& text) : data(make_scalar(string_of(text))) {}
+_value_t::_value_t(basic_const_string<wchar_t> const& text)
+    : data(make_scalar(string_of(text))) {}
+_value_t::_value_t(SmartPtrObj* object) : _value_t(SmartPtr<SmartPtrObj>(object)) {}
+_value_t::_value_t(SmartPtrObj const* object) : _value_t(SmartPtr<const SmartPtrObj>(object)) {}
+
+_value_t& _value_t::operator=(char const* text) { return assign(std::string(text)); }
+_value_t& _value_t::operator=(wchar_t const* text) { return assign(std::wstring(text)); }
+_value_t& _value_t::operator=(basic_const_string<char> const& text) {
+  return assign(string_of(text));
+}
+_value_t& _value_t::operator=(basic_const_string<wchar_t> const& text) {
+  return assign(string_of(text));
+}
+_value_t& _value_t::operator=(SmartPtrObj* object) {
+  return assign(SmartPtr<SmartPtrObj>(object));
+}
+_value_t& _value_t::operator=(SmartPtrObj const* object) {
+  return assign(SmartPtr<const SmartPtrObj>(object));
+}
+
+void _value_t::push_back(SmartPtrObj* object) { push_back(SmartPtr<SmartPtrObj>(object)); }
+void _value_t::push_back(SmartPtrObj const* object) {
+  push_back(SmartPtr<const SmartPtrObj>(object));
+}
+
+void _value_t::push_back(_value_t const& value) {
+  assert(!value.empty());
+  if (empty())
+    data = value.data->clone();
+  else
+    append(value);
+}
+
+const _value_t _value_t::operator[](unsigned __int64 index) const {
+  assert(!empty());
+  return _value_t(static_cast<_value_t_data const*>(data.get())->get(index));
+}
+
+_value_t _value_t::operator[](unsigned __int64 index) {
+  assert(!empty());
+  return _value_t(data->get(index));
+}
+
+bool _value_t::equal(_value_t const& other) const {
+  if (empty() || other.empty()) return empty() == other.empty();
+  return data->equal(*other.data);
+}
+
+bool _value_t::less(_value_t const& other) const {
+  if (empty() || other.empty()) return empty() && !other.empty();
+  return data->less(*other.data);
+}
