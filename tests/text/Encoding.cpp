@@ -1,0 +1,54 @@
+#include "velt/text/Encoding.h"
+
+#include <gtest/gtest.h>
+
+#include <windows.h>
+
+#include "velt/exceptions/ExceptionFamily.h"
+
+namespace {
+
+constexpr int utf8 = 65001;
+constexpr int western = 1252;
+constexpr int unknown = 4711;
+
+}  // namespace
+
+TEST(Encoding, ConvertsBetweenWideTextAndACodePage) {
+  std::wstring const wide = L"aä€Ж\U0001F600";
+  std::string const narrow = "a\xC3\xA4\xE2\x82\xAC\xD0\x96\xF0\x9F\x98\x80";
+  EXPECT_EQ(as_string(wide, utf8), narrow);
+  EXPECT_EQ(as_wstring(narrow, utf8), wide);
+  EXPECT_EQ(as_string(L"ä€", western), "\xE4\x80");
+  EXPECT_EQ(as_wstring("\xE4\x80", western), L"ä€");
+}
+
+TEST(Encoding, DefaultCodePageIsThatOfTheSystem) {
+  auto const system = static_cast<int>(GetACP());
+  EXPECT_EQ(as_string(L"aä"), as_string(L"aä", system));
+  EXPECT_EQ(as_wstring("a\xE4"), as_wstring("a\xE4", system));
+}
+
+TEST(Encoding, CharactersThatTheCodePageLacksBecomeItsDefault) {
+  EXPECT_EQ(as_string(L"aЖb", western), "a?b");
+}
+
+TEST(Encoding, TakesTheLengthOfTheViewNulsIncluded) {
+  EXPECT_EQ(as_string(basic_const_string<wchar_t>(L"a\0bc", 3)), std::string("a\0b", 3));
+  EXPECT_EQ(as_wstring(basic_const_string<char>("a\0bc", 3)), std::wstring(L"a\0b", 3));
+}
+
+TEST(Encoding, EmptyTextMakesNoPlatformCall) {
+  EXPECT_EQ(as_string(basic_const_string<wchar_t>(), unknown), "");
+  EXPECT_EQ(as_wstring("", unknown), L"");
+}
+
+TEST(Encoding, UnknownCodePageThrowsTheSystemsError) {
+  EXPECT_THROW(as_string(L"a", unknown), ESystemException);
+  try {
+    as_wstring("a", unknown);
+    ADD_FAILURE() << "nothing was thrown";
+  } catch (ESystemException const& exception) {
+    EXPECT_EQ(exception["Code"].as_int(), ERROR_INVALID_PARAMETER);
+  }
+}

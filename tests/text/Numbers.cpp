@@ -1,0 +1,74 @@
+#include "velt/text/Numbers.h"
+
+#include <gtest/gtest.h>
+
+#include <stdlib.h>
+
+#include <limits>
+#include <random>
+#include <vector>
+
+namespace {
+
+template <class Value>
+std::vector<Value> samples() {
+  using limits = std::numeric_limits<Value>;
+  std::vector<Value> result = {0, 1, static_cast<Value>(-1), 9, 10, limits::min(), limits::max()};
+  std::mt19937_64 random(1);
+  for (int n = 0; n < 200; ++n) result.push_back(static_cast<Value>(random() >> random() % 64));
+  return result;
+}
+
+// Every radix, against the function of the run time.
+template <class Value, class Char>
+void expect_like(std::basic_string<Char> (*ours)(Value, int),
+                 errno_t (*run_time)(Value, Char*, std::size_t, int)) {
+  for (int radix = 2; radix <= 36; ++radix)
+    for (auto const value : samples<Value>()) {
+      Char expected[65];
+      ASSERT_EQ(run_time(value, expected, 65, radix), 0);
+      ASSERT_EQ(ours(value, radix), expected) << value << " in radix " << radix;
+    }
+}
+
+}  // namespace
+
+TEST(Numbers, AreWrittenAsTheRunTimeWritesThem) {
+  expect_like<int, char>(itoa, _itoa_s);
+  expect_like<long, char>(ltoa, _ltoa_s);
+  expect_like<__int64, char>(i64toa, _i64toa_s);
+  expect_like<unsigned __int64, char>(ui64toa, _ui64toa_s);
+  expect_like<int, wchar_t>(itow, _itow_s);
+  expect_like<long, wchar_t>(ltow, _ltow_s);
+  expect_like<__int64, wchar_t>(i64tow, _i64tow_s);
+  expect_like<unsigned __int64, wchar_t>(ui64tow, _ui64tow_s);
+}
+
+TEST(Numbers, SignIsForRadixTenAndBitsForTheOthers) {
+  EXPECT_EQ(itoa(-5), "-5");
+  EXPECT_EQ(itoa(-1, 16), "ffffffff");
+  EXPECT_EQ(i64toa(-1, 16), "ffffffffffffffff");
+  EXPECT_EQ(itow(255, 16), L"ff");
+  EXPECT_EQ(ui64toa(~0ull, 2), std::string(64, '1'));
+}
+
+TEST(Numbers, RadixOutOfRangeGivesAnEmptyText) {
+  for (int const radix : {-10, 0, 1, 37}) {
+    EXPECT_EQ(itoa(5, radix), "");
+    EXPECT_EQ(ui64tow(5, radix), L"");
+  }
+}
+
+TEST(Numbers, AreReadFromTheStartAndNeverFail) {
+  constexpr struct {
+    char const* text;
+    int number;
+  } rows[] = {{"12abc", 12}, {"abc", 0}, {"", 0}, {" \t-7", -7}, {"+3.9", 3}, {"--1", 0}};
+  for (auto const& row : rows) {
+    std::string const text = row.text;
+    EXPECT_EQ(atoi(text), row.number) << text;
+    EXPECT_EQ(atol(text), row.number) << text;
+    EXPECT_EQ(wtoi(std::wstring(text.begin(), text.end())), row.number) << text;
+  }
+  EXPECT_EQ(atoi(std::string("1\0" "2", 3)), 1);
+}

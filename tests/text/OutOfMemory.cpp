@@ -1,0 +1,66 @@
+// Built with the text sources in the program itself, so that the allocations
+// they make can be made to fail: operator new for the data records, and
+// SysAllocString by a wrap at link time.
+#include <gtest/gtest.h>
+
+#include <comdef.h>
+
+#include <cstdlib>
+#include <new>
+
+#include "velt/text/Case.h"
+#include "velt/text/Format.h"
+#include "velt/text/Trim.h"
+
+namespace {
+
+bool fail_records = false;
+bool fail_strings = false;
+
+BSTR WINAPI alloc_string(OLECHAR const* text) {
+  return fail_strings ? nullptr : SysAllocStringLen(text, static_cast<UINT>(wcslen(text)));
+}
+
+// The COM error of the statement, with what fails while it runs.
+template <class Statement>
+HRESULT error_of(bool& failure, Statement statement) {
+  HRESULT result = S_OK;
+  failure = true;
+  try {
+    statement();
+  } catch (_com_error const& error) {
+    result = error.Error();
+  }
+  failure = false;
+  return result;
+}
+
+}  // namespace
+
+extern "C" {
+BSTR(WINAPI* __wrap___imp_SysAllocString)(OLECHAR const*) = alloc_string;
+}
+
+void* operator new(std::size_t size) {
+  void* const block = fail_records ? nullptr : std::malloc(size);
+  if (!block) throw std::bad_alloc();
+  return block;
+}
+void operator delete(void* block) noexcept { std::free(block); }
+void operator delete(void* block, std::size_t) noexcept { std::free(block); }
+
+TEST(OutOfMemory, DataRecordThatCannotBeMadeIsTheComError) {
+  _bstr_t const text(L" aBc ");
+  EXPECT_EQ(error_of(fail_records, [&] { trim(text, L" "); }), E_OUTOFMEMORY);
+  EXPECT_EQ(error_of(fail_records, [&] { strlower(text); }), E_OUTOFMEMORY);
+  EXPECT_EQ(error_of(fail_records, [&] { format_bstr(L"%d", 1); }), E_OUTOFMEMORY);
+}
+
+TEST(OutOfMemory, FormattedStringThatCannotBeMadeIsTheComError) {
+  EXPECT_EQ(error_of(fail_strings, [&] { format_bstr(L"%d", 1); }), E_OUTOFMEMORY);
+}
+
+TEST(OutOfMemory, TextItselfComesBackOnceThereIsMemoryAgain) {
+  EXPECT_STREQ(format_bstr(L"%d", 1), L"1");
+  EXPECT_STREQ(trim(_bstr_t(L" a "), L" "), L"a");
+}
