@@ -244,4 +244,13 @@ __int64 live_holders() noexcept {
   return total;
 }
 
+__int64 kept_holder_blocks() noexcept {
+  std::lock_guard const guard(shared.lock);
+  __int64 total = 0;
+  for (unsigned batches : shared.counts) total += static_cast<__int64>(batches) * batch_size;
+  for (auto cache = shared.caches; cache; cache = cache->next)
+    for (auto const& list : cache->lists) total += list.count;
+  return total;
+}
+
 }  // namespace velt::detail

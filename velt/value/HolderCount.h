@@ -1,5 +1,8 @@
-// The count of holders in the process, for tests that look for leaked values.
+// Counts of holders in the process, for tests that look for leaked values and for
+// memory that is kept without bound.
 #pragma once
+
+#include <cstdint>  // __int64
 
 #include "velt/Export.h"
 
@@ -8,5 +11,9 @@ namespace velt::detail {
 // Holders of values that are alive; exact only while no other thread makes or
 // frees values.
 VELT_API __int64 live_holders() noexcept;
+
+// Free blocks that threads and the store between them keep for later; under the
+// same condition.
+VELT_API __int64 kept_holder_blocks() noexcept;
 
 }  // namespace velt::detail
