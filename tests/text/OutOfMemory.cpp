@@ -1,11 +1,11 @@
 // Built with the text sources in the program itself, so that the allocations
-// they make can be made to fail: operator new for the data records, and
-// SysAllocString by a wrap at link time.
+// they make can be replaced at link time and made to fail: operator new, which
+// makes the data records, and SysAllocString.
 #include <gtest/gtest.h>
 
 #include <comdef.h>
 
-#include <cstdlib>
+#include <cstddef>
 #include <new>
 
 #include "velt/text/Case.h"
@@ -38,16 +38,17 @@ HRESULT error_of(bool& failure, Statement statement) {
 }  // namespace
 
 extern "C" {
+
 BSTR(WINAPI* __wrap___imp_SysAllocString)(OLECHAR const*) = alloc_string;
+
+// _Znwy is operator new.
+void* __real__Znwy(std::size_t size);
+void* __wrap__Znwy(std::size_t size) {
+  if (fail_records) throw std::bad_alloc();
+  return __real__Znwy(size);
 }
 
-void* operator new(std::size_t size) {
-  void* const block = fail_records ? nullptr : std::malloc(size);
-  if (!block) throw std::bad_alloc();
-  return block;
 }
-void operator delete(void* block) noexcept { std::free(block); }
-void operator delete(void* block, std::size_t) noexcept { std::free(block); }
 
 TEST(OutOfMemory, DataRecordThatCannotBeMadeIsTheComError) {
   _bstr_t const text(L" aBc ");

@@ -10,10 +10,12 @@ namespace {
 
 template <class Char, std::integral Number>
 std::basic_string<Char> digits_of(Number value, int radix) {
+  if constexpr (std::same_as<Char, char>)
+    if (radix == 10) return std::to_string(value);  // writes in place
+  if (radix < 2 || radix > 36) return {};
   char digits[64];  // as many as the longest number has in radix 2
   auto const limit = digits + sizeof digits;
   if (radix == 10) return {digits, std::to_chars(digits, limit, value).ptr};
-  if (radix < 2 || radix > 36) return {};
   auto const bits = static_cast<std::make_unsigned_t<Number>>(value);
   return {digits, std::to_chars(digits, limit, bits, radix).ptr};
 }
