@@ -60,8 +60,3 @@ TEST(OutOfMemory, DataRecordThatCannotBeMadeIsTheComError) {
 TEST(OutOfMemory, FormattedStringThatCannotBeMadeIsTheComError) {
   EXPECT_EQ(error_of(fail_strings, [&] { format_bstr(L"%d", 1); }), E_OUTOFMEMORY);
 }
-
-TEST(OutOfMemory, TextItselfComesBackOnceThereIsMemoryAgain) {
-  EXPECT_STREQ(format_bstr(L"%d", 1), L"1");
-  EXPECT_STREQ(trim(_bstr_t(L" a "), L" "), L"a");
-}
