@@ -151,7 +151,7 @@ TEST(Time, UtcFieldsGiveTheStandardTimeOfTheZoneLessItsOffset) {
   };
   fields.ordinary(50'000, check);
   fields.beyond(20'000, check);
-  for (int year = 1968; year < 3003; ++year) {
+  for (int year = 1968; year < 3003 && !HasFailure(); ++year) {
     check(year, 2, 28, 23, 59, 59);
     check(year, 3, 1, 0, 0, 0);
     check(year, 12, 31, 23, 59, 59);
