@@ -9,9 +9,9 @@
 // In all interfaces a timeout is in milliseconds, 0 asks without waiting, and
 // 0xFFFFFFFF means no limit. The operations with a timeout return true when the
 // lock was obtained and false when the time ran out; those without return when
-// the lock is held. Their Lock and Unlock calls balance. Waits are alertable, so
-// that any of them can end in an EThreadInterrupt, and a failed platform call
-// in an ESystemException, unless a lock says otherwise.
+// the lock is held. Each lock obtained is undone by one Unlock(). Waits are
+// alertable, so that any of them can end in an EThreadInterrupt, and a failed
+// platform call in an ESystemException, unless a lock says otherwise.
 //
 // No lock is owned or deleted through an interface, so the destructors are not
 // virtual and out of reach.
@@ -66,7 +66,8 @@ namespace velt::detail {
 //
 // One shot: Unlock() and a timed Lock() that fails leave the guard empty for
 // good, and locking an empty guard dereferences null. The guard does not own
-// its lock, and it belongs to one thread. A const lock is locked all the same.
+// its lock, and it belongs to one thread. A lock that is only referred to as
+// const is locked all the same; the object itself must not be const.
 class [[nodiscard]] TLock {
 public:
   // Wait without limit. A pointer must not be null.
