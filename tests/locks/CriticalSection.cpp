@@ -22,23 +22,6 @@ bool is_free(TCriticalSection& section) {
   return result;
 }
 
-// How the documentation shows a lock that its owner's const operations take.
-class Counter {
-public:
-  void add() {
-    TLock guard(lock);
-    ++count;
-  }
-  int value() const {
-    TLock guard(lock);
-    return count;
-  }
-
-private:
-  TCriticalSection lock;
-  int count = 0;
-};
-
 }  // namespace
 
 TEST(CriticalSection, KeepsOtherThreadsOutUntilEveryLockIsUndone) {
@@ -53,15 +36,19 @@ TEST(CriticalSection, KeepsOtherThreadsOutUntilEveryLockIsUndone) {
 }
 
 TEST(CriticalSection, GuardedCountLosesNothing) {
-  Counter counter;
+  TCriticalSection section;
+  int count = 0;
   {
     std::vector<std::jthread> threads;
     for (int i = 0; i < 4; ++i)
-      threads.emplace_back([&counter] {
-        for (int n = 0; n < 20'000; ++n) counter.add();
+      threads.emplace_back([&] {
+        for (int n = 0; n < 20'000; ++n) {
+          TLock guard(section);
+          ++count;
+        }
       });
   }
-  EXPECT_EQ(counter.value(), 80'000);
+  EXPECT_EQ(count, 80'000);
 }
 
 TEST(CriticalSection, TimedLockIsNotImplementedEvenIfFree) {
