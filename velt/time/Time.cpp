@@ -38,27 +38,6 @@ tm record_of(fields const& f, int daylight_saving) {
   return record;
 }
 
-// True for fields that the run time accepts in every zone and that need no
-// carrying. The years at both ends are left to it, since there the zone decides.
-bool ordinary(fields const& f) {
-  auto const within = [](int value, int low, int high) {
-    return static_cast<unsigned int>(value) - low <= static_cast<unsigned int>(high - low);
-  };
-  return within(f.year, 1971, 2999) && within(f.month, 1, 12) && within(f.day, 1, 31) &&
-         within(f.hour, 0, 23) && within(f.minute, 0, 59) && within(f.second, 0, 59);
-}
-
-// For ordinary fields. Years are counted from March, so that the leap day is
-// the last of its year and the days before a month follow one straight line.
-__int64 count_seconds(fields const& f) {
-  bool const before_march = f.month < 3;
-  int const year = f.year - before_march;
-  int const month = f.month - 3 + 12 * before_march;
-  int const days = 365 * year + year / 4 - year / 100 + year / 400 + (153 * month + 2) / 5 + f.day;
-  int const days_to_1970 = 719'469;
-  return (days - days_to_1970) * 86'400ll + f.hour * 3'600 + f.minute * 60 + f.second;
-}
-
 // Seconds by which UTC runs ahead of local standard time.
 long standard_offset() {
   static bool const zone_is_read = (_tzset(), true);
@@ -66,16 +45,14 @@ long standard_offset() {
   return _timezone;
 }
 
-// Read as standard time of the zone, less the zone's offset. For ordinary
-// fields the two cancel out, so the look into the zone's rules is saved.
+// Read as standard time of the zone, less the zone's offset.
 __int64 from_utc_by_zone(fields const& f) {
-  if (ordinary(f)) return count_seconds(f);
   tm record = record_of(f, 0);
-  return _mktime64(&record) - standard_offset();
+  long const offset = standard_offset();
+  return _mktime64(&record) - offset;
 }
 
 __int64 from_utc(fields const& f) {
-  if (ordinary(f)) return count_seconds(f);
   tm record = record_of(f, 0);
   return _mkgmtime64(&record);
 }
