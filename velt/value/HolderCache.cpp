@@ -2,6 +2,7 @@
 #include <winternl.h>
 
 #include <atomic>
+#include <cstddef>
 #include <mutex>
 #include <new>
 #include <utility>
@@ -75,19 +76,22 @@ struct depot {
 };
 constinit depot shared;
 
-// The slot that holds the calling thread's cache. Read without a function call
-// where it lies in the thread's block itself, as the first 64 slots do.
+// The slot that holds the calling thread's cache. Read by one instruction where
+// it lies in the thread's block itself, as the first 64 slots do.
 constinit std::atomic<DWORD> slot = TLS_OUT_OF_INDEXES;
 
-void** slot_in_block(DWORD index) noexcept { return NtCurrentTeb()->TlsSlots + index; }
-
 bool lies_in_block(DWORD index) noexcept { return index < TLS_MINIMUM_AVAILABLE; }
+
+void* read_in_block(DWORD index) noexcept {
+  return reinterpret_cast<void*>(
+      __readgsqword(offsetof(TEB, TlsSlots) + index * sizeof(void*)));
+}
 
 // Reading and writing a slot must leave the thread's last error alone: values
 // are made between a failed call and the question for its error.
 thread_cache* stored_cache(DWORD index) noexcept {
   if (lies_in_block(index)) [[likely]]
-    return static_cast<thread_cache*>(*slot_in_block(index));
+    return static_cast<thread_cache*>(read_in_block(index));
   if (index == TLS_OUT_OF_INDEXES) return nullptr;
   DWORD const error = GetLastError();
   auto const cache = static_cast<thread_cache*>(TlsGetValue(index));
