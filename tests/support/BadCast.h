@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
 #include <typeinfo>
 
@@ -11,9 +12,9 @@
 
 namespace velt_test {
 
-template <class Action>
-::testing::AssertionResult throws_bad_cast(std::type_info const& from, std::type_info const& to,
-                                           Action&& action) {
+inline ::testing::AssertionResult throws_bad_cast(std::type_info const& from,
+                                                  std::type_info const& to,
+                                                  std::function<void()> const& action) {
   try {
     action();
   } catch (EBadCastException const& error) {

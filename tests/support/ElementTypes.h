@@ -5,6 +5,8 @@
 #include <comutil.h>
 
 #include <string>
+#include <typeinfo>
+#include <vector>
 
 #include "velt/value/Value.h"
 
@@ -43,12 +45,41 @@ void for_each_element_type(Body const& body) {
   }(velt::detail::element_types(), body);
 }
 
-// Calls body.operator()<A, B>() for each pair.
-template <class Body>
-void for_each_pair(Body const& body) {
-  for_each_element_type([&]<class A>() {
-    for_each_element_type([&]<class B>() { body.template operator()<A, B>(); });
-  });
+// What tests do with an element type, with the type out of sight, so that loops
+// over pairs of types are loops and not templates.
+struct element_operations {
+  char const* name;
+  std::type_info const& type;
+  _value_t (*scalar)();
+  _value_t (*sequence)();
+  void (*read)(_value_t const& value);            // strictly
+  void (*read_all)(_value_t const& value);        // into a collection
+  void (*write)(_value_t& value);                 // the sample
+  void (*push_back)(_value_t& value);             // the sample
+  void const* (*address)(_value_t const& value);  // getp
+};
+
+inline std::vector<element_operations> const& all_element_types() {
+  static auto const types = [] {
+    std::vector<element_operations> list;
+    for_each_element_type([&list]<class T>() {
+      list.push_back({
+          element<T>::name,
+          typeid(T),
+          [] { return _value_t(element<T>::sample()); },
+          [] { return _value_t(std::vector<T>{element<T>::sample()}); },
+          [](_value_t const& value) { static_cast<void>(static_cast<T>(value)); },
+          [](_value_t const& value) { static_cast<void>(static_cast<std::vector<T>>(value)); },
+          [](_value_t& value) { value = element<T>::sample(); },
+          [](_value_t& value) { value.push_back(element<T>::sample()); },
+          [](_value_t const& value) -> void const* {
+            return value.holder()->getp(static_cast<T const*>(nullptr));
+          },
+      });
+    });
+    return list;
+  }();
+  return types;
 }
 
 }  // namespace velt_test
