@@ -116,8 +116,9 @@ TEST(UserLocale, AgreesWithTheClassicLocaleAboutPlainCharacters) {
     auto const wide_letter = static_cast<wchar_t>(code);
     for (auto const mask : {base::upper, base::lower, base::alpha, base::digit, base::xdigit,
                             base::space, base::print, base::cntrl, base::punct, base::blank}) {
-      EXPECT_EQ(narrow.is(mask, letter), classic.is(mask, letter)) << code << " of class " << mask;
-      EXPECT_EQ(wide.is(mask, wide_letter), classic.is(mask, letter)) << code << " of class " << mask;
+      bool const expected = classic.is(mask, letter);
+      EXPECT_EQ(narrow.is(mask, letter), expected) << code << " of class " << mask;
+      EXPECT_EQ(wide.is(mask, wide_letter), expected) << code << " of class " << mask;
     }
     EXPECT_EQ(narrow.tolower(letter), classic.tolower(letter)) << code;
     EXPECT_EQ(narrow.toupper(letter), classic.toupper(letter)) << code;
