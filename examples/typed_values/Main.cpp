@@ -1,0 +1,95 @@
+// Reads a settings file into typed values and shows how each of them reads as
+// every other type. Settings.h says what the file looks like.
+//
+// Status: 0 if all lines were good, 1 if some were malformed, 2 if the file
+// could not be read, the report not be written, or the command was wrong.
+#include <string>
+#include <vector>
+
+#include "Report.h"
+#include "Settings.h"
+#include "Terminal.h"
+#include "velt/exceptions/ExceptionFamily.h"
+
+namespace {
+
+wchar_t const usage[] = L"usage: typed_values [--help] [FILE]";
+
+constexpr int type_width = 10;
+constexpr int longest_message = 320;
+
+std::wstring help() {
+  std::wstring text = usage;
+  text +=
+      L"\n\n"
+      L"Reads a settings file (examples/service.settings if none is named) into typed\n"
+      L"values and shows how each reads as every other type. Lines of the file are\n"
+      L"\n"
+      L"  name: type = value\n"
+      L"  name: list of type = value, value, value\n"
+      L"\n"
+      L"and the types are\n"
+      L"\n";
+  for (auto const& type : setting_types())
+    text += L"  " + padded(type.word, type_width) + type.accepts + L'\n';
+  return text;
+}
+
+// One line, whatever the message holds. Where it cannot be written, the status
+// must tell.
+void complain(std::wstring const& message) {
+  try {
+    write(stream::error, clipped(message, longest_message) + L'\n');
+  } catch (ESystemException const&) {
+  }
+}
+
+// What the exception has under a name, or nothing.
+std::wstring known(EGeneric const& error, char const* name) {
+  auto const value = error[name];
+  return value.empty() ? std::wstring() : value.as_wstring();
+}
+
+int usage_error(std::wstring const& reason) {
+  complain(L"typed_values: " + reason + L"; " + usage);
+  return 2;
+}
+
+std::wstring counted(std::size_t count, std::wstring const& noun) {
+  return std::to_wstring(count) + L' ' + noun + (count == 1 ? L"" : L"s");
+}
+
+void show(std::wstring const& path, std::vector<setting> const& settings) {
+  write(stream::output, path + L": " + counted(settings.size(), L"setting") + L'\n');
+  write(stream::output, L"Texts show a time as local time, as_time shows it in UTC.\n");
+  for (auto const& item : settings) write(stream::output, L'\n' + report(item));
+}
+
+void show(std::wstring const& path, std::vector<EGeneric> const& malformed) {
+  for (auto const& error : malformed)
+    complain(path + L':' + known(error, "Line") + L": " + known(error, "Reason"));
+}
+
+int run(std::vector<std::wstring> const& arguments) {
+  std::wstring path = L"examples/service.settings";
+  if (arguments.size() > 1) return usage_error(L"more than one file");
+  if (arguments.size() == 1) path = arguments[0];
+  if (path == L"--help" || path == L"-h") return write(stream::output, help()), 0;
+  if (path.starts_with(L'-')) return usage_error(L"unknown option '" + path + L"'");
+
+  auto const file = read_settings(path);
+  show(path, file.settings);
+  show(path, file.malformed);
+  return file.malformed.empty() ? 0 : 1;
+}
+
+}  // namespace
+
+int wmain(int count, wchar_t** arguments) {
+  try {
+    return run({arguments + 1, arguments + count});
+  } catch (EGeneric const& error) {
+    complain(L"typed_values: " + known(error, "File") + L": " + known(error, "Text"));
+    return 2;
+  }
+}

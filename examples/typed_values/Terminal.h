@@ -1,0 +1,21 @@
+// Text for a terminal: laid out by the columns that characters take on a
+// screen, and written so that all of it shows.
+#pragma once
+
+#include <string>
+
+// The columns of the text, two for a character of East Asia.
+int columns(std::wstring const& text);
+
+// The text, shortened to at most `width` columns with an ellipsis at the end.
+// Control characters become visible and have no effect on the terminal.
+std::wstring clipped(std::wstring const& text, int width);
+
+// The text clipped, or filled up with blanks, to exactly `width` columns.
+std::wstring padded(std::wstring const& text, int width);
+
+enum class stream { output, error };
+
+// Writes to a console as it is, to a file or a pipe in UTF-8. Throws
+// ESystemException, with the stream as "File".
+void write(stream target, std::wstring const& text);
