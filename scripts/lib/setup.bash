@@ -122,7 +122,7 @@ prepare_wine() {
   wine_prefix_is_ready && return
   say "making the Wine prefix build/wine"
   local log=$velt_build/wine.log
-  make_wine_prefix >"$log" 2>&1 9>&- || fail_with_log "$log" "could not make the Wine prefix"
+  start_wine >"$log" 2>&1 9>&- || fail_with_log "$log" "could not make the Wine prefix"
 }
 
 # configure PRESET [-DNAME=VALUE...]

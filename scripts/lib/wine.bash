@@ -17,24 +17,37 @@ unset DISPLAY WAYLAND_DISPLAY
 # The mark is written last, so a prefix whose making was interrupted has none.
 wine_prefix_is_ready() { [ -e "$WINEPREFIX/velt-ready" ]; }
 
-# Makes the prefix if there is none. Programs that start at once in a new prefix
-# would each try to make it, so the first one makes it and the others wait.
-make_wine_prefix() {
-  wine_prefix_is_ready && return
+# Makes the prefix if there is none, and starts its server if it does not run.
+# Programs that start at once in a new prefix would each try to make it, so the
+# first one does it and the others wait. Descriptor 8 is the lock; what outlives
+# this must not inherit it.
+start_wine() {
   mkdir -p "$WINEPREFIX" || return
   (
     flock 8
-    wine_prefix_is_ready && exit
-    # The server outlives the command: it must not inherit the lock, and only
-    # its end brings the registry to the disk.
-    timeout 180 "$wine" wineboot -i </dev/null 8>&- &&
-      stop_wine &&
-      touch "$WINEPREFIX/velt-ready"
+    wine_prefix_is_ready || make_wine_prefix 8>&- || exit
+    start_wine_server 8>&-
   ) 8>"$WINEPREFIX.lock"
+}
+
+# Only the server's end brings the registry to the disk.
+make_wine_prefix() {
+  timeout 180 "$wine" wineboot -i </dev/null && stop_wine && touch "$WINEPREFIX/velt-ready"
+}
+
+# The services of Wine start with the first program and keep its output open as
+# long as they run: whoever reads that to its end, as CTest does, would wait for
+# them. So they are started by a program of no output, and stay for a minute
+# after the last one.
+start_wine_server() {
+  local already_running=2 status=0
+  "$wineserver" -p60 >/dev/null 2>&1 || status=$?
+  [ "$status" != "$already_running" ] || return 0
+  "$wine" cmd /c exit </dev/null >/dev/null 2>&1
 }
 
 # Ends every program in the prefix and waits for the server to be gone. None
 # running is no failure.
 stop_wine() {
-  timeout 30 "$wineserver" -k 8>&- 2>/dev/null || true
+  timeout 30 "$wineserver" -k 2>/dev/null || true
 }
