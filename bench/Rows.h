@@ -1,0 +1,15 @@
+// The rows of each subsystem, from the source of that name.
+#pragma once
+
+#include <vector>
+
+#include "bench/Harness.h"
+
+namespace bench {
+
+std::vector<Row> value_rows();
+std::vector<Row> text_rows();
+std::vector<Row> time_rows();
+std::vector<Row> exception_rows();
+
+}  // namespace bench
