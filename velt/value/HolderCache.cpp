@@ -127,6 +127,13 @@ thread_cache* make_cache() noexcept {
   return cache;
 }
 
+// The cache of the calling thread where one instruction gives it; null also for
+// a thread that has one elsewhere.
+thread_cache* cache_at_hand() noexcept {
+  DWORD const index = slot.load(std::memory_order_acquire);
+  return lies_in_block(index) ? static_cast<thread_cache*>(read_in_block(index)) : nullptr;
+}
+
 thread_cache* current_cache() noexcept {
   auto const cache = stored_cache(slot.load(std::memory_order_acquire));
   if (cache) [[likely]]
@@ -134,10 +141,13 @@ thread_cache* current_cache() noexcept {
   return make_cache();
 }
 
+void count(thread_cache& cache, int change) noexcept {
+  cache.live.store(cache.live.load(std::memory_order_relaxed) + change, std::memory_order_relaxed);
+}
+
 void count(thread_cache* cache, int change) noexcept {
   if (cache) [[likely]] {
-    cache->live.store(cache->live.load(std::memory_order_relaxed) + change,
-                      std::memory_order_relaxed);
+    count(*cache, change);
   } else {
     std::lock_guard const guard(shared.lock);
     shared.live_elsewhere += change;
@@ -180,15 +190,15 @@ void dissolve(thread_cache* cache) noexcept {
   delete cache;
 }
 
-}  // namespace
-
-void* allocate_holder(std::size_t size) {
+// What can happen, in full. The two functions behind these deal with what nearly
+// always happens; a call from there would cost them as much as their work does.
+[[gnu::noinline]] void* allocate_in_any_case(std::size_t size) {
   std::size_t const bin = bin_of(size);
   thread_cache* const cache = current_cache();
   void* block;
-  if (!cache || bin >= bins) [[unlikely]]
+  if (!cache || bin >= bins)
     block = ::operator new(size);
-  else if (auto& list = cache->lists[bin]; list.first || refill(list, bin)) [[likely]]
+  else if (auto& list = cache->lists[bin]; list.first || refill(list, bin))
     block = list.pop();
   else
     block = ::operator new((bin + 1) * granule);
@@ -196,18 +206,37 @@ void* allocate_holder(std::size_t size) {
   return block;
 }
 
-void free_holder(void* block, std::size_t size) noexcept {
+[[gnu::noinline]] void free_in_any_case(void* block, std::size_t size) noexcept {
   std::size_t const bin = bin_of(size);
   thread_cache* const cache = current_cache();
   count(cache, -1);
-  if (!cache || bin >= bins) [[unlikely]] {
+  if (!cache || bin >= bins) {
     ::operator delete(block);
     return;
   }
   auto& list = cache->lists[bin];
-  if (list.count >= thread_limit) [[unlikely]]
-    hand_on(list, bin);
+  if (list.count >= thread_limit) hand_on(list, bin);
   list.push(static_cast<free_block*>(block));
+}
+
+}  // namespace
+
+void* allocate_holder(std::size_t size) {
+  std::size_t const bin = bin_of(size);
+  thread_cache* const cache = cache_at_hand();
+  if (!cache || bin >= bins || !cache->lists[bin].first) [[unlikely]]
+    return allocate_in_any_case(size);
+  count(*cache, 1);
+  return cache->lists[bin].pop();
+}
+
+void free_holder(void* block, std::size_t size) noexcept {
+  std::size_t const bin = bin_of(size);
+  thread_cache* const cache = cache_at_hand();
+  if (!cache || bin >= bins || cache->lists[bin].count >= thread_limit) [[unlikely]]
+    return free_in_any_case(block, size);
+  count(*cache, -1);
+  cache->lists[bin].push(static_cast<free_block*>(block));
 }
 
 void end_thread_of_holder_cache() noexcept {
