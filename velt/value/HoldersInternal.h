@@ -235,3 +235,16 @@ public:
 private:
   typename velt::detail::sequence_storage<T>::type items;
 };
+
+namespace velt::detail {
+
+// The element of the library's own holder of one T; null for any other holder
+// and for none. Its class tells faster than its operations, and what it owns
+// need not be copied to be read.
+template <class T>
+T const* own_element(_value_t_data const* held) {
+  if (!held || &typeid(*held) != &typeid(_value_t_data_t<T>)) return nullptr;
+  return static_cast<_value_t_data_t<T> const*>(held)->element();
+}
+
+}  // namespace velt::detail

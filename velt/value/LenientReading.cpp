@@ -5,9 +5,11 @@
 #include <cstring>
 
 #include "velt/exceptions/TypeName.h"
+#include "velt/text/DecimalInternal.h"
 #include "velt/text/Encoding.h"
 #include "velt/text/GeneralNumberInternal.h"
 #include "velt/text/Numbers.h"
+#include "velt/value/HoldersInternal.h"
 #include "velt/value/Value.h"
 
 namespace {
@@ -21,8 +23,11 @@ using object_handle = SmartPtr<const SmartPtrObj>;
 // Stands for a holder of a kind that is not one of the library's own.
 struct unknown_kind {};
 
+using velt::detail::own_element;
+
 template <class T>
 T read(_value_t_data const& held) {
+  if (auto const element = own_element<T>(&held)) return *element;
   return held.get(static_cast<T const*>(nullptr));
 }
 
@@ -79,6 +84,12 @@ double from_text(char const* text) { return ::atof(text); }
 template <>
 bool from_text(char const* text) { return ::_stricmp(text, "true") == 0 || ::atoi(text) != 0; }
 
+template <class To>
+To number_in_text(_value_t_data const& held) {
+  if (auto const text = own_element<std::string>(&held)) return from_text<To>(text->c_str());
+  return from_text<To>(read<std::string>(held).c_str());
+}
+
 // Converting to a number is refused for objects. It is refused too for __int64
 // read as an int, though as_ulong cuts it: the asymmetry is part of the rules.
 template <class To>
@@ -90,7 +101,7 @@ To as_number(_value_t const& value) {
                        (std::is_same_v<To, int> && std::is_same_v<Kind, __int64>))
       throw_bad_cast(held.type(), typeid(To));
     else if constexpr (std::is_same_v<Kind, std::string>)
-      return from_text<To>(read<std::string>(held).c_str());
+      return number_in_text<To>(held);
     else if constexpr (std::is_same_v<Kind, double>)
       return from_double<To>(read<double>(held));
     else if constexpr (std::is_same_v<Kind, _time_t>)
@@ -120,7 +131,7 @@ template <>
 _bstr_t text_of(std::string narrow) { return narrow.c_str(); }
 
 template <class Text>
-Text as_text(_value_t const& value) {
+[[gnu::noinline]] Text as_text(_value_t const& value) {
   return by_kind<Text>(value, []<class Kind>(_value_t_data const& held) -> Text {
     constexpr bool names_unknown_kinds = std::is_same_v<Text, std::string>;
     if constexpr (std::is_same_v<Kind, unknown_kind> && names_unknown_kinds)
@@ -130,6 +141,15 @@ Text as_text(_value_t const& value) {
     else
       return text_of<Text>(narrow_text(read<Kind>(held)));
   });
+}
+
+[[gnu::noinline]] std::string list_of_elements(_value_t const& sequence) {
+  std::string list = "{";
+  for (unsigned __int64 index = 0; index < sequence.size(); ++index) {
+    if (index != 0) list += ',';
+    list += sequence[index].as_string();
+  }
+  return list += '}';
 }
 
 }  // namespace
@@ -156,13 +176,9 @@ _time_t _value_t::as_time() const {
 }
 
 std::string _value_t::as_string() const {
-  if (!container()) return as_text<std::string>(*this);
-  std::string list = "{";
-  for (unsigned __int64 index = 0; index < size(); ++index) {
-    if (index != 0) list += ',';
-    list += (*this)[index].as_string();
-  }
-  return list += '}';
+  // Ahead of the rest, whose many cases cost more than the digits of an int.
+  if (auto const number = own_element<int>(data.get())) return velt::detail::decimal_text(*number);
+  return container() ? list_of_elements(*this) : as_text<std::string>(*this);
 }
 
 std::wstring _value_t::as_wstring() const { return as_text<std::wstring>(*this); }
