@@ -6,6 +6,7 @@
 #include "velt/exceptions/EGeneric.h"
 #include "velt/locks/CriticalSection.h"
 #include "velt/locks/Lock.h"
+#include "velt/value/HoldersInternal.h"
 
 namespace {
 
@@ -27,6 +28,10 @@ void append_hexadecimal(std::string& text, std::uint32_t pattern) {
 }
 
 void append_value(std::string& text, _value_t const& value) {
+  if (auto const held = velt::detail::own_element<std::string>(value.holder())) {
+    text += *held;  // as as_string() gives it, without a copy
+    return;
+  }
   if (value.size() == 0) return;
   text += value.as_string();
   if (value.type() == typeid(int) || value.type() == typeid(unsigned long))
