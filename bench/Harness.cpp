@@ -27,10 +27,11 @@ double median(std::vector<double> values) {
 // One of those that a row compares.
 class Contender {
 public:
-  // Doubles the passes until they fill their share, which warms up as well.
+  // Doubles the passes until they fill their share, which warms up as well. The
+  // best of three does not take a first call or an interruption for the work.
   explicit Contender(Loop work) : run(work) {
     double time;
-    while ((time = time_of(run, count)) < share / 2) count *= 2;
+    while ((time = best_of_three()) < share / 2) count *= 2;
     count = std::max<std::uint64_t>(1, static_cast<std::uint64_t>(count * (share / time)));
   }
 
@@ -38,6 +39,10 @@ public:
   double result() const { return median(times); }
 
 private:
+  double best_of_three() const {
+    return std::min({time_of(run, count), time_of(run, count), time_of(run, count)});
+  }
+
   Loop run;
   std::uint64_t count = 1;
   std::vector<double> times;

@@ -175,22 +175,6 @@ TEST(LenientReading, EveryKindHasItsText) {
   }
 }
 
-TEST(LenientReading, EveryIntReadsAsTheStandardLibraryWritesIt) {
-  auto const check = [](__int64 number) {
-    int const value = static_cast<int>(number);
-    if (value == number) {
-      EXPECT_EQ(_value_t(value).as_string(), std::to_string(value));
-    }
-  };
-  for (__int64 power = 1; power <= 10'000'000'000; power *= 10)
-    for (__int64 near : {power - 1, power, power + 1, 4 * power + power / 3}) {
-      check(near);
-      check(-near);
-    }
-  check(std::numeric_limits<int>::min());
-  check(std::numeric_limits<int>::max());
-}
-
 TEST(LenientReading, OnlyTheNarrowTextListsASequence) {
   _value_t const numbers = std::vector<int>{1, 2, 3};
   EXPECT_EQ(numbers.as_string(), "{1,2,3}");

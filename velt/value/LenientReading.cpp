@@ -5,7 +5,6 @@
 #include <cstring>
 
 #include "velt/exceptions/TypeName.h"
-#include "velt/text/DecimalInternal.h"
 #include "velt/text/Encoding.h"
 #include "velt/text/GeneralNumberInternal.h"
 #include "velt/text/Numbers.h"
@@ -177,7 +176,7 @@ _time_t _value_t::as_time() const {
 
 std::string _value_t::as_string() const {
   // Ahead of the rest, whose many cases cost more than the digits of an int.
-  if (auto const number = own_element<int>(data.get())) return velt::detail::decimal_text(*number);
+  if (auto const number = own_element<int>(data.get())) return std::to_string(*number);
   return container() ? list_of_elements(*this) : as_text<std::string>(*this);
 }
 
