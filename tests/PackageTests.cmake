@@ -33,8 +33,15 @@ if(VELT_PKG_CONFIG)
   set_tests_properties(package_by_pkg_config PROPERTIES FIXTURES_REQUIRED package TIMEOUT 120)
 endif()
 
-# Builds the whole library once more, so one build type must do.
+# What does not depend on the build type is tested in one of them: the library
+# as a subproject, which builds all of it once more, and that each public header
+# includes what it needs.
 if(CMAKE_BUILD_TYPE STREQUAL "Debug")
   velt_add_consumer_test(subproject -D VELT_SOURCE=${PROJECT_SOURCE_DIR})
   set_tests_properties(subproject PROPERTIES TIMEOUT 900)
+
+  set_target_properties(velt PROPERTIES VERIFY_INTERFACE_HEADER_SETS ON)
+  add_test(NAME public_headers COMMAND ${CMAKE_COMMAND}
+    --build ${PROJECT_BINARY_DIR} --target velt_verify_interface_header_sets)
+  set_tests_properties(public_headers PROPERTIES TIMEOUT 300)
 endif()

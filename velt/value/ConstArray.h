@@ -3,6 +3,8 @@
 // basic_const_string.
 #pragma once
 
+#include <cstdint>  // __int64
+
 // The elements must outlive the view. `data` may be null only if `count` is 0.
 template <class T>
 struct const_array {
