@@ -1,7 +1,6 @@
-// A client's program: uses an object across the DLL's boundary, and compares
-// what header, DLL and package description say of the version.
-#include <velt/Version.h>
-#include <velt/value/SmartPtr.h>
+// A client's program: objects, values and exceptions cross the DLL's boundary,
+// and header, DLL and package description are asked for the version.
+#include <velt/velt.h>
 
 #include <windows.h>
 
@@ -62,10 +61,33 @@ void use_an_object() {
   expect_equal("name of an object", text.substr(0, text.find(" {")), "(anonymous namespace)::Job");
 }
 
+void use_an_exception() {
+  try {
+    throw EGeneric(EGeneric::P("Text", "The archive is full"), EGeneric::P("Rooms", 12));
+  } catch (std::exception const& error) {
+    std::puts(error.what());
+    expect_equal("text of an exception", error.what(),
+                 "Text: The archive is full\nRooms: 12 (0xc)");
+  }
+}
+
+// Thrown by the library, caught here.
+void catch_from_the_library() {
+  try {
+    ThrowSystemException(2);
+  } catch (ESystemException const& error) {
+    expect_equal("code of an exception", error["Code"].as_string(), "2");
+    return;
+  }
+  expect_equal("exception of the library", "none", "ESystemException");
+}
+
 }  // namespace
 
 int main() {
   check_versions();
   use_an_object();
+  use_an_exception();
+  catch_from_the_library();
   return failures ? 1 : 0;
 }

@@ -4,4 +4,4 @@
 
 #include <comdef.h>
 
-#include <velt/value/SmartPtr.h>
+#include <velt/velt.h>
