@@ -34,7 +34,7 @@ usage_error() {
 
 # Ends with a message that shows the last lines of a step's log.
 fail_with_log() {
-  tail -n 30 "$1" >&2
+  tail -n 15 "$1" >&2
   fail "$2 (log: ${1#"$root"/})"
 }
 
@@ -107,7 +107,7 @@ install_packages() {
   say "bringing the package lists up to date"
   apt_get update && apt_get install "${missing[@]}" && return
   if grep -qE 'Temporary failure resolving|Could not (resolve|connect)|Unable to connect|Connection (failed|timed out)' "$log"; then
-    fail_with_log "$log" "could not install the packages: no network"
+    fail "could not install the packages: no network (log: ${log#"$root"/})"
   fi
   fail_with_log "$log" "could not install the packages"
 }
