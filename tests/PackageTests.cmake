@@ -33,15 +33,25 @@ if(VELT_PKG_CONFIG)
   set_tests_properties(package_by_pkg_config PROPERTIES FIXTURES_REQUIRED package TIMEOUT 120)
 endif()
 
-# What does not depend on the build type is tested in one of them: the library
-# as a subproject, which builds all of it once more, and that each public header
-# includes what it needs.
+# What does not depend on the build type is tested in one of them: velt as a
+# subproject, as far as a client's object, which shows that the target and its
+# flags arrive without building the whole library once more; and that each public
+# header includes what it needs.
 if(CMAKE_BUILD_TYPE STREQUAL "Debug")
-  velt_add_consumer_test(subproject -D VELT_SOURCE=${PROJECT_SOURCE_DIR})
-  set_tests_properties(subproject PROPERTIES TIMEOUT 900)
+  set(subproject ${CMAKE_CURRENT_BINARY_DIR}/subproject)
+  set(options -D CMAKE_CXX_COMPILER=${CMAKE_CXX_COMPILER} -D VELT_SOURCE=${PROJECT_SOURCE_DIR})
+  if(CMAKE_TOOLCHAIN_FILE)
+    list(APPEND options -D CMAKE_TOOLCHAIN_FILE=${CMAKE_TOOLCHAIN_FILE})
+  endif()
+  add_test(NAME subproject_configure COMMAND ${CMAKE_COMMAND}
+    -S ${consumer} -B ${subproject} -G ${CMAKE_GENERATOR} ${options})
+  set_tests_properties(subproject_configure PROPERTIES FIXTURES_SETUP subproject)
+  add_test(NAME subproject_compile COMMAND ${CMAKE_COMMAND}
+    --build ${subproject} --target CMakeFiles/consumer.dir/main.cpp${CMAKE_CXX_OUTPUT_EXTENSION})
+  set_tests_properties(subproject_compile PROPERTIES FIXTURES_REQUIRED subproject TIMEOUT 120)
 
   set_target_properties(velt PROPERTIES VERIFY_INTERFACE_HEADER_SETS ON)
   add_test(NAME public_headers COMMAND ${CMAKE_COMMAND}
     --build ${PROJECT_BINARY_DIR} --target velt_verify_interface_header_sets)
-  set_tests_properties(public_headers PROPERTIES TIMEOUT 300)
+  set_tests_properties(public_headers PROPERTIES TIMEOUT 600)
 endif()
