@@ -1,0 +1,140 @@
+#include "velt/locks/MultiLock.h"
+
+#include <windows.h>
+
+#include "velt/exceptions/ExceptionFamily.h"
+#include "velt/locks/MultiLockProtocolInternal.h"
+#include "velt/text/Numbers.h"
+
+TMultiLock& TMultiLock::operator=(TMultiLock const& other) noexcept {
+  _ml_free_signal_event::operator=(other);
+  state = other.state;
+  rw_waiters.store(other.rw_waiters.load());
+  return *this;
+}
+
+_ml_common::_owner_id TMultiLock::own_id() noexcept {
+  return _owner_id{static_cast<unsigned int>(GetCurrentThreadId())}.reading();
+}
+
+bool TMultiLock::Lock(unsigned int timeout) { return WriteLock(timeout); }
+void TMultiLock::Lock() { WriteLock(); }
+void TMultiLock::Unlock() { _unlock(own_id()); }
+
+bool TMultiLock::ReadLock(unsigned int timeout) { return _read_lock(timeout, own_id()); }
+void TMultiLock::ReadLock() { _read_lock(no_limit, own_id()); }
+bool TMultiLock::WriteLock(unsigned int timeout) { return _write_lock(timeout, own_id()); }
+void TMultiLock::WriteLock() { _write_lock(no_limit, own_id()); }
+
+bool TMultiLock::ReadLockThreadIndependent(unsigned int timeout) {
+  return _read_lock_independent(timeout, no_thread());
+}
+void TMultiLock::ReadLockThreadIndependent() { _read_lock_independent(no_limit, no_thread()); }
+bool TMultiLock::WriteLockThreadIndependent(unsigned int timeout) {
+  return _write_lock_independent(timeout, no_thread());
+}
+void TMultiLock::WriteLockThreadIndependent() { _write_lock_independent(no_limit, no_thread()); }
+void TMultiLock::UnlockThreadIndependent() { _unlock(no_thread()); }
+
+bool TMultiLock::_read_lock(unsigned int timeout, _owner_id id) {
+  return acquire_read<false>(timeout, id, [this, id] {
+    state = locked_read;
+    add_owner(id.reading());
+    reset_signal(sig_free);
+  });
+}
+
+bool TMultiLock::_read_lock_independent(unsigned int timeout, _owner_id id) {
+  return acquire_read<true>(timeout, id, [this, id] {
+    state = locked_read;
+    add_owner(id.reading());
+    reset_signal(sig_free);
+  });
+}
+
+bool TMultiLock::_write_lock(unsigned int timeout, _owner_id id) {
+  return acquire_write<false>(
+      timeout, id,
+      [this, id] {
+        state = locked_write;
+        add_owner(id.writing());
+        reset_signal(sig_free | sig_sole_owner | sig_read_open);
+      },
+      [this, id] {
+        state = locked_write;
+        add_owner(id.writing());
+        reset_signal(sig_read_open);
+      });
+}
+
+bool TMultiLock::_write_lock_independent(unsigned int timeout, _owner_id id) {
+  return acquire_write<true>(
+      timeout, id,
+      [this, id] {
+        state = locked_write;
+        add_owner(id.writing());
+        reset_signal(sig_free);
+      },
+      [] {});
+}
+
+void TMultiLock::_unlock(_owner_id id) {
+  inner_lock(id);
+  _owner_id const removed = remove_owner(id);
+  if (removed.bits == no_record) {
+    inner_unlock();
+    return;
+  }
+  if (owner_count() == 0) {
+    bool const was_locked = state == locked_read || state == locked_write;
+    state = not_locked;
+    set_signal(was_locked ? sig_free : 0);
+    return;
+  }
+  signal_set mask = all_one_owner() ? sig_sole_owner : 0;
+  if (removed.writes() && state == locked_write && no_write_owner()) {
+    mask |= sig_read_open;
+    state = locked_read;
+  }
+  set_signal(mask);
+}
+
+bool TMultiLock::wait_to_upgrade(_owner_id id, unsigned int timeout) {
+  count_upgrader(1);
+  if (rw_waiters.load(std::memory_order_relaxed) > 1) {
+    count_upgrader(-1);
+    inner_unlock();
+    throw EGeneric({"Text", "Dead-lock in multilock"}, {"Status", GetStatusString()});
+  }
+  bool again;
+  try {
+    again = wait_signal(sig_sole_owner | sig_free, id, timeout);
+  } catch (ESystemException const&) {
+    throw;  // a wait that fails stays counted
+  } catch (...) {
+    count_upgrader(-1);
+    throw;
+  }
+  count_upgrader(-1);
+  return again;
+}
+
+void TMultiLock::count_upgrader(int change) noexcept {
+  rw_waiters.store(rw_waiters.load(std::memory_order_relaxed) + change,
+                   std::memory_order_relaxed);
+}
+
+std::string TMultiLock::GetStatusString() {
+  static char const* const names[] = {"not_locked", "locked_read", "locked_write"};
+  inner_lock(own_id());
+  std::string text = state >= not_locked && state <= locked_write ? names[state] : "";
+  for (int i = 0; i < owner_count(); ++i) {
+    _owner_id const owner = owner_at(i);
+    text += i == 0 ? ", " : ",";
+    text += itoa(static_cast<int>(owner.thread()), 10) + (owner.writes() ? ":W" : ":R");
+  }
+  if (int const waiters = rw_waiters.load(std::memory_order_relaxed); waiters > 0)
+    text += ", " + itoa(waiters, 10) + " r->w waiters";
+  inner_unlock();
+  return text;
+}

@@ -1,0 +1,105 @@
+// TMultiLock: the library's read/write lock. Beyond what std::shared_mutex and
+// the platform's slim lock do, it knows who holds it:
+//
+//   - one thread may mix holds as it likes, read in read, write in write, read
+//     in write, and a read hold may be upgraded; its own holds never block it;
+//   - two readers that both want to upgrade would wait for each other for ever:
+//     the second gets an exception instead;
+//   - a hold may belong to no thread, taken by one and ended by another;
+//   - every wait can have a limit, and queued calls run in it;
+//   - GetStatusString() tells who holds what.
+//
+// It is not fair and prefers neither side: new readers join others at once,
+// whoever waits. docs/locks.md has the table of what is granted, waits and
+// fails, and what the lock costs beside others.
+#pragma once
+
+#include <atomic>
+#include <string>
+
+#include "velt/Export.h"
+#include "velt/locks/Lock.h"
+#include "velt/locks/MultiLockLayers.h"
+
+// Any thread may call any operation. Without contention, and with at most two
+// holds, nothing is allocated and no kernel object made.
+//
+// Time limits are milliseconds, 0 asks without waiting, 0xFFFFFFFF means no
+// limit. A limit bounds each single wait: an operation that is woken and has to
+// wait again gets the whole time once more.
+//
+// Any acquisition may throw: EGeneric with "Text" ("Dead-lock in multilock") and
+// "Status" for the second thread that wants to upgrade, whatever its limit; it
+// keeps its read hold. ESystemException if the wait fails, std::bad_alloc, and
+// what a queued call throws.
+//
+// Do not destroy a lock that is held or waited for.
+class VELT_API TMultiLock : protected _ml_free_signal_event, public virtual IMultiLockEx {
+public:
+  TMultiLock() noexcept = default;
+
+  // Copies every field as it stands, also the pointer to the records and the
+  // handles of the events: both locks are then one, and only one of them may
+  // still be used or destroyed.
+  TMultiLock& operator=(TMultiLock const& other) noexcept;
+
+  // A plain lock is a write lock.
+  bool Lock(unsigned int timeout) override;
+  void Lock() override;
+
+  // Ends the thread's newest hold, of either kind. Does nothing if it has none.
+  void Unlock() override;
+
+  bool ReadLock(unsigned int timeout) override;
+  void ReadLock() override;
+  bool WriteLock(unsigned int timeout) override;
+  void WriteLock() override;
+
+  // Holds of no thread. All of them count as one owner, but without recursion:
+  // a write hold waits for every other hold to end, a read hold for every write
+  // hold.
+  bool ReadLockThreadIndependent(unsigned int timeout) override;
+  void ReadLockThreadIndependent() override;
+  bool WriteLockThreadIndependent(unsigned int timeout) override;
+  void WriteLockThreadIndependent() override;
+  // Ends the newest hold of no thread; does nothing if there is none.
+  void UnlockThreadIndependent() override;
+
+  // The state, the holds from the oldest to the newest as "thread:R" or
+  // "thread:W", and the threads that wait to upgrade:
+  // "locked_read, 48:R,52:R, 1 r->w waiters".
+  std::string GetStatusString();
+
+protected:
+  enum state_value : int { not_locked = 0, locked_read = 1, locked_write = 2 };
+
+  bool _read_lock(unsigned int timeout, _owner_id id);
+  bool _write_lock(unsigned int timeout, _owner_id id);
+  bool _read_lock_independent(unsigned int timeout, _owner_id id);
+  bool _write_lock_independent(unsigned int timeout, _owner_id id);
+  void _unlock(_owner_id id);
+
+  // The protocol. The branches that a derived class changes are calls: each is
+  // made under the inner lock, which it releases.
+  template <bool independent, class FirstReader>
+  bool acquire_read(unsigned int timeout, _owner_id id, FirstReader const& first_reader);
+  template <bool independent, class FirstWriter, class Upgrader>
+  bool acquire_write(unsigned int timeout, _owner_id id, FirstWriter const& first_writer,
+                     Upgrader const& upgrader);
+
+  static _owner_id own_id() noexcept;
+  static constexpr _owner_id no_thread() noexcept { return {0}; }
+  static constexpr unsigned int no_limit = 0xFFFFFFFF;
+
+  int state = not_locked;
+
+private:
+  TMultiLock(TMultiLock const&) = delete;
+
+  bool wait_to_upgrade(_owner_id id, unsigned int timeout);
+  void count_upgrader(int change) noexcept;
+
+  // Threads that wait to upgrade. Raised under the inner lock and lowered
+  // without it, by plain loads and stores.
+  std::atomic<int> rw_waiters = 0;
+};

@@ -1,0 +1,39 @@
+// TSemaphore: the kernel's counting semaphore, as a lock that several threads,
+// or processes, may hold at once.
+#pragma once
+
+#include "velt/Export.h"
+#include "velt/locks/Handle.h"
+#include "velt/locks/Lock.h"
+#include "velt/value/DoNotInitialize.h"
+
+// Lock takes one from the count and Unlock gives one back; any thread may do
+// either. Failed platform calls throw ESystemException. For Create... and
+// Open... the rules of TMutex hold.
+class VELT_API TSemaphore : public THandle, public ILock {
+public:
+  TSemaphore(_DoNotInitialize const&) noexcept {}
+  // Unnamed; `count` is both the maximum and the initial count.
+  TSemaphore(int count);
+  // The maximum stands first.
+  TSemaphore(int maximum, int initial);
+  TSemaphore(char const* name, int maximum, int initial);
+  TSemaphore(wchar_t const* name, int maximum, int initial);
+
+  void CreateSemaphoreW(long maximum, long initial);
+  void CreateSemaphoreW(long maximum, long initial, char const* name);
+  void CreateSemaphoreW(long maximum, long initial, wchar_t const* name);
+  void OpenSemaphoreW(char const* name, unsigned long access);
+  void OpenSemaphoreW(wchar_t const* name, unsigned long access);
+
+  // Adds to the count; throws, and adds nothing, if that would exceed the
+  // maximum. Returns the count before.
+  long ReleaseSemaphore(long count);
+
+  // One alertable wait: false when the time ran out, and also when a queued
+  // call ended the wait.
+  bool Lock(unsigned int timeout) override;
+  // Alertable, and resumed after queued calls.
+  void Lock() override;
+  void Unlock() override;
+};

@@ -1,0 +1,62 @@
+// TTimedLock: an adaptor that measures how busy a lock is. It stands wherever
+// one of the lock interfaces is expected, forwards to the lock that it was made
+// of, and sums up the time during which at least one hold was open through it,
+// and the time during which none was.
+#pragma once
+
+#include <atomic>
+#include <cstdint>  // __int64
+
+#include "velt/Export.h"
+#include "velt/locks/Lock.h"
+
+// The wrapped lock is not owned. Operations that it does not have, such as
+// ReadLock over a plain ILock, dereference null.
+//
+// The totals have no lock of their own: two threads that open the first hold and
+// end the last one at the same moment can lose each other's update, so the
+// figures are good for statistics and not for accounts.
+class VELT_API TTimedLock : public IMultiLockEx {
+public:
+  TTimedLock(ILock& target) noexcept;
+  TTimedLock(IMultiLock& target) noexcept;
+  TTimedLock(IMultiLockEx& target) noexcept;
+  // Copy the totals along.
+  TTimedLock(TTimedLock const& other) noexcept;
+  TTimedLock& operator=(TTimedLock const& other) noexcept;
+
+  // Is a hold open through this adaptor?
+  bool IsLocked() const noexcept;
+  // The time since construction: ticks of the performance counter, seconds.
+  __int64 get_elapsed_ticks() const noexcept;
+  double get_elapsed() const noexcept;
+  // The share of that time that was busy, from 0 to 1; not a number within the
+  // very tick of the construction.
+  double get_busy() const noexcept;
+
+  bool Lock(unsigned int timeout) override;
+  void Lock() override;
+  void Unlock() override;
+  bool ReadLock(unsigned int timeout) override;
+  void ReadLock() override;
+  bool WriteLock(unsigned int timeout) override;
+  void WriteLock() override;
+  bool ReadLockThreadIndependent(unsigned int timeout) override;
+  void ReadLockThreadIndependent() override;
+  bool WriteLockThreadIndependent(unsigned int timeout) override;
+  void WriteLockThreadIndependent() override;
+  void UnlockThreadIndependent() override;
+
+private:
+  void opened() noexcept;
+  bool opened_if(bool success) noexcept;
+  void closed() noexcept;
+
+  ILock* lock;
+  IMultiLock* multi_lock;
+  IMultiLockEx* multi_lock_ex;
+  std::atomic<int> hold_count = 0;
+  __int64 last_change;
+  __int64 busy_ticks = 0;
+  __int64 idle_ticks = 0;
+};
