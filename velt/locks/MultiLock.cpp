@@ -100,28 +100,21 @@ void TMultiLock::_unlock(_owner_id id) {
 }
 
 bool TMultiLock::wait_to_upgrade(_owner_id id, unsigned int timeout) {
-  count_upgrader(1);
-  if (rw_waiters.load(std::memory_order_relaxed) > 1) {
-    count_upgrader(-1);
+  if (++rw_waiters > 1) {
+    --rw_waiters;
     inner_unlock();
     throw EGeneric({"Text", "Dead-lock in multilock"}, {"Status", GetStatusString()});
   }
-  bool again;
+  bool again, failed = false;
   try {
-    again = wait_signal(sig_sole_owner | sig_free, id, timeout);
-  } catch (ESystemException const&) {
-    throw;  // a wait that fails stays counted
+    again = wait_signal(sig_sole_owner | sig_free, id, timeout, &failed);
   } catch (...) {
-    count_upgrader(-1);
+    // A wait that fails stays counted.
+    if (!failed) --rw_waiters;
     throw;
   }
-  count_upgrader(-1);
+  --rw_waiters;
   return again;
-}
-
-void TMultiLock::count_upgrader(int change) noexcept {
-  rw_waiters.store(rw_waiters.load(std::memory_order_relaxed) + change,
-                   std::memory_order_relaxed);
 }
 
 std::string TMultiLock::GetStatusString() {
@@ -133,7 +126,7 @@ std::string TMultiLock::GetStatusString() {
     text += i == 0 ? ", " : ",";
     text += itoa(static_cast<int>(owner.thread()), 10) + (owner.writes() ? ":W" : ":R");
   }
-  if (int const waiters = rw_waiters.load(std::memory_order_relaxed); waiters > 0)
+  if (int const waiters = rw_waiters; waiters > 0)
     text += ", " + itoa(waiters, 10) + " r->w waiters";
   inner_unlock();
   return text;

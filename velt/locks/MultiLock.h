@@ -97,9 +97,8 @@ private:
   TMultiLock(TMultiLock const&) = delete;
 
   bool wait_to_upgrade(_owner_id id, unsigned int timeout);
-  void count_upgrader(int change) noexcept;
 
   // Threads that wait to upgrade. Raised under the inner lock and lowered
-  // without it, by plain loads and stores.
+  // without it.
   std::atomic<int> rw_waiters = 0;
 };

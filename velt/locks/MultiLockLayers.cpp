@@ -24,6 +24,8 @@ public:
     kinds[count++] = kind;
   }
 
+  static constexpr unsigned int wait_failed = 0;
+
   // Waits without limit, alertably and across queued calls; returns the kind of
   // the first that is signalled.
   unsigned int wait() const {
@@ -31,7 +33,7 @@ public:
     do {
       result = count == 1 ? WaitForSingleObjectEx(handles[0], INFINITE, TRUE)
                           : WaitForMultipleObjectsEx(count, handles, FALSE, INFINITE, TRUE);
-      if (result == WAIT_FAILED) throw ESystemException();
+      if (result == WAIT_FAILED) return wait_failed;
     } while (result == WAIT_IO_COMPLETION);
     return kinds[result - WAIT_OBJECT_0];
   }
@@ -159,7 +161,8 @@ void* _ml_free_signal_event::handle_for(event const& each) noexcept {
   return handle;
 }
 
-bool _ml_free_signal_event::wait_signal(signal_set mask, _owner_id id, unsigned int timeout) {
+bool _ml_free_signal_event::wait_signal(signal_set mask, _owner_id id, unsigned int timeout,
+                                        bool* failed) {
   if (timeout == 0) {
     inner_unlock();
     return false;
@@ -178,11 +181,26 @@ bool _ml_free_signal_event::wait_signal(signal_set mask, _owner_id id, unsigned 
 
   for (;;) {
     auto const kind = waits.wait();
+    if (kind == wait_list::wait_failed) {
+      if (failed) *failed = true;
+      throw ESystemException();
+    }
     if (kind == time_up) return false;
     if (kind != sig_sole_owner) return true;
     inner_lock(id);
     bool const is_the_owner = is_only_owner(id);
     inner_unlock();
     if (is_the_owner) return true;
+  }
+}
+
+// Wakes at worst somebody who finds nothing to do. The event is there: every
+// wait is for sig_free, too.
+void _ml_free_signal_event::inner_lock_after_wait(_owner_id id) {
+  try {
+    inner_lock(id);
+  } catch (...) {
+    SetEvent(ev_free);
+    throw;
   }
 }

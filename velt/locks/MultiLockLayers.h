@@ -128,8 +128,14 @@ protected:
   // timer cannot be set. Waits until one of the signals is up, alertably; of
   // sig_sole_owner it takes notice only if `id` is that owner. True: look at the
   // state again. False: the time ran out. 0 asks without waiting, and
-  // 0xFFFFFFFF means no limit. Throws ESystemException if the wait fails.
-  bool wait_signal(signal_set mask, _owner_id id, unsigned int timeout);
+  // 0xFFFFFFFF means no limit. Throws ESystemException if the wait fails, and
+  // says so in `failed`: a queued call may throw the same.
+  bool wait_signal(signal_set mask, _owner_id id, unsigned int timeout, bool* failed = nullptr);
+
+  // Takes the inner lock after a wait that told to look again. If a queued call
+  // throws out of it, the one wake-up of sig_free that the wait may have used up
+  // goes on to the next waiter.
+  void inner_lock_after_wait(_owner_id id);
 
 private:
   struct event {

@@ -7,8 +7,7 @@
 template <bool independent, class FirstReader>
 bool TMultiLock::acquire_read(unsigned int timeout, _owner_id id,
                               FirstReader const& first_reader) {
-  for (;;) {
-    inner_lock(id);
+  for (inner_lock(id);; inner_lock_after_wait(id)) {
     switch (state) {
       case not_locked:
         first_reader();
@@ -42,8 +41,7 @@ bool TMultiLock::acquire_read(unsigned int timeout, _owner_id id,
 template <bool independent, class FirstWriter, class Upgrader>
 bool TMultiLock::acquire_write(unsigned int timeout, _owner_id id,
                                FirstWriter const& first_writer, Upgrader const& upgrader) {
-  for (;;) {
-    inner_lock(id);
+  for (inner_lock(id);; inner_lock_after_wait(id)) {
     if (state == not_locked) {
       first_writer();
       return true;

@@ -79,11 +79,11 @@ void TMultiLockWithNotify::enter_first_reader(_owner_id id) {
   reset_signal(sig_read_open | sig_free);
   try {
     OnReadLock();
+    inner_lock(id);
   } catch (...) {
     _unlock(id);
     throw;
   }
-  inner_lock(id);
   state = locked_read;
   set_signal(sig_read_open);
 }
