@@ -1,0 +1,344 @@
+#include "velt/locks/MultiLock.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <string>
+
+#include "tests/locks/Agent.h"
+#include "tests/locks/OpenLock.h"
+#include "velt/exceptions/ExceptionFamily.h"
+
+using velt_test::Agent;
+using velt_test::Interrupted;
+using velt_test::OpenLock;
+
+namespace {
+
+constexpr unsigned int no_limit = 0xFFFFFFFF;
+
+std::string record(Agent const& agent, char kind) { return agent.id_text() + ":" + kind; }
+
+class MultiLock : public ::testing::Test {
+protected:
+  OpenLock lock;
+  Agent a{"A"}, b{"B"}, c{"C"};
+
+  std::string status() { return lock.GetStatusString(); }
+  void read(Agent& agent) {
+    agent.run([this] { lock.ReadLock(); });
+  }
+  void write(Agent& agent) {
+    agent.run([this] { lock.WriteLock(); });
+  }
+  void unlock(Agent& agent) {
+    agent.run([this] { lock.Unlock(); });
+  }
+  void start_read(Agent& agent) {
+    agent.start([this] { lock.ReadLock(); });
+    EXPECT_TRUE(agent.waits());
+  }
+  void start_write(Agent& agent) {
+    agent.start([this] { lock.WriteLock(); });
+    EXPECT_TRUE(agent.waits());
+  }
+};
+
+}  // namespace
+
+TEST_F(MultiLock, StatusFollowsTheHoldsOfOneThread) {
+  std::string const r = record(a, 'R'), w = record(a, 'W');
+  auto const after = [&](auto step) {
+    a.run([&] { step(); });
+    return status();
+  };
+  auto const read_one = [&] { lock.ReadLock(); };
+  auto const write_one = [&] { lock.WriteLock(); };
+  auto const unlock_one = [&] { lock.Unlock(); };
+
+  EXPECT_EQ(status(), "not_locked");
+  EXPECT_EQ(after(read_one), "locked_read, " + r);
+  EXPECT_EQ(after(read_one), "locked_read, " + r + "," + r);
+  EXPECT_EQ(after(write_one), "locked_write, " + r + "," + r + "," + w);
+  EXPECT_EQ(after(read_one), "locked_write, " + r + "," + r + "," + w + "," + r);
+  EXPECT_EQ(after(unlock_one), "locked_write, " + r + "," + r + "," + w);
+  EXPECT_EQ(after(unlock_one), "locked_read, " + r + "," + r);
+  EXPECT_EQ(after(unlock_one), "locked_read, " + r);
+  EXPECT_EQ(after(unlock_one), "not_locked");
+  EXPECT_EQ(after(unlock_one), "not_locked");
+}
+
+TEST_F(MultiLock, PlainLockIsAWriteLock) {
+  EXPECT_TRUE(a.ask([&] { return lock.Lock(0); }));
+  a.run([&] { lock.Lock(); });
+  EXPECT_EQ(status(), "locked_write, " + record(a, 'W') + "," + record(a, 'W'));
+  EXPECT_FALSE(b.ask([&] { return lock.Lock(0); }));
+  unlock(a);
+  unlock(a);
+}
+
+TEST_F(MultiLock, UnlockRemovesTheNewestHoldOfTheCallerFromTheMiddle) {
+  read(a);
+  read(b);
+  read(a);
+  read(b);
+  read(c);
+  unlock(a);
+  EXPECT_EQ(status(), "locked_read, " + record(a, 'R') + "," + record(b, 'R') + "," +
+                          record(b, 'R') + "," + record(c, 'R'));
+  unlock(b);
+  unlock(a);
+  EXPECT_EQ(status(), "locked_read, " + record(b, 'R') + "," + record(c, 'R'));
+  unlock(b);
+  unlock(c);
+  EXPECT_EQ(status(), "not_locked");
+}
+
+TEST_F(MultiLock, ListGrowsWithTheHoldsAndKeepsTheirOrder) {
+  std::string expected = "locked_write";
+  for (int i = 0; i < 300; ++i) {
+    bool const writes = i % 3 == 0;
+    a.run([&] { writes ? lock.WriteLock() : lock.ReadLock(); });
+    expected += (i == 0 ? ", " : ",") + record(a, writes ? 'W' : 'R');
+  }
+  EXPECT_EQ(status(), expected);
+  for (int i = 0; i < 300; ++i) unlock(a);
+  EXPECT_EQ(status(), "not_locked");
+}
+
+TEST_F(MultiLock, SecondUpgraderThrowsAtOnceAndFirstGetsTheLock) {
+  read(a);
+  read(b);
+  start_write(a);
+  for (unsigned int const limit : {0u, 20u, no_limit}) {
+    try {
+      b.run([&] { lock.WriteLock(limit); });
+      ADD_FAILURE() << "limit " << limit << " did not throw";
+    } catch (EGeneric const& e) {
+      EXPECT_EQ(e["Text"].as_string(), "Dead-lock in multilock");
+      EXPECT_EQ(e["Status"].as_string(),
+                "locked_read, " + record(a, 'R') + "," + record(b, 'R') + ", 1 r->w waiters");
+    }
+  }
+  EXPECT_TRUE(a.waits());
+  unlock(b);
+  a.finish();
+  EXPECT_EQ(status(), "locked_write, " + record(a, 'R') + "," + record(a, 'W'));
+  unlock(a);
+  unlock(a);
+}
+
+TEST_F(MultiLock, UpgradeThatTimedOutCountsNoLonger) {
+  read(a);
+  read(b);
+  EXPECT_FALSE(a.ask([&] { return lock.WriteLock(20); }));
+  EXPECT_EQ(status(), "locked_read, " + record(a, 'R') + "," + record(b, 'R'));
+  EXPECT_FALSE(b.ask([&] { return lock.WriteLock(20); }));
+  unlock(a);
+  unlock(b);
+}
+
+TEST_F(MultiLock, UpgradeBesideAHoldOfNoThreadWaitsForItsEnd) {
+  read(a);
+  read(b);
+  c.run([&] { lock.ReadLockThreadIndependent(); });
+  start_write(a);
+  EXPECT_EQ(status(), "locked_read, " + record(a, 'R') + "," + record(b, 'R') +
+                          ",0:R, 1 r->w waiters");
+  EXPECT_THROW(write(b), EGeneric);
+  unlock(b);
+  EXPECT_TRUE(a.waits());
+  b.run([&] { lock.UnlockThreadIndependent(); });
+  a.finish();
+  unlock(a);
+  unlock(a);
+  EXPECT_EQ(status(), "not_locked");
+}
+
+TEST_F(MultiLock, HoldOfNoThreadEndsOnAnotherThreadAndOnlyByItsOwnUnlock) {
+  a.run([&] { lock.WriteLockThreadIndependent(); });
+  unlock(a);
+  EXPECT_EQ(status(), "locked_write, 0:W");
+  b.run([&] { lock.UnlockThreadIndependent(); });
+  EXPECT_EQ(status(), "not_locked");
+
+  read(a);
+  b.run([&] { lock.UnlockThreadIndependent(); });
+  EXPECT_EQ(status(), "locked_read, " + record(a, 'R'));
+  unlock(a);
+}
+
+TEST_F(MultiLock, ReadersAfterAWriterAreServedOneAtATimeAndNewcomersPassThem) {
+  Agent newcomer("the newcomer");
+  write(a);
+  start_read(b);
+  start_read(c);
+  unlock(a);
+  while (b.waits() && c.waits()) {
+  }
+  bool const b_was_first = b.finished_within(0);
+  Agent& first = b_was_first ? b : c;
+  Agent& second = b_was_first ? c : b;
+  EXPECT_TRUE(second.waits());
+  EXPECT_TRUE(newcomer.ask([&] { return lock.ReadLock(0); }));
+  unlock(first);
+  EXPECT_TRUE(second.waits());
+  unlock(newcomer);
+  second.finish();
+  EXPECT_EQ(status(), "locked_read, " + record(second, 'R'));
+  unlock(second);
+}
+
+TEST_F(MultiLock, AllReadersEnterWhenAWriteHoldFallsToARead) {
+  read(a);
+  write(a);
+  start_read(b);
+  start_read(c);
+  unlock(a);
+  b.finish();
+  c.finish();
+  for (Agent* const each : {&a, &b, &c}) unlock(*each);
+  EXPECT_EQ(status(), "not_locked");
+}
+
+TEST_F(MultiLock, ReleasedWriteLockGoesToOneWriterAfterTheOther) {
+  write(a);
+  start_write(b);
+  start_write(c);
+  unlock(a);
+  while (b.waits() && c.waits()) {
+  }
+  bool const b_was_first = b.finished_within(0);
+  Agent& first = b_was_first ? b : c;
+  Agent& second = b_was_first ? c : b;
+  EXPECT_TRUE(second.waits());
+  unlock(first);
+  second.finish();
+  unlock(second);
+}
+
+// A reader that finds the signal for readers still up comes back from every wait
+// at once, so its limit, which each wait starts anew, never runs out.
+TEST_F(MultiLock, LimitBoundsOneWaitAndNotTheOperation) {
+  read(a);
+  write(a);
+  unlock(a);
+  unlock(a);
+  a.run([&] { lock.WriteLockThreadIndependent(); });
+  b.start([&] { EXPECT_TRUE(lock.ReadLock(20)); });
+  EXPECT_TRUE(b.waits(200));
+  a.run([&] { lock.UnlockThreadIndependent(); });
+  b.finish();
+  unlock(b);
+
+  // A write lock of a thread lowers the signal, and the limit holds again.
+  write(a);
+  EXPECT_FALSE(b.ask([&] { return lock.ReadLock(20); }));
+  unlock(a);
+}
+
+TEST_F(MultiLock, LimitIsKeptAndAddsNothing) {
+  write(a);
+  ULONGLONG const before = GetTickCount64();
+  EXPECT_FALSE(b.ask([&] { return lock.WriteLock(100); }));
+  EXPECT_GE(GetTickCount64() - before, 90u);
+  EXPECT_EQ(status(), "locked_write, " + record(a, 'W'));
+  b.start([&] { EXPECT_TRUE(lock.WriteLock(20'000)); });
+  EXPECT_TRUE(b.waits());
+  unlock(a);
+  b.finish();
+  unlock(b);
+}
+
+TEST_F(MultiLock, QueuedCallsRunInTheWaitWhichThenGoesOn) {
+  static thread_local int calls;
+  calls = 0;
+  write(a);
+  start_write(b);
+  for (int i = 0; i < 3; ++i) b.queue([](ULONG_PTR) { ++calls; });
+  EXPECT_TRUE(b.waits());
+  unlock(a);
+  b.finish();
+  EXPECT_EQ(b.ask([] { return calls; }), 3);
+  unlock(b);
+}
+
+TEST_F(MultiLock, QueuedCallThatThrowsEndsTheWaitAndLeavesTheLockUsable) {
+  read(a);
+  read(b);
+  std::string const before = status();
+  auto const interrupted = [&](Agent& agent, std::function<void()> step) {
+    agent.start(step);
+    EXPECT_TRUE(agent.waits());
+    agent.interrupt();
+    EXPECT_THROW(agent.finish(), Interrupted);
+    EXPECT_EQ(status(), before);
+  };
+  interrupted(c, [&] { lock.WriteLock(); });
+  interrupted(c, [&] { lock.WriteLock(20'000); });
+  interrupted(c, [&] { lock.WriteLockThreadIndependent(); });
+  interrupted(a, [&] { lock.WriteLock(); });
+  interrupted(b, [&] { lock.WriteLock(20'000); });
+  unlock(b);
+  write(a);
+  unlock(a);
+  unlock(a);
+  EXPECT_EQ(status(), "not_locked");
+}
+
+// It looks like the wait's own failure, which would stay counted.
+TEST_F(MultiLock, SystemExceptionOfAQueuedCallEndsAnUpgradeUncounted) {
+  read(a);
+  read(b);
+  start_write(a);
+  a.queue([](ULONG_PTR) { throw ESystemException(5); });
+  EXPECT_THROW(a.finish(), ESystemException);
+  EXPECT_EQ(status(), "locked_read, " + record(a, 'R') + "," + record(b, 'R'));
+  unlock(a);
+  unlock(b);
+}
+
+TEST_F(MultiLock, QueuedCallThatThrowsEndsTheSpinOnTheInnerLock) {
+  read(a);
+  lock.hold_inner();
+  b.start([&] { lock.ReadLock(); });
+  EXPECT_TRUE(b.waits());
+  b.interrupt();
+  EXPECT_THROW(b.finish(), Interrupted);
+  // An Unlock that throws has not unlocked.
+  a.start([&] { lock.Unlock(); });
+  EXPECT_TRUE(a.waits());
+  a.interrupt();
+  EXPECT_THROW(a.finish(), Interrupted);
+  lock.let_inner_go();
+  EXPECT_EQ(status(), "locked_read, " + record(a, 'R'));
+  unlock(a);
+}
+
+// One wake-up is all that the end of the last hold gives: whoever got it and
+// then ends by an exception must hand it on.
+TEST_F(MultiLock, WokenWaiterThatIsInterruptedPassesTheWakeUpOn) {
+  write(a);
+  start_write(b);
+  start_write(c);
+  a.run([&] { lock.unlock_and_keep_inner(); });
+  EXPECT_TRUE(b.waits());
+  EXPECT_TRUE(c.waits());
+  b.interrupt();
+  EXPECT_THROW(b.finish(), Interrupted);
+  lock.let_inner_go();
+  c.finish();
+  EXPECT_EQ(status(), "locked_write, " + record(c, 'W'));
+  unlock(c);
+}
+
+TEST_F(MultiLock, AssignmentCopiesTheFieldsAsTheyStand) {
+  a.run([&] { lock.ReadLock(); });
+  // Never destroyed: the fields belong to the original.
+  alignas(TMultiLock) unsigned char place[sizeof(TMultiLock)];
+  auto& copy = *new (place) TMultiLock;
+  copy = lock;
+  EXPECT_EQ(copy.GetStatusString(), "locked_read, " + record(a, 'R'));
+  EXPECT_FALSE(b.ask([&] { return copy.WriteLock(0); }));
+  unlock(a);
+}

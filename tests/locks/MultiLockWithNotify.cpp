@@ -1,0 +1,322 @@
+#include "velt/locks/MultiLockWithNotify.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tests/locks/Agent.h"
+
+using velt_test::Agent;
+using velt_test::Interrupted;
+
+namespace {
+
+using strings = std::vector<std::string>;
+
+// Writes down what it is told, and lets a test act inside a notification.
+struct RecordingLock : TMultiLockWithNotify {
+  strings told;
+  std::function<void(std::string const&)> during = [](std::string const&) {};
+
+  void hold_inner() { inner_lock(own_id()); }
+  void let_inner_go() { inner_unlock(); }
+
+  strings take_told() { return std::exchange(told, {}); }
+
+  void OnWriteLock() override { tell("OnWriteLock"); }
+  void OnReadLock() override { tell("OnReadLock"); }
+  void OnWriteUnlock() override { tell("OnWriteUnlock"); }
+  void OnReadUnlock() override { tell("OnReadUnlock"); }
+  void OnWriteAfterReadLock() override { tell("OnWriteAfterReadLock"); }
+  void OnWriteAfterReadUnlock() override { tell("OnWriteAfterReadUnlock"); }
+
+private:
+  void tell(std::string const& name) {
+    told.push_back(name);
+    during(name);
+  }
+};
+
+class MultiLockWithNotify : public ::testing::Test {
+protected:
+  RecordingLock lock;
+  Agent a{"A"}, b{"B"};
+
+  std::string record(Agent const& agent, char kind) { return agent.id_text() + ":" + kind; }
+  std::string status() { return lock.GetStatusString(); }
+  // Steps of thread A, one after the other: Read, Write, Unlock.
+  void by_a(std::string const& steps) {
+    a.run([&] {
+      for (char const step : steps) {
+        if (step == 'R') lock.ReadLock();
+        if (step == 'W') lock.WriteLock();
+        if (step == 'U') lock.Unlock();
+      }
+    });
+  }
+  void throw_in(std::string const& name) {
+    lock.during = [name](std::string const& told) {
+      if (told == name) throw std::runtime_error(name);
+    };
+  }
+};
+
+}  // namespace
+
+TEST_F(MultiLockWithNotify, OnlyTheEdgesBetweenFreeAndHeldAndTheUpgradeAreTold) {
+  by_a("RRUU");
+  EXPECT_EQ(lock.take_told(), (strings{"OnReadLock", "OnReadUnlock"}));
+  by_a("RWUU");
+  EXPECT_EQ(lock.take_told(), (strings{"OnReadLock", "OnWriteAfterReadLock",
+                                       "OnWriteAfterReadUnlock", "OnReadUnlock"}));
+  by_a("WRUU");
+  EXPECT_EQ(lock.take_told(), (strings{"OnWriteLock", "OnWriteUnlock"}));
+  by_a("WWUU");
+  EXPECT_EQ(lock.take_told(), (strings{"OnWriteLock", "OnWriteUnlock"}));
+  // Two write holds over a read: the first to go is no longer the only one.
+  by_a("RWWUUU");
+  EXPECT_EQ(lock.take_told(), (strings{"OnReadLock", "OnWriteAfterReadLock",
+                                       "OnWriteAfterReadUnlock", "OnReadUnlock"}));
+  EXPECT_EQ(status(), "not_locked");
+}
+
+TEST_F(MultiLockWithNotify, LastOfSeveralReadersIsTold) {
+  by_a("R");
+  b.run([&] { EXPECT_TRUE(lock.ReadLock(0)); });
+  EXPECT_EQ(lock.take_told(), strings{"OnReadLock"});
+  by_a("U");
+  EXPECT_EQ(lock.take_told(), strings());
+  b.run([&] { lock.Unlock(); });
+  EXPECT_EQ(lock.take_told(), strings{"OnReadUnlock"});
+}
+
+TEST_F(MultiLockWithNotify, PlainLockNotifiesAndAnUnlockOfNothingDoesNot) {
+  a.run([&] { EXPECT_TRUE(lock.Lock(0)); });
+  b.run([&] { lock.Unlock(); });
+  EXPECT_EQ(lock.take_told(), strings{"OnWriteLock"});
+  EXPECT_FALSE(b.ask([&] { return lock.WriteLock(20); }));
+  EXPECT_FALSE(b.ask([&] { return lock.ReadLock(0); }));
+  EXPECT_EQ(lock.take_told(), strings());
+  by_a("U");
+  EXPECT_EQ(lock.take_told(), strings{"OnWriteUnlock"});
+}
+
+TEST_F(MultiLockWithNotify, HoldsOfNoThreadAreToldAlike) {
+  lock.ReadLockThreadIndependent();
+  EXPECT_TRUE(lock.ReadLockThreadIndependent(0));
+  lock.UnlockThreadIndependent();
+  lock.UnlockThreadIndependent();
+  EXPECT_EQ(lock.take_told(), (strings{"OnReadLock", "OnReadUnlock"}));
+  EXPECT_TRUE(lock.WriteLockThreadIndependent(0));
+  b.run([&] { lock.UnlockThreadIndependent(); });
+  EXPECT_EQ(lock.take_told(), (strings{"OnWriteLock", "OnWriteUnlock"}));
+  lock.WriteLockThreadIndependent();
+  lock.UnlockThreadIndependent();
+  lock.take_told();
+  EXPECT_EQ(status(), "not_locked");
+}
+
+// Each notification against the lock during the call: its status, and what
+// another thread gets.
+TEST_F(MultiLockWithNotify, LockDuringEachCallIsAsDocumented) {
+  struct Seen {
+    std::string name, status;
+    bool other_may_read, other_may_write;
+    bool operator==(Seen const&) const = default;
+  };
+  std::vector<Seen> seen;
+  lock.during = [&](std::string const& name) {
+    Seen now{name, status(), false, false};
+    b.run([&] {
+      if ((now.other_may_write = lock.WriteLockNoNotify(0))) lock.UnlockNoNotify();
+      if ((now.other_may_read = lock.ReadLockNoNotify(0))) lock.UnlockNoNotify();
+    });
+    seen.push_back(now);
+  };
+  by_a("RWUUWU");
+  std::string const r = record(a, 'R'), w = record(a, 'W');
+  std::vector<Seen> const expected{
+      {"OnReadLock", "locked_write, " + r, false, false},
+      {"OnWriteAfterReadLock", "locked_write, " + r + "," + w, false, false},
+      {"OnWriteAfterReadUnlock", "locked_write, " + r + "," + w, false, false},
+      {"OnReadUnlock", "locked_read, " + r, true, false},
+      {"OnWriteLock", "locked_write, " + w, false, false},
+      {"OnWriteUnlock", "locked_write, " + w, false, false}};
+  ASSERT_EQ(seen.size(), expected.size());
+  for (std::size_t i = 0; i < seen.size(); ++i)
+    EXPECT_EQ(seen[i], expected[i]) << expected[i].name << " saw " << seen[i].status;
+}
+
+TEST_F(MultiLockWithNotify, ReadersThatWaitForTheFirstOneEnterTogetherWhenItIsDone) {
+  Agent c("C");
+  HANDLE const go_on = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  lock.during = [&](std::string const&) { WaitForSingleObject(go_on, INFINITE); };
+  a.start([&] { lock.ReadLock(); });
+  EXPECT_TRUE(a.waits());
+  for (Agent* const each : {&b, &c}) {
+    each->start([&] { lock.ReadLock(); });
+    EXPECT_TRUE(each->waits());
+  }
+  SetEvent(go_on);
+  for (Agent* const each : {&a, &b, &c}) each->finish();
+  EXPECT_EQ(lock.take_told(), strings{"OnReadLock"});
+  for (Agent* const each : {&a, &b, &c}) each->run([&] { lock.Unlock(); });
+  CloseHandle(go_on);
+}
+
+TEST_F(MultiLockWithNotify, ReaderThatComesDuringTheLastUnlockHoldsTheLockUntold) {
+  lock.during = [&](std::string const& name) {
+    if (name == "OnReadUnlock") b.run([&] { lock.ReadLock(); });
+  };
+  by_a("RU");
+  EXPECT_EQ(lock.take_told(), (strings{"OnReadLock", "OnReadUnlock"}));
+  EXPECT_EQ(status(), "locked_read, " + record(b, 'R'));
+  lock.during = [](std::string const&) {};
+  b.run([&] { lock.Unlock(); });
+  EXPECT_EQ(lock.take_told(), strings{"OnReadUnlock"});
+}
+
+TEST_F(MultiLockWithNotify, NotificationMayUseTheLock) {
+  lock.during = [&](std::string const& name) {
+    if (name != "OnReadLock" && name != "OnWriteUnlock") return;
+    lock.WriteLock(0);
+    lock.ReadLock(0);
+    lock.UnlockNoNotify();
+    lock.UnlockNoNotify();
+  };
+  by_a("RUWU");
+  EXPECT_EQ(lock.take_told(),
+            (strings{"OnReadLock", "OnReadUnlock", "OnWriteLock", "OnWriteUnlock"}));
+  EXPECT_EQ(status(), "not_locked");
+}
+
+TEST_F(MultiLockWithNotify, UpgradeThatHadToWaitIsToldOnceItHasTheLock) {
+  by_a("R");
+  b.run([&] { lock.ReadLock(); });
+  lock.take_told();
+  a.start([&] { lock.WriteLock(); });
+  EXPECT_TRUE(a.waits());
+  EXPECT_THROW(b.run([&] { lock.WriteLock(); }), EGeneric);
+  EXPECT_EQ(lock.take_told(), strings());
+  b.run([&] { lock.Unlock(); });
+  a.finish();
+  EXPECT_EQ(lock.take_told(), strings{"OnWriteAfterReadLock"});
+  by_a("UU");
+}
+
+TEST_F(MultiLockWithNotify, WhatALockNotificationThrowsTakesTheHoldBack) {
+  for (auto const& [name, step] : {std::pair{"OnReadLock", "R"}, {"OnWriteLock", "W"}}) {
+    throw_in(name);
+    EXPECT_THROW(by_a(step), std::runtime_error) << name;
+    EXPECT_EQ(lock.take_told(), strings{name});
+    EXPECT_EQ(status(), "not_locked");
+  }
+  throw_in("OnReadLock");
+  EXPECT_THROW(lock.ReadLockThreadIndependent(), std::runtime_error);
+  throw_in("OnWriteLock");
+  EXPECT_THROW(lock.WriteLockThreadIndependent(), std::runtime_error);
+  EXPECT_EQ(status(), "not_locked");
+  EXPECT_TRUE(b.ask([&] { return lock.WriteLockNoNotify(0); }));
+}
+
+TEST_F(MultiLockWithNotify, WaiterGetsTheLockWhenTheFirstNotificationThrows) {
+  HANDLE const go_on = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  lock.during = [&](std::string const&) {
+    WaitForSingleObject(go_on, INFINITE);
+    throw std::runtime_error("no");
+  };
+  a.start([&] { lock.ReadLock(); });
+  EXPECT_TRUE(a.waits());
+  b.start([&] { lock.WriteLockNoNotify(); });
+  EXPECT_TRUE(b.waits());
+  SetEvent(go_on);
+  EXPECT_THROW(a.finish(), std::runtime_error);
+  b.finish();
+  EXPECT_EQ(status(), "locked_write, " + record(b, 'W'));
+  CloseHandle(go_on);
+}
+
+TEST_F(MultiLockWithNotify, HoldsTakenInANotificationThatThrowsRemain) {
+  lock.during = [&](std::string const& name) {
+    if (name != "OnReadLock") return;
+    lock.ReadLock();
+    throw std::runtime_error(name);
+  };
+  EXPECT_THROW(by_a("R"), std::runtime_error);
+  EXPECT_EQ(status(), "locked_write, " + record(a, 'R'));
+  by_a("U");
+  EXPECT_EQ(status(), "not_locked");
+}
+
+TEST_F(MultiLockWithNotify, FailureOfTheUpgradeNotificationIsSwallowedAndLeavesTheReadHold) {
+  throw_in("OnWriteAfterReadLock");
+  by_a("RW");
+  EXPECT_EQ(status(), "locked_read, " + record(a, 'R'));
+  EXPECT_TRUE(b.ask([&] { return lock.ReadLock(0); }));
+}
+
+TEST_F(MultiLockWithNotify, WhatAnUnlockNotificationThrowsComesAfterTheRelease) {
+  throw_in("OnReadUnlock");
+  EXPECT_THROW(by_a("RU"), std::runtime_error);
+  EXPECT_EQ(status(), "not_locked");
+  throw_in("OnWriteUnlock");
+  EXPECT_THROW(by_a("WU"), std::runtime_error);
+  EXPECT_EQ(status(), "not_locked");
+  throw_in("OnWriteAfterReadUnlock");
+  EXPECT_THROW(by_a("RWU"), std::runtime_error);
+  EXPECT_EQ(status(), "locked_read, " + record(a, 'R'));
+}
+
+TEST_F(MultiLockWithNotify, EachFormFiresItsOwnWhateverTookTheHold) {
+  a.run([&] {
+    lock.WriteLockNoNotify();
+    lock.Unlock();
+    lock.ReadLock();
+    lock.UnlockNoNotify();
+    EXPECT_TRUE(lock.ReadLockNoNotify(0));
+    EXPECT_TRUE(lock.WriteLockNoNotify(0));
+    lock.Unlock();
+    lock.UnlockNoNotify();
+    lock.ReadLockNoNotify();
+    lock.WriteLock();
+    lock.UnlockNoNotify();
+    lock.UnlockNoNotify();
+    lock.ReadLockThreadIndependentNoNotify();
+    EXPECT_TRUE(lock.ReadLockThreadIndependentNoNotify(0));
+    lock.UnlockThreadIndependentNoNotify();
+    lock.UnlockThreadIndependent();
+    lock.WriteLockThreadIndependentNoNotify();
+    EXPECT_FALSE(lock.WriteLockThreadIndependentNoNotify(0));
+    lock.UnlockThreadIndependentNoNotify();
+  });
+  EXPECT_EQ(lock.take_told(), (strings{"OnWriteUnlock", "OnReadLock", "OnWriteAfterReadUnlock",
+                                       "OnWriteAfterReadLock", "OnReadUnlock"}));
+  EXPECT_EQ(status(), "not_locked");
+}
+
+// The signal for readers stays up after a read phase, and the first writer does
+// not lower it: a reader that waits looks again and again.
+TEST_F(MultiLockWithNotify, ReaderSpinsBesideTheWriterAfterAReadPhase) {
+  by_a("RUW");
+  b.start([&] { EXPECT_TRUE(lock.ReadLock(20)); });
+  EXPECT_TRUE(b.waits(150));
+  by_a("U");
+  b.finish();
+}
+
+TEST_F(MultiLockWithNotify, FirstReaderThatIsInterruptedAfterItsNotificationHoldsNothing) {
+  lock.during = [&](std::string const& name) {
+    if (name == "OnReadLock") b.run([&] { lock.hold_inner(); });
+  };
+  a.start([&] { lock.ReadLock(); });
+  EXPECT_TRUE(a.waits());
+  a.interrupt();
+  EXPECT_TRUE(a.waits());
+  lock.let_inner_go();
+  EXPECT_THROW(a.finish(), Interrupted);
+  EXPECT_EQ(status(), "not_locked");
+}
