@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "tests/locks/Agent.h"
+#include "velt/exceptions/EGeneric.h"
 
 using velt_test::Agent;
 using velt_test::Interrupted;

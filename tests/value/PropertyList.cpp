@@ -1,0 +1,156 @@
+#include "velt/value/PropertyList.h"
+
+#include <comdef.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <new>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "velt/exceptions/EGeneric.h"
+
+namespace {
+
+std::vector<std::wstring> texts_of(std::vector<_bstr_t> const& strings) {
+  std::vector<std::wstring> result;
+  for (auto const& each : strings) result.emplace_back(static_cast<wchar_t const*>(each));
+  return result;
+}
+
+}  // namespace
+
+TEST(PropertyList, NamesAreOneWhateverTheirCase) {
+  TPropertyList list;
+  list.PutProperty(L"Name", 1);
+  EXPECT_EQ(list.GetProperty(L"NAME").as_int(), 1);
+  list.PutProperty(L"NAME", 2);
+  EXPECT_EQ(list.GetCount(), 1);
+  EXPECT_EQ(list.GetProperty(L"name").as_int(), 2);
+  EXPECT_TRUE(list.Have(L"nAME"));
+  list.Delete(L"namE");
+  EXPECT_FALSE(list.Have(L"Name"));
+  EXPECT_EQ(list.GetCount(), 0);
+}
+
+TEST(PropertyList, MissingNameIsANormalCase) {
+  TPropertyList list;
+  _value_t const value = list.GetProperty(L"none");
+  EXPECT_TRUE(value.empty());
+  try {
+    value.as_int();
+    ADD_FAILURE() << "did not throw";
+  } catch (EBadCastException const& e) {
+    EXPECT_EQ(e["From"].as_string(), "void");
+  }
+  list.PutProperty(L"a", 1);
+  list.Delete(L"none");
+  EXPECT_EQ(list.GetCount(), 1);
+}
+
+TEST(PropertyList, ValueMayChangeItsTypeAndIsNotChangedFromOutside) {
+  TPropertyList concrete;
+  IPropertyList& list = concrete;
+  list.PutProperty(L"a", 1);
+  list.PutProperty(L"a", std::string("text"));
+  _value_t value = list.GetProperty(L"a");
+  value = std::string("other");
+  EXPECT_EQ(list.GetProperty(L"a").as_string(), "text");
+}
+
+TEST(PropertyList, GetPropertiesGivesTheValuesInTheOrderOfTheNames) {
+  TPropertyList list;
+  list.PutProperty(L"b", std::string("second"));
+  list.PutProperty(L"C", _bstr_t(L"third"));
+  list.PutProperty(L"a", std::wstring(L"first"));
+  std::vector<_bstr_t> out{L"left over"};
+  list.GetProperties(out);
+  EXPECT_EQ(texts_of(out), (std::vector<std::wstring>{L"first", L"second", L"third"}));
+}
+
+TEST(PropertyList, GetPropertiesStopsAtAValueThatIsNoTextAndLeavesTheListUsable) {
+  struct Case {
+    _value_t value;
+    char const* from;
+  };
+  for (auto const& [value, from] : {Case{5, "int"}, Case{_value_t(), "void"}}) {
+    TPropertyList list;
+    list.PutProperty(L"a", std::string("x"));
+    list.PutProperty(L"b", value);
+    list.PutProperty(L"c", std::string("y"));
+    std::vector<_bstr_t> out;
+    try {
+      list.GetProperties(out);
+      ADD_FAILURE() << "did not throw";
+    } catch (EBadCastException const& e) {
+      EXPECT_EQ(e["From"].as_string(), from);
+      EXPECT_NE(e["To"].as_string().find("_bstr_t"), std::string::npos);
+    }
+    EXPECT_EQ(texts_of(out), std::vector<std::wstring>{L"x"});
+    bool written = false;
+    std::thread([&] { list.Delete(L"b"), written = true; }).join();
+    EXPECT_TRUE(written);
+  }
+}
+
+// Afterwards both have the fields of one lock, which only one may destroy.
+TEST(PropertyList, AssignmentReplacesTheEntriesByAliasesOfTheValues) {
+  TPropertyList source;
+  source.PutProperty(L"a", std::string("x"));
+  alignas(TPropertyList) unsigned char place[sizeof(TPropertyList)];
+  auto& target = *new (place) TPropertyList;
+  target.PutProperty(L"b", 2);
+  target = source;
+  EXPECT_EQ(target.GetProperty(L"A").as_string(), "x");
+  EXPECT_FALSE(target.Have(L"b"));
+  target.Delete(L"a");
+  EXPECT_EQ(target.GetCount(), 0);
+  EXPECT_EQ(source.GetCount(), 1);
+}
+
+// Each value is one character again and again, so a torn one shows.
+TEST(PropertyList, ReadersBesideWritersSeeWholeValues) {
+  TPropertyList list;
+  std::wstring const names[] = {L"alpha", L"Beta", L"gamma", L"DELTA"};
+  std::atomic<bool> stop = false;
+  std::atomic<int> reads = 0, writes = 0, wrong = 0;
+  auto const writer = [&](unsigned int seed) {
+    std::mt19937 random(seed);
+    while (!stop) {
+      _bstr_t const name(names[random() % 4].c_str());
+      if (random() % 4 == 0)
+        list.Delete(name);
+      else
+        list.PutProperty(name, std::string(1 + random() % 40, static_cast<char>('a' + seed)));
+      ++writes;
+    }
+  };
+  auto const is_whole = [](std::string const& text) {
+    return !text.empty() && text.find_first_not_of(text[0]) == text.npos;
+  };
+  auto const reader = [&](unsigned int seed) {
+    std::mt19937 random(seed);
+    std::vector<_bstr_t> all;
+    while (!stop) {
+      _value_t const value = list.GetProperty(names[random() % 4].c_str());
+      if (!value.empty() && !is_whole(value.as_string())) ++wrong;
+      list.GetProperties(all);
+      for (auto const& each : all)
+        if (!is_whole(static_cast<char const*>(each))) ++wrong;
+      if (list.GetCount() > 4) ++wrong;
+      ++reads;
+    }
+  };
+  {
+    std::vector<std::jthread> threads;
+    for (unsigned int i = 0; i < 2; ++i) threads.emplace_back(writer, i);
+    for (unsigned int i = 2; i < 6; ++i) threads.emplace_back(reader, i);
+    Sleep(1'000);
+    stop = true;
+  }
+  EXPECT_EQ(wrong, 0);
+  EXPECT_GT(reads, 0);
+  EXPECT_GT(writes, 0);
+}
