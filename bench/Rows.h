@@ -11,5 +11,8 @@ std::vector<Row> value_rows();
 std::vector<Row> text_rows();
 std::vector<Row> time_rows();
 std::vector<Row> exception_rows();
+std::vector<Row> lock_rows();
+std::vector<Row> debug_rows();
+std::vector<Row> os_rows();
 
 }  // namespace bench

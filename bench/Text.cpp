@@ -1,16 +1,21 @@
 #include <windows.h>
 
 #include <boost/algorithm/string/case_conv.hpp>
+#include <boost/algorithm/string/classification.hpp>
+#include <boost/algorithm/string/split.hpp>
 #include <boost/algorithm/string/trim.hpp>
 #include <fmt/format.h>
 
 #include <cstdio>
+#include <sstream>
 #include <string>
+#include <vector>
 
 #include "bench/Rows.h"
 #include "velt/text/Case.h"
 #include "velt/text/Encoding.h"
 #include "velt/text/Format.h"
+#include "velt/text/Splitting.h"
 #include "velt/text/Trim.h"
 
 namespace bench {
@@ -24,6 +29,10 @@ std::wstring wide_text = L"forty characters, and not a single more.";
 
 // What the peer takes for white space in the classic locale.
 char const* white_space = " \t\n\v\f\r";
+
+std::string ten_fields = "one;two;three;four;five;six;seven;eight;nine;the tenth field";
+std::vector<std::string> ten_words = {"one", "two",   "three", "four", "five",
+                                      "six", "seven", "eight", "nine", "the tenth field"};
 
 char const* name = "velt";
 int number = 12345;
@@ -53,6 +62,35 @@ std::string narrow_by_platform(std::wstring const& text) {
   return result;
 }
 
+std::vector<std::string> divided() {
+  std::vector<std::string> words;
+  divide_string(input(ten_fields), words, ";");
+  return words;
+}
+
+std::vector<std::string> divided_by_boost() {
+  std::vector<std::string> words;
+  boost::split(words, input(ten_fields), boost::is_any_of(";"), boost::token_compress_on);
+  return words;
+}
+
+std::string consolidated() {
+  std::string result;
+  consolidate_string(input(ten_words), result, ";");
+  return result;
+}
+
+std::string joined_by_stream() {
+  std::ostringstream stream;
+  bool first = true;
+  for (auto const& word : input(ten_words)) {
+    if (!first) stream << ';';
+    stream << word;
+    first = false;
+  }
+  return stream.str();
+}
+
 }  // namespace
 
 std::vector<Row> text_rows() {
@@ -79,6 +117,12 @@ std::vector<Row> text_rows() {
       {"narrow", loop([] { keep(as_string(input(wide_text))); }),
        {{"WideCharToMultiByte", 1.15,
          loop([] { keep(narrow_by_platform(input(wide_text))); })}}},
+
+      {"divide", loop([] { keep(divided()); }),
+       {{"boost::split", 0.5, loop([] { keep(divided_by_boost()); })}}},
+
+      {"consolidate", loop([] { keep(consolidated()); }),
+       {{"std::ostringstream", 0.4, loop([] { keep(joined_by_stream()); })}}},
   };
 }
 
