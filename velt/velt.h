@@ -2,6 +2,13 @@
 #pragma once
 
 #include "velt/Version.h"
+#include "velt/debug/ConsoleWriter.h"
+#include "velt/debug/DebugStream.h"
+#include "velt/debug/DebugWriter.h"
+#include "velt/debug/FileWriter.h"
+#include "velt/debug/PermanentFileWriter.h"
+#include "velt/debug/StreamWriter.h"
+#include "velt/debug/TimeStamp.h"
 #include "velt/exceptions/Condition.h"
 #include "velt/exceptions/EGeneric.h"
 #include "velt/exceptions/ExceptionFamily.h"

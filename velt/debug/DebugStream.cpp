@@ -1,0 +1,290 @@
+#include "velt/debug/DebugStream.h"
+
+#include <comdef.h>
+#include <stdio.h>
+#include <windows.h>
+
+#include <algorithm>
+#include <cassert>
+#include <cstring>
+#include <new>
+#include <stdexcept>
+
+#include "velt/debug/ConsoleWriter.h"
+#include "velt/debug/DebugWriter.h"
+#include "velt/debug/FileWriter.h"
+#include "velt/debug/TimeStamp.h"
+#include "velt/text/Encoding.h"
+
+namespace {
+
+using writer_list = std::vector<SmartPtr<TStreamWriter>>;
+
+bool is_class_letter(char letter) { return letter >= 'A' && letter <= 'Z'; }
+std::size_t class_index(char letter) { return static_cast<std::size_t>(letter - 'A'); }
+
+bool process_ends() {
+  using Query = BOOLEAN(NTAPI*)();
+  auto const entry = GetProcAddress(GetModuleHandleW(L"ntdll"), "RtlDllShutdownInProgress");
+  auto const query = reinterpret_cast<Query>(reinterpret_cast<void*>(entry));
+  return query && query();
+}
+
+// Leaves the list to the end of the process, without a call to the heap.
+void abandon(writer_list& writers) {
+  alignas(writer_list) static unsigned char grave[sizeof(writer_list)];
+  new (grave) writer_list(std::move(writers));
+}
+
+}  // namespace
+
+TDebugStream::TDebugStream(SmartPtr<TStreamWriter> a) : Writers{a} {}
+TDebugStream::TDebugStream(SmartPtr<TStreamWriter> a, SmartPtr<TStreamWriter> b)
+    : Writers{a, b} {}
+TDebugStream::TDebugStream(SmartPtr<TStreamWriter> a, SmartPtr<TStreamWriter> b,
+                           SmartPtr<TStreamWriter> c)
+    : Writers{a, b, c} {}
+
+// When the process ends, the platform has already stopped the threads that
+// wrote, perhaps amid a change of the heap that a release would trip over.
+TDebugStream::~TDebugStream() noexcept(false) {
+  if (process_ends()) abandon(Writers);
+}
+
+void TDebugStream::AddWriter(SmartPtr<TStreamWriter> writer) {
+  TLock guard(Lock);
+  Writers.push_back(std::move(writer));
+}
+
+void TDebugStream::RemoveWriter(SmartPtr<TStreamWriter> writer) {
+  TLock guard(Lock);
+  auto const found = std::find(Writers.begin(), Writers.end(), writer);
+  assert(found != Writers.end());
+  Writers.erase(found);
+}
+
+void TDebugStream::ClearWriters() {
+  TLock guard(Lock);
+  Writers.clear();
+}
+
+void TDebugStream::ChangeWriter(SmartPtr<TStreamWriter> writer) {
+  ClearWriters();
+  AddWriter(std::move(writer));
+}
+
+bool TDebugStream::GetEnabled(char classLetter) const {
+  return is_class_letter(classLetter) && GetEnabled() && EnabledClasses[class_index(classLetter)];
+}
+
+void TDebugStream::SetEnabled(char classLetter, bool enabled) {
+  if (!is_class_letter(classLetter)) throw std::out_of_range("invalid bitset<N> position");
+  EnabledClasses.set(class_index(classLetter), enabled);
+}
+
+TDebugStream& TDebugStream::WriteString(char const* text, unsigned __int64 size) {
+  if (!text || size == 0) return *this;
+  if (TimeStamps) {
+    auto const lines = stamped(text, size);
+    send(lines.data(), lines.size());
+  } else {
+    send(text, size);
+  }
+  return *this;
+}
+
+std::string TDebugStream::stamped(char const* text, unsigned __int64 size) {
+  std::string result(text, size);
+  std::size_t position = 0;
+  auto const insert_stamp = [&] {
+    auto const stamp = now2(LastDay);
+    result.insert(position, stamp);
+    // A stamp has a line feed of its own when it carries the date.
+    position += stamp.size();
+  };
+  if (AtLineStart) insert_stamp();
+  AtLineStart = false;
+  while ((position = result.find('\n', position)) != result.npos) {
+    if (++position == result.size()) {
+      AtLineStart = true;
+      break;
+    }
+    insert_stamp();
+  }
+  return result;
+}
+
+// A writer may change the list itself, so it is kept alive, and its place is
+// looked at anew.
+void TDebugStream::send(char const* text, unsigned __int64 size) {
+  TLock guard(Lock);
+  auto count = Writers.size();
+  for (std::size_t index = 0; index < std::min(count, Writers.size()); ++index) {
+    auto const writer = Writers[index];
+    try {
+      writer->StreamWriteString(text, size);
+    } catch (...) {
+      drop(index, writer);
+      --index;
+      --count;
+    }
+  }
+}
+
+void TDebugStream::drop(std::size_t index, SmartPtr<TStreamWriter> const& writer) {
+  if (index < Writers.size() && Writers[index] == writer)
+    Writers.erase(Writers.begin() + static_cast<std::ptrdiff_t>(index));
+}
+
+TDebugStream& TDebugStream::printf(char const* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  print(format, arguments);
+  va_end(arguments);
+  return *this;
+}
+
+// Cleared, since all of it goes out when the run time fails.
+TDebugStream& TDebugStream::print(char const* format, va_list arguments) {
+  char buffer[4096] = {};
+  int const length = _vsnprintf_s(buffer, sizeof buffer, sizeof buffer - 1, format, arguments);
+  return WriteString(buffer, length == -1 ? sizeof buffer : static_cast<std::size_t>(length));
+}
+
+TDebugStreamSession TDebugStream::WriteDouble(double value) {
+  TDebugStreamSession session(*this);
+  printf("%g", value);
+  return session;
+}
+
+TDebugStreamSession TDebugStream::Dump(void const* data, int size) {
+  TDebugStreamSession session(*this);
+  auto const bytes = static_cast<unsigned char const*>(data);
+  for (int index = 0; index < size; ++index)
+    printf(index + 1 < size ? "%02X " : "%02X", bytes[index]);
+  return session;
+}
+
+TDebugStream& TDebugStream::operator+=(TDebugStream const& other) {
+  TLock guard(Lock);
+  TLock guard_of_other(other.Lock);
+  // By index, and counted before: a stream may be added to itself.
+  auto const count = other.Writers.size();
+  Writers.reserve(Writers.size() + count);
+  for (std::size_t index = 0; index < count; ++index) Writers.push_back(other.Writers[index]);
+  return *this;
+}
+
+TDebugStreamSession::TDebugStreamSession(TDebugStream& owned) : stream(&owned) {
+  stream->Lock.Lock();
+}
+
+TDebugStreamSession::TDebugStreamSession(TDebugStreamSession const& other)
+    : TDebugStreamSession(*other.stream) {}
+
+TDebugStreamSession::~TDebugStreamSession() noexcept(false) { stream->Lock.Unlock(); }
+
+TDebugStreamSession& TDebugStreamSession::operator<<(bool value) {
+  return *this << (value ? "true" : "false");
+}
+
+TDebugStreamSession& TDebugStreamSession::operator<<(char value) {
+  char const text[] = {value, '\0'};
+  stream->WriteString(text, 1);
+  return *this;
+}
+
+TDebugStreamSession& TDebugStreamSession::operator<<(unsigned char value) {
+  return *this << static_cast<unsigned int>(value);
+}
+
+TDebugStreamSession& TDebugStreamSession::operator<<(unsigned short value) {
+  return *this << static_cast<unsigned int>(value);
+}
+
+TDebugStreamSession& TDebugStreamSession::operator<<(int value) {
+  stream->printf("%d", value);
+  return *this;
+}
+
+TDebugStreamSession& TDebugStreamSession::operator<<(unsigned int value) {
+  stream->printf("%u", value);
+  return *this;
+}
+
+TDebugStreamSession& TDebugStreamSession::operator<<(unsigned long value) {
+  return *this << static_cast<unsigned int>(value);
+}
+
+TDebugStreamSession& TDebugStreamSession::operator<<(__int64 value) {
+  stream->printf("%I64d", value);
+  return *this;
+}
+
+TDebugStreamSession& TDebugStreamSession::operator<<(unsigned __int64 value) {
+  stream->printf("%I64u", value);
+  return *this;
+}
+
+TDebugStreamSession& TDebugStreamSession::operator<<(double value) {
+  stream->printf("%g", value);
+  return *this;
+}
+
+TDebugStreamSession& TDebugStreamSession::operator<<(char const* text) {
+  if (!text) text = "<null>";
+  stream->WriteString(text, std::strlen(text));
+  return *this;
+}
+
+TDebugStreamSession& TDebugStreamSession::operator<<(wchar_t const* text) {
+  return text ? *this << as_string(text) : *this << "<null>";
+}
+
+TDebugStreamSession& TDebugStreamSession::operator<<(std::string const& text) {
+  stream->WriteString(text.data(), text.size());
+  return *this;
+}
+
+TDebugStreamSession& TDebugStreamSession::operator<<(std::wstring const& text) {
+  return *this << as_string(text, 0);
+}
+
+TDebugStreamSession& TDebugStreamSession::operator<<(basic_const_string<char> const& text) {
+  stream->WriteString(text.data, text.length);
+  return *this;
+}
+
+TDebugStreamSession& TDebugStreamSession::operator<<(basic_const_string<wchar_t> const& text) {
+  return *this << as_string(text, 0);
+}
+
+TDebugStreamSession& TDebugStreamSession::operator<<(_bstr_t const& text) {
+  return text.length() == 0 ? *this : *this << static_cast<char const*>(text);
+}
+
+TDebugStreamSession& TDebugStreamSession::operator<<(_time_t const& time) {
+  return *this << time.ctime();
+}
+
+// Whether an empty sequence is void or empty is asked in this order, so it is
+// "<empty>" only if another thread emptied it between the two questions.
+TDebugStreamSession& TDebugStreamSession::operator<<(_value_t const& value) {
+  if (value.size() == 0)
+    stream->printf("<void>");
+  else if (value.container() && value.size() == 0)
+    stream->printf("<empty>");
+  else
+    stream->printf("%s", value.as_string().c_str());
+  return *this;
+}
+
+TDebugStreamSession& TDebugStreamSession::operator<<(SmartPtrObj const* object) {
+  return object ? *this << object->describe() : *this << "<NULL>";
+}
+
+// In one source, so that their order is fixed.
+TDebugStream Debug(MakeCounted<TDebugWriter>());
+TDebugStream Error(MakeCounted<TDebugWriter>(), MakeCounted<TConsoleWriter>(false),
+                   MakeCounted<TFileWriter>("c:\\error.log"));
+TDebugStream Console(MakeCounted<TConsoleWriter>(false));

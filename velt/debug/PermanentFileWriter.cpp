@@ -1,0 +1,47 @@
+#include "velt/debug/PermanentFileWriter.h"
+
+#include <windows.h>
+
+#include <algorithm>
+#include <string>
+
+namespace {
+
+HANDLE open_for_appending(auto create_file, auto file_name) {
+  return create_file(file_name, FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_DELETE, nullptr,
+                     OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL | FILE_FLAG_SEQUENTIAL_SCAN, nullptr);
+}
+
+std::string with_carriage_returns(char const* text, unsigned __int64 size) {
+  std::string result;
+  result.reserve(size + static_cast<std::size_t>(std::count(text, text + size, '\n')));
+  for (char const* each = text; each != text + size; ++each) {
+    if (*each == '\n') result += '\r';
+    result += *each;
+  }
+  return result;
+}
+
+}  // namespace
+
+TPermanentFileWriter::TPermanentFileWriter(char const* fileName)
+    : TPermanentFileWriter(open_for_appending(CreateFileA, fileName)) {}
+
+TPermanentFileWriter::TPermanentFileWriter(wchar_t const* fileName)
+    : TPermanentFileWriter(open_for_appending(::CreateFileW, fileName)) {}
+
+TPermanentFileWriter::TPermanentFileWriter(void* opened) noexcept
+    : File(opened == INVALID_HANDLE_VALUE ? nullptr : opened) {
+  if (File) SetFilePointer(File, 0, nullptr, FILE_END);
+}
+
+TPermanentFileWriter::~TPermanentFileWriter() {
+  if (File) CloseHandle(File);
+}
+
+void TPermanentFileWriter::StreamWriteString(char const* text, unsigned __int64 size) {
+  if (!File) return;
+  auto const lines = with_carriage_returns(text, size);
+  DWORD written = 0;
+  WriteFile(File, lines.data(), static_cast<DWORD>(lines.size()), &written, nullptr);
+}

@@ -1,0 +1,68 @@
+#include "velt/debug/StreamLock.h"
+
+#include <windows.h>
+
+#include <utility>
+
+namespace velt::detail {
+namespace {
+
+// Numbers the threads. The platform's thread identifiers will not do: they are
+// used again, and a new thread would find itself the holder of what a killed
+// one left behind.
+class thread_numbers {
+public:
+  thread_numbers() noexcept : slot(TlsAlloc()) {}
+  thread_numbers(thread_numbers const&) = delete;
+  ~thread_numbers() { TlsFree(std::exchange(slot, TLS_OUT_OF_INDEXES)); }
+
+  // 0 if there is no slot. Leaves the thread's last error alone, which is what
+  // a statement may be about to write.
+  std::uintptr_t of_this_thread() noexcept {
+    DWORD const error = GetLastError();
+    auto number = reinterpret_cast<std::uintptr_t>(TlsGetValue(slot));
+    if (number == 0) number = give_number();
+    SetLastError(error);
+    return number;
+  }
+
+private:
+  std::uintptr_t give_number() noexcept {
+    auto const number = ++last;
+    return TlsSetValue(slot, reinterpret_cast<void*>(number)) ? number : 0;
+  }
+
+  DWORD slot;
+  std::atomic<std::uintptr_t> last = 0;
+};
+
+std::uintptr_t this_thread() noexcept {
+  static thread_numbers numbers;
+  return numbers.of_this_thread();
+}
+
+}  // namespace
+
+bool stream_lock::Lock(unsigned int timeout) {
+  auto const thread = this_thread();
+  if (thread != 0 && holder.load(std::memory_order_relaxed) == thread) {
+    ++depth;
+    return true;
+  }
+  if (!TMutex::Lock(timeout)) return false;
+  holder.store(thread, std::memory_order_relaxed);
+  depth = 1;
+  return true;
+}
+
+void stream_lock::Unlock() {
+  auto const thread = this_thread();
+  if (thread != 0 && holder.load(std::memory_order_relaxed) == thread) {
+    if (--depth != 0) return;
+    holder.store(0, std::memory_order_relaxed);
+  }
+  // What is not held fails here.
+  TMutex::Unlock();
+}
+
+}  // namespace velt::detail

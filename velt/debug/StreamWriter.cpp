@@ -1,0 +1,3 @@
+#include "velt/debug/StreamWriter.h"
+
+TStreamWriter::~TStreamWriter() = default;
