@@ -19,6 +19,7 @@
 #include "velt/text/Encoding.h"
 #include "velt/text/Format.h"
 #include "velt/text/Numbers.h"
+#include "velt/text/Splitting.h"
 #include "velt/text/Trim.h"
 #include "velt/time/Stopwatches.h"
 #include "velt/time/Time.h"
