@@ -1,0 +1,105 @@
+// What the tests of the debug streams do in a process of its own: the first
+// argument says what, the second is a file for the outcome.
+#include <windows.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include "velt/debug/ConsoleWriter.h"
+#include "velt/debug/DebugStream.h"
+#include "velt/debug/FileWriter.h"
+#include "velt/debug/PermanentFileWriter.h"
+
+namespace {
+
+// Writes from a static constructor and a static destructor, if a file for it is
+// named in the environment.
+struct StaticUser {
+  StaticUser() {
+    char name[MAX_PATH];
+    if (GetEnvironmentVariableA("VELT_STATIC_LOG", name, MAX_PATH) == 0) return;
+    active = true;
+    for (auto const stream : {&Debug, &Error, &Console}) {
+      stream->ChangeWriter(MakeCounted<TFileWriter>(name));
+      *stream << "constructed " << 1 << "\n";
+    }
+  }
+  ~StaticUser() {
+    if (!active) return;
+    for (auto const stream : {&Debug, &Error, &Console}) *stream << "destroyed " << 2 << "\n";
+  }
+
+  bool active = false;
+} static_user;
+
+// The rows of the console that show something, blanks behind cut off.
+void report_console(char const* file_name) {
+  HANDLE const console = GetStdHandle(STD_OUTPUT_HANDLE);
+  CONSOLE_SCREEN_BUFFER_INFO info;
+  if (!GetConsoleScreenBufferInfo(console, &info)) std::exit(2);
+  std::ofstream report(file_name, std::ios::binary);
+  for (SHORT row = 0; row < info.dwSize.Y; ++row) {
+    std::string line(static_cast<std::size_t>(info.dwSize.X), ' ');
+    DWORD count = 0;
+    ReadConsoleOutputCharacterA(console, line.data(), static_cast<DWORD>(line.size()), {0, row},
+                                &count);
+    line.erase(line.find_last_not_of(' ') + 1);
+    if (!line.empty()) report << line << '\n';
+  }
+}
+
+int write_to_console(char const* file_name) {
+  TDebugStream stream(MakeCounted<TConsoleWriter>(false));
+  stream << "gr\xF6\xDF" "e " << 1 << "\n";
+  Console << "second\n";
+  report_console(file_name);
+  return 0;
+}
+
+int write_to_console_from_threads(char const* file_name) {
+  std::vector<std::thread> threads;
+  for (int thread = 0; thread < 4; ++thread)
+    threads.emplace_back([thread] {
+      for (int statement = 0; statement < 5; ++statement)
+        Console << "<" << thread << "|" << statement << '|' << thread << "|" << true << ">\n";
+    });
+  for (auto& each : threads) each.join();
+  report_console(file_name);
+  return 0;
+}
+
+void write_for_ever(TDebugStream& stream) {
+  for (int statement = 0;; ++statement)
+    stream << "line " << statement << " of " << std::string(50, 'x') << "\n";
+}
+
+// Threads that write to a ready stream, to one of the program, which is never
+// destroyed, and that make streams of their own.
+void start_writing(char const* file_name) {
+  TDebugStream& own = *new TDebugStream(MakeCounted<TPermanentFileWriter>(file_name));
+  Debug.ChangeWriter(MakeCounted<TFileWriter>(std::string(file_name) + "2"));
+  for (auto const stream : {&own, &own, &Debug, &Debug})
+    std::thread([stream] { write_for_ever(*stream); }).detach();
+  std::thread([] {
+    for (;;) TDebugStream().AddWriter(MakeCounted<TFileWriter>("unused"));
+  }).detach();
+  Sleep(30);
+}
+
+}  // namespace
+
+int main(int count, char** arguments) {
+  if (count < 3) return 1;
+  std::string_view const task = arguments[1];
+  char const* const file_name = arguments[2];
+  if (task == "console") return write_to_console(file_name);
+  if (task == "console_threads") return write_to_console_from_threads(file_name);
+  if (task == "static") return 0;
+  if (task == "return") return start_writing(file_name), 7;
+  if (task == "exit_process") start_writing(file_name), ExitProcess(7);
+  return 1;
+}
