@@ -115,9 +115,10 @@ std::string TDebugStream::stamped(char const* text, unsigned __int64 size) {
 }
 
 // A writer may change the list itself, so it is kept alive, and its place is
-// looked at anew.
+// looked at anew. The debugger's channel, for one, changes the last error.
 void TDebugStream::send(char const* text, unsigned __int64 size) {
   TLock guard(Lock);
+  DWORD const error = GetLastError();
   auto count = Writers.size();
   for (std::size_t index = 0; index < std::min(count, Writers.size()); ++index) {
     auto const writer = Writers[index];
@@ -129,6 +130,7 @@ void TDebugStream::send(char const* text, unsigned __int64 size) {
       --count;
     }
   }
+  SetLastError(error);
 }
 
 void TDebugStream::drop(std::size_t index, SmartPtr<TStreamWriter> const& writer) {

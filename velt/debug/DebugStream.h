@@ -32,7 +32,8 @@ class TDebugStreamSession;
 // wait fails. Code that a statement calls may write to the same stream.
 //
 // A writer that throws is dropped from the stream. The other writers still get
-// the text, and the caller learns nothing.
+// the text, and the caller learns nothing. Writers leave the thread's last error
+// as it was, so that a statement can write it at its end.
 class VELT_API TDebugStream {
 public:
   // Without writers everything is swallowed. Throw ESystemException.
