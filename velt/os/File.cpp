@@ -1,0 +1,101 @@
+#include "velt/os/File.h"
+
+#include <windows.h>
+
+#include <type_traits>
+
+#include "velt/exceptions/ExceptionFamily.h"
+
+namespace {
+
+// What the two forms of a name, the constructors, CreateFileW and OpenFile have
+// in common.
+template <class Char>
+void open(void*& handle, Char const* name, DWORD access, DWORD share, DWORD disposition) {
+  auto const call = [] {
+    if constexpr (std::is_same_v<Char, char>)
+      return &::CreateFileA;
+    else
+      return &::CreateFileW;
+  }();
+  handle = call(name, access, share, nullptr, disposition, FILE_ATTRIBUTE_NORMAL, nullptr);
+  if (handle == INVALID_HANDLE_VALUE) ThrowSystemException();
+}
+
+}  // namespace
+
+TFile::TFile(char const* name, unsigned long access, unsigned long share,
+             unsigned long disposition) {
+  open(handle, name, access, share, disposition);
+}
+TFile::TFile(wchar_t const* name, unsigned long access, unsigned long share,
+             unsigned long disposition) {
+  open(handle, name, access, share, disposition);
+}
+
+void TFile::CreateFileW(char const* name, unsigned long access, unsigned long share,
+                        unsigned long disposition) {
+  open(handle, name, access, share, disposition);
+}
+void TFile::CreateFileW(wchar_t const* name, unsigned long access, unsigned long share,
+                        unsigned long disposition) {
+  open(handle, name, access, share, disposition);
+}
+
+void TFile::OpenFile(char const* name, unsigned long access, unsigned long share,
+                     unsigned long disposition) {
+  open(handle, name, access, share, disposition);
+}
+void TFile::OpenFile(wchar_t const* name, unsigned long access, unsigned long share,
+                     unsigned long disposition) {
+  open(handle, name, access, share, disposition);
+}
+
+unsigned long TFile::ReadFile(void* buffer, unsigned long size) {
+  unsigned long read;
+  ReadFile(buffer, size, read);
+  return read;
+}
+void TFile::ReadFile(void* buffer, unsigned long size, unsigned long& read) {
+  if (!::ReadFile(handle, buffer, size, &read, nullptr)) ThrowSystemException();
+}
+
+unsigned long TFile::WriteFile(void const* buffer, unsigned long size) {
+  unsigned long written;
+  WriteFile(buffer, size, written);
+  return written;
+}
+void TFile::WriteFile(void const* buffer, unsigned long size, unsigned long& written) {
+  if (!::WriteFile(handle, buffer, size, &written, nullptr)) ThrowSystemException();
+}
+
+unsigned long TFile::SetFilePointer(long distance, unsigned long method) noexcept {
+  return ::SetFilePointer(handle, distance, nullptr, method);
+}
+
+unsigned __int64 TFile::SetFilePointerEx(__int64 distance, unsigned long method) {
+  LARGE_INTEGER by, position;
+  by.QuadPart = distance;
+  if (!::SetFilePointerEx(handle, by, &position, method)) ThrowSystemException();
+  return static_cast<unsigned __int64>(position.QuadPart);
+}
+
+unsigned __int64 TFile::GetFileSize() const noexcept {
+  DWORD high = 0;
+  DWORD const low = ::GetFileSize(handle, &high);
+  return ULONGLONG{high} << 32 | low;
+}
+
+void TFile::GetFileInformation(_BY_HANDLE_FILE_INFORMATION& information) const {
+  if (!GetFileInformationByHandle(handle, &information)) ThrowSystemException();
+}
+
+_FILETIME TFile::GetLastWriteTime() const {
+  BY_HANDLE_FILE_INFORMATION information;
+  GetFileInformation(information);
+  return information.ftLastWriteTime;
+}
+
+void TFile::FlushFile() {
+  if (!FlushFileBuffers(handle)) ThrowSystemException();
+}
