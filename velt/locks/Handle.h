@@ -32,7 +32,9 @@ public:
   THandle& operator=(void* h);
   THandle& operator=(THandle const& other);
 
-  // Throws if nothing is held.
+  // Asks the platform whatever is held, so that closing twice shows: Windows
+  // refuses null and -1, and the call throws code 6. (-1 is also the platform's
+  // name for the process, which some versions let close without effect.)
   void CloseHandle();
 
   // Closes what is held, then takes `h` over. Throws, and has not taken `h` then.

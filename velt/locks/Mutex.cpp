@@ -45,7 +45,7 @@ void TMutex::ReleaseMutex() {
 bool TMutex::Lock(unsigned int timeout) { return acquired(WaitForSingleObject(timeout, TRUE)); }
 
 void TMutex::Lock() {
-  while (!Lock(INFINITE)) {
+  while (!TMutex::Lock(INFINITE)) {
   }
 }
 

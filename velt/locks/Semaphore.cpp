@@ -48,7 +48,7 @@ bool TSemaphore::Lock(unsigned int timeout) {
 }
 
 void TSemaphore::Lock() {
-  while (!Lock(INFINITE)) {
+  while (!TSemaphore::Lock(INFINITE)) {
   }
 }
 
