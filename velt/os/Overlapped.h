@@ -46,7 +46,8 @@ public:
 
   // Start an operation, which may have ended on return: HasIoCompleted and
   // GetOverlappedResult tell. The count is what it moved so far, so 0 for one
-  // that still runs. Reading at the end of the file throws, code 38.
+  // that still runs. What fails at once throws here, the rest when its result is
+  // asked for; so does, unlike in TFile, reading at the end of the file: code 38.
   unsigned long ReadFile(void* buffer, unsigned long size);
   void ReadFile(void* buffer, unsigned long size, unsigned long& read);
   unsigned long WriteFile(void const* buffer, unsigned long size);
