@@ -1,0 +1,123 @@
+// Named kernel objects, with the helper program as the other process.
+#include <gtest/gtest.h>
+#include <windows.h>
+
+#include <string>
+
+#include "velt/locks/Event.h"
+#include "velt/locks/Mutex.h"
+#include "velt/locks/Semaphore.h"
+#include "velt/locks/WaitableTimer.h"
+
+namespace {
+
+constexpr unsigned limit = 20'000;
+
+// The helper, at work on objects with the names given.
+class Helper {
+public:
+  explicit Helper(std::string const& arguments) {
+    std::string line = "\"" + program() + "\" " + arguments;
+    STARTUPINFOA startup = {};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION information;
+    if (!CreateProcessA(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
+                        &startup, &information))
+      return;
+    CloseHandle(information.hThread);
+    process.AttachHandle(information.hProcess);
+  }
+  ~Helper() noexcept(false) {
+    if (process.IsValidHandle()) kill();
+  }
+
+  void kill() {
+    TerminateProcess(process, 0xDEAD);
+    WaitForSingleObject(process, limit);
+  }
+
+  DWORD exit_code() const {
+    DWORD code = STILL_ACTIVE;
+    WaitForSingleObject(process, limit);
+    GetExitCodeProcess(process, &code);
+    return code;
+  }
+
+private:
+  static std::string program() {
+    char path[MAX_PATH];
+    GetModuleFileNameA(nullptr, path, MAX_PATH);
+    std::string const folder = path;
+    return folder.substr(0, folder.rfind('\\')) + "\\locks_helper.exe";
+  }
+
+  THandle process;
+};
+
+std::string unique(char const* what) {
+  return std::string("velt-two-") + what + "-" + std::to_string(GetCurrentProcessId());
+}
+
+// The helper owns the mutex when this returns.
+void wait_until_owned(TMutex& mutex, TEvent const& ready) {
+  ASSERT_TRUE(ready.Signaled(limit));
+  ASSERT_FALSE(mutex.Lock(0));
+}
+
+}  // namespace
+
+TEST(KernelObjectsOfTwoProcesses, EventAndSemaphoreAreSeenFromBothSides) {
+  TEvent question(unique("event").c_str(), false, false);
+  TSemaphore answers(unique("semaphore").c_str(), 3, 0);
+  Helper helper("answer " + unique("event") + " " + unique("semaphore"));
+  EXPECT_FALSE(answers.Lock(50));
+  question.Set();
+  EXPECT_TRUE(answers.Lock(limit));
+  EXPECT_EQ(helper.exit_code(), 0u);
+}
+
+TEST(KernelObjectsOfTwoProcesses, TimerSetHereEndsTheWaitThere) {
+  TWaitableTimer timer(unique("timer").c_str(), true);
+  Helper helper("wait " + unique("timer"));
+  timer.SetTimer(10, 0);
+  EXPECT_EQ(helper.exit_code(), 0u);
+}
+
+TEST(KernelObjectsOfTwoProcesses, UnknownNameFailsThereToo) {
+  Helper helper("wait " + unique("nobody"));
+  EXPECT_EQ(helper.exit_code(), DWORD{ERROR_INVALID_HANDLE}) << "an unopened timer is not noticed";
+  Helper other("own " + unique("nobody") + " " + unique("nobody"));
+  EXPECT_EQ(other.exit_code(), DWORD{ERROR_FILE_NOT_FOUND});
+}
+
+TEST(KernelObjectsOfTwoProcesses, MutexOfAKilledOwnerIsAcquiredWithALimit) {
+  TMutex mutex(unique("mutex").c_str());
+  TEvent ready(unique("ready").c_str(), false, false);
+  Helper helper("own " + unique("mutex") + " " + unique("ready"));
+  wait_until_owned(mutex, ready);
+  helper.kill();
+  EXPECT_TRUE(mutex.Lock(limit));
+  mutex.Unlock();
+}
+
+TEST(KernelObjectsOfTwoProcesses, MutexOfAKilledOwnerIsAcquiredWithoutLimit) {
+  TMutex mutex(unique("mutex").c_str());
+  TEvent ready(unique("ready").c_str(), false, false);
+  Helper helper("own " + unique("mutex") + " " + unique("ready"));
+  wait_until_owned(mutex, ready);
+  helper.kill();
+  mutex.Lock();
+  mutex.Unlock();
+}
+
+TEST(KernelObjectsOfTwoProcesses, PlatformSaysAbandonedOnce) {
+  TMutex mutex(unique("mutex").c_str());
+  TEvent ready(unique("ready").c_str(), false, false);
+  Helper helper("own " + unique("mutex") + " " + unique("ready"));
+  wait_until_owned(mutex, ready);
+  helper.kill();
+  EXPECT_EQ(mutex.WaitForSingleObject(limit, FALSE), 128u);
+  EXPECT_EQ(mutex.WaitForSingleObject(limit, FALSE), 0u);
+  mutex.Unlock();
+  mutex.Unlock();
+}

@@ -1,0 +1,519 @@
+// Built with the sources of the kernel objects in the program itself, so that
+// the platform's calls can be replaced at link time: every one is written down
+// with its arguments, and can be made to fail. Three tables name every operation
+// with the call that it makes; the tests run them once as they are and once with
+// that call failing.
+#include <gtest/gtest.h>
+#include <windows.h>
+
+#include <new>
+#include <optional>
+#include <span>
+#include <string>
+#include <type_traits>
+
+#include "tests/support/OpenHandles.h"
+#include "tests/support/SystemCode.h"
+#include "velt/locks/Event.h"
+#include "velt/locks/Handle.h"
+#include "velt/locks/Mutex.h"
+#include "velt/locks/Semaphore.h"
+#include "velt/locks/WaitableTimer.h"
+
+using velt_test::open_handles;
+using velt_test::system_code;
+
+namespace {
+
+constexpr int injected_code = 1234;
+
+// The calls made while it lives, and the one that is to fail.
+class Watch {
+public:
+  // `call`: the name of the one to fail; `instead`: in place of its usual answer
+  // to failure.
+  explicit Watch(std::string const& call = "", std::optional<void*> instead = {})
+      : failing(call), answer(instead) {
+    current = this;
+  }
+  ~Watch() { current = nullptr; }
+
+  std::string calls;
+  std::string failing;
+  std::optional<void*> answer;
+
+  static inline Watch* current = nullptr;
+};
+
+// Unlike that of a process that tests the same at the same time.
+std::string const name = "velt-calls-" + std::to_string(GetCurrentProcessId());
+std::wstring const wide_name(name.begin(), name.end());
+
+bool is_security_as_made(SECURITY_ATTRIBUTES const& attributes,
+                         SECURITY_DESCRIPTOR_CONTROL control) {
+  auto const descriptor = static_cast<SECURITY_DESCRIPTOR const*>(attributes.lpSecurityDescriptor);
+  return attributes.nLength == 24 && !attributes.bInheritHandle && descriptor->Revision == 1 &&
+         descriptor->Control == control && !descriptor->Dacl && !descriptor->Owner;
+}
+
+std::string text(SECURITY_ATTRIBUTES const* attributes) {
+  if (!attributes) return "none";
+  if (is_security_as_made(*attributes, 0)) return "default access";
+  if (is_security_as_made(*attributes, SE_DACL_PRESENT)) return "open access";
+  return "unknown security";
+}
+std::string text(char const* text) {
+  return !text ? "none" : text == name ? "name" : "unknown name";
+}
+std::string text(wchar_t const* text) {
+  return !text ? "none" : text == wide_name ? "wide name" : "unknown name";
+}
+std::string text(LARGE_INTEGER const* due) { return std::to_string(due->QuadPart); }
+std::string text(void* handle) {
+  return handle == GetCurrentProcess() ? "process" : handle ? "handle" : "none";
+}
+std::string text(void** out) { return out ? "out" : "none"; }
+std::string text(LONG* out) { return out ? "out" : "none"; }
+std::string text(PTIMERAPCROUTINE routine) { return routine ? "routine" : "none"; }
+template <class Number>
+  requires std::is_integral_v<Number>
+std::string text(Number number) {
+  return std::to_string(number);
+}
+
+template <class Answer>
+Answer fail(Watch const& watch) {
+  SetLastError(injected_code);
+  if constexpr (std::is_same_v<Answer, HANDLE>)
+    return watch.answer.value_or(nullptr);
+  else if constexpr (std::is_same_v<Answer, DWORD>)
+    return WAIT_FAILED;
+  else
+    return FALSE;
+}
+
+template <class Answer, class... Parameters>
+Answer watched(char const* call, Answer(WINAPI* real)(Parameters...), Parameters... arguments) {
+  Watch* const watch = Watch::current;
+  if (!watch) return real(arguments...);
+  std::string list;
+  ((list += (list.empty() ? "" : ", ") + text(arguments)), ...);
+  watch->calls += call + ("(" + list + ")");
+  return watch->failing == call ? fail<Answer>(*watch) : real(arguments...);
+}
+
+template <class Function>
+struct call_of;
+template <class Answer, class... Parameters>
+struct call_of<Answer(WINAPI*)(Parameters...)> {
+  template <auto const& call, auto& real>
+  static Answer WINAPI replacement(Parameters... arguments) {
+    return watched<Answer, Parameters...>(call, real, arguments...);
+  }
+};
+
+}  // namespace
+
+// One for each --wrap option in CMakeLists.txt.
+#define VELT_WATCH(CALL)                                                            \
+  extern "C" decltype(&CALL) __real___imp_##CALL;                                   \
+  static constexpr char name_of_##CALL[] = #CALL;                                   \
+  extern "C" decltype(&CALL) __wrap___imp_##CALL;                                   \
+  decltype(&CALL) __wrap___imp_##CALL =                                             \
+      call_of<decltype(&CALL)>::replacement<name_of_##CALL, __real___imp_##CALL>;
+
+VELT_WATCH(CancelWaitableTimer)
+VELT_WATCH(CloseHandle)
+VELT_WATCH(CreateEventA)
+VELT_WATCH(CreateEventW)
+VELT_WATCH(CreateMutexA)
+VELT_WATCH(CreateMutexW)
+VELT_WATCH(CreateSemaphoreA)
+VELT_WATCH(CreateSemaphoreW)
+VELT_WATCH(CreateWaitableTimerA)
+VELT_WATCH(CreateWaitableTimerW)
+VELT_WATCH(DuplicateHandle)
+VELT_WATCH(OpenEventA)
+VELT_WATCH(OpenEventW)
+VELT_WATCH(OpenMutexA)
+VELT_WATCH(OpenMutexW)
+VELT_WATCH(OpenSemaphoreA)
+VELT_WATCH(OpenSemaphoreW)
+VELT_WATCH(OpenWaitableTimerA)
+VELT_WATCH(OpenWaitableTimerW)
+VELT_WATCH(PulseEvent)
+VELT_WATCH(ReleaseMutex)
+VELT_WATCH(ReleaseSemaphore)
+VELT_WATCH(ResetEvent)
+VELT_WATCH(SetEvent)
+VELT_WATCH(SetWaitableTimer)
+VELT_WATCH(WaitForSingleObjectEx)
+
+namespace {
+
+std::string call_name(std::string const& call) { return call.substr(0, call.find('(')); }
+
+void* const none = INVALID_HANDLE_VALUE;
+
+// Operations that make a new object out of nothing.
+struct Construction {
+  char const* call;
+  void (*run)();
+};
+
+Construction const constructions[] = {
+    {"CreateMutexW(none, 0, none)", [] { TMutex(); }},
+    {"CreateMutexA(default access, 0, name)", [] { TMutex(name.c_str()); }},
+    {"CreateMutexW(default access, 0, wide name)", [] { TMutex(wide_name.c_str()); }},
+    {"CreateSemaphoreW(none, 3, 3, none)", [] { TSemaphore(3); }},
+    {"CreateSemaphoreW(none, 1, 3, none)", [] { TSemaphore(3, 1); }},
+    {"CreateSemaphoreA(default access, 1, 3, name)", [] { TSemaphore(name.c_str(), 3, 1); }},
+    {"CreateSemaphoreW(default access, 1, 3, wide name)",
+     [] { TSemaphore(wide_name.c_str(), 3, 1); }},
+    {"CreateEventW(none, 1, 0, none)", [] { TEvent(); }},
+    {"CreateEventW(none, 0, 1, none)", [] { TEvent(false, true); }},
+    {"CreateEventA(open access, 0, 1, name)", [] { TEvent(name.c_str(), false, true); }},
+    {"CreateEventW(open access, 1, 0, wide name)",
+     [] { TEvent(wide_name.c_str(), true, false); }},
+};
+
+// Creation of timers, which does not notice failure.
+Construction const timer_constructions[] = {
+    {"CreateWaitableTimerW(none, 1, none)", [] { TWaitableTimer(); }},
+    {"CreateWaitableTimerW(none, 0, none)", [] { TWaitableTimer(false); }},
+    {"CreateWaitableTimerA(default access, 0, name)",
+     [] { TWaitableTimer(name.c_str(), false); }},
+    {"CreateWaitableTimerW(default access, 1, wide name)",
+     [] { TWaitableTimer(wide_name.c_str(), true); }},
+};
+
+// Operations of a class: what they are run on is made by `subject`.
+template <class Object>
+struct Operation {
+  char const* call;
+  void (*run)(Object&);
+};
+
+Operation<TMutex> const mutex_makers[] = {
+    {"CreateMutexW(none, 1, none)", [](TMutex& m) { m.CreateMutexW(true); }},
+    {"CreateMutexA(default access, 1, name)",
+     [](TMutex& m) { m.CreateMutexW(name.c_str(), true); }},
+    {"CreateMutexW(default access, 0, wide name)",
+     [](TMutex& m) { m.CreateMutexW(wide_name.c_str(), false); }},
+    {"OpenMutexA(1048576, 0, name)", [](TMutex& m) { m.OpenMutexW(name.c_str(), SYNCHRONIZE); }},
+    {"OpenMutexW(1048576, 0, wide name)",
+     [](TMutex& m) { m.OpenMutexW(wide_name.c_str(), SYNCHRONIZE); }},
+};
+Operation<TSemaphore> const semaphore_makers[] = {
+    {"CreateSemaphoreW(none, 1, 3, none)", [](TSemaphore& s) { s.CreateSemaphoreW(3, 1); }},
+    {"CreateSemaphoreA(default access, 1, 3, name)",
+     [](TSemaphore& s) { s.CreateSemaphoreW(3, 1, name.c_str()); }},
+    {"CreateSemaphoreW(default access, 1, 3, wide name)",
+     [](TSemaphore& s) { s.CreateSemaphoreW(3, 1, wide_name.c_str()); }},
+    {"OpenSemaphoreA(1048576, 0, name)",
+     [](TSemaphore& s) { s.OpenSemaphoreW(name.c_str(), SYNCHRONIZE); }},
+    {"OpenSemaphoreW(1048576, 0, wide name)",
+     [](TSemaphore& s) { s.OpenSemaphoreW(wide_name.c_str(), SYNCHRONIZE); }},
+};
+Operation<TEvent> const event_makers[] = {
+    {"CreateEventW(none, 0, 1, none)", [](TEvent& e) { e.CreateEventW(false, true); }},
+    {"CreateEventA(open access, 0, 1, name)",
+     [](TEvent& e) { e.CreateEventW(false, true, name.c_str()); }},
+    {"CreateEventW(open access, 1, 0, wide name)",
+     [](TEvent& e) { e.CreateEventW(true, false, wide_name.c_str()); }},
+    {"OpenEventA(1048576, 0, name)", [](TEvent& e) { e.OpenEventW(name.c_str(), SYNCHRONIZE); }},
+    {"OpenEventW(1048576, 0, wide name)",
+     [](TEvent& e) { e.OpenEventW(wide_name.c_str(), SYNCHRONIZE); }},
+};
+Operation<TWaitableTimer> const timer_makers[] = {
+    {"CreateWaitableTimerW(none, 0, none)", [](TWaitableTimer& t) { t.CreateTimer(false); }},
+    {"CreateWaitableTimerA(default access, 1, name)",
+     [](TWaitableTimer& t) { t.CreateTimer(name.c_str(), true); }},
+    {"CreateWaitableTimerW(default access, 0, wide name)",
+     [](TWaitableTimer& t) { t.CreateTimer(wide_name.c_str(), false); }},
+    {"OpenWaitableTimerA(1048576, 0, name)",
+     [](TWaitableTimer& t) { t.OpenTimer(name.c_str(), SYNCHRONIZE); }},
+    {"OpenWaitableTimerW(1048576, 0, wide name)",
+     [](TWaitableTimer& t) { t.OpenTimer(wide_name.c_str(), SYNCHRONIZE); }},
+};
+
+// On mutexes that the caller owns, so that they can be released.
+Operation<TMutex> const mutex_uses[] = {
+    {"ReleaseMutex(handle)", [](TMutex& m) { m.ReleaseMutex(); }},
+    {"ReleaseMutex(handle)", [](TMutex& m) { m.Unlock(); }},
+    {"WaitForSingleObjectEx(handle, 7, 1)", [](TMutex& m) { m.Lock(7); }},
+    {"WaitForSingleObjectEx(handle, 4294967295, 1)", [](TMutex& m) { m.Lock(); }},
+    {"WaitForSingleObjectEx(handle, 5, 0)", [](TMutex& m) { m.WaitForSingleObject(5, FALSE); }},
+    {"CloseHandle(handle)", [](TMutex& m) { m.CloseHandle(); }},
+};
+Operation<TSemaphore> const semaphore_uses[] = {
+    {"ReleaseSemaphore(handle, 2, out)", [](TSemaphore& s) { s.ReleaseSemaphore(2); }},
+    {"ReleaseSemaphore(handle, 1, out)", [](TSemaphore& s) { s.Unlock(); }},
+    {"WaitForSingleObjectEx(handle, 7, 1)", [](TSemaphore& s) { s.Lock(7); }},
+    {"WaitForSingleObjectEx(handle, 4294967295, 1)", [](TSemaphore& s) { s.Lock(); }},
+};
+Operation<TEvent> const event_uses[] = {
+    {"SetEvent(handle)", [](TEvent& e) { e.SetEvent(); }},
+    {"SetEvent(handle)", [](TEvent& e) { e.Set(); }},
+    {"ResetEvent(handle)", [](TEvent& e) { e.ResetEvent(); }},
+    {"ResetEvent(handle)", [](TEvent& e) { e.Reset(); }},
+    {"PulseEvent(handle)", [](TEvent& e) { e.PulseEvent(); }},
+    {"PulseEvent(handle)", [](TEvent& e) { e.Pulse(); }},
+    {"WaitForSingleObjectEx(handle, 7, 1)", [](TEvent& e) { e.Signaled(7); }},
+    {"WaitForSingleObjectEx(handle, 4294967295, 1)", [](TEvent& e) { e.WaitForSignal(); }},
+};
+Operation<TWaitableTimer> const timer_uses[] = {
+    {"SetWaitableTimer(handle, 0, 0, none, none, 0)", [](TWaitableTimer& t) { t.SetTimer(0, 0); }},
+    {"SetWaitableTimer(handle, -42949672950000, 9, none, none, 0)",
+     [](TWaitableTimer& t) { t.Set(0xFFFFFFFF, 9); }},
+    {"SetWaitableTimer(handle, 8589934593, 0, none, none, 0)",
+     [](TWaitableTimer& t) { t.SetTimer(FILETIME{1, 2}); }},
+    {"SetWaitableTimer(handle, -1, 0, none, none, 0)",
+     [](TWaitableTimer& t) { t.Set(FILETIME{0xFFFFFFFF, 0xFFFFFFFF}); }},
+    {"CancelWaitableTimer(handle)", [](TWaitableTimer& t) { t.CancelTimer(); }},
+    {"CancelWaitableTimer(handle)", [](TWaitableTimer& t) { t.Cancel(); }},
+};
+
+#define DUPLICATION "DuplicateHandle(process, handle, process, out, 0, 0, 2)"
+
+// Each runs the operation on an object of its own and expects the one call.
+template <class Object, std::size_t count>
+void expect_calls(Operation<Object> const (&operations)[count], Object (*subject)()) {
+  for (auto const& [call, run] : operations) {
+    Object object(subject());
+    Watch watch;
+    run(object);
+    EXPECT_EQ(watch.calls, call);
+  }
+}
+
+// Each throws the platform's code when the call fails, leaves the field as said
+// (null, or what it was) and loses no handle.
+enum class after_failure { null, unchanged };
+
+template <class Object, std::size_t count>
+void expect_failures(Operation<Object> const (&operations)[count], Object (*subject)(),
+                     after_failure field) {
+  for (auto const& [call, run] : operations) {
+    SCOPED_TRACE(call);
+    long const before = open_handles();
+    {
+      Object object(subject());
+      void* const held = object;
+      {
+        Watch watch(call_name(call));
+        EXPECT_EQ(system_code([&] { run(object); }), injected_code);
+        EXPECT_EQ(watch.calls, call);
+      }
+      EXPECT_EQ(static_cast<void*>(object), field == after_failure::null ? nullptr : held);
+    }
+    EXPECT_EQ(open_handles(), before);
+  }
+}
+
+template <class Object>
+Object nothing() {
+  return Object(DoNotInitialize);
+}
+
+TMutex owned_mutex() {
+  TMutex result(DoNotInitialize);
+  result.CreateMutexW(true);
+  return result;
+}
+TSemaphore half_full_semaphore() { return TSemaphore(4, 2); }
+TEvent signalled_event() { return TEvent(true, true); }
+TWaitableTimer timer() { return TWaitableTimer(); }
+
+// The first throw and the first named object open handles for good.
+struct PlatformCalls : ::testing::Test {
+  static void SetUpTestSuite() {
+    Watch watch("CreateMutexW");
+    system_code([] { TMutex(); });
+    TEvent named(name.c_str());
+    ASSERT_GT(open_handles(), 0) << "handles cannot be counted here";
+  }
+};
+
+}  // namespace
+
+TEST_F(PlatformCalls, ConstructorsMakeOneAndCloseItAgain) {
+  for (auto const& table : {std::span<Construction const>(constructions),
+                            std::span<Construction const>(timer_constructions)})
+    for (auto const& [call, run] : table) {
+      long const before = open_handles();
+      Watch watch;
+      run();
+      EXPECT_EQ(watch.calls, call + std::string("CloseHandle(handle)"));
+      EXPECT_EQ(open_handles(), before) << call;
+    }
+}
+
+TEST_F(PlatformCalls, FailedConstructorsThrowAndLeaveNothing) {
+  for (auto const& [call, run] : constructions) {
+    long const before = open_handles();
+    Watch watch(call_name(call));
+    EXPECT_EQ(system_code(run), injected_code) << call;
+    EXPECT_EQ(watch.calls, call);
+    EXPECT_EQ(open_handles(), before) << call;
+  }
+}
+
+TEST_F(PlatformCalls, MakersOverwriteWhatIsHeld) {
+  {
+    TMutex existing(name.c_str());
+    expect_calls(mutex_makers, nothing<TMutex>);
+  }
+  {
+    TSemaphore existing(name.c_str(), 3, 1);
+    expect_calls(semaphore_makers, nothing<TSemaphore>);
+  }
+  {
+    TEvent existing(name.c_str(), true, false);
+    expect_calls(event_makers, nothing<TEvent>);
+  }
+  TWaitableTimer existing(name.c_str(), true);
+  expect_calls(timer_makers, nothing<TWaitableTimer>);
+
+  TEvent event;
+  void* const lost = event;
+  event.CreateEventW(true, false);
+  EXPECT_TRUE(CloseHandle(lost)) << "was closed by CreateEventW";
+}
+
+TEST_F(PlatformCalls, FailedMakersThrowAndHoldNull) {
+  expect_failures(mutex_makers, nothing<TMutex>, after_failure::null);
+  expect_failures(semaphore_makers, nothing<TSemaphore>, after_failure::null);
+  expect_failures(event_makers, nothing<TEvent>, after_failure::null);
+}
+
+TEST_F(PlatformCalls, FailedMakersOfTimersHoldNullInSilence) {
+  for (auto const& [call, run] : timer_constructions) {
+    Watch watch(call_name(call));
+    EXPECT_NO_THROW(run());
+    EXPECT_EQ(watch.calls, call);
+  }
+  for (auto const& [call, run] : timer_makers) {
+    TWaitableTimer timer(DoNotInitialize);
+    {
+      Watch watch(call_name(call));
+      EXPECT_NO_THROW(run(timer)) << call;
+    }
+    EXPECT_EQ(static_cast<void*>(timer), nullptr) << call;
+    EXPECT_FALSE(timer.IsValidHandle());
+    EXPECT_EQ(system_code([&] { timer.SetTimer(1, 0); }), ERROR_INVALID_HANDLE);
+  }
+}
+
+TEST_F(PlatformCalls, TimersNoticeTheInvalidHandle) {
+  for (auto const& [call, run] : timer_makers) {
+    TWaitableTimer timer(DoNotInitialize);
+    Watch watch(call_name(call), none);
+    EXPECT_EQ(system_code([&] { run(timer); }), injected_code) << call;
+    EXPECT_EQ(static_cast<void*>(timer), none) << call;
+  }
+}
+
+TEST_F(PlatformCalls, OperationsAreOneCallEach) {
+  expect_calls(mutex_uses, owned_mutex);
+  expect_calls(semaphore_uses, half_full_semaphore);
+  expect_calls(event_uses, signalled_event);
+  expect_calls(timer_uses, timer);
+}
+
+TEST_F(PlatformCalls, FailedOperationsThrowAndKeepTheHandle) {
+  expect_failures(mutex_uses, owned_mutex, after_failure::unchanged);
+  expect_failures(semaphore_uses, half_full_semaphore, after_failure::unchanged);
+  expect_failures(event_uses, signalled_event, after_failure::unchanged);
+  expect_failures(timer_uses, timer, after_failure::unchanged);
+}
+
+TEST_F(PlatformCalls, NoHandleMeansNoCall) {
+  Watch watch;
+  {
+    THandle nothing;
+    THandle copy(nothing), null(nullptr), raw(none);
+    copy = null;
+    null = nothing;
+    raw.AttachHandle(nullptr);
+    TMutex mutex(DoNotInitialize);
+    TSemaphore semaphore(DoNotInitialize);
+    TEvent event(DoNotInitialize);
+    TWaitableTimer timer(DoNotInitialize);
+  }
+  EXPECT_EQ(watch.calls, "");
+}
+
+TEST_F(PlatformCalls, CopiesDuplicateAndAssignmentClosesFirst) {
+  TEvent event;
+  void* const raw = event;
+  {
+    Watch watch;
+    THandle copy(event), shared(raw);
+    EXPECT_EQ(watch.calls, DUPLICATION DUPLICATION);
+    watch.calls.clear();
+    copy = shared;
+    EXPECT_EQ(watch.calls, "CloseHandle(handle)" DUPLICATION);
+    watch.calls.clear();
+    copy = raw;
+    EXPECT_EQ(watch.calls, "CloseHandle(handle)" DUPLICATION);
+    watch.calls.clear();
+    copy = THandle();
+    EXPECT_EQ(watch.calls, "CloseHandle(handle)");
+  }
+}
+
+TEST_F(PlatformCalls, FailedDuplicationThrowsAndLeavesNothingHeld) {
+  TEvent event;
+  TEvent target;
+  void* const raw = event;
+  long const before = open_handles();
+  {
+    Watch watch("DuplicateHandle");
+    EXPECT_EQ(system_code([&] { THandle copy(event); }), injected_code);
+    EXPECT_EQ(system_code([&] { THandle copy(raw); }), injected_code);
+    EXPECT_EQ(system_code([&] { TEvent copy(event); }), injected_code);
+    EXPECT_EQ(system_code([&] { target = event; }), injected_code);
+  }
+  EXPECT_EQ(static_cast<void*>(target), none);
+  EXPECT_EQ(open_handles(), before - 1);
+}
+
+TEST_F(PlatformCalls, FailedCloseThrowsAndKeepsTheHandle) {
+  TEvent other;
+  TEvent event;
+  void* const raw = event;
+  {
+    Watch watch("CloseHandle");
+    EXPECT_EQ(system_code([&] { event.CloseHandle(); }), injected_code);
+    EXPECT_EQ(system_code([&] { event.AttachHandle(other); }), injected_code);
+    EXPECT_EQ(system_code([&] { event = other; }), injected_code);
+    EXPECT_EQ(system_code([&] { static_cast<THandle&>(event) = nullptr; }), injected_code);
+    EXPECT_EQ(watch.calls.find("DuplicateHandle"), std::string::npos);
+  }
+  EXPECT_EQ(static_cast<void*>(event), raw);
+}
+
+// The handle stays open, since the platform refused; the test closes it.
+template <class Object>
+void expect_throwing_destructor() {
+  alignas(Object) unsigned char place[sizeof(Object)];
+  auto const object = new (place) Object(DoNotInitialize);
+  void* const raw = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  object->AttachHandle(raw);
+  {
+    Watch watch("CloseHandle");
+    EXPECT_EQ(system_code([&] { object->~Object(); }), injected_code);
+    EXPECT_EQ(watch.calls, "CloseHandle(handle)");
+  }
+  EXPECT_TRUE(CloseHandle(raw));
+}
+
+TEST_F(PlatformCalls, DestructorsThrowWhenTheCloseFails) {
+  long const before = open_handles();
+  expect_throwing_destructor<TMutex>();
+  expect_throwing_destructor<TSemaphore>();
+  expect_throwing_destructor<TEvent>();
+  expect_throwing_destructor<TWaitableTimer>();
+  EXPECT_EQ(open_handles(), before);
+}
