@@ -1,18 +1,15 @@
-// Built with the sources of the kernel objects in the program itself, so that
-// the platform's calls can be replaced at link time: every one is written down
-// with its arguments, and can be made to fail. Three tables name every operation
-// with the call that it makes; the tests run them once as they are and once with
+// The kernel objects by the platform calls that they make. Tables name every
+// operation with its call; the tests run them once as they are and once with
 // that call failing.
 #include <gtest/gtest.h>
 #include <windows.h>
 
 #include <new>
-#include <optional>
 #include <span>
 #include <string>
-#include <type_traits>
 
 #include "tests/support/OpenHandles.h"
+#include "tests/support/PlatformCalls.h"
 #include "tests/support/SystemCode.h"
 #include "velt/locks/Event.h"
 #include "velt/locks/Handle.h"
@@ -20,107 +17,7 @@
 #include "velt/locks/Semaphore.h"
 #include "velt/locks/WaitableTimer.h"
 
-using velt_test::open_handles;
-using velt_test::system_code;
-
-namespace {
-
-constexpr int injected_code = 1234;
-
-// The calls made while it lives, and the one that is to fail.
-class Watch {
-public:
-  // `call`: the name of the one to fail; `instead`: in place of its usual answer
-  // to failure.
-  explicit Watch(std::string const& call = "", std::optional<void*> instead = {})
-      : failing(call), answer(instead) {
-    current = this;
-  }
-  ~Watch() { current = nullptr; }
-
-  std::string calls;
-  std::string failing;
-  std::optional<void*> answer;
-
-  static inline Watch* current = nullptr;
-};
-
-// Unlike that of a process that tests the same at the same time.
-std::string const name = "velt-calls-" + std::to_string(GetCurrentProcessId());
-std::wstring const wide_name(name.begin(), name.end());
-
-bool is_security_as_made(SECURITY_ATTRIBUTES const& attributes,
-                         SECURITY_DESCRIPTOR_CONTROL control) {
-  auto const descriptor = static_cast<SECURITY_DESCRIPTOR const*>(attributes.lpSecurityDescriptor);
-  return attributes.nLength == 24 && !attributes.bInheritHandle && descriptor->Revision == 1 &&
-         descriptor->Control == control && !descriptor->Dacl && !descriptor->Owner;
-}
-
-std::string text(SECURITY_ATTRIBUTES const* attributes) {
-  if (!attributes) return "none";
-  if (is_security_as_made(*attributes, 0)) return "default access";
-  if (is_security_as_made(*attributes, SE_DACL_PRESENT)) return "open access";
-  return "unknown security";
-}
-std::string text(char const* text) {
-  return !text ? "none" : text == name ? "name" : "unknown name";
-}
-std::string text(wchar_t const* text) {
-  return !text ? "none" : text == wide_name ? "wide name" : "unknown name";
-}
-std::string text(LARGE_INTEGER const* due) { return std::to_string(due->QuadPart); }
-std::string text(void* handle) {
-  return handle == GetCurrentProcess() ? "process" : handle ? "handle" : "none";
-}
-std::string text(void** out) { return out ? "out" : "none"; }
-std::string text(LONG* out) { return out ? "out" : "none"; }
-std::string text(PTIMERAPCROUTINE routine) { return routine ? "routine" : "none"; }
-template <class Number>
-  requires std::is_integral_v<Number>
-std::string text(Number number) {
-  return std::to_string(number);
-}
-
-template <class Answer>
-Answer fail(Watch const& watch) {
-  SetLastError(injected_code);
-  if constexpr (std::is_same_v<Answer, HANDLE>)
-    return watch.answer.value_or(nullptr);
-  else if constexpr (std::is_same_v<Answer, DWORD>)
-    return WAIT_FAILED;
-  else
-    return FALSE;
-}
-
-template <class Answer, class... Parameters>
-Answer watched(char const* call, Answer(WINAPI* real)(Parameters...), Parameters... arguments) {
-  Watch* const watch = Watch::current;
-  if (!watch) return real(arguments...);
-  std::string list;
-  ((list += (list.empty() ? "" : ", ") + text(arguments)), ...);
-  watch->calls += call + ("(" + list + ")");
-  return watch->failing == call ? fail<Answer>(*watch) : real(arguments...);
-}
-
-template <class Function>
-struct call_of;
-template <class Answer, class... Parameters>
-struct call_of<Answer(WINAPI*)(Parameters...)> {
-  template <auto const& call, auto& real>
-  static Answer WINAPI replacement(Parameters... arguments) {
-    return watched<Answer, Parameters...>(call, real, arguments...);
-  }
-};
-
-}  // namespace
-
-// One for each --wrap option in CMakeLists.txt.
-#define VELT_WATCH(CALL)                                                            \
-  extern "C" decltype(&CALL) __real___imp_##CALL;                                   \
-  static constexpr char name_of_##CALL[] = #CALL;                                   \
-  extern "C" decltype(&CALL) __wrap___imp_##CALL;                                   \
-  decltype(&CALL) __wrap___imp_##CALL =                                             \
-      call_of<decltype(&CALL)>::replacement<name_of_##CALL, __real___imp_##CALL>;
+using namespace velt_test;
 
 VELT_WATCH(CancelWaitableTimer)
 VELT_WATCH(CloseHandle)
@@ -151,16 +48,6 @@ VELT_WATCH(WaitForSingleObjectEx)
 
 namespace {
 
-std::string call_name(std::string const& call) { return call.substr(0, call.find('(')); }
-
-void* const none = INVALID_HANDLE_VALUE;
-
-// Operations that make a new object out of nothing.
-struct Construction {
-  char const* call;
-  void (*run)();
-};
-
 Construction const constructions[] = {
     {"CreateMutexW(none, 0, none)", [] { TMutex(); }},
     {"CreateMutexA(default access, 0, name)", [] { TMutex(name.c_str()); }},
@@ -185,13 +72,6 @@ Construction const timer_constructions[] = {
      [] { TWaitableTimer(name.c_str(), false); }},
     {"CreateWaitableTimerW(default access, 1, wide name)",
      [] { TWaitableTimer(wide_name.c_str(), true); }},
-};
-
-// Operations of a class: what they are run on is made by `subject`.
-template <class Object>
-struct Operation {
-  char const* call;
-  void (*run)(Object&);
 };
 
 Operation<TMutex> const mutex_makers[] = {
@@ -275,46 +155,6 @@ Operation<TWaitableTimer> const timer_uses[] = {
 };
 
 #define DUPLICATION "DuplicateHandle(process, handle, process, out, 0, 0, 2)"
-
-// Each runs the operation on an object of its own and expects the one call.
-template <class Object, std::size_t count>
-void expect_calls(Operation<Object> const (&operations)[count], Object (*subject)()) {
-  for (auto const& [call, run] : operations) {
-    Object object(subject());
-    Watch watch;
-    run(object);
-    EXPECT_EQ(watch.calls, call);
-  }
-}
-
-// Each throws the platform's code when the call fails, leaves the field as said
-// (null, or what it was) and loses no handle.
-enum class after_failure { null, unchanged };
-
-template <class Object, std::size_t count>
-void expect_failures(Operation<Object> const (&operations)[count], Object (*subject)(),
-                     after_failure field) {
-  for (auto const& [call, run] : operations) {
-    SCOPED_TRACE(call);
-    long const before = open_handles();
-    {
-      Object object(subject());
-      void* const held = object;
-      {
-        Watch watch(call_name(call));
-        EXPECT_EQ(system_code([&] { run(object); }), injected_code);
-        EXPECT_EQ(watch.calls, call);
-      }
-      EXPECT_EQ(static_cast<void*>(object), field == after_failure::null ? nullptr : held);
-    }
-    EXPECT_EQ(open_handles(), before);
-  }
-}
-
-template <class Object>
-Object nothing() {
-  return Object(DoNotInitialize);
-}
 
 TMutex owned_mutex() {
   TMutex result(DoNotInitialize);
