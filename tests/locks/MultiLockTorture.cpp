@@ -118,7 +118,8 @@ public:
   // Queues a call that throws. One at a time, and only now and then, or the
   // thread would do nothing else.
   void interrupt() {
-    if (!pending.exchange(true)) QueueUserAPC(throw_once, handle, reinterpret_cast<ULONG_PTR>(this));
+    if (!pending.exchange(true))
+      QueueUserAPC(throw_once, handle, reinterpret_cast<ULONG_PTR>(this));
   }
 
   Counts counts;
@@ -263,9 +264,9 @@ private:
       return;
     }
     std::string mine;
-    std::size_t const begin = status.find(", ");
-    std::string const records =
-        begin == status.npos ? "" : status.substr(begin + 2, status.find(", ", begin + 2) - begin - 2);
+    std::string records;
+    if (std::size_t const begin = status.find(", "); begin != status.npos)
+      records = status.substr(begin + 2, status.find(", ", begin + 2) - begin - 2);
     bool any_write = false, any_record = false;
     for (std::size_t at = 0; at < records.size();) {
       std::size_t const end = std::min(records.find(',', at), records.size());
@@ -281,7 +282,9 @@ private:
       if (each == hold::write) expected += 'W';
     }
     if (mine != expected) fail(lock, id_text + " holds " + expected + " but stands as " + status);
-    std::string const state = any_write ? "locked_write" : any_record ? "locked_read" : "not_locked";
+    std::string const state = any_write    ? "locked_write"
+                              : any_record ? "locked_read"
+                                           : "not_locked";
     if (!status.starts_with(state)) fail(lock, "the state does not fit the holds: " + status);
   }
 
