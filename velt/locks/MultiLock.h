@@ -31,7 +31,8 @@
 // Any acquisition may throw: EGeneric with "Text" ("Dead-lock in multilock") and
 // "Status" for the second thread that wants to upgrade, whatever its limit; it
 // keeps its read hold. ESystemException if the wait fails, std::bad_alloc, and
-// what a queued call throws.
+// what a queued call throws. A queued call can throw out of an unlock, too, in
+// the spin for the inner lock: the hold is then still there.
 //
 // Do not destroy a lock that is held or waited for.
 class VELT_API TMultiLock : protected _ml_free_signal_event, public virtual IMultiLockEx {
