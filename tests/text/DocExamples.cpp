@@ -1,13 +1,15 @@
-// The example of docs/text.md, run.
+// The examples of docs/text.md, run.
 #include <gtest/gtest.h>
 
 #include <comdef.h>
 
+#include "tests/support/DocExamples.h"
 #include "velt/text/Case.h"
 #include "velt/text/CharacterClasses.h"
 #include "velt/text/Encoding.h"
 #include "velt/text/Format.h"
 #include "velt/text/Numbers.h"
+#include "velt/text/Splitting.h"
 #include "velt/text/Trim.h"
 
 namespace {
@@ -23,6 +25,15 @@ std::string setting_line(std::string const& name, std::string const& value) {
 _bstr_t title(_bstr_t const& name, int count) {
   return format_bstr(L"%s (%d)", static_cast<wchar_t const*>(strupper(trim(name, L" "))), count);
 }
+
+std::string with_module(std::string const& setting, std::string const& module) {
+  std::set<std::string> modules;
+  divide_string(setting, modules, ";");
+  modules.insert(module);
+  std::string result;
+  consolidate_string(modules, result, ";");
+  return result;
+}
 // end of example
 
 }  // namespace
@@ -32,4 +43,6 @@ TEST(DocExamples, TextPage) {
   EXPECT_EQ(setting_line("Host", " example "), "host=\"example\"");
   EXPECT_STREQ(title(L" größe ", 3), L"GRÖßE (3)");
   EXPECT_EQ(as_string(L"größe", 65001), "gr\xC3\xB6\xC3\x9F" "e");
+  EXPECT_EQ(with_module("user32;\"a;b\";;user32", "gdi32"), "\"a;b\";gdi32;user32");
+  velt_test::expect_doc_examples_run("text.md", __FILE__);
 }
