@@ -171,7 +171,6 @@ struct PlatformCalls : ::testing::Test {
     Watch watch("CreateMutexW");
     system_code([] { TMutex(); });
     TEvent named(name.c_str());
-    ASSERT_GT(open_handles(), 0) << "handles cannot be counted here";
   }
 };
 

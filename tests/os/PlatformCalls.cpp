@@ -122,7 +122,6 @@ struct FileCalls : ::testing::Test {
   static void SetUpTestSuite() {
     Watch watch("CreateFileA", none);
     system_code([] { TFile(name.c_str(), OPENING); });
-    ASSERT_GT(open_handles(), 0) << "handles cannot be counted here";
   }
   static void TearDownTestSuite() { DeleteFileA(name.c_str()); }
 };

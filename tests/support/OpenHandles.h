@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <stdexcept>
 #include <vector>
 
 namespace velt_test {
@@ -26,7 +27,7 @@ struct handle_list {
   handle_entry entries[1];
 };
 
-// Counts in the list of all handles in the system.
+// Counts in the list of all handles in the system; throws if there is none.
 inline long listed_handles() {
   constexpr auto all_handles = static_cast<SYSTEM_INFORMATION_CLASS>(64);
   constexpr auto too_short = static_cast<NTSTATUS>(0xC0000004);
@@ -37,7 +38,7 @@ inline long listed_handles() {
   while ((status = NtQuerySystemInformation(all_handles, buffer.data(), bytes(), &used)) ==
          too_short)
     buffer.resize(buffer.size() * 2);
-  if (status) return -1;
+  if (status) throw std::runtime_error("the system does not list its handles");
   auto const list = reinterpret_cast<handle_list const*>(buffer.data());
   return static_cast<long>(
       std::count_if(list->entries, list->entries + list->count, [](handle_entry const& entry) {
@@ -47,7 +48,6 @@ inline long listed_handles() {
 
 }  // namespace detail
 
-// Negative if the system does not tell.
 inline long open_handles() {
   DWORD count;
   // Wine has the call but answers 0, which no process has.
