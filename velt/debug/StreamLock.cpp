@@ -55,6 +55,11 @@ bool stream_lock::Lock(unsigned int timeout) {
   return true;
 }
 
+void stream_lock::Lock() {
+  while (!stream_lock::Lock(INFINITE)) {
+  }
+}
+
 void stream_lock::Unlock() {
   auto const thread = this_thread();
   if (thread != 0 && holder.load(std::memory_order_relaxed) == thread) {

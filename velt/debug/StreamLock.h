@@ -28,8 +28,8 @@ public:
     return *this;
   }
 
-  using TMutex::Lock;
   bool Lock(unsigned int timeout) override;
+  void Lock() override;
   void Unlock() override;
 
 private:
