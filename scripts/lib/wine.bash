@@ -8,11 +8,15 @@ wineserver=/usr/lib/wine/wineserver
 
 export WINEPREFIX=$velt_build/wine
 export WINEDEBUG=${WINEDEBUG:--all}
-export WINEDLLOVERRIDES='mscoree=;mshtml='
+export WINEDLLOVERRIDES='mscoree=;mshtml=;winemenubuilder.exe='
 # Wine takes its code pages and the texts of the system from the locale, and
 # file names are only right in a UTF-8 one.
 export LC_ALL=C.UTF-8
 unset DISPLAY WAYLAND_DISPLAY
+
+# Wine links the user's folders into the prefix and leaves caches in the home.
+# Called where only Wine follows: other programs may need the real one.
+use_home_in_prefix() { export HOME=$WINEPREFIX; }
 
 # The mark is written last, so a prefix whose making was interrupted has none.
 wine_prefix_is_ready() { [ -e "$WINEPREFIX/velt-ready" ]; }
@@ -25,6 +29,7 @@ start_wine() {
   mkdir -p "$WINEPREFIX" || return
   (
     flock 8
+    use_home_in_prefix
     wine_prefix_is_ready || make_wine_prefix 8>&- || exit
     start_wine_server 8>&-
   ) 8>"$WINEPREFIX.lock"
