@@ -80,7 +80,9 @@ TEST_F(Stream, ObjectsTimesAndValuesAreWrittenByTheirOwnTexts) {
   EXPECT_WRITTEN(_value_t(std::vector<int>()), "<void>");
   EXPECT_WRITTEN(_value_t(std::vector<int>{1, 2}), _value_t(std::vector<int>{1, 2}).as_string());
   EXPECT_WRITTEN(_value_t("text"), "text");
-  EXPECT_WRITTEN(_value_t(std::string(5000, 'x')), std::string(4095, 'x') + '\0');
+  std::string cut(4096, 'x');
+  cut.back() = '\0';
+  EXPECT_WRITTEN(_value_t(std::string(5000, 'x')), cut);
 }
 
 TEST_F(Stream, FormattedTextIsCutWithItsTerminator) {
