@@ -129,7 +129,8 @@ BOOL(WINAPI* __wrap___imp_SetWaitableTimer)
 void* __real_malloc(std::size_t);
 void* __wrap_malloc(std::size_t size) {
   count();
-  return __real_malloc(size);
+  // The optimiser calls this for a reallocation of nothing.
+  return fail_memory ? nullptr : __real_malloc(size);
 }
 void* __real_realloc(void*, std::size_t);
 void* __wrap_realloc(void* block, std::size_t size) {
