@@ -58,10 +58,13 @@ std::string print_by_stream() {
 
 std::vector<Row> exception_rows() {
   return {
-      {"throw_catch", loop([] { throw_and_catch<EGeneric, throw_velt>(); }),
-       {{"std::runtime_error", 1.5, loop([] { throw_and_catch<std::runtime_error, throw_peer>(); })}}},
+      {"throw_catch",
+       loop([] { throw_and_catch<EGeneric, throw_velt>(); }),
+       {{"std::runtime_error", 1.5,
+         loop([] { throw_and_catch<std::runtime_error, throw_peer>(); })}}},
 
-      {"what_text", loop([] { keep(*input(error).what()); }),
+      {"what_text",
+       loop([] { keep(*input(error).what()); }),
        {{"std::ostringstream", 0.4, loop([] { keep(print_by_stream()); })}}},
   };
 }

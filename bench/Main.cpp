@@ -93,15 +93,15 @@ void print_tab_separated(Line const& line) {
 }
 
 constexpr char heading[] =
-    "row                     ns velt  peer                     ns peer  ratio  goal\n";
+    "row                  ns velt  peer                    ns peer  ratio  goal\n";
 
 void print_for_people(Line const& line, bool first_of_row) {
   auto const [ratio, verdict] = bench::compare(line.velt, line.peer_time, line.goal);
   if (first_of_row)
-    std::printf("%-21s%9.1f", line.row, line.velt);
+    std::printf("%-20s%8.1f", line.row, line.velt);
   else
-    std::printf("%30s", "");
-  std::printf("  %-23s%9.1f%7.3f", line.peer, line.peer_time, ratio);
+    std::printf("%28s", "");
+  std::printf("  %-23s%8.1f%7.3f", line.peer, line.peer_time, ratio);
   if (verdict == Verdict::shown)
     std::printf("     -");
   else

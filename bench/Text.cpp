@@ -1,10 +1,10 @@
 #include <windows.h>
 
+#include <fmt/format.h>
 #include <boost/algorithm/string/case_conv.hpp>
 #include <boost/algorithm/string/classification.hpp>
 #include <boost/algorithm/string/split.hpp>
 #include <boost/algorithm/string/trim.hpp>
-#include <fmt/format.h>
 
 #include <cstdio>
 #include <sstream>
@@ -40,8 +40,8 @@ double fraction = 3.14159265358979;
 
 std::string print() {
   char buffer[2048];
-  int const length =
-      std::snprintf(buffer, sizeof buffer, "%s %d %.3f", input(name), input(number), input(fraction));
+  int const length = std::snprintf(buffer, sizeof buffer, "%s %d %.3f", input(name), input(number),
+                                   input(fraction));
   return {buffer, static_cast<std::size_t>(length)};
 }
 
@@ -96,32 +96,35 @@ std::string joined_by_stream() {
 std::vector<Row> text_rows() {
   return {
       {"format",
-       loop([] {
-         keep(format_string("%s %d %.3f", input(name), input(number), input(fraction)));
-       }),
+       loop([] { keep(format_string("%s %d %.3f", input(name), input(number), input(fraction))); }),
        {{"snprintf", 1.1, loop([] { keep(print()); })},
-        {"fmt::format", no_goal,
-         loop([] { keep(fmt::format("{} {} {:.3f}", input(name), input(number), input(fraction))); })}}},
+        {"fmt::format", no_goal, loop([] {
+           keep(fmt::format("{} {} {:.3f}", input(name), input(number), input(fraction)));
+         })}}},
 
-      {"trim", loop([] { keep(trim(input(padded), input(white_space))); }),
+      {"trim",
+       loop([] { keep(trim(input(padded), input(white_space))); }),
        {{"boost::trim_copy", 0.7, loop([] { keep(boost::trim_copy(input(padded))); })}}},
 
-      {"strlower", loop([] { keep(strlower(input(mixed_case))); }),
+      {"strlower",
+       loop([] { keep(strlower(input(mixed_case))); }),
        {{"boost::to_lower_copy", 0.3,
          loop([] { keep(boost::to_lower_copy(input(mixed_case))); })}}},
 
-      {"widen", loop([] { keep(as_wstring(input(narrow_text))); }),
-       {{"MultiByteToWideChar", 1.15,
-         loop([] { keep(widen_by_platform(input(narrow_text))); })}}},
+      {"widen",
+       loop([] { keep(as_wstring(input(narrow_text))); }),
+       {{"MultiByteToWideChar", 1.15, loop([] { keep(widen_by_platform(input(narrow_text))); })}}},
 
-      {"narrow", loop([] { keep(as_string(input(wide_text))); }),
-       {{"WideCharToMultiByte", 1.15,
-         loop([] { keep(narrow_by_platform(input(wide_text))); })}}},
+      {"narrow",
+       loop([] { keep(as_string(input(wide_text))); }),
+       {{"WideCharToMultiByte", 1.15, loop([] { keep(narrow_by_platform(input(wide_text))); })}}},
 
-      {"divide", loop([] { keep(divided()); }),
+      {"divide",
+       loop([] { keep(divided()); }),
        {{"boost::split", 0.5, loop([] { keep(divided_by_boost()); })}}},
 
-      {"consolidate", loop([] { keep(consolidated()); }),
+      {"consolidate",
+       loop([] { keep(consolidated()); }),
        {{"std::ostringstream", 0.4, loop([] { keep(joined_by_stream()); })}}},
   };
 }

@@ -40,15 +40,16 @@ __int64 count_since_start() {
 
 std::vector<Row> time_rows() {
   return {
-      {"time_from_utc_fields", loop([] { keep(_time_t::mktime(input(system_fields), true)); }),
+      {"time_from_utc_fields",
+       loop([] { keep(_time_t::mktime(input(system_fields), true)); }),
        {{"_mkgmtime64", 1.5, loop([] { keep(_mkgmtime64(&input(run_time_fields))); })}}},
 
       {"time_iso_round_trip",
        loop([] { keep(_time_t::mktime(input(velt_time).iso8601time())); }),
-       {{"date::format, date::parse", 0.2,
-         loop([] { keep(round_trip_by_peer(input(peer_time))); })}}},
+       {{"date::format, parse", 0.2, loop([] { keep(round_trip_by_peer(input(peer_time))); })}}},
 
-      {"stopwatch", loop([] { keep(input(watch).get_elapsed_ticks()); }),
+      {"stopwatch",
+       loop([] { keep(input(watch).get_elapsed_ticks()); }),
        {{"QueryPerformanceCounter", 1.05, loop([] { keep(count_since_start()); })}}},
   };
 }

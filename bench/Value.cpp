@@ -3,8 +3,9 @@
 #include <boost/smart_ptr/intrusive_ref_counter.hpp>
 #include <nlohmann/json.hpp>
 
-#include <any>
 #include <comutil.h>
+
+#include <any>
 #include <cstdio>
 #include <cstdlib>
 #include <numeric>
@@ -83,32 +84,39 @@ std::string print_double(double value) {
 
 std::vector<Row> value_rows() {
   return {
-      {"handle_copy", loop([] { copy_and_release(input(velt_object)); }),
+      {"handle_copy",
+       loop([] { copy_and_release(input(velt_object)); }),
        {{"boost::intrusive_ptr", 1.05, loop([] { copy_and_release(input(boost_object)); })}}},
 
-      {"value_copy_text", loop([] { copy<text_value>(); }),
+      {"value_copy_text",
+       loop([] { copy<text_value>(); }),
        {{"std::any of std::string", 0.05, loop([] { copy<any_text>(); })},
         {"boost::intrusive_ptr", 1.15, loop([] { copy<counted_text>(); })}}},
 
-      {"value_make_int", loop([] { keep(_value_t(input(number))); }),
+      {"value_make_int",
+       loop([] { keep(_value_t(input(number))); }),
        {{"boost::any", 0.35, loop([] { keep(boost::any(input(number))); })},
         {"malloc + free of 64 B", 0.35, loop([] { make_heap_block(); })}}},
 
-      {"value_make_text", loop([] { keep(_value_t(input(text))); }),
+      {"value_make_text",
+       loop([] { keep(_value_t(input(text))); }),
        {{"std::any of std::string", 1.0,
          loop([] { keep(std::any(std::in_place_type<std::string>, input(text))); })}}},
 
-      {"value_copy_sequence", loop([] { copy<sequence_value>(); }),
+      {"value_copy_sequence",
+       loop([] { copy<sequence_value>(); }),
        {{"nlohmann::json", 0.02, loop([] { copy<json_sequence>(); })}}},
 
-      {"value_text_to_int", loop([] { keep(input(digits_value).as_int()); }),
-       {{"VariantChangeType", 0.1,
-         loop([] { keep(int_by_platform(input(digits_variant))); })}}},
+      {"value_text_to_int",
+       loop([] { keep(input(digits_value).as_int()); }),
+       {{"VariantChangeType", 0.1, loop([] { keep(int_by_platform(input(digits_variant))); })}}},
 
-      {"value_int_to_text", loop([] { keep(input(int_value).as_string()); }),
+      {"value_int_to_text",
+       loop([] { keep(input(int_value).as_string()); }),
        {{"std::to_string", 1.3, loop([] { keep(std::to_string(input(number))); })}}},
 
-      {"value_double_to_text", loop([] { keep(input(double_value).as_string()); }),
+      {"value_double_to_text",
+       loop([] { keep(input(double_value).as_string()); }),
        {{"snprintf \"%.7g\"", 1.0, loop([] { keep(print_double(input(fraction))); })}}},
   };
 }
