@@ -44,7 +44,8 @@ std::vector<setting> settings_in(std::wstring const& text) {
 
   std::vector<setting> settings;
   for (auto const& each : lines)
-    if (auto const line = trim(each, L" \t"); !is_skipped(line)) settings.push_back(load_line(line));
+    if (auto const line = trim(each, L" \t"); !is_skipped(line))
+      settings.push_back(load_line(line));
   if (settings.empty()) throw EGeneric({"Text", "no settings"});
   return settings;
 }

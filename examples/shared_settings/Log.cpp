@@ -4,12 +4,14 @@
 
 #include <algorithm>
 #include <sstream>
+#include <utility>
 
 #include "Loading.h"
 #include "examples/typed_values/Terminal.h"
 #include "velt/debug/PermanentFileWriter.h"
 #include "velt/text/Encoding.h"
 #include "velt/text/Format.h"
+#include "velt/text/Numbers.h"
 
 namespace {
 
@@ -22,15 +24,16 @@ public:
   }
 };
 
-// Counts the line if it is whole and the next of its thread.
-bool count_line(line_counts& counts, std::string const& line) {
-  auto const thread = counts.find(line.substr(0, line.find(" line ")));
-  if (thread == counts.end()) return false;
-  auto& [name, count] = *thread;
-  auto const beginning = format_string("%s line %d: ", name.c_str(), count + 1);
-  bool const whole = line.starts_with(beginning) && line.ends_with(".\r");
-  if (whole) ++count;
-  return whole;
+// Is the line whole, and its number higher than the last of its thread?
+bool follows(std::string const& line, line_counts& last) {
+  std::string const behind_name = " line ";
+  auto const place = line.find(behind_name);
+  auto const thread = last.find(line.substr(0, place));
+  if (thread == last.end()) return false;
+  int const number = atoi(line.substr(place + behind_name.size()));
+  auto const beginning = format_string("%s line %d: ", thread->first.c_str(), number);
+  if (!line.starts_with(beginning) || !line.ends_with(".\r")) return false;
+  return number > std::exchange(thread->second, number);
 }
 
 }  // namespace
@@ -47,12 +50,14 @@ void log_line(TDebugStream& log, std::string const& name, int number, std::wstri
 }
 
 int broken_lines(std::string const& content, line_counts const& written) {
-  line_counts found = written;
-  for (auto& [name, count] : found) count = 0;
-  int broken = 0;
+  int expected = 0, found = 0, good = 0;
+  line_counts last;
+  for (auto const& [name, count] : written) {
+    expected += count;
+    last[name] = 0;
+  }
   std::istringstream lines(content);
-  for (std::string line; std::getline(lines, line);)
-    if (!count_line(found, line)) ++broken;
-  for (auto const& [name, count] : written) broken += std::max(0, count - found[name]);
-  return broken;
+  for (std::string line; std::getline(lines, line); ++found)
+    if (follows(line, last)) ++good;
+  return std::max(expected, found) - good;
 }

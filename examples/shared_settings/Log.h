@@ -14,9 +14,10 @@ using line_counts = std::map<std::string, int>;
 // cannot be written.
 TDebugStream new_log(std::wstring const& path);
 
-// Writes "NAME line NUMBER: TEXT."; the text must not have a line end.
+// Writes "NAME line NUMBER: TEXT."; numbers count from 1, and the text must not
+// have a line end.
 void log_line(TDebugStream& log, std::string const& name, int number, std::wstring const& text);
 
-// How many lines of a log's content are not whole, not in the order of their
-// thread, or missing from those that were written.
+// How many lines in a log's content are not whole, or not in the order of their
+// thread, or missing.
 int broken_lines(std::string const& content, line_counts const& written);

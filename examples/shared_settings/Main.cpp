@@ -40,9 +40,7 @@ struct options {
   int milliseconds = 1000;
 };
 
-EGeneric mistake(std::wstring const& reason) {
-  return EGeneric({"Text", reason + L"; " + usage});
-}
+EGeneric mistake(std::wstring const& reason) { return EGeneric({"Text", reason + L"; " + usage}); }
 
 int milliseconds_in(std::wstring const& text) {
   int const number = wtoi(text);

@@ -7,10 +7,12 @@
 #include "Log.h"
 #include "examples/typed_values/Terminal.h"
 #include "velt/text/Encoding.h"
+#include "velt/text/Numbers.h"
 
 namespace {
 
-constexpr int operations_for_a_line = 100;
+// A prime, so that each setting has its turn in the log.
+constexpr int operations_for_a_line = 19;
 constexpr int longest_text = 30;
 
 // No setting of a file has a name with a colon.
@@ -45,10 +47,14 @@ observation store(setting const& item, shared_settings& settings) {
   return {item.value, next};
 }
 
+std::wstring text_of(_value_t const& value) {
+  if (value.empty()) return L"nothing";
+  return clipped(as_wstring(value.as_string()), longest_text);
+}
+
 std::wstring line_of(setting const& item, observation const& seen) {
-  return clipped(item.name, longest_text) + L" = " +
-         clipped(as_wstring(seen.value.as_string()), longest_text) + L" in revision " +
-         std::to_wstring(seen.revision);
+  return clipped(item.name, longest_text) + L" = " + text_of(seen.value) + L" in revision " +
+         itow(seen.revision);
 }
 
 }  // namespace
@@ -58,18 +64,17 @@ void fill(shared_settings& settings, std::vector<setting> const& items) {
   settings.list.PutProperty(revision_name, 0);
 }
 
-int revision(shared_settings const& settings) {
-  return settings.list.GetProperty(revision_name);
-}
+int revision(shared_settings const& settings) { return settings.list.GetProperty(revision_name); }
 
-worker work(worker self, std::vector<setting> items, shared_settings& settings,
-            _pcounter_t watch, double seconds) {
+worker work(worker self, std::vector<setting> items, shared_settings& settings, _pcounter_t watch,
+            double seconds) {
   auto const operate = self.does == task::read ? look_up : store;
   while (watch.get_elapsed() < seconds) {
     auto const& item = items[self.operations % items.size()];
     auto const seen = operate(item, settings);
     if (self.operations++ % operations_for_a_line == 0)
       log_line(settings.log, self.name, ++self.lines, line_of(item, seen));
+    Sleep(1);  // the threads of a service have other things to do, too
   }
   return self;
 }

@@ -36,7 +36,7 @@ struct worker {
   int lines = 0;  // in the log
 };
 
-// Goes through the items until the watch shows these seconds, and logs one
-// operation in a hundred. Throws what locks and streams throw.
-worker work(worker self, std::vector<setting> items, shared_settings& settings,
-            _pcounter_t watch, double seconds);
+// Goes through the items until the watch shows these seconds, and logs some
+// of the operations. Throws what locks and streams throw.
+worker work(worker self, std::vector<setting> items, shared_settings& settings, _pcounter_t watch,
+            double seconds);
