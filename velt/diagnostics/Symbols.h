@@ -1,0 +1,48 @@
+// Stacks and the names of addresses, by the platform's symbol engine (dbghelp),
+// which is loaded when it is needed and unloaded after the last use. Where it is
+// missing everything here answers with nothing; no operation throws.
+//
+// Any thread may call any operation. One lock guards the engine; a walk takes it
+// for each frame. Functions that the platform has under the same name are those
+// of its dbghelp.h; these take no process handle.
+#pragma once
+
+#include <string>
+
+#include "velt/Export.h"
+
+struct _CONTEXT;
+
+// Loads the engine or takes one more hold on it. Each true is to be matched by
+// one SymCleanup(); the last unloads the engine.
+VELT_API bool SymInitialize();
+VELT_API void SymCleanup();
+
+// Stores up to `max` return addresses, innermost first, without the first `skip`
+// frames, and returns how many. `thread` must be suspended or the calling
+// thread. A null context for the calling thread walks its own stack, the first
+// frame being the caller of StackWalk; for another thread it gives no frames.
+VELT_API unsigned int StackWalk(unsigned __int64* frames, _CONTEXT* context, void* thread,
+                                unsigned int skip, unsigned int max);
+
+// Makes sure, once for each module, that the engine knows the module around the
+// address. False if there is none at the first asking; true for it from then on.
+VELT_API bool EnsureModuleSymbolsLoaded(unsigned __int64 address);
+
+// Base name of the module without folder and extension, or empty.
+VELT_API std::string SymGetModuleFromAddress(unsigned __int64 address);
+// "File.cpp#12", or empty.
+VELT_API std::string SymGetSourceFromAddress(unsigned __int64 address);
+// "name+1f", or "0x" and the low half of the address.
+VELT_API std::string SymGetNameFromAddress(unsigned __int64 address);
+// "module!name+1f[File.cpp#12]"; without a symbol "module!+1f", without a module
+// "!0x" and the low half of the address. A name of more than 80 characters is
+// shortened in its middle when a source follows.
+VELT_API std::string SymGetFullNameFromAddress(unsigned __int64 address);
+// One line for each frame, each introduced by "\n-> ", the outermost first.
+VELT_API std::string SymGetStackTrace(unsigned __int64 const* frames, unsigned int count);
+// The first frame outside the modules of SkipModulesForError, or 0.
+VELT_API unsigned __int64 SymGetActualErrorAddress(unsigned __int64 const* frames,
+                                                   unsigned int count);
+// The caller's own stack as text.
+VELT_API std::string GetMyDebugStack();
