@@ -1,8 +1,9 @@
 #include "velt/diagnostics/MiniDump.h"
 
 #include <windows.h>
-// Needs the one above.
+
 #include <dbghelp.h>
+#undef StackWalk
 
 #include <algorithm>
 #include <cstdio>
