@@ -9,6 +9,8 @@
 #include "velt/debug/PermanentFileWriter.h"
 #include "velt/debug/StreamWriter.h"
 #include "velt/debug/TimeStamp.h"
+#include "velt/diagnostics/Settings.h"
+#include "velt/diagnostics/Symbols.h"
 #include "velt/exceptions/Condition.h"
 #include "velt/exceptions/EGeneric.h"
 #include "velt/exceptions/ExceptionFamily.h"
