@@ -53,15 +53,18 @@ private:
 
 namespace {
 
-// Set while the thread is inside the handler.
-thread_slot<void const> HandlerActiveSlot;
-
+// Marks that the thread is inside the handler.
 class active_scope {
 public:
   active_scope() noexcept { HandlerActiveSlot.set(this); }
   ~active_scope() { HandlerActiveSlot.set(nullptr); }
   active_scope(active_scope const&) = delete;
   active_scope& operator=(active_scope const&) = delete;
+
+  static bool exists() noexcept { return HandlerActiveSlot.get(); }
+
+private:
+  static inline thread_slot<active_scope> HandlerActiveSlot;
 };
 
 // A throw between a failed call and the question for its error.
@@ -89,7 +92,7 @@ LONG WINAPI WatchExceptions(_EXCEPTION_POINTERS* pointers) {
   if (is_for_debuggers(pointers->ExceptionRecord->ExceptionCode) || !UseVEH)
     return EXCEPTION_CONTINUE_SEARCH;
   // What is done here may itself throw and catch.
-  if (HandlerActiveSlot.get()) return EXCEPTION_CONTINUE_SEARCH;
+  if (active_scope::exists()) return EXCEPTION_CONTINUE_SEARCH;
   last_error_keeper const error;
   active_scope const active;
   if (!is_typed_throw(pointers)) return EXCEPTION_CONTINUE_SEARCH;
