@@ -31,6 +31,27 @@ using personality_routine = EXCEPTION_DISPOSITION(EXCEPTION_RECORD*, void*, CONT
 extern "C" personality_routine __real___gxx_personality_seh0;
 extern "C" VELT_API personality_routine __wrap___gxx_personality_seh0;
 extern "C" personality_routine velt_leave_translator;
+extern "C" void velt_enter_translator(unsigned int code, _EXCEPTION_POINTERS* pointers,
+                                      structured_exception_translator translator);
+
+// The frame of the translator's caller has a handler that is told when it is
+// unwound, for whatever reason; a destructor would be run by some of the
+// reasons only, and costs a second dispatch. The compiler has no way to say so.
+asm(R"(
+  .text
+  .def velt_enter_translator; .scl 3; .type 32; .endef
+  .seh_proc velt_enter_translator
+velt_enter_translator:
+  subq $40, %rsp
+  .seh_stackalloc 40
+  .seh_endprologue
+  .seh_handler velt_leave_translator, @unwind
+  call *%r8
+  nop
+  addq $40, %rsp
+  ret
+  .seh_endproc
+)");
 
 namespace velt::detail {
 namespace {
@@ -208,16 +229,12 @@ EXCEPTION_DISPOSITION pass_faulting_frame(open_fault const& fault, EXCEPTION_REC
   return __real___gxx_personality_seh0(record, establisher, context, &behind);
 }
 
-// Not inlined, and in a function without destructors: those of the compiler's
-// making would replace the handler that is declared here, which is called when
-// the frame is unwound, for whatever reason, and at no cost otherwise.
-[[gnu::noinline]] void call_translator(structured_exception_translator translator,
-                                       EXCEPTION_RECORD* record, CONTEXT* context) {
-  asm volatile(".seh_handler velt_leave_translator, @unwind");
+void call_translator(structured_exception_translator translator, EXCEPTION_RECORD* record,
+                     CONTEXT* context) {
   open_fault fault{open_faults.get(), record->ExceptionCode, context, false};
   EXCEPTION_POINTERS pointers{record, context};
   open_faults.set(&fault);
-  translator(record->ExceptionCode, &pointers);
+  velt_enter_translator(record->ExceptionCode, &pointers, translator);
   close(fault);
 }
 
