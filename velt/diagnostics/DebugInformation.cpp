@@ -1,22 +1,25 @@
 #include <windows.h>
 
+#include <optional>
+
 #include "velt/diagnostics/Settings.h"
 #include "velt/diagnostics/StructuredException.h"
-#include "velt/diagnostics/SymbolHoldInternal.h"
+#include "velt/diagnostics/SymbolsInternal.h"
 #include "velt/diagnostics/TranslatorInternal.h"
 #include "velt/exceptions/EGeneric.h"
 
 namespace {
 
-using velt::detail::symbol_hold;
+using velt::detail::engine_hold;
 
 constexpr unsigned int most_frames = 64;
 
 // This function, its caller and the constructor lie between the walk of an own
-// stack and the thrower; so neither the first nor the second is inlined.
+// stack and the thrower; so the first two are not inlined,
+// in whole or in part.
 constexpr unsigned int frames_above_thrower = 3;
 
-[[gnu::noinline]] void put_stack(EGeneric& exception, _CONTEXT* context) {
+[[gnu::noipa]] void put_stack(EGeneric& exception, _CONTEXT* context) {
   unsigned __int64 frames[most_frames] = {};
   auto const count = StackWalk(frames, context, GetCurrentThread(),
                                context ? 0 : frames_above_thrower, most_frames);
@@ -40,27 +43,30 @@ EGeneric::EGeneric(bool extend) {
   if (extend) ExtendDebugInformation(static_cast<_CONTEXT*>(nullptr));
 }
 
-std::string EGeneric::BuildStack(_EXCEPTION_POINTERS* pointers, unsigned int skip, void* thread) {
+[[gnu::noipa]] std::string EGeneric::BuildStack(_EXCEPTION_POINTERS* pointers, unsigned int skip,
+                                                void* thread) {
+  engine_hold const hold;  // for both the walk and the names
   unsigned __int64 frames[most_frames] = {};
   auto const count =
       StackWalk(frames, pointers ? pointers->ContextRecord : nullptr, thread, skip, most_frames);
   return SymGetStackTrace(frames, count);
 }
 
-[[gnu::noinline]] void EGeneric::ExtendDebugInformation(_CONTEXT* context) {
+[[gnu::noipa]] void EGeneric::ExtendDebugInformation(_CONTEXT* context) {
   bool const watched = velt::detail::throws_are_watched();
   if (SaveMiniDumpOnCppException && !watched && !dynamic_cast<EStructuredException*>(this))
     put_dump(*this, nullptr);
   if (!ExtendDebugInformationFromException) return;
   // The watch brings the stack of the throw, from a real context.
   if (!context && watched) return;
-  if (symbol_hold const symbols; symbols) put_stack(*this, context);
+  if (engine_hold const engine; engine) put_stack(*this, context);
 }
 
-[[gnu::noinline]] void EGeneric::ExtendDebugInformation(_EXCEPTION_POINTERS* pointers) {
-  symbol_hold const symbols(SaveMiniDumpOnStructuredException ||
-                            ExtendDebugInformationFromException);
-  // Tried without symbols too.
+[[gnu::noipa]] void EGeneric::ExtendDebugInformation(_EXCEPTION_POINTERS* pointers) {
+  std::optional<engine_hold const> engine;
+  if (SaveMiniDumpOnStructuredException || ExtendDebugInformationFromException) engine.emplace();
+  // Tried without the engine too.
   if (SaveMiniDumpOnStructuredException) put_dump(*this, pointers);
-  if (ExtendDebugInformationFromException && symbols) put_stack(*this, pointers->ContextRecord);
+  if (ExtendDebugInformationFromException && engine && *engine)
+    put_stack(*this, pointers->ContextRecord);
 }

@@ -1,7 +1,7 @@
 #include "velt/diagnostics/MiniDump.h"
 
 #include <windows.h>
-// Needs the one above.
+
 #include <dbghelp.h>
 
 #include <algorithm>
@@ -10,7 +10,6 @@
 
 #include "velt/diagnostics/ProcessLocksInternal.h"
 #include "velt/diagnostics/Settings.h"
-#include "velt/diagnostics/SymbolHoldInternal.h"
 #include "velt/diagnostics/SymbolsInternal.h"
 #include "velt/diagnostics/ThrownObjectInternal.h"
 #include "velt/exceptions/EGeneric.h"
@@ -69,11 +68,11 @@ std::string program_name() {
   return name.substr(0, name.rfind('.'));
 }
 
-std::string module_name(_EXCEPTION_POINTERS* pointers, bool symbols) {
+std::string module_name(_EXCEPTION_POINTERS* pointers, bool with_symbols) {
   std::string module;
   if (pointers) {
     module = module_of_thrower(pointers);
-    if (module.empty() && pointers->ContextRecord && symbols)
+    if (module.empty() && pointers->ContextRecord && with_symbols)
       module = module_to_blame(pointers->ContextRecord);
   }
   return module.empty() ? program_name() : module;
@@ -125,11 +124,10 @@ bool WriteMiniDump(std::string const& path, _EXCEPTION_POINTERS* pointers, unsig
 
 std::string EGeneric::SaveMiniDump(_EXCEPTION_POINTERS* pointers, unsigned long type,
                                    unsigned long thread_id) {
-  symbol_hold const symbols;
+  engine_hold const engine;
   SYSTEMTIME now;
   GetLocalTime(&now);
-  auto path =
-      dump_path(module_name(pointers, static_cast<bool>(symbols)), kind_name(pointers), now);
+  auto path = dump_path(module_name(pointers, static_cast<bool>(engine)), kind_name(pointers), now);
   CreateDirectoryA(path.substr(0, path.rfind('\\')).c_str(), nullptr);
   if (!WriteMiniDump(path, pointers, type, thread_id)) path.clear();
   return path;

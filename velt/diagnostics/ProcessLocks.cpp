@@ -59,12 +59,14 @@ std::uint32_t word_at(std::byte const* address) noexcept {
   return word;
 }
 
+// A guard page, which is not readable at first either, is left untouched: one of a
+// stack must not lose its guard.
 bool is_writable(std::byte const* address, std::size_t size) noexcept {
   MEMORY_BASIC_INFORMATION region;
   if (VirtualQuery(address, &region, sizeof region) != sizeof region) return false;
   auto const end = static_cast<std::byte const*>(region.BaseAddress) + region.RegionSize;
   return region.State == MEM_COMMIT && (region.Protect & PAGE_READWRITE) &&
-         end - address >= static_cast<std::ptrdiff_t>(size);
+         !(region.Protect & PAGE_GUARD) && end - address >= static_cast<std::ptrdiff_t>(size);
 }
 
 bool is_section_of_this_thread(std::byte const* candidate) noexcept {

@@ -1,12 +1,13 @@
 #include <windows.h>
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <utility>
 
 #include "velt/diagnostics/Settings.h"
 #include "velt/diagnostics/StructuredException.h"
-#include "velt/diagnostics/SymbolHoldInternal.h"
+#include "velt/diagnostics/SymbolsInternal.h"
 #include "velt/diagnostics/ThreadSlotInternal.h"
 #include "velt/diagnostics/ThrowWatchingInternal.h"
 #include "velt/diagnostics/ThrownObjectInternal.h"
@@ -23,8 +24,11 @@ public:
         generic(static_cast<EGeneric*>(ThrownObjectAs(pointers, typeid(EGeneric)))) {}
 
   void watch() {
-    symbol_hold const symbols(lacks_stack());
-    if (lacks_stack()) generic->ExtendDebugInformation(fault->ContextRecord);
+    std::optional<engine_hold> symbols;
+    if (lacks_stack()) {
+      symbols.emplace();
+      generic->ExtendDebugInformation(fault->ContextRecord);
+    }
     if (SaveMiniDumpOnCppException && !is_excluded()) save_dump();
   }
 
