@@ -1,0 +1,17 @@
+// Each thread's translator of faults. How a fault gets to it is the matter of
+// the compiler: one source file for each that the library knows.
+#pragma once
+
+#include "velt/diagnostics/StructuredException.h"
+
+namespace velt::detail {
+
+// Sets the calling thread's translator, which may be null; returns the one
+// before. The translator is called on the faulting stack, before any unwinding,
+// and throws or returns; after a return the search for a handler goes on.
+structured_exception_translator set_translator(structured_exception_translator translator) noexcept;
+
+// True if the vectored handler that watches throws is registered.
+bool throws_are_watched() noexcept;
+
+}  // namespace velt::detail
