@@ -56,9 +56,10 @@ std::vector<velt_test::table_row> all_settings() {
 auto const settings_at_start = all_settings();
 
 void set_up_diagnostics() {
-  VeltDebugSetup(true);                  // stacks
-  MiniDumpType = MiniDumpWithDataSegs;   // dumps with global variables
-  MiniDumpExcludedTypes += ";ETimeout";  // thrown every day
+  VeltDebugSetup(true);                                  // stacks
+  SkipModulesForError += ";libgcc_s_seh-1;libstdc++-6";  // where every throw begins
+  MiniDumpType = MiniDumpWithDataSegs;                   // dumps with global variables
+  MiniDumpExcludedTypes += ";ETimeout";                  // thrown every day
 }
 
 velt_test::scratch_folder const folder;
@@ -109,6 +110,7 @@ TEST(DiagnosticsDocExamples, SettingsHaveTheseDefaults) {
 
 TEST(DiagnosticsDocExamples, Setup) {
   auto const excluded = MiniDumpExcludedTypes;
+  auto const skipped = SkipModulesForError;
   set_up_diagnostics();
   EXPECT_TRUE(ExtendDebugInformationFromException);
   EXPECT_EQ(MiniDumpType, 1u);
@@ -116,6 +118,7 @@ TEST(DiagnosticsDocExamples, Setup) {
   VeltDebugSetup(false);
   MiniDumpType = 0;
   MiniDumpExcludedTypes = excluded;
+  SkipModulesForError = skipped;
 }
 
 TEST(DiagnosticsDocExamples, HarmlessException) {
