@@ -36,16 +36,15 @@ std::string caught(std::function<void()> const& action) {
     action();
   } catch (EStructuredException& error) {
     for (auto const& [name, value] : error.values())
-      list += (list.empty() ? "" : ", ") + name +
-              (name == "Address" ? "" : " " + value.as_string());
+      list +=
+          (list.empty() ? "" : ", ") + name + (name == "Address" ? "" : " " + value.as_string());
   }
   return list;
 }
 
 std::string raised(DWORD code, std::vector<ULONG_PTR> const& parameters = {}) {
-  return caught([&] {
-    RaiseException(code, 0, static_cast<DWORD>(parameters.size()), parameters.data());
-  });
+  return caught(
+      [&] { RaiseException(code, 0, static_cast<DWORD>(parameters.size()), parameters.data()); });
 }
 
 }  // namespace
@@ -78,11 +77,11 @@ std::string name_of(::testing::TestParamInfo<Fault::ParamType> const& test) {
   return std::string(build.name) + build.scenarios[index].name;
 }
 
-INSTANTIATE_TEST_SUITE_P(, Fault,
-                         ::testing::Combine(::testing::ValuesIn(builds),
-                                            ::testing::Range<std::size_t>(
-                                                0, builds[0].scenarios.size())),
-                         name_of);
+INSTANTIATE_TEST_SUITE_P(
+    , Fault,
+    ::testing::Combine(::testing::ValuesIn(builds),
+                       ::testing::Range<std::size_t>(0, builds[0].scenarios.size())),
+    name_of);
 
 // Codes, texts and parameters.
 

@@ -1,6 +1,5 @@
 #include <windows.h>
 
-#include <cstdint>
 #include <optional>
 #include <string>
 #include <utility>
@@ -33,9 +32,9 @@ public:
   }
 
 private:
+  // A sequence without elements is no stack either.
   bool lacks_stack() const {
-    return generic && ExtendDebugInformationFromException &&
-           generic->get_value("Stack").size() == 0;
+    return generic && ExtendDebugInformationFromException && generic->get_value("Stack").size() < 1;
   }
 
   // Anywhere in the text, whatever stands around it.
@@ -119,7 +118,7 @@ LONG WINAPI WatchExceptions(_EXCEPTION_POINTERS* pointers) {
 
 template <class Entry>
 void look_up(Entry& entry, HMODULE module, char const* name) noexcept {
-  entry = reinterpret_cast<Entry>(reinterpret_cast<std::uintptr_t>(GetProcAddress(module, name)));
+  entry = reinterpret_cast<Entry>(reinterpret_cast<void (*)()>(GetProcAddress(module, name)));
 }
 
 }  // namespace
