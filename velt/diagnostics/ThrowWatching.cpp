@@ -32,9 +32,10 @@ public:
   }
 
 private:
-  // A sequence without elements is no stack either.
   bool lacks_stack() const {
-    return generic && ExtendDebugInformationFromException && generic->get_value("Stack").size() < 1;
+    if (!generic || !ExtendDebugInformationFromException) return false;
+    auto const elements = generic->get_value("Stack").size();
+    return elements == 0;
   }
 
   // Anywhere in the text, whatever stands around it.
