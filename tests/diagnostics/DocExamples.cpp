@@ -15,10 +15,20 @@
 #include "tests/support/ChildProcess.h"
 #include "tests/support/DocTables.h"
 #include "velt/diagnostics/Settings.h"
+#include "velt/diagnostics/StructuredException.h"
 #include "velt/diagnostics/Symbols.h"
 #include "velt/exceptions/EGeneric.h"
 
 namespace {
+
+int first_of(int const volatile* numbers, std::string& log) {
+  try {
+    return *numbers;
+  } catch (EStructuredException const& error) {
+    log += error.what();
+    return 0;
+  }
+}
 
 void read_packet(int kind, std::string& log) {
   if (kind == 7) log += "unexpected packet" + GetMyDebugStack();
@@ -83,6 +93,16 @@ int setting_or(int otherwise) {
 
 TEST(DiagnosticsDocExamples, StandOnThePageAsTheyRunHere) {
   velt_test::expect_doc_examples_run("diagnostics.md", __FILE__);
+}
+
+TEST(DiagnosticsDocExamples, FaultInALog) {
+  temporary_redirect_structured_exceptions const translated;
+  std::string log;
+  EXPECT_EQ(first_of(reinterpret_cast<int const volatile*>(0x10), log), 0);
+  EXPECT_THAT(log, testing::StartsWith("Text: Access Violation (read from 0x10)\n"
+                                       "Code: -1073741819 (0xc0000005)\n"
+                                       "Address: "));
+  EXPECT_THAT(log, testing::EndsWith("Parameter0: 0 (0x0)\nParameter1: 16 (0x10)"));
 }
 
 TEST(DiagnosticsDocExamples, StackInALog) {
