@@ -97,7 +97,7 @@ protected:
 private:
   TMultiLock(TMultiLock const&) = delete;
 
-  bool wait_to_upgrade(_owner_id id, unsigned int timeout);
+  bool wait_to_upgrade(_owner_id id, unsigned int timeout, wait_history& history);
 
   // Threads that wait to upgrade. Raised under the inner lock and lowered
   // without it.
