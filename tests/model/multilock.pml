@@ -10,12 +10,12 @@
    the events set in it; giving the inner lock back is another, because a woken
    thread may find it still taken. A wait takes its event in one step, in the
    order of priority. A limit can run out whenever no signal that is waited for is
-   up, and queued calls that throw can come wherever a thread waits or spins, but
-   only THROWS of them in a run: help that always may come would hide a waiter
-   that needs it.
+   up, and queued calls that throw can come wherever a thread waits or spins to
+   take a hold, but only THROWS of them in a run: help that always may come would
+   hide a waiter that needs it.
 
-   A thread that throws out of its first spin, or out of that of an unlock, has
-   done nothing, so these are no steps here: its hold, or the lack of it, stays.
+   A thread that throws out of its first spin has done nothing, so that is no step
+   here: it holds what it held.
 
    The events are the signals here. Those of the two manual kinds follow their
    signals at once, from whenever they are made; the automatic one is only made

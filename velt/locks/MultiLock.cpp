@@ -78,8 +78,8 @@ bool TMultiLock::_write_lock_independent(unsigned int timeout, _owner_id id) {
       [] {});
 }
 
-void TMultiLock::_unlock(_owner_id id) {
-  inner_lock(id);
+void TMultiLock::_unlock(_owner_id id) noexcept {
+  inner_lock_to_release(id);
   _owner_id const removed = remove_owner(id);
   if (removed.bits == no_record) {
     inner_unlock();

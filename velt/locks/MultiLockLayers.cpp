@@ -52,14 +52,14 @@ private:
 
 // The holder needs the length of a platform call at most, which is far less than
 // the shortest sleep. It may wait for this very processor, so that is offered.
-void _ml_interlocked_inner_lock::inner_lock_contended(_owner_id id) {
+void _ml_interlocked_inner_lock::inner_lock_contended(_owner_id id, bool alertable) {
   for (int i = 0; i < tries_before_sleep; ++i) {
     for (int pause = 0; pause < pauses_before_yield && !is_free(); ++pause) YieldProcessor();
     if (is_free() && try_inner_lock(id)) return;
     SwitchToThread();
   }
   DWORD pause = 0;
-  do SleepEx(pause++, TRUE);
+  do SleepEx(pause++, alertable);
   while (!try_inner_lock(id));
 }
 
@@ -116,7 +116,7 @@ _ml_free_signal_event::event const _ml_free_signal_event::events[3] = {
 };
 
 _ml_free_signal_event::~_ml_free_signal_event() {
-  inner_lock({GetCurrentThreadId()});
+  inner_lock_to_release({GetCurrentThreadId()});
   for (HANDLE const handle : {ev_free, ev_sole_owner, ev_read_open})
     if (handle) CloseHandle(handle);
 }

@@ -40,7 +40,13 @@ protected:
   // can throw, in it.
   void inner_lock(_owner_id id) {
     if (!try_inner_lock(id)) [[unlikely]]
-      inner_lock_contended(id);
+      inner_lock_contended(id, true);
+  }
+  // The same for the end of a hold, which has to succeed, in a destructor amid the
+  // unwinding of an exception too: queued calls are left to the thread's next wait.
+  void inner_lock_to_release(_owner_id id) noexcept {
+    if (!try_inner_lock(id)) [[unlikely]]
+      inner_lock_contended(id, false);
   }
   void inner_unlock() noexcept { word.store(free_word, std::memory_order_release); }
 
@@ -52,7 +58,7 @@ private:
     unsigned int expected = free_word;
     return word.compare_exchange_strong(expected, id.bits, std::memory_order_acquire);
   }
-  void inner_lock_contended(_owner_id id);
+  void inner_lock_contended(_owner_id id, bool alertable);
 
   // The holder's id is for people who look into a dump.
   std::atomic<unsigned int> word = free_word;
