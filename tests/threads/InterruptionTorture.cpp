@@ -26,6 +26,7 @@
 #include "tests/locks/OpenLock.h"
 #include "tests/support/OpenHandles.h"
 #include "velt/debug/DebugStream.h"
+#include "velt/diagnostics/Settings.h"
 #include "velt/exceptions/ExceptionFamily.h"
 #include "velt/locks/Event.h"
 #include "velt/locks/MultiLock.h"
@@ -394,6 +395,7 @@ std::optional<Options> parse(int count, char** arguments) {
 }  // namespace
 
 int main(int count, char** arguments) {
+  SaveMiniDumpOnCppException = false;
   auto const options = parse(count, arguments);
   if (!options) {
     std::fputs("usage: interruption_torture [--seconds N] [--seed S] [--pairs 1..16]\n", stderr);

@@ -8,12 +8,14 @@
 
 #include <functional>
 #include <string>
+#include <thread>
 
 #include "tests/support/OpenHandles.h"
 #include "tests/support/SystemCode.h"
 #include "tests/threads/Support.h"
 #include "velt/diagnostics/StructuredException.h"
-#include "velt/diagnostics/Symbols.h"
+#include "velt/diagnostics/SymbolsInternal.h"
+#include "velt/locks/Mutex.h"
 
 using namespace velt_test;
 
@@ -64,11 +66,57 @@ decltype(&_resetstkoflw) __wrap___imp__resetstkoflw = note_reset;
 void __wrap__ZN30redirect_structured_exceptionsC1Ev(void*) { entry_steps += "redirect"; }
 }
 
-// The walker and its texts, which have tests of their own.
+// The symbol engine, which has tests of its own.
 namespace {
 std::string symbol_steps;
 unsigned int frames_found;
+int engine_holds;
 }  // namespace
+
+namespace {
+
+// Asks on a thread of its own whether a lock is free. That thread begins before
+// the question: while the loader's lock is held, none could.
+class Prober {
+public:
+  Prober() { ::WaitForSingleObject(answer, INFINITE); }
+  ~Prober() {
+    lock = nullptr;
+    question.Set();
+  }
+  bool is_free(TMutex& the_lock) {
+    lock = &the_lock;
+    question.Set();
+    ::WaitForSingleObject(answer, INFINITE);
+    return was_free;
+  }
+
+private:
+  void work() {
+    for (;;) {
+      answer.Set();
+      ::WaitForSingleObject(question, INFINITE);
+      if (!lock) return;
+      was_free = __real___imp_WaitForSingleObjectEx(*lock, 0, FALSE) == WAIT_OBJECT_0;
+      if (was_free) ReleaseMutex(*lock);
+    }
+  }
+
+  TEvent question{false, false}, answer{false, false};
+  TMutex* lock = nullptr;
+  bool was_free = false;
+  std::jthread thread{[this] { work(); }};
+};
+Prober* prober;
+
+}  // namespace
+
+bool SymInitialize() { return ++engine_holds; }
+void SymCleanup() { --engine_holds; }
+TMutex& velt::detail::symbol_lock() {
+  static TMutex lock;
+  return lock;
+}
 
 unsigned int StackWalk(unsigned __int64* frames, _CONTEXT* context, void* thread,
                        unsigned int skip, unsigned int max) {
@@ -78,14 +126,18 @@ unsigned int StackWalk(unsigned __int64* frames, _CONTEXT* context, void* thread
   EXPECT_EQ(context->ContextFlags, 0x10000Bu);
   EXPECT_NE(context->Rip, 0u);
   EXPECT_NE(thread, nullptr);
+  EXPECT_FALSE(prober->is_free(velt::detail::symbol_lock()));
+  EXPECT_EQ(engine_holds, 1);
   symbol_steps += "walk(" + std::to_string(skip) + ", " + std::to_string(max) + ")";
   frames[0] = 11;
   return frames_found;
 }
 
 std::string SymGetStackTrace(unsigned __int64 const* frames, unsigned int count) {
+  EXPECT_TRUE(prober->is_free(velt::detail::symbol_lock()));
+  EXPECT_EQ(engine_holds, 1);
   symbol_steps += "trace(" + std::to_string(frames[0]) + ", " + std::to_string(count) + ")";
-  return "the stack";
+  return count ? "the stack" : "";
 }
 
 namespace {
@@ -359,6 +411,8 @@ TEST_F(ThreadCalls, FailureInTheDestructorOfTThreadClassComesOutAndLosesNoHandle
 }
 
 TEST_F(ThreadCalls, StackIsReadFromASuspendedThreadThatIsResumed) {
+  Prober the_prober;
+  prober = &the_prober;
   WaitingThread thread;
   thread.start_into_body();
   auto const stack = [&](std::string const& failing = "") {
@@ -367,14 +421,14 @@ TEST_F(ThreadCalls, StackIsReadFromASuspendedThreadThatIsResumed) {
     std::string const text = thread.GetCurrentStack();
     return watch.calls + "|" + symbol_steps + "|" + text;
   };
-  std::string const walked =
-      "SuspendThread(handle)GetThreadContext(handle, out)ResumeThread(handle)|walk(0, 64)";
+  std::string const all_calls =
+      "SuspendThread(handle)GetThreadContext(handle, out)ResumeThread(handle)|";
   frames_found = 3;
-  EXPECT_EQ(stack(), walked + "trace(11, 3)|the stack");
+  EXPECT_EQ(stack(), all_calls + "walk(0, 64)trace(11, 3)|the stack");
   EXPECT_EQ(stack("SuspendThread"), "SuspendThread(handle)||");
-  EXPECT_EQ(stack("GetThreadContext"),
-            "SuspendThread(handle)GetThreadContext(handle, out)ResumeThread(handle)||");
-  EXPECT_EQ(stack("ResumeThread"), walked + "trace(11, 3)|the stack");
+  EXPECT_EQ(stack("GetThreadContext"), all_calls + "trace(0, 0)|");
+  EXPECT_EQ(stack("ResumeThread"), all_calls + "walk(0, 64)trace(11, 3)|the stack");
   __real___imp_ResumeThread(thread);
+  EXPECT_EQ(engine_holds, 0);
   let_threads_end();
 }

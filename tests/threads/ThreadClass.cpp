@@ -100,6 +100,20 @@ TEST(ThreadClass, ExceptionThatNobodyCaughtIsWrittenAndEndsTheThreadAlone) {
   }
 }
 
+TEST(ThreadClass, FaultInTheBodyIsAnExceptionLikeOthers) {
+  Worker worker([] {
+    int const volatile* nowhere = reinterpret_cast<int*>(0x10);
+    static_cast<void>(*nowhere);
+  });
+  DebugText debug;
+  run(worker);
+  EXPECT_TRUE(debug.text().starts_with(
+      "(!) Thread runaway with exception EStructuredException:\n"
+      "Text: Access Violation (read from 0x10)\nCode: -1073741819 (0xc0000005)\nAddress: "))
+      << debug.text();
+  EXPECT_EQ(worker.exceptions, 1);
+}
+
 TEST(ThreadClass, DebuggerSeesTheSameText) {
   DebuggerCapture capture;
   Worker worker([] { throw Mishap("astray"); });
