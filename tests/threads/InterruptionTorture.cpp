@@ -348,6 +348,10 @@ void torture(Options const& options) {
   Debug.AddWriter(MakeCounted<RunawayAlarm>());
 
   // What is opened once for good, is so now.
+  try {
+    ThrowSystemException(ERROR_GEN_FAILURE);
+  } catch (ESystemException const&) {
+  }
   run_pairs(options, 300);
   long const handles = velt_test::open_handles();
   Counts const counts = run_pairs(options, options.seconds * 1'000ull);

@@ -102,7 +102,7 @@ TEST(ThreadClass, ExceptionThatNobodyCaughtIsWrittenAndEndsTheThreadAlone) {
 
 TEST(ThreadClass, FaultInTheBodyIsAnExceptionLikeOthers) {
   Worker worker([] {
-    int const volatile* nowhere = reinterpret_cast<int*>(0x10);
+    int const volatile* volatile nowhere = reinterpret_cast<int*>(0x10);
     static_cast<void>(*nowhere);
   });
   DebugText debug;
