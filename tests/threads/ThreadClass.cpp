@@ -298,6 +298,7 @@ TEST(ThreadClass, KilledThreadLeavesWhatItsBodyHeld) {
   EXPECT_EQ(worker.InterruptState, Worker::Running);
   wait = false;
   worker.CloseHandle();
+  EXPECT_EQ(open_handles(), before + 1) << "the event of its body";
   run(worker);
   EXPECT_EQ(worker.bodies, 2);
   EXPECT_EQ(worker.InterruptState, Worker::Idle);
