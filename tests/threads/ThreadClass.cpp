@@ -114,13 +114,6 @@ TEST(ThreadClass, FaultInTheBodyIsAnExceptionLikeOthers) {
   EXPECT_EQ(worker.exceptions, 1);
 }
 
-TEST(ThreadClass, DebuggerSeesTheSameText) {
-  DebuggerCapture capture;
-  Worker worker([] { throw Mishap("astray"); });
-  run(worker);
-  EXPECT_EQ(capture.text(), "(!) Thread runaway with exception Mishap:astray\n");
-}
-
 // A statement of another thread that begins after the first piece waits for the
 // last one.
 TEST(ThreadClass, LineOfARunawayIsOneStatement) {
@@ -165,13 +158,6 @@ TEST(ThreadClass, CopyRefersToTheSameThreadWithTheStateAsItStands) {
   end.Set();
   EXPECT_TRUE(copy.ended_within(patience));
   EXPECT_EQ(copy.InterruptState, Worker::Running);
-}
-
-TEST(ThreadClass, StopWithoutAThreadDoesNothing) {
-  Worker worker([] {});
-  worker.StopThread(0xFFFFFFFF);
-  worker.AttachHandle(nullptr);
-  worker.StopThread(0xFFFFFFFF);
 }
 
 TEST(ThreadClass, StopWaitsForTheEndAndKeepsTheHandle) {
