@@ -35,6 +35,8 @@
 #include "velt/text/Numbers.h"
 #include "velt/text/Splitting.h"
 #include "velt/text/Trim.h"
+#include "velt/threads/Thread.h"
+#include "velt/threads/ThreadClass.h"
 #include "velt/time/Stopwatches.h"
 #include "velt/time/Time.h"
 #include "velt/value/AutoPtr.h"
