@@ -22,6 +22,7 @@
 #include <thread>
 #include <vector>
 
+#include "velt/diagnostics/Settings.h"
 #include "velt/exceptions/ExceptionFamily.h"
 #include "velt/locks/MultiLock.h"
 
@@ -403,6 +404,7 @@ std::optional<Options> parse(int count, char** arguments) {
 }  // namespace
 
 int main(int count, char** arguments) {
+  SaveMiniDumpOnCppException = false;
   auto const options = parse(count, arguments);
   if (!options) {
     std::fputs("usage: multilock_torture [--seconds N] [--seed S] [--threads 2..64]\n", stderr);
