@@ -146,7 +146,8 @@ std::string form_of(std::string const& line) {
   if (line.starts_with("-> ") && line.find("[Service.cpp#") == line.npos &&
       line.find("[Handling.cpp#") == line.npos)
     return {};
-  if (line.starts_with("Address: ")) return "Address";
+  for (std::string const name : {"Address:", "Stack:"})
+    if (line.starts_with(name)) return name;
   return without_offsets(std::regex_replace(line, std::regex("_20[0-9_]+\\.dmp"), ".dmp"));
 }
 
