@@ -96,8 +96,8 @@ TEST_F(FaultReport, EachFailureIsToldWithPlaceStackAndDump) {
        "stock_of", "return found->stock;", "C0000005", true},
       {"a division by zero", "EStructuredException", "Text: Divide by Zero\n", "pages",
        "return lines / ", "C0000094", true},
-      {"a file that is not there", "ESystemException", "Code: 2 (0x2)\n", "size_of", "return TFile(",
-       "ESystemException", false},
+      {"a file that is not there", "ESystemException", "Code: 2 (0x2)\n", "size_of",
+       "return TFile(", "ESystemException", false},
       {"a value of another type", "EBadCastException", "Text: Bad cast\nFrom: double\nTo: int\n",
        "second_port", "static_cast<int>(setting)", "EBadCastException", true},
   };
