@@ -35,22 +35,6 @@ TEST(CriticalSection, KeepsOtherThreadsOutUntilEveryLockIsUndone) {
   EXPECT_TRUE(is_free(section));
 }
 
-TEST(CriticalSection, GuardedCountLosesNothing) {
-  TCriticalSection section;
-  int count = 0;
-  {
-    std::vector<std::jthread> threads;
-    for (int i = 0; i < 4; ++i)
-      threads.emplace_back([&] {
-        for (int n = 0; n < 20'000; ++n) {
-          TLock guard(section);
-          ++count;
-        }
-      });
-  }
-  EXPECT_EQ(count, 80'000);
-}
-
 TEST(CriticalSection, TimedLockIsNotImplementedEvenIfFree) {
   TCriticalSection section;
   for (unsigned int const timeout : {0u, 10u, 0xFFFFFFFFu}) {
