@@ -140,15 +140,3 @@ TEST_F(Acquisitions, ThreadWithTheIdentifierOfAKilledHolderIsNotTakenForIt) {
   }
   GTEST_SKIP() << "the identifier was not given out again";
 }
-
-TEST_F(Acquisitions, UnlockWithoutAHoldFails) {
-  velt::detail::stream_lock lock;
-  EXPECT_THROW(lock.Unlock(), ESystemException);
-  expect_pairs(1, [&] {
-    EXPECT_TRUE(lock.Lock(0));
-    lock.Lock();
-    lock.Unlock();
-    lock.Unlock();
-  });
-  EXPECT_THROW(lock.Unlock(), ESystemException);
-}
