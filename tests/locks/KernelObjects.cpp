@@ -182,3 +182,20 @@ TEST(NamedKernelObjects, EventIsOpenToEverybodyAndTheOthersAreNot) {
   EXPECT_EQ(access_of(TSemaphore(unique("semaphore").c_str(), 1, 1)), access::by_list);
   EXPECT_EQ(access_of(TWaitableTimer(unique("timer").c_str())), access::by_list);
 }
+
+TEST(Handle, RawHandleIsSharedUnlessAttached) {
+  long const before = open_handles();
+  void* const event = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  {
+    THandle sharing(event);
+    EXPECT_NE(raw(sharing), event);
+    sharing = event;
+    EXPECT_EQ(open_handles(), before + 2);
+    sharing.AttachHandle(event);
+    EXPECT_EQ(raw(sharing), event);
+    EXPECT_EQ(open_handles(), before + 1) << "the handle held before is closed";
+    EXPECT_EQ(sharing.DetachHandle(), event);
+    EXPECT_EQ(sharing.DetachHandle(), minus_one);
+  }
+  EXPECT_TRUE(CloseHandle(event));
+}

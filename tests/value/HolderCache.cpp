@@ -38,33 +38,6 @@ private:
 
 }  // namespace
 
-TEST(HolderCache, BlocksInUseAreDistinct) {
-  std::vector<_value_t> values;
-  std::set<void const*> addresses;
-  for (int i = 0; i < 2000; ++i) {
-    values.emplace_back(i);
-    addresses.insert(values.back().holder());
-    if (i % 3 == 0) {
-      addresses.erase(values.front().holder());
-      values.erase(values.begin());
-    }
-  }
-  EXPECT_EQ(addresses.size(), values.size());
-  for (std::size_t i = 1; i < values.size(); ++i)
-    EXPECT_EQ(values[i].as_int(), values[i - 1].as_int() + 1);
-}
-
-TEST(HolderCache, OneThreadMayFreeWhatAnotherMade) {
-  auto const before = velt::detail::live_holders();
-  std::vector<_value_t> values;
-  in_a_thread([&] {
-    for (int i = 0; i < 10'000; ++i) values.emplace_back(i);
-  });
-  EXPECT_EQ(velt::detail::live_holders(), before + 10'000);
-  in_a_thread([&] { values.clear(); });
-  EXPECT_EQ(velt::detail::live_holders(), before);
-}
-
 TEST(HolderCache, MemoryDoesNotGrowWhenOneThreadMakesAndAnotherFrees) {
   constexpr int blocks = 4000, rounds = 50;
   auto const before = velt::detail::kept_holder_blocks();
