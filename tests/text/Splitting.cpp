@@ -232,16 +232,6 @@ TYPED_TEST(Words, ReadingStopsBehindTheSeparatorAndAtAFailure) {
   EXPECT_TRUE(in.eof());
 }
 
-TYPED_TEST(Words, SourceAndResultMayBeOneOfTheWords) {
-  auto const separators = make_set<TypeParam>(";");
-  std::vector<TypeParam> list = {make<TypeParam>("x"), make<TypeParam>("a;b")};
-  divide_string(list[1], list, separators.c_str());
-  ASSERT_EQ(list.size(), 2u);
-  EXPECT_EQ(plain(list[0]) + plain(list[1]), "ab");
-  consolidate_string(list, list[0], separators.c_str());
-  EXPECT_EQ(plain(list[0]), "a;b");
-}
-
 TYPED_TEST(Words, EscapePutsTheCharacterBeforeEachOfTheSet) {
   constexpr struct {
     std::string_view source, set, expected;
@@ -271,18 +261,4 @@ TEST(WordsBeyondAscii, AreSeparatedAsOthersAre) {
   std::wstring joined_wide;
   consolidate_string(std::vector<std::wstring>{L"a\x203B", L"b\x2028"}, joined_wide, L";\x2028");
   EXPECT_EQ(joined_wide, L"a\x203B;\"b\x2028\"");
-}
-
-TEST(WordsOfLiterals, GoToTheContainersOwnKindOfText) {
-  std::vector<std::string> narrow;
-  std::list<std::wstring> wide;
-  std::set<_bstr_t> com;
-  divide_string("b;a", narrow, ";");
-  divide_string(L"b;a", wide, L";");
-  divide_string(L"b;a", com, L";");
-  EXPECT_EQ(narrow, (std::vector<std::string>{"b", "a"}));
-  EXPECT_EQ(wide, (std::list<std::wstring>{L"b", L"a"}));
-  EXPECT_EQ(com, (std::set<_bstr_t>{L"a", L"b"}));
-  static_assert(std::same_as<decltype(escape("a", "b", 'c')), std::string>);
-  static_assert(std::same_as<decltype(escape(L"a", L"b", L'c')), std::wstring>);
 }
