@@ -87,29 +87,6 @@ TEST(Time, ZoneOfTheRunIsTheOneAskedFor) {
   EXPECT_EQ(zone_offset(), test_zone() == "EST5EDT" ? 5 * 3600 : -3600);
 }
 
-TEST(Time, EpochIsTheDefaultAndIsValid) {
-  EXPECT_EQ(_time_t(), 0);
-  EXPECT_TRUE(_time_t().valid());
-  EXPECT_FALSE(_time_t::invalid.valid());
-  EXPECT_EQ(_time_t::invalid, -1);
-}
-
-TEST(Time, ComparesAndAssignsAsANumber) {
-  _time_t early(5), late = 7;
-  EXPECT_TRUE(early == 5 && early != late && early < late && late - early == 2);
-  early = 0;
-  EXPECT_EQ(early, 0);
-  early = beyond_the_run_time;
-  EXPECT_EQ(early, beyond_the_run_time);
-}
-
-TEST(Time, NowIsTheRunTimesNow) {
-  auto const before = _time64(nullptr);
-  auto const now = _time_t::time();
-  EXPECT_LE(before, now);
-  EXPECT_LE(now, _time64(nullptr));
-}
-
 TEST(Time, RecordIsReadAsLocalAndNormalisedInPlace) {
   tm const day = record_of(2004, 4, 31, 0, 0, 0, -1);
   tm by_reference = day, by_pointer = day, assigned = day, by_run_time = day;
@@ -137,7 +114,6 @@ TEST(Time, LocalFieldsAreReadAsTheRunTimeReadsThem) {
   };
   fields.ordinary(10'000, check);
   fields.beyond(10'000, check);
-  EXPECT_EQ(_time_t::mktime(2004, 13, 1, 0, 0, 0), _time_t::mktime(2005, 1, 1, 0, 0, 0));
 }
 
 // The rule is the run time's: read as standard time of the zone, less its
@@ -156,11 +132,7 @@ TEST(Time, UtcFieldsGiveTheStandardTimeOfTheZoneLessItsOffset) {
     check(year, 3, 1, 0, 0, 0);
     check(year, 12, 31, 23, 59, 59);
   }
-}
-
-TEST(Time, RefusedUtcFieldsLoseTheZonesOffsetToo) {
-  EXPECT_EQ(Core::mktime(1950, 1, 1, 0, 0, 0, true), -1 - zone_offset());
-  EXPECT_FALSE(_time_t::mktime(1950, 1, 1, 0, 0, 0).valid());
+  EXPECT_EQ(Core::mktime(1950, 1, 1, 0, 0, 0, true), -1 - zone_offset()) << "refused as -1";
 }
 
 TEST(Time, SystemTimeGoesThroughUtcAndBackWithoutTheZone) {
@@ -207,19 +179,13 @@ TEST(Time, VariantDateAndTimeAreInverseToTheSecond) {
   EXPECT_EQ(_time_t::mktime(summer.localvarianttime(), false), summer);
 }
 
-TEST(Time, NoTimeIsVariantZero) {
-  EXPECT_EQ(_time_t::invalid.varianttime(), 0.0);
-  for (double const date : {0.0, 1e300, -1e9, std::nan("")}) {
-    EXPECT_FALSE(_time_t::mktime(date, false).valid()) << date;
-    EXPECT_FALSE(_time_t::mktime(date, true).valid()) << date;
-  }
-}
-
-TEST(Time, DateOfAVariantIsTakenWithoutALookAtItsTag) {
+TEST(Time, DateOfAVariantIsTakenWithoutALookAtItsTagAndZeroIsNoTime) {
   EXPECT_EQ(_time_t(_variant_t(25569.5, VT_DATE), true), 12 * 3600);
   EXPECT_EQ(_time_t(_variant_t(25569.5, VT_R8), true), 12 * 3600);
   EXPECT_EQ(_time_t(_variant_t(25569.5, VT_DATE), false), 12 * 3600 + zone_offset());
-  EXPECT_FALSE(_time_t(_variant_t(0.0, VT_DATE), true).valid());
+  EXPECT_EQ(_time_t::invalid.varianttime(), 0.0);
+  for (double const date : {0.0, 1e300, -1e9, std::nan("")})
+    EXPECT_FALSE(_time_t(_variant_t(date, VT_DATE), true).valid()) << date;
 }
 
 TEST(Time, LocalDaysBeginAtMidnightWhateverTheirLength) {
