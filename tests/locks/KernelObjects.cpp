@@ -5,7 +5,6 @@
 #include <windows.h>
 
 #include <functional>
-#include <string>
 #include <thread>
 
 #include "tests/support/OpenHandles.h"
@@ -26,11 +25,6 @@ constexpr int limit = 20'000;
 void* const minus_one = INVALID_HANDLE_VALUE;
 
 void* raw(THandle const& handle) { return handle; }
-
-std::string unique(char const* what) {
-  return std::string("velt-one-") + what + "-" + std::to_string(GetCurrentProcessId());
-}
-std::wstring wide(std::string const& text) { return std::wstring(text.begin(), text.end()); }
 
 // Runs when this thread next waits alertably. Must stay until then.
 class QueuedCall {
@@ -116,17 +110,6 @@ TEST(Mutex, QueuedCallEndsATimedLockAndNotAnUntimedOne) {
   owner.join();
 }
 
-TEST(Semaphore, QueuedCallEndsATimedLockAndNotAnUntimedOne) {
-  TSemaphore semaphore(1, 0);
-  QueuedCall nothing([&] { semaphore.Unlock(); });
-  EXPECT_FALSE(semaphore.Lock(limit)) << "although the call itself gave the count";
-  EXPECT_TRUE(semaphore.Lock(0));
-  QueuedCall give([&] { semaphore.Unlock(); });
-  semaphore.Lock();
-  EXPECT_EQ(give.runs, 1);
-  EXPECT_FALSE(semaphore.Lock(0));
-}
-
 TEST(Semaphore, ThreadIsInterruptedOutOfALock) {
   TSemaphore semaphore(1, 0);
   QueuedCall interrupt([] { throw EThreadInterrupt(); });
@@ -136,51 +119,27 @@ TEST(Semaphore, ThreadIsInterruptedOutOfALock) {
 }
 
 TEST(Event, QueuedCallEndsATimedWaitAndNotAnUntimedOne) {
-  TEvent event;
-  QueuedCall set([&] { event.Set(); });
+  TEvent event(false, false);
+  TSemaphore semaphore(1, 0);
+  auto const give = [&] {
+    event.Set();
+    semaphore.Unlock();
+  };
+  QueuedCall call(give);
   EXPECT_FALSE(event.Signaled(limit)) << "although the call itself signalled";
-  EXPECT_TRUE(event.Signaled(0));
-  event.Reset();
-  QueuedCall again([&] { event.Set(); });
+  EXPECT_TRUE(event.Signaled(-1));
+  EXPECT_TRUE(semaphore.Lock(0));
+  QueuedCall for_event(give);
   event.WaitForSignal();
-  EXPECT_EQ(again.runs, 1);
-}
+  EXPECT_FALSE(event.Signaled(0));
 
-TEST(WaitableTimer, MomentIsAbsolute) {
-  FILETIME now;
-  GetSystemTimeAsFileTime(&now);
-  ULARGE_INTEGER moment{{now.dwLowDateTime, now.dwHighDateTime}};
-  TWaitableTimer timer;
-  moment.QuadPart += 10'000 * 10'000'000ull;  // 100 ns in 10,000 s
-  timer.SetTimer(FILETIME{moment.LowPart, moment.HighPart});
-  EXPECT_EQ(timer.WaitForSingleObject(20, FALSE), DWORD{WAIT_TIMEOUT});
-  timer.Set(now);  // past by now
-  EXPECT_EQ(timer.WaitForSingleObject(limit, FALSE), WAIT_OBJECT_0);
-}
-
-namespace {
-
-enum class access { everybody, by_list };
-
-access access_of(THandle const& object) {
-  std::max_align_t buffer[64];
-  DWORD used;
-  BOOL present = FALSE, by_default;
-  PACL list = nullptr;
-  EXPECT_TRUE(
-      GetKernelObjectSecurity(object, DACL_SECURITY_INFORMATION, buffer, sizeof buffer, &used));
-  EXPECT_TRUE(GetSecurityDescriptorDacl(buffer, &present, &list, &by_default));
-  return list ? access::by_list : access::everybody;
-}
-
-}  // namespace
-
-TEST(NamedKernelObjects, EventIsOpenToEverybodyAndTheOthersAreNot) {
-  EXPECT_EQ(access_of(TEvent(unique("narrow").c_str())), access::everybody);
-  EXPECT_EQ(access_of(TEvent(wide(unique("wide")).c_str())), access::everybody);
-  EXPECT_EQ(access_of(TMutex(unique("mutex").c_str())), access::by_list);
-  EXPECT_EQ(access_of(TSemaphore(unique("semaphore").c_str(), 1, 1)), access::by_list);
-  EXPECT_EQ(access_of(TWaitableTimer(unique("timer").c_str())), access::by_list);
+  EXPECT_TRUE(semaphore.Lock(0));
+  QueuedCall again(give);
+  EXPECT_FALSE(semaphore.Lock(limit));
+  EXPECT_TRUE(semaphore.Lock(0));
+  QueuedCall for_semaphore(give);
+  semaphore.Lock();
+  EXPECT_FALSE(semaphore.Lock(0));
 }
 
 TEST(Handle, RawHandleIsSharedUnlessAttached) {
