@@ -14,19 +14,10 @@
 
 using namespace velt_test;
 
-VELT_WATCH(CancelIo)
-VELT_WATCH(CloseHandle)
-VELT_WATCH(CreateFileA)
-VELT_WATCH(CreateFileW)
-VELT_WATCH(DuplicateHandle)
-VELT_WATCH(FlushFileBuffers)
-VELT_WATCH(GetFileInformationByHandle)
-VELT_WATCH(GetFileSize)
-VELT_WATCH(GetOverlappedResult)
-VELT_WATCH(ReadFile)
-VELT_WATCH(SetFilePointer)
-VELT_WATCH(SetFilePointerEx)
-VELT_WATCH(WriteFile)
+VELT_WATCH(CancelIo) VELT_WATCH(CloseHandle) VELT_WATCH(CreateFileA) VELT_WATCH(CreateFileW)
+VELT_WATCH(DuplicateHandle) VELT_WATCH(FlushFileBuffers) VELT_WATCH(GetFileInformationByHandle)
+VELT_WATCH(GetFileSize) VELT_WATCH(GetOverlappedResult) VELT_WATCH(ReadFile)
+VELT_WATCH(SetFilePointer) VELT_WATCH(SetFilePointerEx) VELT_WATCH(WriteFile)
 
 namespace {
 
@@ -158,21 +149,6 @@ TEST_F(FileCalls, PositionAndSizeDoNotReportFailure) {
     run(file);
     EXPECT_EQ(watch.calls, call);
   }
-}
-
-TEST_F(FileCalls, OverlappedOperationMayStartOrHaveEnded) {
-  char const* const no_failures[] = {"ReadFile", "WriteFile"};
-  for (auto const call : no_failures) {
-    TOverlappedFile file(DoNotInitialize);
-    Watch watch(call);
-    watch.code = ERROR_IO_PENDING;
-    EXPECT_EQ(call == no_failures[0] ? file.ReadFile(buffer, 3) : file.WriteFile(buffer, 3), 0u);
-  }
-  TOverlappedFile file(DoNotInitialize);
-  unsigned long moved;
-  Watch watch("GetOverlappedResult");
-  watch.code = ERROR_IO_INCOMPLETE;
-  EXPECT_FALSE(file.GetOverlappedResult(moved, false));
 }
 
 TEST_F(FileCalls, EventIsDuplicatedAndClosed) {
