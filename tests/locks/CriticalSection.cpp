@@ -4,9 +4,8 @@
 #include <windows.h>
 
 #include <cstring>
-#include <memory>
+#include <new>
 #include <thread>
-#include <vector>
 
 #include "velt/exceptions/ExceptionFamily.h"
 

@@ -22,7 +22,8 @@ void work_until_seen(Watch const& watch) {
 }
 
 __int64 number(FILETIME const& time) {
-  return static_cast<__int64>(ULARGE_INTEGER{.u = {time.dwLowDateTime, time.dwHighDateTime}}.QuadPart);
+  ULARGE_INTEGER const whole{.u = {time.dwLowDateTime, time.dwHighDateTime}};
+  return static_cast<__int64>(whole.QuadPart);
 }
 
 struct ThreadTimes {

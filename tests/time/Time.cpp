@@ -104,7 +104,8 @@ TEST(Time, LocalFieldsAreReadAsTheRunTimeReadsThem) {
   RandomFields fields{std::mt19937(1)};
   auto const check = [](auto... f) {
     tm record = record_of(f..., -1);
-    EXPECT_EQ(_time_t::mktime(f...), _mktime64(&record)) << testing::PrintToString(std::tuple(f...));
+    EXPECT_EQ(_time_t::mktime(f...), _mktime64(&record))
+        << testing::PrintToString(std::tuple(f...));
   };
   fields.ordinary(10'000, check);
   fields.beyond(10'000, check);

@@ -68,7 +68,7 @@ TEST(PropertyList, GetPropertiesStopsAtAValueThatIsNoTextAndLeavesTheListUsable)
     list.PutProperty(L"a", std::string("x"));
     list.PutProperty(L"b", value);
     list.PutProperty(L"c", std::string("y"));
-    std::vector<_bstr_t> out;
+    std::vector<_bstr_t> out{L"left over"};
     try {
       list.GetProperties(out);
       ADD_FAILURE() << "did not throw";
