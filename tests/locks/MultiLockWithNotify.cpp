@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <functional>
 #include <stdexcept>
 #include <string>
@@ -195,10 +196,14 @@ TEST_F(MultiLockWithNotify, EachFormFiresItsOwnWhateverTookTheHold) {
 }
 
 TEST_F(MultiLockWithNotify, FirstReaderThatIsInterruptedAfterItsNotificationHoldsNothing) {
+  std::atomic<bool> held = false;
   lock.during = [&](std::string const& name) {
-    if (name == "OnReadLock") b.run([&] { lock.hold_inner(); });
+    if (name != "OnReadLock") return;
+    b.run([&] { lock.hold_inner(); });
+    held = true;
   };
   a.start([&] { lock.ReadLock(); });
+  while (!held) Sleep(1);
   EXPECT_TRUE(a.waits());
   a.interrupt();
   EXPECT_TRUE(a.waits());
