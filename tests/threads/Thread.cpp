@@ -18,8 +18,14 @@ namespace {
 
 unsigned int answer(void*) { return 42; }
 
-unsigned int wait_alertably_for(void* event) {
-  static_cast<TEvent*>(event)->WaitForSignal();
+struct Wait {
+  TEvent begun, end;
+};
+
+unsigned int wait_alertably(void* argument) {
+  auto const wait = static_cast<Wait*>(argument);
+  wait->begun.Set();
+  wait->end.WaitForSignal();
   return 7;
 }
 
@@ -29,18 +35,20 @@ DWORD exit_code(TThread const& thread) {
   return code;
 }
 
-// A thread that waits for an event, alertably, until the test ends.
+// A thread that waits for an event, alertably, until the test ends. It has begun:
+// killed before, it would keep the loader's lock.
 class WaitingThread : public ::testing::Test {
 protected:
+  WaitingThread() { ::WaitForSingleObject(wait.begun, INFINITE); }
   ~WaitingThread() noexcept override {
-    end.Set();
+    wait.end.Set();
     ::WaitForSingleObject(thread, INFINITE);
   }
 
   int priority() const { return GetThreadPriority(thread); }
 
-  TEvent end;
-  TThread thread{wait_alertably_for, &end};
+  Wait wait;
+  TThread thread{wait_alertably, &wait};
 };
 
 }  // namespace
@@ -100,7 +108,7 @@ TEST_F(WaitingThread, PriorityGoesToThePlatformAlsoByTheNameOfTheBoost) {
 TEST_F(WaitingThread, SuspendedThreadStandsStillUntilItIsResumedAsOften) {
   thread.SuspendThread();
   thread.SuspendThread();
-  end.Set();
+  wait.end.Set();
   EXPECT_EQ(::WaitForSingleObject(thread, 50), WAIT_TIMEOUT);
   thread.ResumeThread();
   EXPECT_EQ(::WaitForSingleObject(thread, 50), WAIT_TIMEOUT);
