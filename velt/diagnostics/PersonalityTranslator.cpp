@@ -14,14 +14,22 @@
 //    frame it is asked about has called something.
 // 3. The frames are unwound, the one with the fault among them.
 //
+// After an overflow there is no room for two searches on top of each other, with
+// a record of all registers for every step. So the first one ends here: the
+// thread goes on in a function of ours just below the fault, which calls the
+// translator.
+//
 // A vectored handler could not do it: it sees a fault before the handlers that
 // the frames of other languages have for it, and its throw would come from
 // nowhere, as far as the frame with the fault is concerned.
 #include <windows.h>
 
+#include <algorithm>
 #include <bit>
 #include <cstring>
+#include <exception>
 #include <optional>
+#include <utility>
 
 #include "velt/diagnostics/ThreadSlotInternal.h"
 #include "velt/diagnostics/ThrownObjectInternal.h"
@@ -34,6 +42,10 @@ extern "C" VELT_API personality_routine __wrap___gxx_personality_seh0;
 extern "C" personality_routine velt_leave_translator;
 extern "C" void velt_enter_translator(unsigned int code, _EXCEPTION_POINTERS* pointers,
                                       structured_exception_translator translator);
+extern "C" void velt_land_below_fault(EXCEPTION_RECORD* record, CONTEXT* context, ULONG64 rip,
+                                      ULONG64 rsp);
+extern "C" void velt_translate_overflow(EXCEPTION_RECORD* record, CONTEXT* context, ULONG64 rip,
+                                        ULONG64 rsp);
 
 // The frame of the translator's caller has a handler that is told when it is
 // unwound, for whatever reason; a destructor would be run by some of the
@@ -51,6 +63,26 @@ velt_enter_translator:
   nop
   addq $40, %rsp
   ret
+  .seh_endproc
+)");
+
+// To an unwinder the function looks as if the processor had called it amid the
+// instruction with the fault: what lies above its frame is a place and a stack
+// pointer to go on with, and the other registers are as they were.
+asm(R"(
+  .text
+  .def velt_land_below_fault; .scl 3; .type 32; .endef
+  .seh_proc velt_land_below_fault
+velt_land_below_fault:
+  .seh_pushframe
+  subq $40, %rsp
+  .seh_stackalloc 40
+  .seh_endprologue
+  movq %r8, 40(%rsp)
+  movq %r9, 64(%rsp)
+  cld
+  call velt_translate_overflow
+  ud2
   .seh_endproc
 )");
 
@@ -239,8 +271,36 @@ void call_translator(structured_exception_translator translator, EXCEPTION_RECOR
   close(fault);
 }
 
+// Makes the context one that goes on in velt_land_below_fault, below itself and
+// its record, which stay where they are. The registers that carry the arguments
+// are kept in their homes.
+void redirect_below_fault(EXCEPTION_RECORD* record, CONTEXT& context) noexcept {
+  auto const lowest = std::min({context.Rsp, reinterpret_cast<ULONG64>(&context),
+                                reinterpret_cast<ULONG64>(record)});
+  context.P1Home = std::exchange(context.Rcx, reinterpret_cast<ULONG64>(record));
+  context.P2Home = std::exchange(context.Rdx, reinterpret_cast<ULONG64>(&context));
+  context.P3Home = std::exchange(context.R8, context.Rip);
+  context.P4Home = std::exchange(context.R9, context.Rsp);
+  constexpr ULONG64 machine_frame = 40;
+  context.Rsp = (lowest & ~ULONG64{15}) - machine_frame;
+  context.Rip = reinterpret_cast<ULONG64>(&velt_land_below_fault);
+}
+
+void undo_redirection(CONTEXT& context, ULONG64 rip, ULONG64 rsp) noexcept {
+  context.Rip = rip;
+  context.Rsp = rsp;
+  context.Rcx = context.P1Home;
+  context.Rdx = context.P2Home;
+  context.R8 = context.P3Home;
+  context.R9 = context.P4Home;
+}
+
 bool is_unwinding(EXCEPTION_RECORD const& record) noexcept {
   return record.ExceptionFlags & (EXCEPTION_UNWINDING | EXCEPTION_EXIT_UNWIND);
+}
+
+bool may_continue(EXCEPTION_RECORD const& record) noexcept {
+  return !(record.ExceptionFlags & EXCEPTION_NONCONTINUABLE);
 }
 
 // Of the codes of the run time's throws and steps of unwinding, and of other
@@ -257,13 +317,19 @@ bool is_beyond(open_fault const* fault, void* establisher) noexcept {
   return fault && static_cast<void const*>(fault) < establisher;
 }
 
-void search(EXCEPTION_RECORD* record, void* establisher, CONTEXT* context,
-            DISPATCHER_CONTEXT const& frame) {
+EXCEPTION_DISPOSITION search(EXCEPTION_RECORD* record, void* establisher, CONTEXT* context,
+                             DISPATCHER_CONTEXT const& frame) {
   auto const translator = translators.get();
-  if (!translator || is_beyond(open_faults.get(), establisher)) return;
+  if (!translator || is_beyond(open_faults.get(), establisher)) return ExceptionContinueSearch;
   bool const faulted = is_faulting_frame(*context, establisher, frame);
-  if (has_catch_for(frame, faulted ? frame.ControlPc : frame.ControlPc - 1))
-    call_translator(translator, record, context);
+  if (!has_catch_for(frame, faulted ? frame.ControlPc : frame.ControlPc - 1))
+    return ExceptionContinueSearch;
+  if (record->ExceptionCode == EXCEPTION_STACK_OVERFLOW && may_continue(*record)) {
+    redirect_below_fault(record, *context);
+    return ExceptionContinueExecution;
+  }
+  call_translator(translator, record, context);
+  return ExceptionContinueSearch;
 }
 
 EXCEPTION_DISPOSITION pass(EXCEPTION_RECORD* record, void* establisher, CONTEXT* context,
@@ -296,8 +362,16 @@ EXCEPTION_DISPOSITION __wrap___gxx_personality_seh0(EXCEPTION_RECORD* record, vo
                                                     CONTEXT* context, DISPATCHER_CONTEXT* frame) {
   using namespace velt::detail;
   if (!is_fault(*record) || is_unwinding(*record)) return pass(record, establisher, context, frame);
-  search(record, establisher, context, *frame);
-  return __real___gxx_personality_seh0(record, establisher, context, frame);
+  return search(record, establisher, context, *frame);
+}
+
+// With the context as it was: it is what the exception is made from.
+void velt_translate_overflow(EXCEPTION_RECORD* record, CONTEXT* context, ULONG64 rip,
+                             ULONG64 rsp) {
+  using namespace velt::detail;
+  undo_redirection(*context, rip, rsp);
+  call_translator(translators.get(), record, context);
+  std::terminate();
 }
 
 // The fault stays open if its own frame is about to be asked: see pass().
