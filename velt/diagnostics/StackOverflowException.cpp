@@ -5,6 +5,7 @@
 
 #include <malloc.h>
 
+#include "velt/diagnostics/TranslatorInternal.h"
 #include "velt/exceptions/ExceptionFamily.h"
 #include "velt/locks/CriticalSection.h"
 #include "velt/locks/Handle.h"
@@ -29,6 +30,10 @@ struct event_maker {
     StackOverflowDone.AttachHandle(check(CreateEventW(nullptr, FALSE, FALSE, nullptr)));
   }
 } const made_at_load;
+
+void throw_copy(void* target) {
+  throw EStackOverflowException(*static_cast<EStackOverflowException*>(target));
+}
 
 // Calls that are queued meanwhile are run.
 void wait_until_done() {
@@ -55,7 +60,7 @@ void EStackOverflowException::Throw(_EXCEPTION_POINTERS* pointers, unsigned long
   StackOverflowThread.AttachHandle(check(reinterpret_cast<void*>(thread)));
   wait_until_done();
   StackOverflowThread.CloseHandle();
-  throw EStackOverflowException(target);
+  velt::detail::throw_leanly(throw_copy, &target);
 }
 
 unsigned int EStackOverflowException::ThrowThread(void* target) {

@@ -11,6 +11,10 @@ namespace velt::detail {
 // and throws or returns; after a return the search for a handler goes on.
 structured_exception_translator set_translator(structured_exception_translator translator) noexcept;
 
+// Calls the thrower, which throws. Takes about half as much stack as the bare
+// throw.
+[[noreturn]] void throw_leanly(void (*thrower)(void* argument), void* argument);
+
 // True if the vectored handler that watches throws is registered.
 bool throws_are_watched() noexcept;
 
