@@ -241,14 +241,10 @@ private:
     else
       account.write_ends(own(hold::write));
     step_name = is_free ? "UnlockThreadIndependent" : "Unlock";
-    for (;;) {
-      try {
-        is_free ? lock.UnlockThreadIndependent() : lock.Unlock();
-        return;
-      } catch (Interrupted const&) {
-        // It has not unlocked.
-        ++counts.interrupted;
-      }
+    try {
+      is_free ? lock.UnlockThreadIndependent() : lock.Unlock();
+    } catch (Interrupted const&) {
+      fail(lock, "a queued call threw out of a release");
     }
   }
 

@@ -10,12 +10,12 @@
    the events set in it; giving the inner lock back is another, because a woken
    thread may find it still taken. A wait takes its event in one step, in the
    order of priority. A limit can run out whenever no signal that is waited for is
-   up, and queued calls that throw can come wherever a thread waits or spins, but
-   only THROWS of them in a run: help that always may come would hide a waiter
-   that needs it.
+   up, and queued calls that throw can come wherever a thread waits or spins to
+   take a hold, but only THROWS of them in a run: help that always may come would
+   hide a waiter that needs it.
 
-   A thread that throws out of its first spin, or out of that of an unlock, has
-   done nothing, so these are no steps here: its hold, or the lack of it, stays.
+   A thread that throws out of its first spin has done nothing, so that is no step
+   here: it holds what it held.
 
    The events are the signals here. Those of the two manual kinds follow their
    signals at once, from whenever they are made; the automatic one is only made
@@ -83,13 +83,38 @@ byte write_records = 0;
 
 byte stopped = 0;
 
+/* How often sig_free was set since a thread began to wait, and whether the thread
+   that the last time woke is known to be back. Counts beyond two are alike, and
+   so are all those of a thread that does not wait. */
+#define not_waiting 3
+byte wake_ups[THREADS] = not_waiting;
+bool last_wake_up_taken = false;
+
 inline raise(mask) {
-  free_event = free_event || ((mask) & ~signals & sig_free) != 0;
+  if
+  :: ((mask) & ~signals & sig_free) != 0 ->
+     free_event = true;
+     last_wake_up_taken = false;
+     for (i : 0 .. THREADS - 1) {
+       if
+       :: wake_ups[i] < 2 -> wake_ups[i]++
+       :: else
+       fi
+     }
+     i = 0
+  :: else
+  fi;
   signals = signals | (mask);
 }
 
+/* Without queued calls the event need not be reset where it is not. */
 inline lower(mask) {
-  free_event = free_event && ((mask) & signals & sig_free) == 0;
+  if
+  :: ((mask) & signals & sig_free) != 0 && !last_wake_up_taken -> free_event = false
+  :: ((mask) & signals & sig_free) != 0 && last_wake_up_taken ->
+     assert(!free_event || throws < THROWS)
+  :: else
+  fi;
   signals = signals & ~(mask);
 }
 
@@ -189,10 +214,10 @@ inline refuse_if_second() {
 #endif
 }
 
-/* A waiter that was woken and cannot go on wakes another. */
+/* A waiter that used up a wake-up and cannot go on wakes another. */
 inline pass_on() {
 #ifndef NO_PASSING_ON
-  free_event = free_event || woken
+  free_event = free_event || took_wake_up
 #else
   skip
 #endif
@@ -244,6 +269,11 @@ inline ask() {
 #define enter() look(); if :: counted -> count_upgrader() :: else fi }
 #endif
 
+inline look_again() {
+  last_wake_up_taken = last_wake_up_taken || (took_wake_up && wake_ups[me] == 1);
+  wake_ups[me] = not_waiting
+}
+
 inline release() {
   remove_owner(id);
   if
@@ -264,8 +294,10 @@ inline release() {
 
 /* Equal whatever came before, so that there are fewer states. */
 inline forget() {
-  writes = false; independent = false; woken = false; removed_writes = false;
-  mask = 0; limit = 0; id = me; outcome = granted
+  writes = false; independent = false; woken = false; took_wake_up = false;
+  removed_writes = false;
+  mask = 0; limit = 0; id = me; outcome = granted;
+  wake_ups[me] = not_waiting
 }
 
 proctype user(byte me) {
@@ -276,8 +308,9 @@ proctype user(byte me) {
 #ifdef PLAIN_COUNT
   byte loaded = 0;
 #endif
-  bool writes = false, independent = false, counted = false, woken = false;
-  bool removed_writes = false;
+  bool writes = false, independent = false, counted = false;
+  bool woken = false, took_wake_up = false, removed_writes = false;
+  byte i;
   mtype outcome = granted;
 
 choose:
@@ -304,7 +337,7 @@ entered:
        forget(); goto choose
     :: outcome == dead_lock -> forget(); goto choose
     :: outcome == refused -> goto leave
-    :: outcome == waits
+    :: outcome == waits -> wake_ups[me] = 0; took_wake_up = false
     fi
   }
 
@@ -320,7 +353,8 @@ waiting:
      }
   :: atomic { (up & sig_sole_owner) != 0 && inner && may_throw -> throws--; outcome = refused }
   :: atomic { up == sig_read_open -> woken = true }
-  :: atomic { up == 0 && free_event -> free_event = false; woken = true }
+  :: atomic { up == 0 && free_event ->
+       free_event = false; woken = true; took_wake_up = true }
   :: atomic { up == 0 && !free_event && limit == 1 -> outcome = refused }
   :: atomic { up == 0 && !free_event && may_throw -> throws--; outcome = refused }
   fi;
@@ -331,7 +365,7 @@ leave:
   :: !counted
   fi;
   if
-  :: atomic { outcome == waits && !inner -> inner = true; enter(); goto entered
+  :: atomic { outcome == waits && !inner -> inner = true; look_again(); enter(); goto entered
   :: atomic { outcome == waits && inner && may_throw ->
        throws--; pass_on(); forget(); goto choose }
   :: atomic { outcome == refused -> forget(); goto choose }

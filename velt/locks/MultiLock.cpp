@@ -78,8 +78,8 @@ bool TMultiLock::_write_lock_independent(unsigned int timeout, _owner_id id) {
       [] {});
 }
 
-void TMultiLock::_unlock(_owner_id id) {
-  inner_lock(id);
+void TMultiLock::_unlock(_owner_id id) noexcept {
+  inner_lock_to_release(id);
   _owner_id const removed = remove_owner(id);
   if (removed.bits == no_record) {
     inner_unlock();
@@ -99,18 +99,18 @@ void TMultiLock::_unlock(_owner_id id) {
   set_signal(mask);
 }
 
-bool TMultiLock::wait_to_upgrade(_owner_id id, unsigned int timeout) {
+bool TMultiLock::wait_to_upgrade(_owner_id id, unsigned int timeout, wait_history& history) {
   if (++rw_waiters > 1) {
     --rw_waiters;
     inner_unlock();
     throw EGeneric({"Text", "Dead-lock in multilock"}, {"Status", GetStatusString()});
   }
-  bool again, failed = false;
+  bool again;
   try {
-    again = wait_signal(sig_sole_owner | sig_free, id, timeout, &failed);
+    again = wait_signal(sig_sole_owner | sig_free, id, timeout, history);
   } catch (...) {
     // A wait that fails stays counted.
-    if (!failed) --rw_waiters;
+    if (!history.failed) --rw_waiters;
     throw;
   }
   --rw_waiters;

@@ -31,8 +31,8 @@
 // Any acquisition may throw: EGeneric with "Text" ("Dead-lock in multilock") and
 // "Status" for the second thread that wants to upgrade, whatever its limit; it
 // keeps its read hold. ESystemException if the wait fails, std::bad_alloc, and
-// what a queued call throws. A queued call can throw out of an unlock, too, in
-// the spin for the inner lock: the hold is then still there.
+// what a queued call throws. Ends of holds throw nothing and run no queued calls,
+// so that a guard can end its hold while an exception unwinds the stack.
 //
 // Do not destroy a lock that is held or waited for.
 class VELT_API TMultiLock : protected _ml_free_signal_event, public virtual IMultiLockEx {
@@ -78,7 +78,7 @@ protected:
   bool _write_lock(unsigned int timeout, _owner_id id);
   bool _read_lock_independent(unsigned int timeout, _owner_id id);
   bool _write_lock_independent(unsigned int timeout, _owner_id id);
-  void _unlock(_owner_id id);
+  void _unlock(_owner_id id) noexcept;
 
   // The protocol. The branches that a derived class changes are calls: each is
   // made under the inner lock, which it releases.
@@ -97,7 +97,7 @@ protected:
 private:
   TMultiLock(TMultiLock const&) = delete;
 
-  bool wait_to_upgrade(_owner_id id, unsigned int timeout);
+  bool wait_to_upgrade(_owner_id id, unsigned int timeout, wait_history& history);
 
   // Threads that wait to upgrade. Raised under the inner lock and lowered
   // without it.

@@ -12,6 +12,9 @@
 
 namespace {
 
+constexpr int tries_before_sleep = 200;
+constexpr int pauses_before_yield = 20;
+
 struct bad_allocation : std::bad_alloc {
   char const* what() const noexcept override { return "bad allocation"; }
 };
@@ -47,33 +50,21 @@ private:
 
 }  // namespace
 
-void _ml_interlocked_inner_lock::inner_lock(_owner_id id) {
-  unsigned int expected = free_word;
-  if (!word.compare_exchange_strong(expected, id.bits, std::memory_order_acquire)) [[unlikely]]
-    inner_lock_contended(id);
-}
-
-void _ml_interlocked_inner_lock::inner_lock_contended(_owner_id id) {
-  unsigned int expected;
+// The holder needs the length of a platform call at most, which is far less than
+// the shortest sleep. It may wait for this very processor, so that is offered.
+void _ml_interlocked_inner_lock::inner_lock_contended(_owner_id id, bool alertable) {
+  for (int i = 0; i < tries_before_sleep; ++i) {
+    for (int pause = 0; pause < pauses_before_yield && !is_free(); ++pause) YieldProcessor();
+    if (is_free() && try_inner_lock(id)) return;
+    SwitchToThread();
+  }
   DWORD pause = 0;
-  do {
-    SleepEx(pause++, TRUE);
-    expected = free_word;
-  } while (!word.compare_exchange_strong(expected, id.bits, std::memory_order_acquire));
-}
-
-void _ml_interlocked_inner_lock::inner_unlock() noexcept {
-  word.exchange(free_word, std::memory_order_release);
+  do SleepEx(pause++, alertable);
+  while (!try_inner_lock(id));
 }
 
 _ml_full_owners_list::~_ml_full_owners_list() {
   if (owners_capacity > inline_records) std::free(owners);
-}
-
-void _ml_full_owners_list::add_owner(_owner_id record) {
-  if (owners_count == owners_capacity) [[unlikely]]
-    grow();
-  owners[owners_count++] = record;
 }
 
 // By one record: holds beyond the inline ones are rare, and few.
@@ -125,44 +116,36 @@ _ml_free_signal_event::event const _ml_free_signal_event::events[3] = {
 };
 
 _ml_free_signal_event::~_ml_free_signal_event() {
-  inner_lock({GetCurrentThreadId()});
+  inner_lock_to_release({GetCurrentThreadId()});
   for (HANDLE const handle : {ev_free, ev_sole_owner, ev_read_open})
     if (handle) CloseHandle(handle);
 }
 
-void _ml_free_signal_event::raise(signal_set mask) noexcept {
-  signal_set const risen = mask & ~signals;
-  signals |= risen;
+void _ml_free_signal_event::set_events(signal_set risen) noexcept {
+  if (risen & sig_free) {
+    ++wake_ups;
+    last_wake_up_taken = false;
+  }
   for (auto const& each : events)
     if ((risen & each.signal) && this->*each.handle) SetEvent(this->*each.handle);
 }
 
-void _ml_free_signal_event::lower(signal_set mask) noexcept {
-  signal_set const fallen = mask & signals;
-  signals &= ~fallen;
+void _ml_free_signal_event::reset_events(signal_set fallen) noexcept {
+  if (last_wake_up_taken) fallen &= ~sig_free;
   for (auto const& each : events)
     if ((fallen & each.signal) && this->*each.handle) ResetEvent(this->*each.handle);
-}
-
-void _ml_free_signal_event::set_signal(signal_set mask) noexcept {
-  raise(mask);
-  inner_unlock();
-}
-
-void _ml_free_signal_event::reset_signal(signal_set mask) noexcept {
-  lower(mask);
-  inner_unlock();
 }
 
 // A failure shows in the wait.
 void* _ml_free_signal_event::handle_for(event const& each) noexcept {
   void*& handle = this->*each.handle;
+  has_events = true;
   if (!handle) handle = CreateEventW(nullptr, each.manual, (signals & each.signal) != 0, nullptr);
   return handle;
 }
 
 bool _ml_free_signal_event::wait_signal(signal_set mask, _owner_id id, unsigned int timeout,
-                                        bool* failed) {
+                                        wait_history& history) {
   if (timeout == 0) {
     inner_unlock();
     return false;
@@ -177,15 +160,15 @@ bool _ml_free_signal_event::wait_signal(signal_set mask, _owner_id id, unsigned 
     timer.SetTimer(timeout, 0);
     waits.add(timer, time_up);
   }
+  history = {.wake_ups_before = wake_ups};
   inner_unlock();
 
   for (;;) {
     auto const kind = waits.wait();
-    if (kind == wait_list::wait_failed) {
-      if (failed) *failed = true;
-      throw ESystemException();
-    }
+    history.failed = kind == wait_list::wait_failed;
+    if (history.failed) throw ESystemException();
     if (kind == time_up) return false;
+    history.took_wake_up = kind == sig_free;
     if (kind != sig_sole_owner) return true;
     inner_lock(id);
     bool const is_the_owner = is_only_owner(id);
@@ -194,13 +177,12 @@ bool _ml_free_signal_event::wait_signal(signal_set mask, _owner_id id, unsigned 
   }
 }
 
-// Wakes at worst somebody who finds nothing to do. The event is there: every
-// wait is for sig_free, too.
-void _ml_free_signal_event::inner_lock_after_wait(_owner_id id) {
+void _ml_free_signal_event::inner_lock_after_wait(_owner_id id, wait_history const& history) {
   try {
     inner_lock(id);
   } catch (...) {
-    SetEvent(ev_free);
+    if (history.took_wake_up) SetEvent(ev_free);
     throw;
   }
+  if (history.took_wake_up && wake_ups == history.wake_ups_before + 1) last_wake_up_taken = true;
 }

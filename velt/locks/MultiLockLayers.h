@@ -35,15 +35,30 @@ public:
 class VELT_API _ml_interlocked_inner_lock : public _ml_common {
 protected:
   // Held for a few steps over the fields, never across a wait or a call into
-  // other code. Not recursive. Spins in alertable sleeps, so that queued calls
-  // run, and can throw, in it.
-  void inner_lock(_owner_id id);
-  void inner_unlock() noexcept;
+  // other code. Not recursive. Who finds it taken tries again for some
+  // microseconds, then between alertable sleeps, so that queued calls run, and
+  // can throw, in it.
+  void inner_lock(_owner_id id) {
+    if (!try_inner_lock(id)) [[unlikely]]
+      inner_lock_contended(id, true);
+  }
+  // The same for the end of a hold, which has to succeed, in a destructor amid the
+  // unwinding of an exception too: queued calls are left to the thread's next wait.
+  void inner_lock_to_release(_owner_id id) noexcept {
+    if (!try_inner_lock(id)) [[unlikely]]
+      inner_lock_contended(id, false);
+  }
+  void inner_unlock() noexcept { word.store(free_word, std::memory_order_release); }
 
 private:
   static constexpr unsigned int free_word = 0xFFFFFFFF;
 
-  void inner_lock_contended(_owner_id id);
+  bool is_free() const noexcept { return word.load(std::memory_order_relaxed) == free_word; }
+  bool try_inner_lock(_owner_id id) noexcept {
+    unsigned int expected = free_word;
+    return word.compare_exchange_strong(expected, id.bits, std::memory_order_acquire);
+  }
+  void inner_lock_contended(_owner_id id, bool alertable);
 
   // The holder's id is for people who look into a dump.
   std::atomic<unsigned int> word = free_word;
@@ -70,7 +85,11 @@ protected:
   ~_ml_full_owners_list();
 
   // Appends; throws std::bad_alloc ("bad allocation").
-  void add_owner(_owner_id record);
+  void add_owner(_owner_id record) {
+    if (owners_count == owners_capacity) [[unlikely]]
+      grow();
+    owners[owners_count++] = record;
+  }
 
   // Removes the newest record of the owner, for reading or writing, and returns
   // it; no_record if there is none.
@@ -117,25 +136,46 @@ protected:
 
   // Under the inner lock, which they release. A signal that stands as wanted
   // costs no platform call, and neither does one that nobody ever waited for.
-  void set_signal(signal_set mask) noexcept;
-  void reset_signal(signal_set mask) noexcept;
+  void set_signal(signal_set mask) noexcept {
+    raise(mask);
+    inner_unlock();
+  }
+  void reset_signal(signal_set mask) noexcept {
+    lower(mask);
+    inner_unlock();
+  }
 
   // The same without releasing the inner lock.
-  void raise(signal_set mask) noexcept;
-  void lower(signal_set mask) noexcept;
+  void raise(signal_set mask) noexcept {
+    signal_set const risen = mask & ~signals;
+    signals |= risen;
+    if (has_events) set_events(risen);
+  }
+  void lower(signal_set mask) noexcept {
+    signal_set const fallen = mask & signals;
+    signals &= ~fallen;
+    if (has_events) reset_events(fallen);
+  }
+
+  // What one operation knows of its waits so far.
+  struct wait_history {
+    bool failed = false;                // the platform refused the last wait
+    bool took_wake_up = false;          // the last wait ended by sig_free
+    unsigned int wake_ups_before = 0;   // how many there had been when it began
+  };
 
   // Called under the inner lock, which is released in every case but when the
   // timer cannot be set. Waits until one of the signals is up, alertably; of
   // sig_sole_owner it takes notice only if `id` is that owner. True: look at the
   // state again. False: the time ran out. 0 asks without waiting, and
   // 0xFFFFFFFF means no limit. Throws ESystemException if the wait fails, and
-  // says so in `failed`: a queued call may throw the same.
-  bool wait_signal(signal_set mask, _owner_id id, unsigned int timeout, bool* failed = nullptr);
+  // says so in the history: a queued call may throw the same.
+  bool wait_signal(signal_set mask, _owner_id id, unsigned int timeout, wait_history& history);
 
   // Takes the inner lock after a wait that told to look again. If a queued call
-  // throws out of it, the one wake-up of sig_free that the wait may have used up
-  // goes on to the next waiter.
-  void inner_lock_after_wait(_owner_id id);
+  // throws out of it, a wake-up that the wait has used up goes on to the next
+  // waiter.
+  void inner_lock_after_wait(_owner_id id, wait_history const& history);
 
 private:
   struct event {
@@ -148,10 +188,19 @@ private:
 
   void* handle_for(event const& each) noexcept;
 
+  void set_events(signal_set risen) noexcept;
+  void reset_events(signal_set fallen) noexcept;
+
   // Null until somebody waits for the signal.
   void* ev_read_open = nullptr;
   void* ev_sole_owner = nullptr;
   void* ev_free = nullptr;
   // The truth; the events follow.
   signal_set signals = sig_free;
+  // Each setting of ev_free wakes one thread. The last one is known to have done
+  // so when that thread is back and nobody has set the event since; then it need
+  // not be reset, which saves a platform call for each hand-over of a lock.
+  unsigned int wake_ups = 0;
+  bool last_wake_up_taken = false;
+  bool has_events = false;
 };

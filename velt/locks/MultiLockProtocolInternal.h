@@ -1,13 +1,15 @@
 // The protocol of TMultiLock, shared with TMultiLockWithNotify. A waking is only
-// a hint: whoever is woken looks at the state afresh.
+// a hint: whoever is woken looks at the state afresh. Inlined, since the calls
+// and closures would cost as much again as all that is done without contention.
 #pragma once
 
 #include "velt/locks/MultiLock.h"
 
 template <bool independent, class FirstReader>
-bool TMultiLock::acquire_read(unsigned int timeout, _owner_id id,
+[[gnu::always_inline]] inline bool TMultiLock::acquire_read(unsigned int timeout, _owner_id id,
                               FirstReader const& first_reader) {
-  for (inner_lock(id);; inner_lock_after_wait(id)) {
+  wait_history history;
+  for (inner_lock(id);; inner_lock_after_wait(id, history)) {
     switch (state) {
       case not_locked:
         first_reader();
@@ -27,7 +29,7 @@ bool TMultiLock::acquire_read(unsigned int timeout, _owner_id id,
           return true;
         }
         auto const also = own == share::some ? sig_sole_owner : 0;
-        if (!wait_signal(sig_read_open | sig_free | also, id, timeout)) return false;
+        if (!wait_signal(sig_read_open | sig_free | also, id, timeout, history)) return false;
         break;
       }
 
@@ -39,9 +41,10 @@ bool TMultiLock::acquire_read(unsigned int timeout, _owner_id id,
 }
 
 template <bool independent, class FirstWriter, class Upgrader>
-bool TMultiLock::acquire_write(unsigned int timeout, _owner_id id,
+[[gnu::always_inline]] inline bool TMultiLock::acquire_write(unsigned int timeout, _owner_id id,
                                FirstWriter const& first_writer, Upgrader const& upgrader) {
-  for (inner_lock(id);; inner_lock_after_wait(id)) {
+  wait_history history;
+  for (inner_lock(id);; inner_lock_after_wait(id, history)) {
     if (state == not_locked) {
       first_writer();
       return true;
@@ -63,12 +66,12 @@ bool TMultiLock::acquire_write(unsigned int timeout, _owner_id id,
         return true;
 
       case share::some:
-        again = state == locked_read ? wait_to_upgrade(id, timeout)
-                                     : wait_signal(sig_sole_owner | sig_free, id, timeout);
+        again = state == locked_read ? wait_to_upgrade(id, timeout, history)
+                                     : wait_signal(sig_sole_owner | sig_free, id, timeout, history);
         break;
 
       default:
-        again = wait_signal(sig_free, id, timeout);
+        again = wait_signal(sig_free, id, timeout, history);
         break;
     }
     if (!again) return false;

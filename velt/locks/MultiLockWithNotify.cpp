@@ -129,7 +129,7 @@ void TMultiLockWithNotify::notify_of_unlock(int state_before, last_hold kind) {
 }
 
 void TMultiLockWithNotify::_unlock_notify(_owner_id id) {
-  inner_lock(id);
+  inner_lock_to_release(id);
   int const state_before = state;
   last_hold const kind = kind_of_last_hold(id);
   inner_unlock();
