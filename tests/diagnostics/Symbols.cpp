@@ -30,10 +30,12 @@ struct walked_stack {
   std::string source;  // of the call of StackWalk
 };
 
+// In these the line has something left to do after the call: where it has not,
+// the return address belongs to the next line.
 [[gnu::noipa]] walked_stack walk_inner(HANDLE thread, unsigned skip) {
   unsigned __int64 frames[64];
-  auto const count = StackWalk(frames, nullptr, thread, skip, 64);
-  return {{frames, frames + count}, source_of(__LINE__ - 1)};
+  auto const end = frames + StackWalk(frames, nullptr, thread, skip, 64);
+  return {{frames, end}, source_of(__LINE__ - 1)};
 }
 
 [[gnu::noipa]] walked_stack walk_outer(HANDLE thread, unsigned skip) {
@@ -43,7 +45,8 @@ struct walked_stack {
 }
 
 [[gnu::noipa]] std::string own_stack_text(std::string& source) {
-  auto text = GetMyDebugStack();
+  std::string text;
+  text += GetMyDebugStack();
   source = source_of(__LINE__ - 1);
   return text;
 }

@@ -15,8 +15,7 @@ using velt::detail::engine_hold;
 constexpr unsigned int most_frames = 64;
 
 // This function, its caller and the constructor lie between the walk of an own
-// stack and the thrower; so the first two are not inlined,
-// in whole or in part.
+// stack and the thrower; so the first two are not inlined, in whole or in part.
 constexpr unsigned int frames_above_thrower = 3;
 
 [[gnu::noipa]] void put_stack(EGeneric& exception, _CONTEXT* context) {

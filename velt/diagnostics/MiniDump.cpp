@@ -61,12 +61,15 @@ std::string module_to_blame(_CONTEXT* context) {
   return SymGetModuleFromAddress(SymGetActualErrorAddress(frames, count));
 }
 
-std::string program_name() {
+std::string find_program_name() {
   char path[MAX_PATH];
   std::string name(path, GetModuleFileNameA(nullptr, path, sizeof path));
   name.erase(0, name.rfind('\\') + 1);
   return name.substr(0, name.rfind('.'));
 }
+
+// Found at load: to ask for it can wait for the loader lock.
+std::string const program_name = find_program_name();
 
 std::string module_name(_EXCEPTION_POINTERS* pointers, bool with_symbols) {
   std::string module;
@@ -75,7 +78,7 @@ std::string module_name(_EXCEPTION_POINTERS* pointers, bool with_symbols) {
     if (module.empty() && pointers->ContextRecord && with_symbols)
       module = module_to_blame(pointers->ContextRecord);
   }
-  return module.empty() ? program_name() : module;
+  return module.empty() ? program_name : module;
 }
 
 std::string code_of(EXCEPTION_RECORD const& record) {

@@ -33,12 +33,10 @@ VELT_API void SymCleanup();
 VELT_API unsigned int StackWalk(unsigned __int64* frames, _CONTEXT* context, void* thread,
                                 unsigned int skip, unsigned int max);
 
-// StackWalk where that macro stands.
-[[gnu::always_inline]] inline unsigned int StackWalk64(unsigned __int64* frames, _CONTEXT* context,
-                                                       void* thread, unsigned int skip,
-                                                       unsigned int max) {
-  return StackWalk(frames, context, thread, skip, max);
-}
+// The same function, where that macro stands.
+VELT_API unsigned int StackWalk64(unsigned __int64* frames, _CONTEXT* context, void* thread,
+                                  unsigned int skip, unsigned int max)
+    __asm__("_Z9StackWalkPyP8_CONTEXTPvjj");
 
 #pragma pop_macro("StackWalk")
 
