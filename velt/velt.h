@@ -9,6 +9,7 @@
 #include "velt/debug/PermanentFileWriter.h"
 #include "velt/debug/StreamWriter.h"
 #include "velt/debug/TimeStamp.h"
+#include "velt/diagnostics/DebugSnapshot.h"
 #include "velt/diagnostics/MiniDump.h"
 #include "velt/diagnostics/Settings.h"
 #include "velt/diagnostics/Symbols.h"
