@@ -2,13 +2,11 @@
 
 #include <windows.h>
 
-#include <malloc.h>
-#include <psapi.h>
 #include <tlhelp32.h>
 
-#include <cstdint>
 #include <optional>
 
+#include "velt/diagnostics/EngineIsolationInternal.h"
 #include "velt/diagnostics/ProcessLocksInternal.h"
 #include "velt/diagnostics/Symbols.h"
 #include "velt/diagnostics/SymbolsInternal.h"
@@ -21,68 +19,20 @@ using namespace velt::detail;
 
 constexpr unsigned int most_threads = 1024;
 constexpr unsigned int most_frames = 64;
-constexpr unsigned int most_modules = 1024;
-constexpr ULONGLONG loader_patience = 2000;  // milliseconds
+constexpr DWORD loader_patience = 5000;  // milliseconds
 
-// Tries for a while: with libraries coming and going all the time one try would
-// often fail, and a thread that hangs in the loader never lets go.
-class patient_loader_lock {
-public:
-  patient_loader_lock() {
-    auto const end = GetTickCount64() + loader_patience;
-    for (guard.emplace(); !held() && GetTickCount64() < end; guard.emplace()) Sleep(10);
-  }
-  bool held() const { return guard->held(); }
+// A new thread passes the loader before it runs.
+bool loader_hangs() {
+  THandle thread;
+  thread.AttachHandle(CreateThread(
+      nullptr, 0, [](void*) -> DWORD { return 0; }, nullptr, 0, nullptr));
+  return WaitForSingleObject(thread, loader_patience) == WAIT_TIMEOUT;
+}
 
-private:
-  std::optional<LoaderLockGuard> guard;
-};
-
-// To load the engine takes the loader's lock, and would wait for it without limit.
+// To load the engine waits for the loader, without limit.
 bool hold_engine() {
   bool const is_loaded = dump_writer();
-  if (is_loaded) return SymInitialize();
-  patient_loader_lock const loader;
-  return loader.held() && SymInitialize();
-}
-
-// The engine loads the symbols of a module when it is first asked for one, which
-// opens files. Done while threads are stopped, this could wait for one of them.
-void load_all_symbols() {
-  THandle process;
-  process.AttachHandle(
-      OpenProcess(PROCESS_QUERY_INFORMATION | PROCESS_VM_READ, FALSE, GetCurrentProcessId()));
-  HMODULE modules[most_modules];
-  DWORD size = 0;
-  K32EnumProcessModules(process, modules, sizeof modules, &size);
-  for (unsigned int i = 0; i != std::min<std::size_t>(size / sizeof *modules, most_modules); ++i)
-    SymGetNameFromAddress(reinterpret_cast<std::uintptr_t>(modules[i]));
-}
-
-// The heap of a run time that allocates from one of its own.
-class run_time_heap_guard {
-public:
-  explicit run_time_heap_guard(HANDLE heap) noexcept
-      : locked(heap && heap != GetProcessHeap() && HeapLock(heap) ? heap : nullptr) {}
-  run_time_heap_guard(run_time_heap_guard const&) = delete;
-  run_time_heap_guard& operator=(run_time_heap_guard const&) = delete;
-  ~run_time_heap_guard() {
-    if (locked) HeapUnlock(locked);
-  }
-
-private:
-  HANDLE const locked;
-};
-
-HANDLE heap_of_own_run_time() { return reinterpret_cast<HANDLE>(_get_heap_handle()); }
-
-// For holders of the loader's lock.
-HANDLE heap_of_engines_run_time() {
-  auto const module = GetModuleHandleW(L"ucrtbase");
-  if (!module) return nullptr;
-  auto const ask = reinterpret_cast<decltype(&_get_heap_handle)>(
-      reinterpret_cast<void*>(GetProcAddress(module, "_get_heap_handle")));
-  return ask ? reinterpret_cast<HANDLE>(ask()) : nullptr;
+  return (is_loaded || !loader_hangs()) && SymInitialize();
 }
 
 // On the stack, so that nothing is allocated for it while threads are stopped.
@@ -126,35 +76,39 @@ void write_and_resume(DWORD id, HANDLE thread, std::string& text) {
   CloseHandle(thread);
 }
 
-// The time is converted before the stop, since the run time takes a lock for it.
-void write_all(std::string& text) {
-  auto const now = _time_t::time().ctime();
+void write_all(std::string const& now, std::string& text) {
   recorded_threads threads;
+  engine_isolation const isolation;
   stop_all(threads);
   text += "Snapshot taked on " + now + "\n";
   for (unsigned int i = 0; i != threads.count; ++i)
     write_and_resume(threads.ids[i], threads.handles[i], text);
 }
 
-void write_under_locks(bool loader_is_held, std::string& text) {
-  run_time_heap_guard const own(heap_of_own_run_time());
-  run_time_heap_guard const engines(loader_is_held ? heap_of_engines_run_time() : nullptr);
-  write_all(text);
+// The engine takes the lock of the environment when it is asked for a line.
+struct environment_and_heap {
+  PebLockGuard const environment;
+  HeapLockGuard const heap;
+};
+
+// The text of the time and the symbols are had before: for both locks are taken
+// that a thread may hold while it waits for the heap, or when it is stopped. And to
+// unload the engine takes the loader's lock, which comes before the other two.
+std::string write_snapshot() {
+  LoaderLockGuard const loader;
+  load_all_symbols();
+  auto const now = _time_t::time().ctime();
+  std::string text;
+  std::optional<environment_and_heap> locks(std::in_place);
+  write_all(now, text);
+  if (!loader.held()) locks.reset();
+  SymCleanup();
+  return text;
 }
 
 }  // namespace
 
 std::string TakeDebugSnapshot() {
   TLock const symbols(symbol_lock());
-  std::string text;
-  if (!hold_engine()) return text;
-  patient_loader_lock const loader;
-  load_all_symbols();
-  std::optional<HeapLockGuard> heap(std::in_place);
-  write_under_locks(loader.held(), text);
-  // To unload the engine takes the loader's lock, whose holder may be waiting for
-  // the heap.
-  if (!loader.held()) heap.reset();
-  SymCleanup();
-  return text;
+  return hold_engine() ? write_snapshot() : std::string();
 }
