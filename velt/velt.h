@@ -12,6 +12,7 @@
 #include "velt/diagnostics/DebugSnapshot.h"
 #include "velt/diagnostics/MiniDump.h"
 #include "velt/diagnostics/Settings.h"
+#include "velt/diagnostics/SmartPtrRefsLogger.h"
 #include "velt/diagnostics/Symbols.h"
 #include "velt/exceptions/Condition.h"
 #include "velt/exceptions/EGeneric.h"

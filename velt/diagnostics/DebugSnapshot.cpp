@@ -19,6 +19,7 @@ using namespace velt::detail;
 
 constexpr unsigned int most_threads = 1024;
 constexpr unsigned int most_frames = 64;
+constexpr DWORD all_access = 0x1F03FF;  // to a thread, as every system knows it
 constexpr DWORD loader_patience = 5000;  // milliseconds
 
 // A new thread passes the loader before it runs.
@@ -42,9 +43,11 @@ struct recorded_threads {
   unsigned int count = 0;
 };
 
+bool is_caller(DWORD id) { return id == GetCurrentThreadId(); }
+
 void stop(DWORD id, recorded_threads& threads) {
-  HANDLE const thread = OpenThread(THREAD_ALL_ACCESS, FALSE, id);
-  if (id != GetCurrentThreadId()) SuspendThread(thread);
+  HANDLE const thread = OpenThread(all_access, FALSE, id);
+  if (!is_caller(id)) SuspendThread(thread);
   threads.handles[threads.count] = thread;
   threads.ids[threads.count++] = id;
 }
@@ -60,9 +63,10 @@ void stop_all(recorded_threads& threads) {
   CloseHandle(list);
 }
 
+// The caller's context does not outlive the calls that are made from here.
 void write_stack(DWORD id, HANDLE thread, CONTEXT& context, std::string& text) {
   unsigned __int64 frames[most_frames] = {};
-  auto const count = StackWalk(frames, &context, thread, 0, most_frames);
+  auto const count = StackWalk(frames, is_caller(id) ? nullptr : &context, thread, 0, most_frames);
   text += "Thread " + std::to_string(id) +
           ": -------------------------------------------------------\n" +
           SymGetStackTrace(frames, count) + "\n\n";
@@ -72,7 +76,7 @@ void write_and_resume(DWORD id, HANDLE thread, std::string& text) {
   CONTEXT context{};
   context.ContextFlags = CONTEXT_FULL;
   if (GetThreadContext(thread, &context)) write_stack(id, thread, context, text);
-  if (id != GetCurrentThreadId()) ResumeThread(thread);
+  if (!is_caller(id)) ResumeThread(thread);
   CloseHandle(thread);
 }
 
