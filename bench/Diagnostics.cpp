@@ -7,6 +7,9 @@
 #include <string>
 
 #include "bench/Rows.h"
+#include "bench/throwing/Throwing.h"
+#include "velt/diagnostics/Settings.h"
+#include "velt/diagnostics/StructuredException.h"
 #include "velt/diagnostics/Symbols.h"
 #include "velt/exceptions/EGeneric.h"
 
@@ -130,6 +133,42 @@ std::string dump_bare(EXCEPTION_POINTERS* pointers) {
   return path;
 }
 
+char const* message = "Access Violation (read from 0x10)";
+int code = EXCEPTION_ACCESS_VIOLATION;
+int const volatile* nowhere = reinterpret_cast<int const volatile*>(0x10);
+
+// What a fault brings, without its diagnostics.
+[[gnu::noinline]] void throw_values() {
+  throw EGeneric({"Text", input(message)}, {"Code", input(code)}, {"Address", 1},
+                 {"Parameter0", 0}, {"Parameter1", 16});
+}
+
+[[gnu::noinline]] void read_nowhere() {
+  int const value = *input(nowhere);
+  keep(value);
+}
+
+template <auto fails>
+void fail_and_catch() {
+  try {
+    fails();
+  } catch (EGeneric const& error) {
+    keep(error);
+  }
+}
+
+template <bool watched>
+void throw_often(std::uint64_t count) {
+  UseVEH = watched;
+  loop([] { fail_and_catch<throw_values>(); })(count);
+  UseVEH = true;
+}
+
+void fault_often(std::uint64_t count) {
+  temporary_redirect_structured_exceptions const translated;
+  loop([] { fail_and_catch<read_nowhere>(); })(count);
+}
+
 }  // namespace
 
 std::vector<Row> diagnostics_rows() {
@@ -143,6 +182,16 @@ std::vector<Row> diagnostics_rows() {
        {{"SymGet...FromAddr64", 1.1, loop([] {
            for (auto const frame : input(stack()).frames) ask_bare(frame);
          })}}},
+
+      {"throw_watched", throw_often<true>, {{"unwatched", 1.15, throw_often<false>}}},
+
+      {"throw_unwatched_cost",
+       loop([] { throw_with_personality(); }),
+       {{"own personality", 1.05, loop([] { throw_without_personality(); })}}},
+
+      {"fault_to_exception",
+       fault_often,
+       {{"throw of EGeneric", 3.0, loop([] { fail_and_catch<throw_values>(); })}}},
 
       {"dump",
        loop([] { dump_here(dump); }),

@@ -8,6 +8,7 @@
 #include "bench/Rows.h"
 #include "bench/Sizes.h"
 #include "velt/diagnostics/Settings.h"
+#include "velt/diagnostics/Settings.h"
 
 namespace {
 
@@ -34,7 +35,7 @@ std::vector<Row> all_rows() {
   std::vector<Row> all;
   for (auto const rows : {bench::value_rows, bench::text_rows, bench::time_rows,
                           bench::exception_rows, bench::lock_rows, bench::debug_rows,
-                          bench::os_rows, bench::diagnostics_rows})
+                          bench::os_rows, bench::diagnostics_rows, bench::thread_rows})
     std::ranges::move(rows(), std::back_inserter(all));
   return all;
 }
@@ -146,6 +147,8 @@ void run_rows(std::vector<Row> const& rows, Options const& options) {
 }  // namespace
 
 int main(int count, char** arguments) {
+  // Rows that throw measure the throw.
+  SaveMiniDumpOnStructuredException = SaveMiniDumpOnCppException = false;
   // The rows that throw are about the throw, not about a dump of it.
   SaveMiniDumpOnCppException = false;
   auto const rows = all_rows();

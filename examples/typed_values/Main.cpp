@@ -9,6 +9,7 @@
 #include "Report.h"
 #include "Settings.h"
 #include "Terminal.h"
+#include "velt/diagnostics/Settings.h"
 #include "velt/exceptions/EGeneric.h"
 
 namespace {
@@ -70,6 +71,8 @@ int run(std::vector<std::wstring> const& arguments) {
 }  // namespace
 
 int wmain(int count, wchar_t** arguments) {
+  // What a value refuses is reported, by the hundred.
+  SaveMiniDumpOnCppException = false;
   try {
     return run({arguments + 1, arguments + count});
   } catch (EGeneric const& error) {

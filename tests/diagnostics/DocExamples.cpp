@@ -8,6 +8,8 @@
 #include <dbghelp.h>
 
 #include <cstdint>
+#include <cstdio>
+#include <exception>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -15,10 +17,20 @@
 #include "tests/support/ChildProcess.h"
 #include "tests/support/DocTables.h"
 #include "velt/diagnostics/Settings.h"
+#include "velt/diagnostics/StructuredException.h"
 #include "velt/diagnostics/Symbols.h"
 #include "velt/exceptions/EGeneric.h"
 
 namespace {
+
+int first_of(int const volatile* numbers, std::string& log) {
+  try {
+    return *numbers;
+  } catch (EStructuredException const& error) {
+    log += error.what();
+    return 0;
+  }
+}
 
 void read_packet(int kind, std::string& log) {
   if (kind == 7) log += "unexpected packet" + GetMyDebugStack();
@@ -79,10 +91,111 @@ int setting_or(int otherwise) {
   }
 }
 
+int guests_in_a_room(int guests, int rooms) { return guests / rooms; }
+
+int plan(int guests, int rooms) {
+  try {
+    return guests_in_a_room(guests, rooms);
+  } catch (std::exception const& error) {
+    std::puts(error.what());
+    return 0;
+  }
+}
+
+void start_diagnostics() {
+  VeltDebugSetup(true);                                         // stacks
+  SkipModulesForError += ";libgcc_s_seh-1;libstdc++-6;msvcrt";  // not to blame
+  redirect_structured_exceptions();                             // faults of this thread
+}
+
+void start_diagnostics_of_a_service() {
+  start_diagnostics();
+  SaveMiniDumpOnCppException = false;  // only faults write dumps
+  SymInitialize();                     // kept to the end: each stack takes less time
+}
+
+int number_in(std::string const& text) {
+  try {
+    return std::stoi(text);
+  } catch (std::exception const& error) {
+    throw EGeneric({"Text", error.what()}, {"Input", text});
+  }
+}
+
+// Whom the library blames for the failure.
+std::string blamed_for(void (*fail)()) {
+  try {
+    fail();
+  } catch (EGeneric const& error) {
+    return error["ModuleName"].as_string();
+  }
+  return "nobody";
+}
+
+void throw_it() { throw EGeneric({"Text", "no room"}); }
+
+void pass_a_bad_pointer() { std::fclose(reinterpret_cast<FILE*>(0x10)); }
+
+class FirstSteps : public testing::Test {
+protected:
+  ~FirstSteps() override {
+    VeltDebugSetup(false);
+    SkipModulesForError = skipped;
+  }
+
+private:
+  temporary_redirect_structured_exceptions const until_the_end;
+  std::string const skipped = SkipModulesForError;
+};
+
 }  // namespace
+
+TEST_F(FirstSteps, AFaultIsReportedAndTheProgramGoesOn) {
+  start_diagnostics_of_a_service();
+  int volatile const no_rooms = 0;  // what the compiler sees it computes itself
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(plan(12, no_rooms), 0);
+  EXPECT_THAT(testing::internal::GetCapturedStdout(),
+              testing::AllOf(testing::StartsWith("Text: Divide by Zero\nCode: -1073741676"),
+                             testing::HasSubstr("\nModuleName: diagnostics_tests\n"),
+                             testing::HasSubstr("\nStack: \n-> ntdll!")));
+  SymCleanup();
+}
+
+TEST_F(FirstSteps, TheRunTimeIsBlamedUnlessItsModulesAreSkipped) {
+  VeltDebugSetup(true);
+  EXPECT_EQ(blamed_for(throw_it), "libgcc_s_seh-1");
+  EXPECT_EQ(blamed_for(pass_a_bad_pointer), "msvcrt");
+  start_diagnostics();
+  EXPECT_EQ(blamed_for(throw_it), "diagnostics_tests");
+  EXPECT_EQ(blamed_for(pass_a_bad_pointer), "diagnostics_tests");
+}
+
+TEST_F(FirstSteps, StandardExceptionsBecomeComplete) {
+  start_diagnostics();
+  try {
+    number_in("twelve");
+    FAIL();
+  } catch (EGeneric const& error) {
+    EXPECT_EQ(error["Text"].as_string(), "stoi");
+    EXPECT_EQ(error["Input"].as_string(), "twelve");
+    EXPECT_EQ(error["ModuleName"].as_string(), "diagnostics_tests");
+  }
+}
 
 TEST(DiagnosticsDocExamples, StandOnThePageAsTheyRunHere) {
   velt_test::expect_doc_examples_run("diagnostics.md", __FILE__);
+}
+
+TEST(DiagnosticsDocExamples, FaultInALog) {
+  temporary_redirect_structured_exceptions const translated;
+  std::string log;
+  int const volatile* volatile const bad = reinterpret_cast<int const volatile*>(0x10);
+  EXPECT_EQ(first_of(bad, log), 0);
+  EXPECT_THAT(log, testing::StartsWith("Text: Access Violation (read from 0x10)\n"
+                                       "Code: -1073741819 (0xc0000005)\n"
+                                       "Address: "));
+  EXPECT_THAT(log, testing::EndsWith("Parameter0: 0 (0x0)\nParameter1: 16 (0x10)"));
 }
 
 TEST(DiagnosticsDocExamples, StackInALog) {

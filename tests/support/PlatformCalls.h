@@ -72,6 +72,8 @@ inline std::string text(void* handle) {
   return handle == GetCurrentProcess() ? "process" : handle ? "handle" : "none";
 }
 inline std::string text(OVERLAPPED* record) { return record ? "record" : "none"; }
+inline std::string text(PAPCFUNC routine) { return routine ? "routine" : "none"; }
+inline std::string text(unsigned int (*entry)(void*)) { return entry ? "entry" : "none"; }
 inline std::string text(PTIMERAPCROUTINE routine) { return routine ? "routine" : "none"; }
 // What is left are places for results.
 template <class Result>
@@ -90,7 +92,7 @@ Answer fail(Watch const& watch) {
   if constexpr (std::is_same_v<Answer, HANDLE>)
     return watch.answer.value_or(nullptr);
   else if constexpr (std::is_same_v<Answer, DWORD>)
-    return WAIT_FAILED;
+    return watch.failing == "QueueUserAPC" ? 0 : WAIT_FAILED;
   else
     return FALSE;
 }

@@ -19,6 +19,7 @@
 // nowhere, as far as the frame with the fault is concerned.
 #include <windows.h>
 
+#include <bit>
 #include <cstring>
 #include <optional>
 
@@ -208,8 +209,8 @@ struct unwind_info {
 // Nothing in a prologue is covered by a call site, and nothing needs to be: what
 // faults there is the stack, directly or in the probe that it calls.
 bool is_in_prologue(DISPATCHER_CONTEXT const& frame) noexcept {
-  auto const info = reinterpret_cast<unwind_info const*>(frame.ImageBase +
-                                                         frame.FunctionEntry->UnwindData);
+  auto const info =
+      std::bit_cast<unwind_info const*>(frame.ImageBase + frame.FunctionEntry->UnwindData);
   return frame.ControlPc - frame.ImageBase - frame.FunctionEntry->BeginAddress <
          info->prologue_size;
 }

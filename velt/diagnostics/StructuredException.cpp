@@ -36,8 +36,8 @@ constexpr row texts[] = {
 // Any access that is not a read counts as a write, an execution too.
 std::string access(EXCEPTION_RECORD const& record) {
   ULONG_PTR const address = record.ExceptionInformation[1];
-  return format_string(record.ExceptionInformation[0] ? " (write to 0x%llx)" : " (read from 0x%llx)",
-                       address);
+  return format_string(
+      record.ExceptionInformation[0] ? " (write to 0x%llx)" : " (read from 0x%llx)", address);
 }
 
 // Empty if the code has no text.

@@ -1,0 +1,110 @@
+#include "velt/threads/ThreadClass.h"
+
+#include <windows.h>
+
+#include <cstdint>
+#include <exception>
+
+#include "velt/debug/DebugStream.h"
+#include "velt/diagnostics/StructuredException.h"
+#include "velt/exceptions/ExceptionFamily.h"
+#include "velt/threads/RunawayTextInternal.h"
+#include "velt/threads/StackGuaranteeInternal.h"
+
+TThreadClass::TThreadClass() noexcept : TThread(DoNotInitialize) {}
+
+TThreadClass::TThreadClass(TThreadClass const& other)
+    : TThread(other), InterruptState(other.InterruptState.load()) {}
+
+TThreadClass& TThreadClass::operator=(TThreadClass const& other) {
+  TThread::operator=(other);
+  InterruptState = other.InterruptState.load();
+  return *this;
+}
+
+// To throw out of a destructor would end the process while an exception unwinds
+// the stack already: an interruption has to wait then. The base's destructor
+// must not throw beside an exception from here either.
+TThreadClass::~TThreadClass() noexcept(false) {
+  if (!IsValidHandle()) return;
+  bool const may_throw = std::uncaught_exceptions() == 0;
+  try {
+    if (WaitForSingleObject(1000, may_throw) == WAIT_TIMEOUT) TerminateThread(0);
+  } catch (...) {
+    ::CloseHandle(DetachHandle());
+    throw;
+  }
+}
+
+void TThreadClass::StartThread() { CreateThread(StaticThreadEntry, this, 0); }
+
+void TThreadClass::StopThread(unsigned int timeoutMs) {
+  if (!IsValidHandle()) return;
+  if (WaitForSingleObject(timeoutMs, TRUE) == WAIT_TIMEOUT) TerminateThread(0);
+}
+
+void TThreadClass::SuspendThread() { TThread::SuspendThread(); }
+void TThreadClass::ResumeThread() { TThread::ResumeThread(); }
+void TThreadClass::SetThreadPriority(int priority) { TThread::SetThreadPriority(priority); }
+
+void TThreadClass::InterruptThread(unsigned int waitMs, unsigned int stopMs) {
+  if (WaitForSingleObject(waitMs, TRUE) == WAIT_OBJECT_0) return;
+  if (InterruptState == Running)
+    QueueUserAPC(ThrowEThreadInterrupt, reinterpret_cast<std::uintptr_t>(this));
+  else
+    InterruptState.exchange(InterruptRequested);
+  StopThread(stopMs);
+}
+
+// The state is looked at again, here on the thread itself: the body may have
+// ended since the call was queued.
+void TThreadClass::ThrowEThreadInterrupt() {
+  if (InterruptState == Running) throw EThreadInterrupt();
+  InterruptState.exchange(InterruptRequested);
+}
+
+void TThreadClass::ThrowEThreadInterrupt(unsigned __int64 object) {
+  reinterpret_cast<TThreadClass*>(object)->ThrowEThreadInterrupt();
+}
+
+void TThreadClass::OnException() {}
+
+unsigned int TThreadClass::StaticThreadEntry(void* object) {
+  redirect_structured_exceptions const redirection;
+  velt::detail::guarantee_stack();
+  static_cast<TThreadClass*>(object)->DynamicThreadEntry();
+  return 0;
+}
+
+// A request to interrupt that came meanwhile stays.
+void TThreadClass::body_has_ended() noexcept {
+  int found = Running;
+  InterruptState.compare_exchange_strong(found, Idle);
+}
+
+// The state goes back first: an interruption that arrives while the line is
+// written finds no body to end.
+void TThreadClass::DynamicThreadEntry() {
+  int found = Idle;
+  InterruptState.compare_exchange_strong(found, Running);
+  if (found == InterruptRequested) return;
+  try {
+    ThreadBody();
+    body_has_ended();
+  } catch (std::exception const& exception) {
+    body_has_ended();
+    {
+      TDebugStreamSession session(Debug);
+      session << "(!) Thread runaway with exception ";
+      velt::detail::write_exception(session, exception);
+      session << '\n';
+    }
+    OnException();
+  } catch (EThreadInterrupt const&) {
+    body_has_ended();
+  } catch (...) {
+    body_has_ended();
+    Debug << "(!) Thread runaway with unknown exception\n";
+    OnException();
+  }
+}
