@@ -8,7 +8,9 @@
 
 #include "bench/Rows.h"
 #include "bench/throwing/Throwing.h"
+#include "velt/diagnostics/DebugSnapshot.h"
 #include "velt/diagnostics/Settings.h"
+#include "velt/diagnostics/SmartPtrRefsLogger.h"
 #include "velt/diagnostics/StructuredException.h"
 #include "velt/diagnostics/Symbols.h"
 #include "velt/exceptions/EGeneric.h"
@@ -41,19 +43,22 @@ void walk(address* frames) {
   if (StackWalk(frames, nullptr, GetCurrentThread(), 0, frame_count) != frame_count) abort();
 }
 
-void walk_bare(address* frames) {
-  CONTEXT context;
-  RtlCaptureContext(&context);
+unsigned walk_bare(HANDLE thread, CONTEXT& context, address* frames, unsigned most) {
   STACKFRAME64 frame{};
   frame.AddrPC = {context.Rip, 0, AddrModeFlat};
   frame.AddrFrame = {context.Rbp, 0, AddrModeFlat};
   frame.AddrStack = {context.Rsp, 0, AddrModeFlat};
-  for (unsigned i = 0; i != frame_count; ++i) {
-    if (!StackWalk64(IMAGE_FILE_MACHINE_AMD64, GetCurrentProcess(), GetCurrentThread(), &frame,
-                     &context, nullptr, nullptr, nullptr, nullptr))
-      abort();
-    frames[i] = frame.AddrPC.Offset;
-  }
+  unsigned count = 0;
+  while (count != most && StackWalk64(IMAGE_FILE_MACHINE_AMD64, GetCurrentProcess(), thread, &frame,
+                                      &context, nullptr, nullptr, nullptr, nullptr))
+    frames[count++] = frame.AddrPC.Offset;
+  return count;
+}
+
+void walk_bare(address* frames) {
+  CONTEXT context;
+  RtlCaptureContext(&context);
+  if (walk_bare(GetCurrentThread(), context, frames, frame_count) != frame_count) abort();
 }
 
 void walk_deep(Walk walk) {
@@ -139,8 +144,8 @@ int const volatile* nowhere = reinterpret_cast<int const volatile*>(0x10);
 
 // What a fault brings, without its diagnostics.
 [[gnu::noinline]] void throw_values() {
-  throw EGeneric({"Text", input(message)}, {"Code", input(code)}, {"Address", 1},
-                 {"Parameter0", 0}, {"Parameter1", 16});
+  throw EGeneric({"Text", input(message)}, {"Code", input(code)}, {"Address", 1}, {"Parameter0", 0},
+                 {"Parameter1", 16});
 }
 
 [[gnu::noinline]] void read_nowhere() {
@@ -169,6 +174,57 @@ void fault_often(std::uint64_t count) {
   loop([] { fail_and_catch<read_nowhere>(); })(count);
 }
 
+// For the length of the process; each waits below some frames of its own.
+class WaitingThreads {
+public:
+  WaitingThreads() {
+    hold_engine();
+    for (auto& thread : all)
+      thread =
+          CreateThread(nullptr, 0, wait, CreateEventW(nullptr, TRUE, FALSE, nullptr), 0, nullptr);
+    Sleep(100);
+  }
+
+  HANDLE all[16];
+
+private:
+  static DWORD WINAPI wait(void* event) {
+    walk_below(
+        5, [](address* e) { WaitForSingleObject(e, INFINITE); }, static_cast<address*>(event));
+    return 0;
+  }
+};
+
+WaitingThreads const& waiting_threads() {
+  static WaitingThreads const threads;
+  return threads;
+}
+
+void take_snapshot() {
+  keep(input(waiting_threads()));
+  keep(TakeDebugSnapshot());
+}
+
+// What a snapshot cannot do without, for the same stacks.
+void walk_all_bare() {
+  auto const& threads = input(waiting_threads()).all;
+  address frames[64];
+  for (auto const thread : threads) SuspendThread(thread);
+  for (auto const thread : threads) {
+    CONTEXT context;
+    context.ContextFlags = CONTEXT_FULL;
+    if (!GetThreadContext(thread, &context)) abort();
+    keep(walk_bare(thread, context, frames, 64));
+    ResumeThread(thread);
+  }
+  CONTEXT own;
+  RtlCaptureContext(&own);
+  keep(walk_bare(GetCurrentThread(), own, frames, 64));
+}
+
+SmartPtrRefsLogger logger;
+bool flag = false;
+
 }  // namespace
 
 std::vector<Row> diagnostics_rows() {
@@ -196,6 +252,15 @@ std::vector<Row> diagnostics_rows() {
       {"dump",
        loop([] { dump_here(dump); }),
        {{"MiniDumpWriteDump", 1.1, loop([] { dump_here(dump_bare); })}}},
+
+      {"refs_logger_off",
+       loop([] { keep(input(logger).AddPointerRef(&flag)); }),
+       {{"load and branch", 1.5, loop([] { keep(input(flag) ? GetTickCount() : 0); })}}},
+
+      // The last one, since its threads stay.
+      {"snapshot",
+       loop([] { take_snapshot(); }),
+       {{"SuspendThread ...", 1.2, loop([] { walk_all_bare(); })}}},
   };
 }
 
