@@ -166,3 +166,26 @@ TEST(LenientReading, HolderOfAClientPrintsTheNameOfItsType) {
   EXPECT_BAD_CAST(Unknown, std::wstring, (void)value.as_wstring());
   EXPECT_BAD_CAST(Unknown, int, (void)value.as_int());
 }
+
+TEST(LenientReading, RefusalsNameTheHeldTypeAndTheAccessor) {
+  _value_t const wide = 5ll;
+  EXPECT_BAD_CAST(__int64, int, (void)wide.as_int());
+  EXPECT_BAD_CAST(__int64, int, (void)wide.as_time());
+  for_each_element_type([]<class T>() {
+    if constexpr (velt::detail::is_object<T>) {
+      _value_t const object = element<T>::sample();
+      EXPECT_BAD_CAST(T, int, (void)object.as_int());
+      EXPECT_BAD_CAST(T, bool, (void)object.as_bool());
+      EXPECT_BAD_CAST(T, _time_t, (void)object.as_time());
+    }
+    if constexpr (velt::detail::is_text<T> || std::is_same_v<T, bool>) {
+      _value_t const value = element<T>::sample();
+      EXPECT_BAD_CAST(T, _time_t, (void)value.as_time());
+    }
+  });
+  _value_t const empty;
+  EXPECT_BAD_CAST(void, unsigned long, (void)empty.as_ulong());
+  EXPECT_BAD_CAST(void, std::string, (void)empty.as_string());
+  EXPECT_BAD_CAST(void, _bstr_t, (void)empty.as_bstr());
+  EXPECT_BAD_CAST(void, _time_t, (void)empty.as_time());
+}
