@@ -152,7 +152,7 @@ TEST_F(DebugSnapshot, ThreadThatHangsInTheLoaderIsShown) {
 TEST_F(DebugSnapshot, LosesNoHandle) {
   auto const handles = open_handles();
   TakeDebugSnapshot();
-  EXPECT_EQ(open_handles(), handles);
+  EXPECT_TRUE(velt_test::open_handles_fall_to(handles));
 }
 
 TEST_F(DebugSnapshot, TwoThreadsTakeTurns) {

@@ -63,5 +63,5 @@ TEST(StackOverflowCalls, ThatFailAreThrownInstead) {
     }
     EXPECT_EQ(what_is_thrown(), "Stack Overflow") << "after " << call;
   }
-  EXPECT_EQ(open_handles(), before);
+  EXPECT_TRUE(velt_test::open_handles_fall_to(before));
 }
