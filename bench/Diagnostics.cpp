@@ -1,6 +1,7 @@
 #include <windows.h>
 
 #include <dbghelp.h>
+#include <process.h>
 
 #include <cstdint>
 #include <cstdlib>
@@ -9,9 +10,11 @@
 #include "bench/Rows.h"
 #include "bench/throwing/Throwing.h"
 #include "velt/diagnostics/Settings.h"
+#include "velt/diagnostics/StackOverflowException.h"
 #include "velt/diagnostics/StructuredException.h"
 #include "velt/diagnostics/Symbols.h"
 #include "velt/exceptions/EGeneric.h"
+#include "velt/threads/ThreadClass.h"
 
 namespace bench {
 namespace {
@@ -169,6 +172,48 @@ void fault_often(std::uint64_t count) {
   loop([] { fail_and_catch<read_nowhere>(); })(count);
 }
 
+[[gnu::noipa]] int recurse(int depth) {
+  char volatile room[1000];
+  room[0] = 1;
+  return depth < 0 ? 0 : recurse(depth + 1) + room[0];
+}
+
+// On a thread that has room for it, and that goes on.
+void overflow_often(std::uint64_t count) {
+  struct Overflowing final : TThreadClass {
+    explicit Overflowing(std::uint64_t how_often) : rounds(how_often) {}
+    void ThreadBody() override {
+      for (std::uint64_t i = 0; i != rounds; ++i) {
+        try {
+          keep(recurse(0));
+        } catch (EStackOverflowException const& error) {
+          keep(error);
+        }
+        if (!EStackOverflowException::ResetStack()) abort();
+      }
+      ended = true;
+    }
+    std::uint64_t const rounds;
+    bool ended = false;
+  } thread(count);
+  thread.StartThread();
+  thread.StopThread(INFINITE);
+  if (!thread.ended) abort();
+}
+
+unsigned int do_nothing(void*) { return 0; }
+
+void throw_and_start_often(std::uint64_t count) {
+  loop([] {
+    fail_and_catch<throw_values>();
+    unsigned int id;
+    auto const thread =
+        reinterpret_cast<HANDLE>(_beginthreadex(nullptr, 0, do_nothing, nullptr, 0, &id));
+    WaitForSingleObject(thread, INFINITE);
+    CloseHandle(thread);
+  })(count);
+}
+
 }  // namespace
 
 std::vector<Row> diagnostics_rows() {
@@ -192,6 +237,10 @@ std::vector<Row> diagnostics_rows() {
       {"fault_to_exception",
        fault_often,
        {{"throw of EGeneric", 3.0, loop([] { fail_and_catch<throw_values>(); })}}},
+
+      {"overflow_recover",
+       overflow_often,
+       {{"throw, thread start and join", 1.5, throw_and_start_often}}},
 
       {"dump",
        loop([] { dump_here(dump); }),
