@@ -1,6 +1,7 @@
 #include <windows.h>
 
 #include <dbghelp.h>
+#include <malloc.h>
 #include <process.h>
 
 #include <cstdint>
@@ -172,25 +173,62 @@ void fault_often(std::uint64_t count) {
   loop([] { fail_and_catch<read_nowhere>(); })(count);
 }
 
+// Few frames, since each takes its time to unwind, whatever the exception.
 [[gnu::noipa]] int recurse(int depth) {
-  char volatile room[1000];
+  char volatile room[60'000];
   room[0] = 1;
   return depth < 0 ? 0 : recurse(depth + 1) + room[0];
 }
 
-// On a thread that has room for it, and that goes on.
-void overflow_often(std::uint64_t count) {
+void recover() {
+  try {
+    keep(recurse(0));
+  } catch (EStackOverflowException const& error) {
+    keep(error);
+  }
+  if (!EStackOverflowException::ResetStack()) abort();
+}
+
+unsigned int do_nothing(void*) { return 0; }
+
+void throw_and_start() {
+  fail_and_catch<throw_values>();
+  unsigned int id;
+  auto const thread =
+      reinterpret_cast<HANDLE>(_beginthreadex(nullptr, 0, do_nothing, nullptr, 0, &id));
+  WaitForSingleObject(thread, INFINITE);
+  CloseHandle(thread);
+}
+
+// The overflow alone: the first handler that the platform asks goes back.
+CONTEXT before_overflow;
+bool volatile overflowed;
+
+LONG CALLBACK go_back(EXCEPTION_POINTERS* pointers) {
+  if (pointers->ExceptionRecord->ExceptionCode != EXCEPTION_STACK_OVERFLOW)
+    return EXCEPTION_CONTINUE_SEARCH;
+  overflowed = true;
+  *pointers->ContextRecord = before_overflow;
+  return EXCEPTION_CONTINUE_EXECUTION;
+}
+
+void overflow_throw_and_start() {
+  overflowed = false;
+  void* const handler = AddVectoredExceptionHandler(1, go_back);
+  RtlCaptureContext(&before_overflow);
+  if (!overflowed) keep(recurse(0));
+  RemoveVectoredExceptionHandler(handler);
+  if (!_resetstkoflw()) abort();
+  throw_and_start();
+}
+
+// On a thread that has room for an overflow.
+template <auto run>
+void run_often_on_thread(std::uint64_t count) {
   struct Overflowing final : TThreadClass {
     explicit Overflowing(std::uint64_t how_often) : rounds(how_often) {}
     void ThreadBody() override {
-      for (std::uint64_t i = 0; i != rounds; ++i) {
-        try {
-          keep(recurse(0));
-        } catch (EStackOverflowException const& error) {
-          keep(error);
-        }
-        if (!EStackOverflowException::ResetStack()) abort();
-      }
+      for (std::uint64_t i = 0; i != rounds; ++i) run();
       ended = true;
     }
     std::uint64_t const rounds;
@@ -199,19 +237,6 @@ void overflow_often(std::uint64_t count) {
   thread.StartThread();
   thread.StopThread(INFINITE);
   if (!thread.ended) abort();
-}
-
-unsigned int do_nothing(void*) { return 0; }
-
-void throw_and_start_often(std::uint64_t count) {
-  loop([] {
-    fail_and_catch<throw_values>();
-    unsigned int id;
-    auto const thread =
-        reinterpret_cast<HANDLE>(_beginthreadex(nullptr, 0, do_nothing, nullptr, 0, &id));
-    WaitForSingleObject(thread, INFINITE);
-    CloseHandle(thread);
-  })(count);
 }
 
 }  // namespace
@@ -239,8 +264,9 @@ std::vector<Row> diagnostics_rows() {
        {{"throw of EGeneric", 3.0, loop([] { fail_and_catch<throw_values>(); })}}},
 
       {"overflow_recover",
-       overflow_often,
-       {{"throw, thread start and join", 1.5, throw_and_start_often}}},
+       run_often_on_thread<recover>,
+       {{"throw, thread", 1.5, run_often_on_thread<throw_and_start>},
+        {"overflow, throw, thread", 1.5, run_often_on_thread<overflow_throw_and_start>}}},
 
       {"dump",
        loop([] { dump_here(dump); }),
