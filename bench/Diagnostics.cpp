@@ -143,8 +143,8 @@ int const volatile* nowhere = reinterpret_cast<int const volatile*>(0x10);
 
 // What a fault brings, without its diagnostics.
 [[gnu::noinline]] void throw_values() {
-  throw EGeneric({"Text", input(message)}, {"Code", input(code)}, {"Address", 1},
-                 {"Parameter0", 0}, {"Parameter1", 16});
+  throw EGeneric({"Text", input(message)}, {"Code", input(code)}, {"Address", 1}, {"Parameter0", 0},
+                 {"Parameter1", 16});
 }
 
 [[gnu::noinline]] void read_nowhere() {
