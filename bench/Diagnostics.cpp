@@ -1,6 +1,8 @@
 #include <windows.h>
 
 #include <dbghelp.h>
+#include <malloc.h>
+#include <process.h>
 
 #include <cstdint>
 #include <cstdlib>
@@ -11,9 +13,11 @@
 #include "velt/diagnostics/DebugSnapshot.h"
 #include "velt/diagnostics/Settings.h"
 #include "velt/diagnostics/SmartPtrRefsLogger.h"
+#include "velt/diagnostics/StackOverflowException.h"
 #include "velt/diagnostics/StructuredException.h"
 #include "velt/diagnostics/Symbols.h"
 #include "velt/exceptions/EGeneric.h"
+#include "velt/threads/ThreadClass.h"
 
 namespace bench {
 namespace {
@@ -225,6 +229,72 @@ void walk_all_bare() {
 SmartPtrRefsLogger logger;
 bool flag = false;
 
+// Few frames, since each takes its time to unwind, whatever the exception.
+[[gnu::noipa]] int recurse(int depth) {
+  char volatile room[60'000];
+  room[0] = 1;
+  return depth < 0 ? 0 : recurse(depth + 1) + room[0];
+}
+
+void recover() {
+  try {
+    keep(recurse(0));
+  } catch (EStackOverflowException const& error) {
+    keep(error);
+  }
+  if (!EStackOverflowException::ResetStack()) abort();
+}
+
+unsigned int do_nothing(void*) { return 0; }
+
+void throw_and_start() {
+  fail_and_catch<throw_values>();
+  unsigned int id;
+  auto const thread =
+      reinterpret_cast<HANDLE>(_beginthreadex(nullptr, 0, do_nothing, nullptr, 0, &id));
+  WaitForSingleObject(thread, INFINITE);
+  CloseHandle(thread);
+}
+
+// The overflow alone: the first handler that the platform asks goes back.
+CONTEXT before_overflow;
+bool volatile overflowed;
+
+LONG CALLBACK go_back(EXCEPTION_POINTERS* pointers) {
+  if (pointers->ExceptionRecord->ExceptionCode != EXCEPTION_STACK_OVERFLOW)
+    return EXCEPTION_CONTINUE_SEARCH;
+  overflowed = true;
+  *pointers->ContextRecord = before_overflow;
+  return EXCEPTION_CONTINUE_EXECUTION;
+}
+
+void overflow_throw_and_start() {
+  overflowed = false;
+  void* const handler = AddVectoredExceptionHandler(1, go_back);
+  RtlCaptureContext(&before_overflow);
+  if (!overflowed) keep(recurse(0));
+  RemoveVectoredExceptionHandler(handler);
+  if (!_resetstkoflw()) abort();
+  throw_and_start();
+}
+
+// On a thread that has room for an overflow.
+template <auto run>
+void run_often_on_thread(std::uint64_t count) {
+  struct Overflowing final : TThreadClass {
+    explicit Overflowing(std::uint64_t how_often) : rounds(how_often) {}
+    void ThreadBody() override {
+      for (std::uint64_t i = 0; i != rounds; ++i) run();
+      ended = true;
+    }
+    std::uint64_t const rounds;
+    bool ended = false;
+  } thread(count);
+  thread.StartThread();
+  thread.StopThread(INFINITE);
+  if (!thread.ended) abort();
+}
+
 }  // namespace
 
 std::vector<Row> diagnostics_rows() {
@@ -248,6 +318,11 @@ std::vector<Row> diagnostics_rows() {
       {"fault_to_exception",
        fault_often,
        {{"throw of EGeneric", 3.0, loop([] { fail_and_catch<throw_values>(); })}}},
+
+      {"overflow_recover",
+       run_often_on_thread<recover>,
+       {{"throw, thread", 1.5, run_often_on_thread<throw_and_start>},
+        {"overflow, throw, thread", 1.5, run_often_on_thread<overflow_throw_and_start>}}},
 
       {"dump",
        loop([] { dump_here(dump); }),

@@ -12,11 +12,13 @@
 #include <exception>
 #include <filesystem>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tests/support/ChildProcess.h"
 #include "tests/support/DocTables.h"
 #include "velt/diagnostics/Settings.h"
+#include "velt/diagnostics/StackOverflowException.h"
 #include "velt/diagnostics/StructuredException.h"
 #include "velt/diagnostics/Symbols.h"
 #include "velt/exceptions/EGeneric.h"
@@ -30,6 +32,33 @@ int first_of(int const volatile* numbers, std::string& log) {
     log += error.what();
     return 0;
   }
+}
+
+[[gnu::noipa]] int nest(std::size_t depth) {
+  char volatile room[1000];
+  room[0] = 1;
+  return depth == 0 ? 0 : nest(depth + 1) + room[0];
+}
+void parse(std::string const& document) {
+  if (document.starts_with("((")) nest(document.size());
+}
+
+bool try_parsing(std::string const& document, std::string& log) {
+  try {
+    parse(document);
+    return true;
+  } catch (EStackOverflowException const& error) {
+    log += error.what();
+    EStackOverflowException::ResetStack();
+    return false;
+  }
+}
+
+void make_room_for_overflow() {
+  redirect_structured_exceptions();
+  ULONG bytes = 16384;
+  SetThreadStackGuarantee(&bytes);
+  EStackOverflowException::ResetStack();  // Wine heeds the guarantee from here on
 }
 
 void read_packet(int kind, std::string& log) {
@@ -196,6 +225,18 @@ TEST(DiagnosticsDocExamples, FaultInALog) {
                                        "Code: -1073741819 (0xc0000005)\n"
                                        "Address: "));
   EXPECT_THAT(log, testing::EndsWith("Parameter0: 0 (0x0)\nParameter1: 16 (0x10)"));
+}
+
+TEST(DiagnosticsDocExamples, OverflowOnAnyThread) {
+  std::string log;
+  int parsed = 0;
+  std::thread([&] {
+    make_room_for_overflow();
+    for (int round = 0; round < 2; ++round) parsed += try_parsing("((((", log);
+    parsed += try_parsing("()", log);
+  }).join();
+  EXPECT_EQ(parsed, 1);
+  EXPECT_TRUE(log.starts_with("Text: Stack Overflow\nCode: -1073741571 (0xc00000fd)\n")) << log;
 }
 
 TEST(DiagnosticsDocExamples, StackInALog) {

@@ -50,7 +50,8 @@ TEST(StackOverflowCalls, QueuedMeanwhileAreRunAndWaitedBehind) {
   Watch watch;
   EXPECT_EQ(what_is_thrown(), "Stack Overflow");
   EXPECT_EQ(runs, 3);
-  EXPECT_TRUE(watch.calls.starts_with(std::string(start_call) + wait_call + wait_call)) << watch.calls;
+  EXPECT_TRUE(watch.calls.starts_with(std::string(start_call) + wait_call + wait_call))
+      << watch.calls;
 }
 
 TEST(StackOverflowCalls, ThatFailAreThrownInstead) {

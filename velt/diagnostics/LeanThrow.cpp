@@ -1,13 +1,10 @@
-// A throw that spares the stack. In the run time's own, what a throw and its
-// search have put on the stack stays there until the first frame with a
-// destructor has been reached, and the step into that frame is raised on top of
-// it as another exception: 12 KB under Wine. Here both have the same place to
-// begin at, one after the other: when the handler is found, the stack is cut
-// back to this frame, and the unwinding goes on from here as it does behind a
-// destructor.
+// A throw that spares the stack. Of the run time's own, the throw and the search
+// stay on the stack until the first frame with a destructor is reached, and the
+// step into that frame is raised as another exception on top of them: 12 KB under
+// Wine. Here the two come one after the other: when the handler is known, the
+// stack is cut back to a frame above the throw, and the unwinding goes on from
+// there as it does behind a destructor.
 #include <windows.h>
-
-#include <unwind.h>
 
 #include "velt/diagnostics/ThrownObjectInternal.h"
 #include "velt/diagnostics/TranslatorInternal.h"

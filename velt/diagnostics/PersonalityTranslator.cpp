@@ -101,7 +101,7 @@ struct open_fault {
   open_fault* outer;
   DWORD code;
   CONTEXT* context;
-  bool frame_is_ours;  // a search for the handler of the throw came past it
+  bool frame_is_ours;       // a search for the handler of the throw came past it
   overflow_report* report;  // null unless the context is in it
 };
 
@@ -139,12 +139,16 @@ public:
   ULONG64 number(BYTE encoding) noexcept {
     switch (encoding & 0x0F) {
       case 0x01:
-      case 0x09: return unsigned_number();
+      case 0x09:
+        return unsigned_number();
       case 0x02:
-      case 0x0A: return fixed<USHORT>();
+      case 0x0A:
+        return fixed<USHORT>();
       case 0x03:
-      case 0x0B: return fixed<ULONG>();
-      default: return fixed<ULONG64>();
+      case 0x0B:
+        return fixed<ULONG>();
+      default:
+        return fixed<ULONG64>();
     }
   }
 

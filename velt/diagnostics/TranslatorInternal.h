@@ -12,8 +12,8 @@ namespace velt::detail {
 // must throw for an overflow of the stack.
 structured_exception_translator set_translator(structured_exception_translator translator) noexcept;
 
-// Calls the thrower, which throws. Takes about half as much stack as the bare
-// throw.
+// Calls the thrower, which throws. Takes 8 to 9 KB of stack under Wine, where a
+// bare throw takes 12.
 [[noreturn]] void throw_leanly(void (*thrower)(void* argument), void* argument);
 
 // True if the vectored handler that watches throws is registered.
