@@ -13,6 +13,7 @@
 #include "velt/diagnostics/MiniDump.h"
 #include "velt/diagnostics/Settings.h"
 #include "velt/diagnostics/SmartPtrRefsLogger.h"
+#include "velt/diagnostics/StackOverflowException.h"
 #include "velt/diagnostics/StructuredException.h"
 #include "velt/diagnostics/Symbols.h"
 #include "velt/exceptions/Condition.h"
