@@ -17,11 +17,15 @@
 
 #include "tests/support/ChildProcess.h"
 #include "tests/support/DocTables.h"
+#include "velt/diagnostics/DebugSnapshot.h"
 #include "velt/diagnostics/Settings.h"
+#include "velt/diagnostics/SmartPtrRefsLogger.h"
 #include "velt/diagnostics/StackOverflowException.h"
 #include "velt/diagnostics/StructuredException.h"
 #include "velt/diagnostics/Symbols.h"
 #include "velt/exceptions/EGeneric.h"
+#include "velt/locks/Event.h"
+#include "velt/value/SmartPtr.h"
 
 namespace {
 
@@ -77,6 +81,29 @@ std::string name_of(void* function) {
   if (held) SymCleanup();
   return name;
 }
+
+void watch(TEvent const& progress, std::string& log) {
+  if (!progress.Signaled(30'000)) log += TakeDebugSnapshot();
+}
+
+struct Document : SmartPtrObj {
+  SmartPtrRefsLogger holders;
+};
+
+class DocumentPtr {
+public:
+  DocumentPtr(SmartPtr<Document> const& target) : document(target) {
+    document->holders.AddPointerRef(this);
+  }
+  DocumentPtr(DocumentPtr const& other) : DocumentPtr(other.document) {}
+  DocumentPtr& operator=(DocumentPtr const&) = delete;
+  ~DocumentPtr() { document->holders.DelPointerRef(this); }
+
+  Document* operator->() const { return document.get(); }
+
+private:
+  SmartPtr<Document> document;
+};
 
 char const* word(bool setting) { return setting ? "true" : "false"; }
 
@@ -280,4 +307,28 @@ TEST(DiagnosticsDocExamples, HarmlessException) {
   EXPECT_EQ(setting_or(5), 5);
   EXPECT_FALSE(std::filesystem::exists(folder.path() / "a.dmp"));
   SaveMiniDumpOnCppException = dumps;
+}
+
+TEST(DiagnosticsDocExamples, Watch) {
+  TEvent progress(true, true);
+  std::string log;
+  watch(progress, log);
+  EXPECT_EQ(log, "");
+}
+
+TEST(DiagnosticsDocExamples, LeakIsCounted) {
+  std::vector<DocumentPtr> history;
+  std::string log;
+  SmartPtr<Document> const document = MakeCounted<Document>();
+  document->holders.EnableSmartPtrRefsLogger();
+  {
+    DocumentPtr const window(document);
+    history.push_back(window);  // where it is forgotten
+  }
+  log += document->holders.GetObjectReferences(nullptr);
+  EXPECT_THAT(log,
+              testing::AnyOf(testing::StartsWith(std::string(76, '-') + "\nReferences: 1\nStack: "),
+                             testing::StartsWith("Refs: 1, Stack: ")));
+  history.clear();
+  EXPECT_EQ(document->holders.GetObjectReferences(nullptr), "");
 }

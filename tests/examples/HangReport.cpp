@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -91,6 +92,22 @@ TEST(HangReport, StacksShowTheLocksThatAreWaitedFor) {
                                    "Both locks are free."));
   EXPECT_GT(documented().size(), 20u);
   EXPECT_THAT(forms_of(lines), IsSupersetOf(forms_of(documented())));
+}
+
+// Lines of the page that begin with the number of a line of Work.cpp.
+TEST(HangReport, DocumentationShowsTheLinesOfTheMistake) {
+  auto const work =
+      lines_of(velt_test::content_of(velt_test::source_folder / "examples/hang_report/Work.cpp"));
+  auto const page = velt_test::content_of(velt_test::source_folder / "docs/examples.md");
+  std::regex const numbered("(\\d+) ( .*;)");
+  int shown = 0;
+  for (auto const& line : lines_of(page.substr(page.find("## hang_report")))) {
+    std::smatch match;
+    if (!std::regex_match(line, match, numbered)) continue;
+    EXPECT_EQ(match[2], work.at(std::stoul(match[1]) - 1));
+    ++shown;
+  }
+  EXPECT_EQ(shown, 4);
 }
 
 TEST(HangReport, WrongUseIsOneLine) {
