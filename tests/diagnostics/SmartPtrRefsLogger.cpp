@@ -211,10 +211,10 @@ TEST_F(RefsLogger, CopyHasTheReferencesButNoHoldOfItsOwn) {
 }
 
 TEST_F(RefsLogger, ThreadsShareIt) {
+  static char keys[4][500];
   std::vector<std::jthread> threads;
-  for (int i = 0; i < 4; ++i)
-    threads.emplace_back([&, i] {
-      char own[500];
+  for (auto const& own : keys)
+    threads.emplace_back([&] {
       for (auto const& each : own) logger.AddPointerRef(&each);
       for (auto const& each : own)
         if (&each != own) logger.DelPointerRef(&each);
