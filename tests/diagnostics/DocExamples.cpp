@@ -12,14 +12,20 @@
 #include <exception>
 #include <filesystem>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tests/support/ChildProcess.h"
 #include "tests/support/DocTables.h"
+#include "velt/diagnostics/DebugSnapshot.h"
 #include "velt/diagnostics/Settings.h"
+#include "velt/diagnostics/SmartPtrRefsLogger.h"
+#include "velt/diagnostics/StackOverflowException.h"
 #include "velt/diagnostics/StructuredException.h"
 #include "velt/diagnostics/Symbols.h"
 #include "velt/exceptions/EGeneric.h"
+#include "velt/locks/Event.h"
+#include "velt/value/SmartPtr.h"
 
 namespace {
 
@@ -30,6 +36,33 @@ int first_of(int const volatile* numbers, std::string& log) {
     log += error.what();
     return 0;
   }
+}
+
+[[gnu::noipa]] int nest(std::size_t depth) {
+  char volatile room[1000];
+  room[0] = 1;
+  return depth == 0 ? 0 : nest(depth + 1) + room[0];
+}
+void parse(std::string const& document) {
+  if (document.starts_with("((")) nest(document.size());
+}
+
+bool try_parsing(std::string const& document, std::string& log) {
+  try {
+    parse(document);
+    return true;
+  } catch (EStackOverflowException const& error) {
+    log += error.what();
+    EStackOverflowException::ResetStack();
+    return false;
+  }
+}
+
+void make_room_for_overflow() {
+  redirect_structured_exceptions();
+  ULONG bytes = 16384;
+  SetThreadStackGuarantee(&bytes);
+  EStackOverflowException::ResetStack();  // Wine heeds the guarantee from here on
 }
 
 void read_packet(int kind, std::string& log) {
@@ -48,6 +81,29 @@ std::string name_of(void* function) {
   if (held) SymCleanup();
   return name;
 }
+
+void watch(TEvent const& progress, std::string& log) {
+  if (!progress.Signaled(30'000)) log += TakeDebugSnapshot();
+}
+
+struct Document : SmartPtrObj {
+  SmartPtrRefsLogger holders;
+};
+
+class DocumentPtr {
+public:
+  DocumentPtr(SmartPtr<Document> const& target) : document(target) {
+    document->holders.AddPointerRef(this);
+  }
+  DocumentPtr(DocumentPtr const& other) : DocumentPtr(other.document) {}
+  DocumentPtr& operator=(DocumentPtr const&) = delete;
+  ~DocumentPtr() { document->holders.DelPointerRef(this); }
+
+  Document* operator->() const { return document.get(); }
+
+private:
+  SmartPtr<Document> document;
+};
 
 char const* word(bool setting) { return setting ? "true" : "false"; }
 
@@ -198,6 +254,18 @@ TEST(DiagnosticsDocExamples, FaultInALog) {
   EXPECT_THAT(log, testing::EndsWith("Parameter0: 0 (0x0)\nParameter1: 16 (0x10)"));
 }
 
+TEST(DiagnosticsDocExamples, OverflowOnAnyThread) {
+  std::string log;
+  int parsed = 0;
+  std::thread([&] {
+    make_room_for_overflow();
+    for (int round = 0; round < 2; ++round) parsed += try_parsing("((((", log);
+    parsed += try_parsing("()", log);
+  }).join();
+  EXPECT_EQ(parsed, 1);
+  EXPECT_TRUE(log.starts_with("Text: Stack Overflow\nCode: -1073741571 (0xc00000fd)\n")) << log;
+}
+
 TEST(DiagnosticsDocExamples, StackInALog) {
   std::string log;
   read_packet(7, log);
@@ -239,4 +307,28 @@ TEST(DiagnosticsDocExamples, HarmlessException) {
   EXPECT_EQ(setting_or(5), 5);
   EXPECT_FALSE(std::filesystem::exists(folder.path() / "a.dmp"));
   SaveMiniDumpOnCppException = dumps;
+}
+
+TEST(DiagnosticsDocExamples, Watch) {
+  TEvent progress(true, true);
+  std::string log;
+  watch(progress, log);
+  EXPECT_EQ(log, "");
+}
+
+TEST(DiagnosticsDocExamples, LeakIsCounted) {
+  std::vector<DocumentPtr> history;
+  std::string log;
+  SmartPtr<Document> const document = MakeCounted<Document>();
+  document->holders.EnableSmartPtrRefsLogger();
+  {
+    DocumentPtr const window(document);
+    history.push_back(window);  // where it is forgotten
+  }
+  log += document->holders.GetObjectReferences(nullptr);
+  EXPECT_THAT(log,
+              testing::AnyOf(testing::StartsWith(std::string(76, '-') + "\nReferences: 1\nStack: "),
+                             testing::StartsWith("Refs: 1, Stack: ")));
+  history.clear();
+  EXPECT_EQ(document->holders.GetObjectReferences(nullptr), "");
 }

@@ -5,11 +5,10 @@
 
 #include <filesystem>
 #include <regex>
-#include <sstream>
 #include <string>
 #include <vector>
 
-#include "tests/support/ChildProcess.h"
+#include "tests/examples/Transcript.h"
 #include "velt/exceptions/ExceptionFamily.h"
 
 namespace {
@@ -17,37 +16,12 @@ namespace {
 using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::IsSupersetOf;
-using ::testing::SizeIs;
 using ::testing::StartsWith;
 using velt_test::content_of;
 using velt_test::finished_process;
-
-std::filesystem::path const source_folder = VELT_SOURCE_DIR;
-
-std::vector<std::string> lines_of(std::string const& text) {
-  std::vector<std::string> lines;
-  std::istringstream stream(text);
-  for (std::string line; std::getline(stream, line);) lines.push_back(line);
-  return lines;
-}
-
-// "fault_report!function[File.cpp#12]", where 12 is the number of the one line of
-// the file that has the code.
-std::string frame(std::string const& function, std::string const& file, std::string const& code) {
-  int number = 0;
-  std::vector<int> found;
-  for (auto const& line : lines_of(content_of(source_folder / "examples/fault_report" / file))) {
-    ++number;
-    if (line.find(code) != line.npos) found.push_back(number);
-  }
-  EXPECT_THAT(found, SizeIs(1)) << code;
-  return "fault_report!" + function + '[' + file + '#' + std::to_string(found.at(0)) + ']';
-}
-
-// How far behind its beginning a function was left is a matter of the compiler.
-std::string without_offsets(std::string const& text) {
-  return std::regex_replace(text, std::regex("\\+[0-9a-f]+\\["), "[");
-}
+using velt_test::lines_of;
+using velt_test::source_folder;
+using velt_test::without_offsets;
 
 // What a report has under a name, to the end of the line.
 std::string value(std::string const& report, std::string const& name) {
@@ -103,7 +77,7 @@ TEST_F(FaultReport, EachFailureIsToldWithPlaceStackAndDump) {
   };
   for (auto const& each : failures) {
     auto const report = report_on(each.failure);
-    auto const place = frame(each.function, "Service.cpp", each.code);
+    auto const place = velt_test::frame("fault_report", each.function, "Service.cpp", each.code);
     EXPECT_THAT(report, HasSubstr(std::string("─ ") + each.type + '\n' + each.text));
     EXPECT_EQ(value(report, "ModuleName"), "fault_report");
     EXPECT_EQ(value(report, "AddressName"), place);
@@ -120,7 +94,8 @@ TEST_F(FaultReport, ExceptionsOfTheStandardLibraryHaveADumpAndTheStackOfTheHandl
   auto const report = report_on("an exception of the standard library");
   EXPECT_THAT(report, HasSubstr("─ std::out_of_range\nbasic_string::substr: "));
   EXPECT_EQ(value(report, "ModuleName"), "");
-  EXPECT_THAT(report, EndsWith("\n-> " + frame("attempt", "Handling.cpp", "GetMyDebugStack()")));
+  EXPECT_THAT(report, EndsWith("\n-> " + velt_test::frame("fault_report", "attempt", "Handling.cpp",
+                                                          "GetMyDebugStack()")));
   auto const dump = value(report, "MiniDump");
   EXPECT_THAT(dump, StartsWith("Dumps\\fault_report_out_of_range_20"));
   EXPECT_TRUE(is_kept(dump)) << dump;
