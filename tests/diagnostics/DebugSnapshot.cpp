@@ -6,11 +6,15 @@
 
 #include <winternl.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cstdlib>
 #include <map>
+#include <memory>
 #include <regex>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "tests/support/OpenHandles.h"
 #include "velt/diagnostics/Symbols.h"
@@ -153,6 +157,21 @@ TEST_F(DebugSnapshot, ShowsWhereEachThreadIs) {
 TEST_F(DebugSnapshot, ThreadThatHangsInTheLoaderIsShown) {
   Agent in_loader(sleep_in_loader);
   EXPECT_THAT(blocks_of(TakeDebugSnapshot()).at(in_loader.id()), HasSubstr("sleep_in_loader+"));
+}
+
+// VELT_THREADS=1100 in the environment makes more threads than are shown.
+TEST_F(DebugSnapshot, ManyThreadsAreShownAndRunOn) {
+  char const* const wanted = std::getenv("VELT_THREADS");
+  std::size_t const count = wanted ? std::strtoul(wanted, nullptr, 10) : 30;
+  std::vector<std::unique_ptr<Agent>> agents;
+  while (agents.size() != count) agents.push_back(std::make_unique<Agent>(wait_for_event));
+  auto const stacks = blocks_of(TakeDebugSnapshot());
+  EXPECT_GE(stacks.size(), std::min<std::size_t>(count + 1, 1024));
+  EXPECT_LE(stacks.size(), 1024u);
+  for (auto const& agent : agents) {
+    EXPECT_EQ(suspensions(agent->handle()), 0);
+    EXPECT_TRUE(stacks.size() == 1024 || stacks.contains(agent->id()));
+  }
 }
 
 TEST_F(DebugSnapshot, LosesNoHandle) {
