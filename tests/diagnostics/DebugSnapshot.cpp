@@ -6,11 +6,15 @@
 
 #include <winternl.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cstdlib>
 #include <map>
+#include <memory>
 #include <regex>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "tests/support/OpenHandles.h"
 #include "velt/diagnostics/Symbols.h"
@@ -76,6 +80,8 @@ private:
   std::thread thread;
 };
 
+// Behind the last call of these something is left to do, so that they have a frame.
+
 [[gnu::noipa]] void wait_for_event(Agent& agent) {
   agent.ready.SetEvent();
   agent.go_on.Wait();
@@ -93,6 +99,7 @@ private:
   agent.ready.SetEvent();
   agent.go_on.Wait();
   LdrUnlockLoaderLock(0, cookie);
+  asm volatile("");
 }
 
 [[gnu::noipa]] void work_in_heap(Agent& agent) {
@@ -102,6 +109,7 @@ private:
     Sleep(1);
     HeapUnlock(GetProcessHeap());
   }
+  asm volatile("");
 }
 
 // Loading the engine and the symbols of all modules takes seconds.
@@ -121,7 +129,8 @@ long suspensions(HANDLE thread) {
 
 [[gnu::noipa]] std::string call_for_snapshot() {
   auto const text = TakeDebugSnapshot();
-  return text + "";  // so that there is a frame left
+  asm volatile("");
+  return text;
 }
 
 }  // namespace
@@ -148,6 +157,21 @@ TEST_F(DebugSnapshot, ShowsWhereEachThreadIs) {
 TEST_F(DebugSnapshot, ThreadThatHangsInTheLoaderIsShown) {
   Agent in_loader(sleep_in_loader);
   EXPECT_THAT(blocks_of(TakeDebugSnapshot()).at(in_loader.id()), HasSubstr("sleep_in_loader+"));
+}
+
+// VELT_THREADS=1100 in the environment makes more threads than are shown.
+TEST_F(DebugSnapshot, ManyThreadsAreShownAndRunOn) {
+  char const* const wanted = std::getenv("VELT_THREADS");
+  std::size_t const count = wanted ? std::strtoul(wanted, nullptr, 10) : 30;
+  std::vector<std::unique_ptr<Agent>> agents;
+  while (agents.size() != count) agents.push_back(std::make_unique<Agent>(wait_for_event));
+  auto const stacks = blocks_of(TakeDebugSnapshot());
+  EXPECT_GE(stacks.size(), std::min<std::size_t>(count + 1, 1024));
+  EXPECT_LE(stacks.size(), 1024u);
+  for (auto const& agent : agents) {
+    EXPECT_EQ(suspensions(agent->handle()), 0);
+    EXPECT_TRUE(stacks.size() == 1024 || stacks.contains(agent->id()));
+  }
 }
 
 TEST_F(DebugSnapshot, LosesNoHandle) {

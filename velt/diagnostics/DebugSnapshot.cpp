@@ -19,7 +19,7 @@ using namespace velt::detail;
 
 constexpr unsigned int most_threads = 1024;
 constexpr unsigned int most_frames = 64;
-constexpr DWORD all_access = 0x1F03FF;  // to a thread, as every system knows it
+constexpr DWORD all_access = 0x1F03FF;   // to a thread, as every system knows it
 constexpr DWORD loader_patience = 5000;  // milliseconds
 
 // A new thread passes the loader before it runs.
@@ -63,7 +63,7 @@ void stop_all(recorded_threads& threads) {
   CloseHandle(list);
 }
 
-// The caller's context does not outlive the calls that are made from here.
+// The caller runs on from its context, and writes over the stack behind it.
 void write_stack(DWORD id, HANDLE thread, CONTEXT& context, std::string& text) {
   unsigned __int64 frames[most_frames] = {};
   auto const count = StackWalk(frames, is_caller(id) ? nullptr : &context, thread, 0, most_frames);

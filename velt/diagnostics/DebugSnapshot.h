@@ -14,14 +14,14 @@
 //   -> outer frame
 //   -> inner frame
 //
-// with up to 64 frames in the form of SymGetStackTrace(); the caller's own is only
-// roughly right. Empty if the symbol engine is not to be had. Threads that begin
-// or end meanwhile may be missing.
+// with up to 64 frames in the form of SymGetStackTrace(); the caller's own stack
+// ends in here. Empty if the symbol engine is not to be had. Threads that begin or
+// end meanwhile may be missing.
 //
-// Any thread may call it, with 24 KB of stack to spare. It waits for the symbol
-// engine and for the heap, and to load the engine also for the platform's loader
-// lock; what a queued call throws meanwhile passes out. Once threads are stopped
-// it waits for nothing that they may hold. A program that must be looked into even
-// when a library's loading hangs holds the engine from its start on: see
-// SymInitialize().
+// Any thread may call it, but not from DllMain, and with 40 KB of stack to spare.
+// Before it stops threads it waits for the locks of the symbol engine, of the
+// environment and of the heaps, and to load the engine 5 seconds for the loader;
+// what a queued call throws meanwhile passes out. Then it waits for nothing that a
+// stopped thread is known to hold: docs/diagnostics.md tells what remains, and what
+// a program does to be looked into even when its loader hangs.
 VELT_API std::string TakeDebugSnapshot();

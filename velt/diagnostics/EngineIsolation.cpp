@@ -20,10 +20,10 @@ std::vector<HMODULE> all_modules() {
   process.AttachHandle(
       OpenProcess(PROCESS_QUERY_INFORMATION | PROCESS_VM_READ, FALSE, GetCurrentProcessId()));
   std::vector<HMODULE> modules(most_modules);
-  DWORD size = static_cast<DWORD>(modules.size() * sizeof modules[0]);
+  constexpr DWORD room = most_modules * sizeof(HMODULE);
   DWORD needed = 0;
-  K32EnumProcessModules(process, modules.data(), size, &needed);
-  modules.resize(std::min<DWORD>(size, needed) / sizeof modules[0]);
+  K32EnumProcessModules(process, modules.data(), room, &needed);
+  modules.resize(std::min(room, needed) / sizeof(HMODULE));
   return modules;
 }
 

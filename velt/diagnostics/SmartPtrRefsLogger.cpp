@@ -43,8 +43,9 @@ bool leave_reference_machinery(STACKFRAME64& frame) {
 
 bool SmartPtrRefsLogger::RefStack::operator<(RefStack const& other) const {
   if (Depth != other.Depth) return Depth < other.Depth;
-  // Of each address four bytes are counted, though it has eight.
-  return std::memcmp(&Frames, &other.Frames, Depth * 4) < 0;
+  // An address has twice as many, so the second half of the frames is not looked at.
+  constexpr std::size_t bytes_of_frame = 4;
+  return std::memcmp(&Frames, &other.Frames, Depth * bytes_of_frame) < 0;
 }
 
 SmartPtrRefsLogger::RefStack SmartPtrRefsLogger::walk(_tagSTACKFRAME64& frame) {

@@ -20,8 +20,8 @@ struct _tagSTACKFRAME64;
 // not guarded and belongs before the first of them.
 class SmartPtrRefsLogger {
 public:
-  // Frames kept of each stack. They are the caller's from its fourth on: the first
-  // three are those that count the references.
+  // Frames kept of each stack, without the three innermost, which are those of the
+  // caller's own counting.
   static constexpr unsigned int MaxStackDepth = 4;
 
   SmartPtrRefsLogger() = default;
