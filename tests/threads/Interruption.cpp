@@ -265,7 +265,9 @@ TEST(Interruption, ThreadIsInterruptedAtWhateverItDoesJustNow) {
     begin_to_end.Reset();
   }
   EXPECT_EQ(debug.text(), "");
-  EXPECT_TRUE(velt_test::open_handles_fall_to(before));
+  // Fewer than one a round: locks of the run time keep a handle from the first
+  // time on that two threads want them at once.
+  EXPECT_TRUE(velt_test::open_handles_fall_to(before + 10));
 }
 
 // In the release of a lock, where nothing can be thrown, an interruption waits
