@@ -10,6 +10,7 @@
 #include <new>
 #include <stdexcept>
 
+#include "velt/LoadOrderInternal.h"
 #include "velt/debug/ConsoleWriter.h"
 #include "velt/debug/DebugWriter.h"
 #include "velt/debug/FileWriter.h"
@@ -19,13 +20,6 @@
 namespace {
 
 using writer_list = std::vector<SmartPtr<TStreamWriter>>;
-
-bool process_ends() {
-  using Query = BOOLEAN(NTAPI*)();
-  auto const entry = GetProcAddress(GetModuleHandleW(L"ntdll"), "RtlDllShutdownInProgress");
-  auto const query = reinterpret_cast<Query>(reinterpret_cast<void*>(entry));
-  return query && query();
-}
 
 // Leaves the list to the end of the process, without a call to the heap.
 void abandon(writer_list& writers) {
@@ -45,7 +39,7 @@ TDebugStream::TDebugStream(SmartPtr<TStreamWriter> a, SmartPtr<TStreamWriter> b,
 // When the process ends, the platform has already stopped the threads that
 // wrote, perhaps amid a change of the heap that a release would trip over.
 TDebugStream::~TDebugStream() noexcept(false) {
-  if (process_ends()) abandon(Writers);
+  if (velt::detail::process_ends()) abandon(Writers);
 }
 
 void TDebugStream::AddWriter(SmartPtr<TStreamWriter> writer) {
@@ -278,8 +272,8 @@ TDebugStreamSession& TDebugStreamSession::operator<<(SmartPtrObj const* object) 
   return object ? *this << object->describe() : *this << "<NULL>";
 }
 
-// In one source, so that their order is fixed.
-TDebugStream Debug(MakeCounted<TDebugWriter>());
-TDebugStream Error(MakeCounted<TDebugWriter>(), MakeCounted<TConsoleWriter>(false),
-                   MakeCounted<TFileWriter>("c:\\error.log"));
-TDebugStream Console(MakeCounted<TConsoleWriter>(false));
+VELT_LOAD_STEP(debug_stream) TDebugStream Debug(MakeCounted<TDebugWriter>());
+VELT_LOAD_STEP(error_stream) TDebugStream Error(
+    MakeCounted<TDebugWriter>(), MakeCounted<TConsoleWriter>(false),
+    MakeCounted<TFileWriter>("c:\\error.log"));
+VELT_LOAD_STEP(console_stream) TDebugStream Console(MakeCounted<TConsoleWriter>(false));

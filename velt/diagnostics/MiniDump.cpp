@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <string_view>
 
+#include "velt/LoadOrderInternal.h"
 #include "velt/diagnostics/ProcessLocksInternal.h"
 #include "velt/diagnostics/Settings.h"
 #include "velt/diagnostics/SymbolsInternal.h"
@@ -69,7 +70,7 @@ std::string find_program_name() {
 }
 
 // Found at load: to ask for it can wait for the loader lock.
-std::string const program_name = find_program_name();
+VELT_LOAD_STEP(program_name_found) std::string const program_name = find_program_name();
 
 std::string module_name(_EXCEPTION_POINTERS* pointers, bool with_symbols) {
   std::string module;

@@ -29,6 +29,7 @@
 #include <exception>
 #include <optional>
 
+#include "velt/LoadOrderInternal.h"
 #include "velt/diagnostics/ThreadSlotInternal.h"
 #include "velt/diagnostics/ThrownObjectInternal.h"
 #include "velt/diagnostics/TranslatorInternal.h"
@@ -105,8 +106,8 @@ struct open_fault {
   overflow_report* report;  // null unless the context is in it
 };
 
-thread_slot<void(unsigned int, _EXCEPTION_POINTERS*)> translators;
-thread_slot<open_fault> open_faults;
+VELT_LOAD_STEP(translator_slots) thread_slot<void(unsigned int, _EXCEPTION_POINTERS*)> translators;
+VELT_LOAD_STEP(translator_slots) thread_slot<open_fault> open_faults;
 
 void close(open_fault const& fault) noexcept {
   open_faults.set(fault.outer);

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "velt/LoadOrderInternal.h"
 #include "velt/diagnostics/ProcessLocksInternal.h"
 
 namespace velt::detail {
@@ -43,13 +44,17 @@ struct lock_entries {
   entry<BOOLEAN NTAPI(HANDLE, ULONG, void const*)> const validate_heap{module, "RtlValidateHeap"};
 };
 
-lock_entries const entries;
-HANDLE const ProcessHeap = GetProcessHeap();
-CRITICAL_SECTION* const ProcessHeapSection = FindHeapLockSection();
+VELT_LOAD_STEP(platform_locks) lock_entries const entries;
+VELT_LOAD_STEP(process_heap_found) struct {
+  HANDLE const handle = GetProcessHeap();
+} const ProcessHeap;
+VELT_LOAD_STEP(process_heap_found) struct {
+  CRITICAL_SECTION* const pointer = FindHeapLockSection();
+} const ProcessHeapSection;
 
-bool lock_heap() noexcept { return entries.lock_heap && entries.lock_heap(ProcessHeap); }
+bool lock_heap() noexcept { return entries.lock_heap && entries.lock_heap(ProcessHeap.handle); }
 void unlock_heap() noexcept {
-  if (entries.unlock_heap) entries.unlock_heap(ProcessHeap);
+  if (entries.unlock_heap) entries.unlock_heap(ProcessHeap.handle);
 }
 
 // A word of 32 bits in memory that need not be aligned for it.
@@ -116,10 +121,11 @@ PebLockGuard::~PebLockGuard() {
 }
 
 HeapLockGuard::HeapLockGuard() noexcept {
-  if (!ProcessHeap) return;
-  if (ProcessHeapSection && TryEnterCriticalSection(ProcessHeapSection)) {
+  if (!ProcessHeap.handle) return;
+  auto const section = ProcessHeapSection.pointer;
+  if (section && TryEnterCriticalSection(section)) {
     lock_heap();
-    LeaveCriticalSection(ProcessHeapSection);
+    LeaveCriticalSection(section);
     holds = true;
   } else {
     holds = lock_heap();
@@ -131,8 +137,8 @@ HeapLockGuard::~HeapLockGuard() {
 }
 
 CRITICAL_SECTION* FindHeapLockSection() noexcept {
-  if (!ProcessHeap || !lock_heap()) return nullptr;
-  auto const section = search_header(static_cast<std::byte const*>(ProcessHeap));
+  if (!ProcessHeap.handle || !lock_heap()) return nullptr;
+  auto const section = search_header(static_cast<std::byte const*>(ProcessHeap.handle));
   unlock_heap();
   return section;
 }

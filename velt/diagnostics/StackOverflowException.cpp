@@ -5,6 +5,7 @@
 
 #include <malloc.h>
 
+#include "velt/LoadOrderInternal.h"
 #include "velt/diagnostics/TranslatorInternal.h"
 #include "velt/exceptions/ExceptionFamily.h"
 #include "velt/locks/CriticalSection.h"
@@ -14,9 +15,8 @@ namespace {
 
 // One overflow at a time. What the thread that overflowed hands to the one that
 // makes the exception, and how it learns of the end.
-TCriticalSection StackOverflowLock;
-THandle StackOverflowThread;
-THandle StackOverflowDone;
+VELT_LOAD_STEP(stack_overflow_lock) TCriticalSection StackOverflowLock;
+VELT_LOAD_STEP(stack_overflow_thread) THandle StackOverflowThread;
 _EXCEPTION_POINTERS* StackOverflowPointers = nullptr;
 unsigned long StackOverflowThreadId = 0;
 
@@ -25,11 +25,9 @@ void* check(void* handle) {
   return handle;
 }
 
-struct event_maker {
-  event_maker() {
-    StackOverflowDone.AttachHandle(check(CreateEventW(nullptr, FALSE, FALSE, nullptr)));
-  }
-} const made_at_load;
+VELT_LOAD_STEP(stack_overflow_done) struct done_event : THandle {
+  done_event() { AttachHandle(check(CreateEventW(nullptr, FALSE, FALSE, nullptr))); }
+} StackOverflowDone;
 
 void throw_copy(void* target) {
   throw EStackOverflowException(*static_cast<EStackOverflowException*>(target));

@@ -8,6 +8,7 @@
 #include <limits>
 #include <new>
 
+#include "velt/LoadOrderInternal.h"
 #include "velt/diagnostics/TextCacheInternal.h"
 
 namespace velt::detail {
@@ -202,9 +203,13 @@ TMutex& symbol_lock() {
 
 namespace {
 
-[[maybe_unused]] auto& made_at_load = symbol_lock();
+VELT_LOAD_STEP(symbol_lock_made) build_now const lock_made(symbol_lock);
 
 }  // namespace
+
+void forget_known_ranges() {
+  if (auto const loaded = loaded_engine()) loaded->forget_known_ranges();
+}
 
 void* dump_writer() {
   auto const loaded = loaded_engine();

@@ -80,6 +80,8 @@ public:
   bool find_line(std::uint64_t address, IMAGEHLP_LINE64& line);
   bool walk(DWORD machine, HANDLE thread, STACKFRAME64& frame, CONTEXT* context);
 
+  void forget_known_ranges() { known = {}; }
+
   debug_help const& entries() const { return calls; }
 
   // Of the run times that may be the engine's and this library's; null for one

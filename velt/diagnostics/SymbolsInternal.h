@@ -46,4 +46,7 @@ bool StackWalkStep(_tagSTACKFRAME64* frame, _CONTEXT* context, void* thread);
 // holds symbol_lock().
 void* dump_writer();
 
+// When the library is unloaded although the engine is still held.
+void forget_known_ranges();
+
 }  // namespace velt::detail

@@ -4,6 +4,7 @@
 #include <string>
 #include <utility>
 
+#include "velt/LoadOrderInternal.h"
 #include "velt/diagnostics/Settings.h"
 #include "velt/diagnostics/StructuredException.h"
 #include "velt/diagnostics/SymbolsInternal.h"
@@ -68,7 +69,7 @@ public:
   static bool exists() noexcept { return HandlerActiveSlot.get(); }
 
 private:
-  static inline thread_slot<active_scope> HandlerActiveSlot;
+  VELT_LOAD_STEP(handler_active_slot) static inline thread_slot<active_scope> HandlerActiveSlot;
 };
 
 // A throw between a failed call and the question for its error.

@@ -5,11 +5,22 @@
 #include <new>
 
 #include "velt/Export.h"
+#include "velt/LoadOrderInternal.h"
 #include "velt/text/ComStringInternal.h"
 
 using velt::detail::raise_com_error;
 
 namespace velt::detail {
+namespace {
+
+HANDLE text_heap() {
+  static HANDLE const heap = GetProcessHeap();
+  return heap;
+}
+
+VELT_LOAD_STEP(heap_of_texts) build_now const heap_found(text_heap);
+
+}  // namespace
 
 void raise_com_error(long code) {
   _com_issue_error(code);
@@ -32,14 +43,13 @@ _bstr_t make_bstr(std::wstring_view text) {
 // In front of the characters stand 32 bits that only align them, and their
 // length in bytes; the terminator follows.
 wchar_t* new_bstr_block(unsigned length) {
-  static HANDLE const heap = GetProcessHeap();
   struct Header {
     std::uint32_t alignment;
     std::uint32_t bytes;
   };
   auto const bytes = std::size_t(length) * sizeof(wchar_t);
   auto const header = static_cast<Header*>(
-      HeapAlloc(heap, HEAP_GENERATE_EXCEPTIONS, sizeof(Header) + bytes + sizeof(wchar_t)));
+      HeapAlloc(text_heap(), HEAP_GENERATE_EXCEPTIONS, sizeof(Header) + bytes + sizeof(wchar_t)));
   *header = {0, static_cast<std::uint32_t>(bytes)};
   auto const characters = reinterpret_cast<wchar_t*>(header + 1);
   characters[length] = L'\0';

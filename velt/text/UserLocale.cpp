@@ -6,6 +6,8 @@
 #include <array>
 #include <stdexcept>
 
+#include "velt/LoadOrderInternal.h"
+
 namespace {
 
 using mask = std::ctype_base::mask;
@@ -209,7 +211,7 @@ UserLocale const& the_user_locale() {
   return instance;
 }
 
-[[maybe_unused]] auto const& built_at_load = the_user_locale();
+VELT_LOAD_STEP(locale_of_user) velt::detail::build_now const locale_built(the_user_locale);
 
 }  // namespace
 

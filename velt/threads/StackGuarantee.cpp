@@ -4,6 +4,8 @@
 
 #include <malloc.h>
 
+#include "velt/LoadOrderInternal.h"
+
 namespace velt::detail {
 namespace {
 
@@ -11,11 +13,14 @@ using set_guarantee = BOOL(WINAPI*)(ULONG* bytes);
 
 set_guarantee look_up() noexcept {
   auto const entry =
-      GetProcAddress(GetModuleHandleA("kernel32.dll"), "SetThreadStackGuarantee");
+      GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "SetThreadStackGuarantee");
   return reinterpret_cast<set_guarantee>(reinterpret_cast<void*>(entry));
 }
 
-set_guarantee const SetThreadStackGuarantee = look_up();
+// Null where the platform has none.
+VELT_LOAD_STEP(stack_guarantee_found) struct {
+  set_guarantee const SetThreadStackGuarantee = look_up();
+} const platform;
 
 }  // namespace
 
@@ -25,8 +30,8 @@ set_guarantee const SetThreadStackGuarantee = look_up();
 // nothing.
 void guarantee_stack() noexcept {
   ULONG bytes = 16384;
-  if (!SetThreadStackGuarantee) return;
-  SetThreadStackGuarantee(&bytes);
+  if (!platform.SetThreadStackGuarantee) return;
+  platform.SetThreadStackGuarantee(&bytes);
   _resetstkoflw();
 }
 

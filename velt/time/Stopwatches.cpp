@@ -2,6 +2,8 @@
 
 #include <windows.h>
 
+#include "velt/LoadOrderInternal.h"
+
 namespace {
 
 _LARGE_INTEGER performance_frequency() {
@@ -21,8 +23,9 @@ void read_thread_times(_FILETIME* kernel, _FILETIME* user) {
 
 }  // namespace
 
-// In the order in which they are built: each may use those above it.
+VELT_LOAD_STEP(performance_frequency)
 _LARGE_INTEGER _PerformanceCounterFrequency = performance_frequency();
+// Numbers and pointers can name no step: they come behind all steps.
 const double _pcounter_t::frequency = static_cast<double>(_PerformanceCounterFrequency.QuadPart);
 const double _thread_common_times_t::frequency = 1e7;
 void* const _thread_common_times_t::current_thread = GetCurrentThread();

@@ -1,0 +1,29 @@
+#include "velt/LoadOrderInternal.h"
+
+#include "velt/diagnostics/SymbolsInternal.h"
+#include "velt/diagnostics/ThrowWatchingInternal.h"
+#include "velt/value/HolderCacheInternal.h"
+
+namespace velt::detail {
+namespace {
+
+// At the end of the process its memory goes as a whole.
+VELT_LOAD_STEP(memory_of_holders) struct memory_end {
+  ~memory_end() {
+    if (!process_ends()) close_holder_cache();
+  }
+} const holders;
+
+VELT_LOAD_STEP(known_ranges_emptied) struct ranges_end {
+  ~ranges_end() {
+    if (!process_ends()) forget_known_ranges();
+  }
+} const ranges;
+
+VELT_LOAD_STEP(throws_watched) struct watch {
+  watch() { start_watching_throws(); }
+  ~watch() { stop_watching_throws(process_ends()); }
+} const throws;
+
+}  // namespace
+}  // namespace velt::detail
