@@ -31,6 +31,7 @@
 #include "velt/locks/WaitableTimer.h"
 #include "velt/os/File.h"
 #include "velt/os/Overlapped.h"
+#include "velt/os/Printer.h"
 #include "velt/text/Case.h"
 #include "velt/text/CharacterClasses.h"
 #include "velt/text/Encoding.h"
