@@ -18,7 +18,7 @@ void tell(std::wstring const& when) {
   APTTYPE type;
   APTTYPEQUALIFIER qualifier;
   bool const is_in_one = SUCCEEDED(CoGetApartmentType(&type, &qualifier));
-  write(stream::output, padded(when, 15) + (!is_in_one                ? L"in no apartment"
+  write(stream::output, padded(when, 16) + (!is_in_one                ? L"in no apartment"
                                             : type == APTTYPE_MTA ? L"in the apartment of many"
                                                                   : L"in one of its own") +
                             L'\n');

@@ -25,10 +25,10 @@ TEST(ApartmentGuard, EntersTheKindAskedForAndLeavesIt) {
     EXPECT_EQ(result.errors, "");
     auto const lines = velt_test::lines_of(result.output);
     ASSERT_EQ(lines.size(), 4u);
-    EXPECT_EQ(lines[0], "before:        in no apartment");
-    EXPECT_EQ(lines[1], std::string("inside:        in ") + inside);
+    EXPECT_EQ(lines[0], "before:         in no apartment");
+    EXPECT_EQ(lines[1], std::string("inside:         in ") + inside);
     EXPECT_GT(lines[2].size(), std::string("the other kind: ").size());
-    EXPECT_EQ(lines[3], "afterwards:    in no apartment");
+    EXPECT_EQ(lines[3], "afterwards:     in no apartment");
   }
 }
 

@@ -10,7 +10,6 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <deque>
 #include <initializer_list>
 #include <string>
 #include <vector>
@@ -37,7 +36,7 @@ public:
   }
 
   std::string calls;
-  std::deque<Answer> answers;
+  std::vector<Answer> answers;
 
   static inline FakeSpooler* current = nullptr;
 
@@ -51,7 +50,7 @@ public:
       return 0;
     }
     Answer const answer = answers.front();
-    answers.pop_front();
+    answers.erase(answers.begin());
     auto const count = std::min(answer.numbers.size(), made.numbers.size());
     for (std::size_t i = 0; i < count; ++i) *made.numbers[i] = answer.numbers[i];
     if (made.block) std::copy(answer.block.begin(), answer.block.end(), made.block);
