@@ -10,14 +10,13 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <initializer_list>
 #include <string>
 #include <vector>
 
 namespace velt_test {
 
-// What a call answers: its result, the last error, the numbers that go to its
-// places for numbers in their order, and the bytes that go to its block.
+// What a call answers: its result, the last error, the numbers for its places for
+// numbers in their order, and the bytes for its block.
 struct Answer {
   DWORD result;
   DWORD code = 0;
@@ -25,68 +24,55 @@ struct Answer {
   std::string block = {};
 };
 
+using answers = std::vector<Answer>;
+
 // While it lives, all calls come to it, and only as many as it has answers for.
 class FakeSpooler {
 public:
-  FakeSpooler(std::initializer_list<Answer> its_answers) : answers(its_answers) { current = this; }
+  explicit FakeSpooler(answers const& list) : left(list) { current = this; }
   FakeSpooler(FakeSpooler const&) = delete;
   ~FakeSpooler() {
     current = nullptr;
-    EXPECT_TRUE(answers.empty()) << "of " << calls;
+    EXPECT_TRUE(left.empty()) << "of " << calls;
   }
 
   std::string calls;
-  std::vector<Answer> answers;
+  answers left;
 
   static inline FakeSpooler* current = nullptr;
 
   template <class... Arguments>
-  DWORD call(char const* name, Arguments... arguments) {
-    places made;
-    (note(made, arguments), ...);
-    calls += name + ("(" + made.text + ")");
-    if (answers.empty()) {
-      ADD_FAILURE() << "no answer for the last of " << calls;
-      return 0;
-    }
-    Answer const answer = answers.front();
-    answers.erase(answers.begin());
-    auto const count = std::min(answer.numbers.size(), made.numbers.size());
-    for (std::size_t i = 0; i < count; ++i) *made.numbers[i] = answer.numbers[i];
-    if (made.block) std::copy(answer.block.begin(), answer.block.end(), made.block);
+  DWORD call(std::string const& name, Arguments... arguments) {
+    numbers.clear();
+    block = nullptr;
+    std::string list;
+    ((list += (list.empty() ? "" : ", ") + text(arguments)), ...);
+    calls += name + "(" + list + ")";
+    if (left.empty()) return ADD_FAILURE() << "no answer for the last of " << calls, 0;
+    Answer const answer = left.front();
+    left.erase(left.begin());
+    auto const count = std::min(answer.numbers.size(), numbers.size());
+    for (std::size_t i = 0; i < count; ++i) *numbers[i] = answer.numbers[i];
+    if (block) std::copy(answer.block.begin(), answer.block.end(), block);
     SetLastError(answer.code);
     return answer.result;
   }
 
 private:
-  struct places {
-    std::string text;
-    std::vector<DWORD*> numbers;
-    BYTE* block = nullptr;
-  };
-
-  static void add(places& made, std::string const& text) {
-    made.text += (made.text.empty() ? "" : ", ") + text;
-  }
-  static void note(places& made, DWORD number) { add(made, std::to_string(number)); }
-  static void note(places& made, DWORD* number) {
-    made.numbers.push_back(number);
-    add(made, "out");
-  }
-  static void note(places& made, BYTE* block) {
-    made.block = block;
-    add(made, block ? "block" : "none");
-  }
-  static void note(places& made, wchar_t* name) {
-    add(made, name ? std::string(name, name + wcslen(name)) : "none");
-  }
-  static void note(places& made, HANDLE) { add(made, "printer"); }
-  static void note(places& made, HANDLE*) { add(made, "out"); }
-  static void note(places& made, PRINTER_DEFAULTSW* defaults) {
-    bool const is_bare = !defaults->pDatatype && !defaults->pDevMode;
-    add(made, (is_bare ? "access " : "more than access ") + std::to_string(defaults->DesiredAccess));
+  std::string text(DWORD number) { return std::to_string(number); }
+  std::string text(DWORD* number) { return numbers.push_back(number), "out"; }
+  std::string text(BYTE* place) { return (block = place) ? "block" : "none"; }
+  std::string text(wchar_t* name) { return std::string(name, name + wcslen(name)); }
+  std::string text(HANDLE) { return "printer"; }
+  std::string text(HANDLE*) { return "out"; }
+  std::string text(PRINTER_DEFAULTSW* defaults) {
+    EXPECT_FALSE(defaults->pDatatype || defaults->pDevMode);
+    return "access " + std::to_string(defaults->DesiredAccess);
   }
 
+  // The places that the call under way has.
+  std::vector<DWORD*> numbers;
+  BYTE* block = nullptr;
 };
 
 template <class Function>

