@@ -51,6 +51,9 @@ _value_t double_value(fraction);
 _value_t digits_value("12345");
 _variant_t digits_variant(L"12345");
 
+wchar_t const* wide_text = L"forty characters, and not a single more.";
+_value_t wide_value(wide_text);
+
 _value_t sequence_value(sixteen_numbers());
 nlohmann::json json_sequence(sixteen_numbers());
 
@@ -72,6 +75,23 @@ int int_by_platform(VARIANT& from) {
   VariantInit(&to);
   VariantChangeType(&to, &from, 0, VT_I4);
   return to.lVal;
+}
+
+// A text and a number.
+template <auto& text_source, auto& number_source>
+void variants() {
+  _variant_t const text_variant = input(text_source).as_variant();
+  keep(text_variant);
+  _variant_t const number_variant = input(number_source).as_variant();
+  keep(number_variant);
+}
+
+template <auto& text_source, auto& number_source>
+void variants_made_directly() {
+  _variant_t const text_variant(input(text_source));
+  keep(text_variant);
+  _variant_t const number_variant(input(number_source));
+  keep(number_variant);
 }
 
 std::string print_double(double value) {
@@ -118,6 +138,10 @@ std::vector<Row> value_rows() {
       {"value_double_to_text",
        loop([] { keep(input(double_value).as_string()); }),
        {{"snprintf \"%.7g\"", 1.0, loop([] { keep(print_double(input(fraction))); })}}},
+
+      {"variant_out",
+       loop([] { variants<wide_value, int_value>(); }),
+       {{"_variant_t", 1.15, loop([] { variants_made_directly<wide_text, number>(); })}}},
   };
 }
 

@@ -73,6 +73,15 @@ TEST(EGeneric, ListGrowsByHalf) {
   EXPECT_EQ(exception.values().capacity(), 13u);
 }
 
+TEST(EGeneric, TakesValuesOfItsOwnListAlsoAsItGrows) {
+  EGeneric exception({"first", "kept"});
+  for (int i = 0; i < 10; ++i) {
+    auto const name = "name" + std::to_string(i);
+    exception.put_value(name, exception["first"]);
+    EXPECT_EQ(exception[name], "kept");
+  }
+}
+
 TEST(EGeneric, MovingToTheBackSwapsWithTheLast) {
   Family exception({"a", 1}, {"b", 2}, {"c", 3});
   exception.move_to_back("A");

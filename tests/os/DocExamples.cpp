@@ -2,12 +2,19 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
+#include <comdef.h>
+#include <winspool.h>
+
 #include <string>
 
 #include "tests/os/ScratchFile.h"
+#include "tests/os/ScratchPrinter.h"
 #include "tests/support/DocExamples.h"
+#include "velt/os/CoInitialize.h"
 #include "velt/os/File.h"
+#include "velt/os/ImpersonationContext.h"
 #include "velt/os/Overlapped.h"
+#include "velt/os/Printer.h"
 
 namespace {
 
@@ -27,6 +34,19 @@ bool read_header(void* handle, char (&header)[64]) {
   unsigned long read = 0;
   while (!file.GetOverlappedResult(read, false)) Sleep(1);  // or do something useful
   return read == sizeof header;
+}
+
+std::wstring port_of(wchar_t const* name) {
+  TPrinter const printer(name, PRINTER_ACCESS_USE);
+  AutoPtr<PRINTER_INFO_2W> info;
+  printer.GetPrinterInfo(info);
+  return info->pPortName;
+}
+
+void serve(void (*work)()) {
+  class CoInitializeEx const apartment;
+  CImpersonationContext const client(CImpersonationContext::NeedImpersonation);
+  work();
 }
 
 // A file with these contents, opened for overlapped work.
@@ -57,4 +77,13 @@ TEST(OsDocExamples, Header) {
   char header[64] = {};
   EXPECT_TRUE(read_header(file, header));
   EXPECT_EQ(std::string(header, 64), std::string(64, 'x'));
+}
+
+TEST(OsDocExamples, Port) {
+  velt_test::ScratchPrinter const printer;
+  EXPECT_EQ(port_of(printer.name.c_str()), L"FILE:");
+}
+
+TEST(OsDocExamples, OutsideACallThereIsNoClient) {
+  EXPECT_THROW(serve([] { FAIL() << "as nobody"; }), _com_error);
 }

@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <comutil.h>
+
 #include "velt/exceptions/EGeneric.h"
 #include "velt/value/Value.h"
 
@@ -41,6 +43,14 @@ TEST(ValueDocumentation, WritesThroughViews) {
   copy = 7;                                   // a copy of a view detaches: v stays {9,2,3}
   EXPECT_EQ(v.as_string(), "{9,2,3}");
   EXPECT_EQ(shared.as_string(), "{9,2,3}");
+}
+
+TEST(ValueDocumentation, LeavesAsAVariant) {
+  _value_t const due = _time_t::mktime("2004-02-29T12:30:45");
+  _variant_t const date = due.as_variant();   // VT_DATE, 38046.5213...
+  _time_t const back(date, true);             // true: the date is UTC
+  EXPECT_NEAR(V_DATE(&date), 38046.5213, 0.0001);
+  EXPECT_EQ(back.iso8601time(), "2004-02-29T12:30:45.000");
 }
 
 TEST(ValueDocumentation, ExamplesAreThese) {

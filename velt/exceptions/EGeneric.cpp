@@ -50,9 +50,10 @@ void EGeneric::append_all(std::initializer_list<P const*> values) {
 // A list grows by half, unlike the standard library's own growth.
 void EGeneric::append(std::string const& name, _value_t const& value) {
   if (list.size() >= list_limit) throw std::length_error("vector<T> too long");
+  P item(name, value);  // first: either may lie in the list, which moves as it grows
   if (list.size() == list.capacity())
     list.reserve(std::max(list.size() + 1, list.capacity() + list.capacity() / 2));
-  list.emplace_back(name, value);
+  list.push_back(std::move(item));
 }
 
 void EGeneric::put_value(std::string const& name, _value_t const& value) {

@@ -26,15 +26,18 @@ void convert_text(std::wstring const& from, std::string& to) {
   to = as_string(from, ansi_code_page);
 }
 
-void convert_text(std::string const& from, _bstr_t& to) {
-  to = basic_const_string<char>(from).c_str();
+BSTR new_bstr(std::string const& text) {
+  return _com_util::ConvertStringToBSTR(basic_const_string<char>(text).c_str());
 }
 
-void convert_text(std::wstring const& from, _bstr_t& to) {
-  BSTR const text = SysAllocStringLen(from.data(), static_cast<UINT>(from.size()));
-  if (!text) raise_com_error(E_OUTOFMEMORY);
-  to = adopt_bstr(text);
+BSTR new_bstr(std::wstring const& text) {
+  BSTR const result = SysAllocStringLen(text.data(), static_cast<UINT>(text.size()));
+  if (!result) raise_com_error(E_OUTOFMEMORY);
+  return result;
 }
+
+void convert_text(std::string const& from, _bstr_t& to) { to = adopt_bstr(new_bstr(from)); }
+void convert_text(std::wstring const& from, _bstr_t& to) { to = adopt_bstr(new_bstr(from)); }
 
 void convert_text(_bstr_t const& from, std::wstring& to) { to = wide_view(from); }
 

@@ -20,6 +20,11 @@ void convert_text(_bstr_t const& from, std::wstring& to);
 // The narrow text, cut to the number of the wide characters.
 void convert_text(_bstr_t const& from, std::string& to);
 
+// The same as a string of the platform's, which the caller frees with
+// SysFreeString. Throw the COM error 0x8007000E if there is no memory.
+BSTR new_bstr(std::string const& text);
+BSTR new_bstr(std::wstring const& text);
+
 template <class To, class From>
 To convert(From const& from) {
   if constexpr (is_text<To> && !std::same_as<To, From>) {

@@ -1,4 +1,3 @@
-#include <comutil.h>
 #include <emmintrin.h>
 
 #include <cstdlib>
@@ -8,46 +7,18 @@
 #include "velt/text/Encoding.h"
 #include "velt/text/GeneralNumberInternal.h"
 #include "velt/text/Numbers.h"
-#include "velt/value/HoldersInternal.h"
-#include "velt/value/Value.h"
+#include "velt/value/KindsInternal.h"
 
 namespace {
 
+using velt::detail::by_kind;
 using velt::detail::is_object;
+using velt::detail::own_element;
+using velt::detail::read;
 using velt::detail::throw_bad_cast;
-using velt::detail::variant_tag;
+using velt::detail::unknown_kind;
 
 using object_handle = SmartPtr<const SmartPtrObj>;
-
-// Stands for a holder of a kind that is not one of the library's own.
-struct unknown_kind {};
-
-using velt::detail::own_element;
-
-template <class T>
-T read(_value_t_data const& held) {
-  if (auto const element = own_element<T>(&held)) return *element;
-  return held.get(static_cast<T const*>(nullptr));
-}
-
-// Calls rule.operator()<Kind>(held) for the kind of the holder. All texts are
-// one kind, and so are both handles of objects.
-template <class Result, class Rule>
-Result by_kind(_value_t const& value, Rule const& rule) {
-  if (value.empty()) throw_bad_cast(typeid(void), typeid(Result));
-  _value_t_data const& held = *value.holder();
-  switch (held.vartype()) {
-    case variant_tag<double>: return rule.template operator()<double>(held);
-    case variant_tag<_time_t>: return rule.template operator()<_time_t>(held);
-    case variant_tag<std::string>: return rule.template operator()<std::string>(held);
-    case variant_tag<bool>: return rule.template operator()<bool>(held);
-    case variant_tag<object_handle>: return rule.template operator()<object_handle>(held);
-    case variant_tag<unsigned long>: return rule.template operator()<unsigned long>(held);
-    case variant_tag<__int64>: return rule.template operator()<__int64>(held);
-    case variant_tag<int>: return rule.template operator()<int>(held);
-    default: return rule.template operator()<unknown_kind>(held);
-  }
-}
 
 // Toward zero with the processor's rule: what does not fit, and NaN, give the
 // lowest number. A cast in the language would leave these cases open.

@@ -24,6 +24,7 @@
 #include "velt/value/ValueData.h"
 
 class _value_t;
+class _variant_t;
 
 namespace velt::detail {
 
@@ -171,6 +172,16 @@ public:
   VELT_API std::wstring as_wstring() const;
   VELT_API _bstr_t as_bstr() const;
   VELT_API _time_t as_time() const;
+
+  // A COM variant of what is held, by the strict reading: VT_R8, VT_DATE (UTC),
+  // VT_BSTR, VT_BOOL, VT_UI4, VT_I8 or VT_INT. An object, and what a holder of
+  // another making holds, give VT_EMPTY. The variant has a string of its own. A
+  // sequence gives its first element, which must exist; the rest is left out.
+  //
+  // Throws EBadCastException from void if the value is empty, the COM error
+  // 0x8007000E if there is no memory for the string, and what
+  // _time_t::varianttime() throws.
+  VELT_API _variant_t as_variant() const;
 
   // Does the value hold nothing?
   bool empty() const noexcept { return !data; }

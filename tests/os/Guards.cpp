@@ -1,0 +1,206 @@
+// The guards of code that serves COM calls. The platform's headers stand first
+// here, and last in the sources of the guards: names must work either way.
+#include <windows.h>
+
+#include <comdef.h>
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <stdexcept>
+#include <string>
+
+#include "tests/support/PlatformCalls.h"
+#include "velt/debug/DebugStream.h"
+#include "velt/os/CoInitialize.h"
+#include "velt/os/ImpersonationContext.h"
+
+using velt_test::Watch;
+
+VELT_WATCH(CoImpersonateClient) VELT_WATCH(CoRevertToSelf)
+VELT_WATCH(LookupAccountSidW) VELT_WATCH(OpenThreadToken)
+
+namespace {
+
+// The client of a call: it is impersonated with the level that it grants.
+class Client final : public IServerSecurity {
+public:
+  SECURITY_IMPERSONATION_LEVEL level = SecurityImpersonation;
+
+  HRESULT WINAPI QueryInterface(REFIID id, void** result) override {
+    bool const is_mine = id == IID_IUnknown || id == IID_IServerSecurity;
+    *result = is_mine ? this : nullptr;
+    return is_mine ? S_OK : E_NOINTERFACE;
+  }
+  // It lives as long as its test.
+  ULONG WINAPI AddRef() override { return 2; }
+  ULONG WINAPI Release() override { return 1; }
+  HRESULT WINAPI QueryBlanket(DWORD*, DWORD*, OLECHAR**, DWORD*, DWORD*, void**,
+                              DWORD*) override {
+    return E_NOTIMPL;
+  }
+  HRESULT WINAPI ImpersonateClient() override { return ImpersonateSelf(level) ? S_OK : E_FAIL; }
+  HRESULT WINAPI RevertToSelf() override { return ::RevertToSelf() ? S_OK : E_FAIL; }
+  WINBOOL WINAPI IsImpersonating() override { return FALSE; }
+};
+
+bool is_impersonated() {
+  HANDLE token;
+  if (!OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, &token)) return false;
+  return CloseHandle(token);
+}
+
+// "DOMAIN\account" of this process.
+std::string account() {
+  HANDLE token;
+  EXPECT_TRUE(OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token));
+  alignas(TOKEN_USER) BYTE user[256];
+  char name[256], domain[256];
+  DWORD size, name_size = 256, domain_size = 256;
+  SID_NAME_USE use;
+  EXPECT_TRUE(GetTokenInformation(token, TokenUser, user, sizeof user, &size));
+  EXPECT_TRUE(LookupAccountSidA(nullptr, reinterpret_cast<TOKEN_USER*>(user)->User.Sid, name,
+                                &name_size, domain, &domain_size, &use));
+  CloseHandle(token);
+  return domain + std::string("\\") + name;
+}
+
+struct TextWriter : TStreamWriter {
+  void StreamWriteString(char const* part, unsigned __int64 size) override {
+    text.append(part, size);
+  }
+  std::string text;
+};
+
+// Debug has only the test's writer.
+struct Impersonation : ::testing::Test {
+  SmartPtr<TextWriter> const writer = MakeCounted<TextWriter>();
+  TDebugStream const writers_before = Debug;
+
+  Impersonation() { Debug.ChangeWriter(writer); }
+  ~Impersonation() noexcept override {
+    Debug.ClearWriters();
+    Debug += writers_before;
+  }
+};
+
+// The thread serves a call.
+struct ImpersonationInCall : Impersonation {
+  class CoInitializeEx const apartment;
+  Client client;
+  IUnknown* outer = nullptr;
+
+  ImpersonationInCall() { CoSwitchCallContext(&client, &outer); }
+  ~ImpersonationInCall() noexcept override { CoSwitchCallContext(outer, &outer); }
+};
+
+void fail_impersonated() {
+  CImpersonationContext const client(CImpersonationContext::NeedImpersonation);
+  EXPECT_TRUE(is_impersonated());
+  throw std::domain_error("the work failed");
+}
+
+std::string const taken_and_given_up = "CoImpersonateClient()CoRevertToSelf()";
+
+// What CoGetApartmentType tells of the thread, or -2 if it is in none.
+int apartment_type() {
+  APTTYPE type;
+  APTTYPEQUALIFIER qualifier;
+  return SUCCEEDED(CoGetApartmentType(&type, &qualifier)) ? type : -2;
+}
+
+HRESULT com_code(void (*statement)()) {
+  try {
+    statement();
+  } catch (_com_error const& error) {
+    return error.Error();
+  }
+  return S_OK;
+}
+
+}  // namespace
+
+TEST_F(Impersonation, OutsideACallDoesNothingUnlessItIsNeeded) {
+  {
+    Watch watch;
+    {
+      CImpersonationContext const by_default, not_needed(false);
+    }
+    EXPECT_EQ(watch.calls, "CoImpersonateClient()CoImpersonateClient()");
+  }
+  EXPECT_EQ(com_code([] { CImpersonationContext(CImpersonationContext::NeedImpersonation); }),
+            RPC_E_CALL_COMPLETE);
+}
+
+TEST_F(ImpersonationInCall, LastsForTheScopeAndIsNotReported) {
+  Watch watch;
+  {
+    CImpersonationContext const guard;
+    EXPECT_EQ(watch.calls, "CoImpersonateClient()");
+    Watch::current = nullptr;
+    EXPECT_TRUE(is_impersonated());
+    Watch::current = &watch;
+  }
+  EXPECT_EQ(watch.calls, taken_and_given_up);
+  EXPECT_FALSE(is_impersonated());
+  EXPECT_EQ(writer->text, "");
+}
+
+TEST_F(ImpersonationInCall, ExceptionIsReportedWithLevelAndAccount) {
+  std::map<SECURITY_IMPERSONATION_LEVEL, std::string> const levels = {
+      {SecurityIdentification, "SecurityIdentification"},
+      {SecurityImpersonation, "SecurityImpersonation"},
+      {SecurityDelegation, "SecurityDelegation"}};
+  for (auto const& [level, name] : levels) {
+    client.level = level;
+    writer->text.clear();
+    EXPECT_THROW(fail_impersonated(), std::domain_error);
+    EXPECT_FALSE(is_impersonated());
+    EXPECT_EQ(writer->text, "(!) Impersonated with level " + name + " as " + account() + "\n");
+  }
+}
+
+TEST_F(ImpersonationInCall, WithoutWritersTheTokenIsNotOpened) {
+  Debug.ClearWriters();
+  Watch watch;
+  try {
+    CImpersonationContext const guard;
+    throw std::domain_error("the work failed");
+  } catch (std::domain_error const&) {
+  }
+  EXPECT_EQ(watch.calls, taken_and_given_up);
+}
+
+TEST_F(ImpersonationInCall, ReportTellsWhatItCanFindOut) {
+  std::map<std::string, std::string> const reports_without = {
+      {"OpenThreadToken", "(!) Impersonated with level Unknown as \\\n"},
+      {"LookupAccountSidW", "(!) Impersonated with level SecurityImpersonation as \\\n"}};
+  for (auto const& [call, report] : reports_without) {
+    writer->text.clear();
+    {
+      Watch watch(call);
+      EXPECT_THROW(CImpersonationContext guard; throw std::domain_error(""), std::domain_error);
+      EXPECT_TRUE(watch.calls.ends_with("CoRevertToSelf()")) << watch.calls;
+    }
+    EXPECT_EQ(writer->text, report);
+    EXPECT_FALSE(is_impersonated());
+  }
+}
+
+TEST(Apartments, LastForTheScopeAndRefuseTheOtherKind) {
+  {
+    class CoInitialize const outer;
+    {
+      class CoInitialize const inner;
+    }
+    EXPECT_EQ(com_code([] { class CoInitializeEx const inner; }), RPC_E_CHANGED_MODE);
+    EXPECT_EQ(apartment_type(), APTTYPE_MAINSTA);
+  }
+  EXPECT_EQ(apartment_type(), -2);
+  {
+    class CoInitializeEx const outer;
+    EXPECT_EQ(com_code([] { class CoInitialize const inner; }), RPC_E_CHANGED_MODE);
+    EXPECT_EQ(apartment_type(), APTTYPE_MTA);
+  }
+  EXPECT_EQ(apartment_type(), -2);
+}

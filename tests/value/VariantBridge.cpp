@@ -1,0 +1,101 @@
+// Values as COM variants. What is in a variant is told by the platform, which
+// changes it into text.
+#include <gtest/gtest.h>
+#include <windows.h>
+
+#include <comutil.h>
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "tests/support/BadCast.h"
+#include "tests/support/DocTables.h"
+#include "tests/support/ElementTypes.h"
+
+namespace {
+
+std::wstring text_by_platform(_variant_t variant) {
+  LCID const american = MAKELCID(MAKELANGID(LANG_ENGLISH, SUBLANG_ENGLISH_US), SORT_DEFAULT);
+  _variant_t text;
+  auto const result = VariantChangeTypeEx(&text, &variant, american, VARIANT_ALPHABOOL, VT_BSTR);
+  return SUCCEEDED(result) ? std::wstring(V_BSTR(&text), SysStringLen(V_BSTR(&text)))
+                           : L"refused";
+}
+
+struct row {
+  _value_t value;
+  VARTYPE tag;
+  std::wstring text;
+};
+
+std::vector<row> rows() {
+  return {
+      {4.5, VT_R8, L"4.5"},
+      {-1e300, VT_R8, L"-1E+300"},
+      {_time_t(1078057845), VT_DATE, L"2/29/2004 12:30:45 PM"},
+      {_time_t::invalid, VT_DATE, L"12:00:00 AM"},
+      {_bstr_t(L"Łódź"), VT_BSTR, L"Łódź"},
+      {std::wstring(L"a\0b", 3), VT_BSTR, std::wstring(L"a\0b", 3)},
+      {std::wstring(), VT_BSTR, L""},
+      {std::string("caf\xE9"), VT_BSTR, L"café"},
+      {std::string("up to\0here", 10), VT_BSTR, L"up to"},
+      {true, VT_BOOL, L"True"},
+      {false, VT_BOOL, L"False"},
+      {4'294'967'295ul, VT_UI4, L"4294967295"},
+      {_value_t(-9'223'372'036'854'775'807ll - 1), VT_I8, L"-9223372036854775808"},
+      {-2'147'483'647 - 1, VT_INT, L"-2147483648"},
+  };
+}
+
+VARTYPE tag_of(_variant_t const& variant) { return V_VT(&variant); }
+
+}  // namespace
+
+TEST(VariantBridge, PlatformReadsWhatTheValueHeld) {
+  for (auto const& [value, tag, text] : rows()) {
+    auto const variant = value.as_variant();
+    EXPECT_EQ(tag_of(variant), tag) << value.as_string();
+    EXPECT_EQ(text_by_platform(variant), text);
+  }
+  auto const truth = _value_t(true).as_variant();
+  EXPECT_EQ(V_BOOL(&truth), -1);
+}
+
+TEST(VariantBridge, DocumentationNamesTheTagOfEachType) {
+  std::map<std::string, VARTYPE> const tags = {
+      {"VT_EMPTY", VT_EMPTY}, {"VT_R8", VT_R8},   {"VT_DATE", VT_DATE}, {"VT_BSTR", VT_BSTR},
+      {"VT_BOOL", VT_BOOL},   {"VT_UI4", VT_UI4}, {"VT_I8", VT_I8},     {"VT_INT", VT_INT}};
+  std::map<std::string, VARTYPE> documented;
+  for (auto const& row : velt_test::doc_table("value.md", "variant"))
+    if (tags.contains(row[1])) documented[row[0]] = tags.at(row[1]);
+  EXPECT_EQ(documented.size(), 11u);
+  for (auto const& type : velt_test::all_element_types()) {
+    _value_t scalar = type.scalar();
+    _value_t const constant = scalar;
+    for (_value_t const& value : {scalar, _value_t(scalar[0]), constant[0], type.sequence()})
+      EXPECT_EQ(tag_of(value.as_variant()), documented.at(type.name)) << type.name;
+  }
+}
+
+TEST(VariantBridge, SequenceLeavesAsItsFirstElement) {
+  EXPECT_EQ(text_by_platform(_value_t(std::vector<int>{7, 8}).as_variant()), L"7");
+  EXPECT_EQ(text_by_platform(_value_t(std::vector<std::string>{"a", "b"}).as_variant()), L"a");
+}
+
+TEST(VariantBridge, EmptyValueIsRefused) {
+  EXPECT_BAD_CAST(void, _variant_t, _value_t().as_variant());
+}
+
+TEST(VariantBridge, TextIsACopyToTheByte) {
+  _bstr_t const odd(SysAllocStringByteLen("\1\2\3", 3), false);
+  _value_t const value(odd);
+  auto const variant = value.as_variant();
+  EXPECT_NE(V_BSTR(&variant), static_cast<wchar_t*>(odd));
+  ASSERT_EQ(SysStringByteLen(V_BSTR(&variant)), 3u);
+  EXPECT_EQ(std::string(reinterpret_cast<char const*>(V_BSTR(&variant)), 3), "\1\2\3");
+
+  auto const null = _value_t(_bstr_t()).as_variant();
+  EXPECT_EQ(V_VT(&null), VT_BSTR);
+  EXPECT_EQ(V_BSTR(&null), nullptr);
+}
