@@ -30,9 +30,10 @@ struct _PORT_INFO_2W;
 // is reported: nothing is tried again, and the new block, whose contents are
 // then worth nothing, stays in the AutoPtr.
 //
-// Failures throw ESystemException with the spooler's code. A copy is made by
-// duplicating the handle, as THandle does, which the platform can refuse for a
-// handle of the spooler. Not synchronised.
+// Failures throw ESystemException with the spooler's code. Copies, assignments,
+// CloseHandle and AttachHandle are THandle's: they duplicate and close handles of
+// the kernel, which the platform as a rule refuses for one of the spooler, so an
+// open printer should only be destroyed. Not synchronised.
 class VELT_API TPrinter : public THandle {
 public:
   TPrinter(_DoNotInitialize const&) noexcept {}
