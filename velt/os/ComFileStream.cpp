@@ -3,6 +3,7 @@
 #include <comdef.h>
 
 #include "velt/debug/DebugStream.h"
+#include "velt/exceptions/ExceptionFamily.h"
 
 using velt::detail::com_stream;
 
@@ -89,6 +90,7 @@ com_stream::stream_ptr CComFileStream::OpenFileStream(wchar_t const* name, unsig
   }
   auto const stream = MakeCounted<CComFileStream>(file);
   stream_ptr result = stream.get();
-  file.CloseHandle();
+  // Detached, so that a failure does not meet with another one on its way out.
+  if (!::CloseHandle(file.DetachHandle())) ThrowSystemException();
   return result;
 }

@@ -6,9 +6,9 @@
 #include "velt/os/Overlapped.h"
 #include "velt/value/DoNotInitialize.h"
 
-// Each read takes one whole message, and fails with code 122 if it does not fit
-// into the buffer. Reads are those of TOverlapped: they may still run on return,
-// and GetOverlappedResult throws code 121 when the time to wait was over.
+// Each read takes one message, for which the buffer must have room. Reads are those
+// of TOverlapped: one may still run on return. When the time to wait is over it
+// fails with code 121, at once or when its result is asked for.
 //
 // A name reads "\\.\mailslot\NAME", and no other mailslot of the machine may bear
 // it. Times are in milliseconds, 0xFFFFFFFF meaning no limit; a size of 0 lets

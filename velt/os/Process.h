@@ -17,6 +17,7 @@ public:
   void CreateProcessW(char const* commandLine, unsigned long flags);
   void CreateProcessW(wchar_t const* commandLine, unsigned long flags);
 
-  // Ends it from outside. May return before it has ended: wait for that.
+  // Ends it from outside. May return before it has ended: wait for that. On an
+  // object that has started none this ends the caller, whom -1 stands for.
   void TerminateProcess(int exitCode);
 };
