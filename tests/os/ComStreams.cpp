@@ -211,31 +211,25 @@ TEST_F(ComFileStream, CopyIsNotCountedAndAssignmentCopiesTheCount) {
   EXPECT_EQ(read(*copy, 3), (Answer{S_OK, "ext"})) << "they share the position";
 }
 
-TEST_F(ComFileStream, MissingFileIsNullAndOneLine) {
+TEST_F(ComFileStream, OpensAPointerOfItsOwnOrNullWithOneLine) {
   SmartPtr<RecordingWriter> const lines = new RecordingWriter;
   Debug.AddWriter(lines.get());
   auto const open = [](std::wstring const& name) {
     return CComFileStream::OpenFileStream(name.c_str(), GENERIC_READ, 7, OPEN_EXISTING);
   };
-  auto const opened = open(scratch.wide);
-  EXPECT_TRUE(opened);
-  EXPECT_EQ(lines->all(), "");
-  EXPECT_FALSE(open(scratch.wide + L".no"));
-  Debug.RemoveWriter(lines.get());
-  EXPECT_EQ(lines->all(), "CComFileStream::OpenFileStream( \"" + scratch.narrow +
-                              ".no\" ) - failed to open, error #2\n");
-}
-
-TEST_F(ComFileStream, OpenedOneBelongsToItsPointer) {
   long const before = open_handles();
   {
-    auto const opened =
-        CComFileStream::OpenFileStream(scratch.wide.c_str(), both, 7, OPEN_EXISTING);
+    auto const opened = open(scratch.wide);
     EXPECT_EQ(open_handles(), before + 1);
     EXPECT_EQ(opened->AddRef(), 2u);
     opened->Release();
   }
   EXPECT_EQ(open_handles(), before);
+  EXPECT_EQ(lines->all(), "");
+  EXPECT_FALSE(open(scratch.wide + L".no"));
+  Debug.RemoveWriter(lines.get());
+  EXPECT_EQ(lines->all(), "CComFileStream::OpenFileStream( \"" + scratch.narrow +
+                              ".no\" ) - failed to open, error #2\n");
 }
 
 TEST(ComStringStream, SizeIsWhatIsLeftToRead) {

@@ -120,16 +120,14 @@ TEST(ResourceCalls, ThreadOfAProcessIsClosedAtOnceWhateverThePlatformAnswers) {
 }
 
 TEST(ResourceCalls, StreamOfAFileThrowsWhenItsOwnHandleIsNotClosed) {
-  {
-    Watch watch("CloseHandle");
-    EXPECT_EQ(system_code([] {
-                CComFileStream::OpenFileStream((wide_name + L"s").c_str(), GENERIC_WRITE, 0,
-                                               CREATE_ALWAYS);
-              }),
-              injected_code);
-    EXPECT_EQ(watch.calls,
-              "CreateFileW(unknown name, 1073741824, 0, none, 2, 128, none)"
-              "DuplicateHandle(process, handle, process, out, 0, 0, 2)"
-              "CloseHandle(handle)CloseHandle(handle)");
-  }
+  wchar_t const* const null_device = L"NUL";
+  Watch watch("CloseHandle");
+  EXPECT_EQ(system_code([&] {
+              CComFileStream::OpenFileStream(null_device, GENERIC_WRITE, 0, OPEN_EXISTING);
+            }),
+            injected_code);
+  EXPECT_EQ(watch.calls,
+            "CreateFileW(unknown name, 1073741824, 0, none, 3, 128, none)"
+            "DuplicateHandle(process, handle, process, out, 0, 0, 2)"
+            "CloseHandle(handle)CloseHandle(handle)");
 }

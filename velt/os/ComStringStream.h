@@ -47,7 +47,8 @@ public:
   HRESULT STDMETHODCALLTYPE Stat(STATSTG* stat, DWORD flags) override;
 
   // A stream with a copy of all of the text in `source`, whatever was read of it.
-  // Both positions are at its start. Throws std::bad_alloc.
+  // Both positions are at its start. The object stays unless a SmartPtr takes it
+  // too. Throws std::bad_alloc.
   static stream_ptr OpenStringStream(std::stringstream const& source);
 
 private:
