@@ -5,16 +5,24 @@
 #include <comdef.h>
 #include <winspool.h>
 
+#include <algorithm>
+#include <sstream>
 #include <string>
 
+#include "tests/os/Helper.h"
 #include "tests/os/ScratchFile.h"
 #include "tests/os/ScratchPrinter.h"
 #include "tests/support/DocExamples.h"
 #include "velt/os/CoInitialize.h"
+#include "velt/os/ComFileStream.h"
+#include "velt/os/ComStringStream.h"
 #include "velt/os/File.h"
+#include "velt/os/FileMapping.h"
 #include "velt/os/ImpersonationContext.h"
+#include "velt/os/Mailslot.h"
 #include "velt/os/Overlapped.h"
 #include "velt/os/Printer.h"
+#include "velt/os/Process.h"
 
 namespace {
 
@@ -47,6 +55,60 @@ void serve(void (*work)()) {
   class CoInitializeEx const apartment;
   CImpersonationContext const client(CImpersonationContext::NeedImpersonation);
   work();
+}
+
+std::size_t lines_in(void* file) {
+  TFileMapping mapping;
+  mapping.CreateFileMappingW(PAGE_READONLY, file, static_cast<char const*>(nullptr));
+  auto const text = static_cast<char const*>(mapping.MapViewOfFile(FILE_MAP_READ, 0, 0));
+  auto const end = text + TFile(file).GetFileSize();
+  auto const count = std::count(text, end, '\n');
+  UnmapViewOfFile(text);
+  return static_cast<std::size_t>(count);
+}
+
+std::string next_message(TMailslot& slot) {
+  char message[400];
+  unsigned long size = 0;
+  slot.ReadFile(message, sizeof message, size);
+  slot.GetOverlappedResult(size, true);
+  return std::string(message, size);
+}
+
+std::string hear_oneself() {
+  TMailslot slot("\\\\.\\mailslot\\greetings", 1000, 400);  // milliseconds, bytes
+  TFile sender("\\\\.\\mailslot\\greetings", GENERIC_WRITE, FILE_SHARE_READ, OPEN_EXISTING);
+  sender.WriteFile("hello", 5);
+  return next_message(slot);
+}
+
+unsigned long status_of(wchar_t const* command, unsigned long patience) {
+  TProcess process;
+  process.CreateProcessW(command, 0);
+  if (process.WaitForSingleObject(patience, FALSE) == WAIT_TIMEOUT) {
+    process.TerminateProcess(1);
+    process.WaitForSingleObject(INFINITE, FALSE);
+  }
+  unsigned long status = 0;
+  GetExitCodeProcess(process, &status);
+  return status;
+}
+
+std::string first_bytes(IStream* stream) {
+  char bytes[4];
+  unsigned long read = 0;
+  stream->Read(bytes, sizeof bytes, &read);
+  return std::string(bytes, read);
+}
+
+std::string first_bytes_of_text(std::string const& text) {
+  return first_bytes(CComStringStream::OpenStringStream(std::stringstream(text)));
+}
+
+std::string first_bytes_of_file(wchar_t const* name) {
+  auto const stream =
+      CComFileStream::OpenFileStream(name, GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING);
+  return stream ? first_bytes(stream) : "";
 }
 
 // A file with these contents, opened for overlapped work.
@@ -86,4 +148,24 @@ TEST(OsDocExamples, Port) {
 
 TEST(OsDocExamples, OutsideACallThereIsNoClient) {
   EXPECT_THROW(serve([] { FAIL() << "as nobody"; }), _com_error);
+}
+
+TEST(OsDocExamples, SharedMemory) {
+  velt_test::ScratchFile scratch;
+  EXPECT_EQ(lines_in(file_with("one\ntwo\n", scratch)), 2u);
+}
+
+TEST(OsDocExamples, Mailslot) { EXPECT_EQ(hear_oneself(), "hello"); }
+
+TEST(OsDocExamples, ChildProcess) {
+  auto const command = velt_test::helper_command("end 3");
+  EXPECT_EQ(status_of(std::wstring(command.begin(), command.end()).c_str(), velt_test::limit), 3u);
+}
+
+TEST(OsDocExamples, Streams) {
+  velt_test::ScratchFile scratch;
+  EXPECT_EQ(first_bytes_of_text("some text"), "some");
+  EXPECT_EQ(first_bytes_of_file(scratch.wide.c_str()), "");
+  THandle const file = file_with("some text", scratch);
+  EXPECT_EQ(first_bytes_of_file(scratch.wide.c_str()), "some");
 }

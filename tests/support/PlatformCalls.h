@@ -7,6 +7,7 @@
 #include <windows.h>
 
 #include <cstddef>
+#include <cstring>
 #include <optional>
 #include <string>
 #include <type_traits>
@@ -64,6 +65,8 @@ inline std::string text(char const* text) {
 inline std::string text(wchar_t const* text) {
   return !text ? "none" : text == wide_name ? "wide name" : "unknown name";
 }
+inline std::string text(char* line) { return text(static_cast<char const*>(line)); }
+inline std::string text(wchar_t* line) { return text(static_cast<wchar_t const*>(line)); }
 inline std::string text(LARGE_INTEGER number) { return std::to_string(number.QuadPart); }
 inline std::string text(LARGE_INTEGER const* number) { return text(*number); }
 inline std::string text(void const* data) { return data == buffer ? "buffer" : "unknown data"; }
@@ -75,6 +78,13 @@ inline std::string text(OVERLAPPED* record) { return record ? "record" : "none";
 inline std::string text(PAPCFUNC routine) { return routine ? "routine" : "none"; }
 inline std::string text(unsigned int (*entry)(void*)) { return entry ? "entry" : "none"; }
 inline std::string text(PTIMERAPCROUTINE routine) { return routine ? "routine" : "none"; }
+template <class Startup>
+  requires std::is_same_v<Startup, STARTUPINFOA> || std::is_same_v<Startup, STARTUPINFOW>
+std::string text(Startup* startup) {
+  Startup plain = {};
+  plain.cb = 104;
+  return std::memcmp(startup, &plain, sizeof plain) == 0 ? "plain start" : "unknown start";
+}
 // What is left are places for results.
 template <class Result>
 std::string text(Result* result) {

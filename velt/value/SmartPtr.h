@@ -27,10 +27,9 @@ public:
     return *this;
   }
 
-  void increment() noexcept { count.fetch_add(1, std::memory_order_relaxed); }
-
-  // True if this was the last reference.
-  bool decrement() noexcept { return count.fetch_sub(1, std::memory_order_acq_rel) == 1; }
+  // Answer the new count.
+  int increment() noexcept { return count.fetch_add(1, std::memory_order_relaxed) + 1; }
+  int decrement() noexcept { return count.fetch_sub(1, std::memory_order_acq_rel) - 1; }
 
   // For an object that no other thread can know of yet: saves the locked
   // instruction.
@@ -172,7 +171,7 @@ private:
     if (object) object->refs.increment();
   }
   static void release(T* object) noexcept {
-    if (object && object->refs.decrement()) delete object;
+    if (object && object->refs.decrement() == 0) delete object;
   }
   T* detach() noexcept {
     T* const object = get();

@@ -1,0 +1,294 @@
+// The streams by the operations of the interface. ComClients.cpp has the platform
+// use them.
+#include <gtest/gtest.h>
+#include <windows.h>
+
+#include <comdef.h>
+
+#include <cstring>
+#include <sstream>
+#include <string>
+
+#include "tests/debug/Support.h"
+#include "tests/os/ScratchFile.h"
+#include "tests/support/OpenHandles.h"
+#include "tests/support/SystemCode.h"
+#include "velt/debug/DebugStream.h"
+#include "velt/os/ComFileStream.h"
+#include "velt/os/ComStringStream.h"
+
+using velt_test::open_handles;
+using velt_test::system_code;
+
+namespace {
+
+constexpr DWORD both = GENERIC_READ | GENERIC_WRITE;
+
+LARGE_INTEGER distance(__int64 bytes) { return {.QuadPart = bytes}; }
+
+// What a stream answers, and what it has stored.
+struct Answer {
+  HRESULT result;
+  std::string text;
+  bool operator==(Answer const&) const = default;
+};
+
+Answer read(IStream& stream, ULONG size) {
+  char buffer[64];
+  ULONG count = 77;
+  HRESULT const result = stream.Read(buffer, size, &count);
+  return {result, count == 77 ? "untouched" : std::string(buffer, count)};
+}
+
+HRESULT write(IStream& stream, std::string const& text) {
+  ULONG count = 77;
+  HRESULT const result = stream.Write(text.data(), static_cast<ULONG>(text.size()), &count);
+  EXPECT_EQ(count, result == S_OK ? text.size() : 77);
+  return result;
+}
+
+// The position reached, or -2 if none was stored.
+__int64 seek(IStream& stream, __int64 by, DWORD origin, HRESULT expected = S_OK) {
+  ULARGE_INTEGER position;
+  position.QuadPart = static_cast<ULONGLONG>(-2);
+  EXPECT_EQ(stream.Seek(distance(by), origin, &position), expected);
+  return static_cast<__int64>(position.QuadPart);
+}
+
+// The size that the stream tells, if it tells nothing else.
+__int64 told_size(IStream& stream) {
+  STATSTG stat, expected = {};
+  std::memset(&stat, 0xEE, sizeof stat);
+  EXPECT_EQ(stream.Stat(&stat, STATFLAG_DEFAULT), S_OK);
+  expected.type = STGTY_STREAM;
+  expected.cbSize = stat.cbSize;
+  EXPECT_EQ(std::memcmp(&stat, &expected, sizeof stat), 0);
+  return static_cast<__int64>(stat.cbSize.QuadPart);
+}
+
+struct Buried {
+  bool& gone;
+  ~Buried() { gone = true; }
+};
+
+// A stream that tells of its end.
+template <class Stream>
+struct Mortal : Stream, Buried {
+  template <class... Arguments>
+  explicit Mortal(bool& its_end, Arguments const&... arguments)
+      : Stream(arguments...), Buried{its_end} {}
+  ~Mortal() noexcept override {}
+};
+
+struct ComFileStream : ::testing::Test {
+  velt_test::ScratchFile scratch;
+  TFile file = TFile(scratch.wide.c_str(), both, 7, CREATE_ALWAYS);
+  SmartPtr<CComFileStream> const stream = MakeCounted<CComFileStream>(file);
+
+  ~ComFileStream() noexcept override {}
+};
+
+template <class Stream>
+struct ComStream : ComFileStream {
+  SmartPtr<Stream> make() {
+    if constexpr (std::is_same_v<Stream, CComFileStream>)
+      return stream;
+    else
+      return new Stream;
+  }
+};
+using Streams = ::testing::Types<CComFileStream, CComStringStream>;
+TYPED_TEST_SUITE(ComStream, Streams);
+
+}  // namespace
+
+TYPED_TEST(ComStream, AnswersThreeInterfacesWithOnePointer) {
+  auto const made = this->make();
+  int const before = made.use_count();
+  for (auto const& iid : {IID_IUnknown, IID_ISequentialStream, IID_IStream}) {
+    void* found = nullptr;
+    EXPECT_EQ(made->QueryInterface(iid, &found), S_OK);
+    EXPECT_EQ(found, static_cast<IStream*>(made.get()));
+    EXPECT_EQ(made.use_count(), before + 1);
+    EXPECT_EQ(made->Release(), static_cast<ULONG>(before));
+  }
+  void* untouched = &untouched;
+  EXPECT_EQ(made->QueryInterface(IID_IStorage, &untouched), E_NOINTERFACE);
+  EXPECT_EQ(untouched, &untouched);
+  EXPECT_EQ(made->AddRef(), static_cast<ULONG>(before + 1));
+  made->Release();
+}
+
+TYPED_TEST(ComStream, LeavesMostOperationsOut) {
+  auto const made = this->make();
+  ULARGE_INTEGER const size = {.QuadPart = 1};
+  IStream* copy = made.get();
+  EXPECT_EQ(made->SetSize(size), E_NOTIMPL);
+  EXPECT_EQ(made->CopyTo(copy, size, nullptr, nullptr), E_NOTIMPL);
+  EXPECT_EQ(made->Revert(), E_NOTIMPL);
+  EXPECT_EQ(made->LockRegion(size, size, 0), E_NOTIMPL);
+  EXPECT_EQ(made->UnlockRegion(size, size, 0), E_NOTIMPL);
+  EXPECT_EQ(made->Clone(&copy), E_NOTIMPL);
+  EXPECT_EQ(copy, made.get());
+  EXPECT_EQ(told_size(*made), 0);
+}
+
+TYPED_TEST(ComStream, PlacesForCountsMayBeNull) {
+  auto const made = this->make();
+  char text[4];
+  EXPECT_EQ(made->Write("text", 4, nullptr), S_OK);
+  EXPECT_EQ(made->Seek(distance(0), STREAM_SEEK_SET, nullptr), S_OK);
+  EXPECT_EQ(made->Read(text, 4, nullptr), S_OK);
+  EXPECT_EQ(std::string(text, 4), "text");
+}
+
+TEST_F(ComFileStream, ReadsAndWritesTheFile) {
+  EXPECT_EQ(write(*stream, "some text"), S_OK);
+  EXPECT_EQ(seek(*stream, 5, STREAM_SEEK_SET), 5);
+  EXPECT_EQ(read(*stream, 2), (Answer{S_OK, "te"}));
+  EXPECT_EQ(seek(*stream, -1, STREAM_SEEK_CUR), 6);
+  EXPECT_EQ(read(*stream, 9), (Answer{S_FALSE, "ext"}));
+  EXPECT_EQ(read(*stream, 9), (Answer{S_FALSE, ""}));
+  EXPECT_EQ(seek(*stream, -9, STREAM_SEEK_END), 0);
+  EXPECT_EQ(read(*stream, 4), (Answer{S_OK, "some"}));
+  for (DWORD const flags : {STGC_DEFAULT, STGC_OVERWRITE})
+    EXPECT_EQ(stream->Commit(flags), E_NOTIMPL);
+}
+
+TEST_F(ComFileStream, SizesAndPositionsBeyondFourGigabytes) {
+  DWORD returned;
+  DeviceIoControl(file, FSCTL_SET_SPARSE, nullptr, 0, nullptr, 0, &returned, nullptr);
+  EXPECT_EQ(seek(*stream, 0x1'0000'0005, STREAM_SEEK_SET), 0x1'0000'0005);
+  ASSERT_TRUE(SetEndOfFile(file));
+  EXPECT_EQ(told_size(*stream), 0x1'0000'0005);
+}
+
+TEST_F(ComFileStream, FailuresAreResultsSaveThatOfStat) {
+  EXPECT_EQ(seek(*stream, -1, STREAM_SEEK_SET, E_FAIL), -2);
+  EXPECT_EQ(seek(*stream, 0, 9, E_FAIL), -2);
+  CComFileStream writer(scratch.wide.c_str(), GENERIC_WRITE, 7, OPEN_EXISTING);
+  EXPECT_EQ(read(writer, 1), (Answer{E_FAIL, "untouched"}));
+  CComFileStream reader(scratch.wide.c_str(), GENERIC_READ, 7, OPEN_EXISTING);
+  EXPECT_EQ(write(reader, "x"), E_FAIL);
+  STATSTG stat;
+  CComFileStream none{TFile(DoNotInitialize)};
+  EXPECT_EQ(system_code([&] { none.Stat(&stat, 0); }), ERROR_INVALID_HANDLE);
+  EXPECT_EQ(system_code([] { CComFileStream(L"velt\\no\\such", GENERIC_READ, 7, OPEN_EXISTING); }),
+            ERROR_PATH_NOT_FOUND);
+}
+
+TEST_F(ComFileStream, LastReleaseOfEitherKindDeletesItAndClosesItsFile) {
+  long const before = open_handles();
+  for (bool const com_is_last : {false, true}) {
+    bool gone = false;
+    SmartPtr<CComFileStream> owner = new Mortal<CComFileStream>(gone, file);
+    EXPECT_EQ(owner->AddRef(), 2u);
+    IStream* const held = owner.get();
+    EXPECT_EQ(open_handles(), before + 1);
+    if (com_is_last)
+      owner.reset();
+    else
+      EXPECT_EQ(held->Release(), 1u);
+    EXPECT_FALSE(gone);
+    if (com_is_last)
+      EXPECT_EQ(held->Release(), 0u);
+    else
+      owner.reset();
+    EXPECT_TRUE(gone);
+    EXPECT_EQ(open_handles(), before);
+  }
+}
+
+TEST_F(ComFileStream, CopyIsNotCountedAndAssignmentCopiesTheCount) {
+  write(*stream, "text");
+  auto const copy = new CComFileStream(*stream);
+  CComFileStream assigned(*copy);
+  SmartPtr<CComFileStream> const owner = copy;
+  EXPECT_EQ(owner.use_count(), 1);
+  assigned = *stream;
+  EXPECT_EQ(assigned.AddRef(), static_cast<ULONG>(stream.use_count() + 1));
+  EXPECT_EQ(seek(assigned, 1, STREAM_SEEK_SET), 1);
+  EXPECT_EQ(read(*copy, 3), (Answer{S_OK, "ext"})) << "they share the position";
+}
+
+TEST_F(ComFileStream, OpensAPointerOfItsOwnOrNullWithOneLine) {
+  SmartPtr<RecordingWriter> const lines = new RecordingWriter;
+  Debug.AddWriter(lines.get());
+  auto const open = [](std::wstring const& name) {
+    return CComFileStream::OpenFileStream(name.c_str(), GENERIC_READ, 7, OPEN_EXISTING);
+  };
+  long const before = open_handles();
+  {
+    auto const opened = open(scratch.wide);
+    EXPECT_EQ(open_handles(), before + 1);
+    EXPECT_EQ(opened->AddRef(), 2u);
+    opened->Release();
+  }
+  EXPECT_EQ(open_handles(), before);
+  EXPECT_EQ(lines->all(), "");
+  EXPECT_FALSE(open(scratch.wide + L".no"));
+  Debug.RemoveWriter(lines.get());
+  EXPECT_EQ(lines->all(), "CComFileStream::OpenFileStream( \"" + scratch.narrow +
+                              ".no\" ) - failed to open, error #2\n");
+}
+
+TEST(ComStringStream, SizeIsWhatIsLeftToRead) {
+  CComStringStream stream;
+  EXPECT_EQ(told_size(stream), 0);
+  EXPECT_EQ(write(stream, "0123456789"), S_OK);
+  EXPECT_EQ(told_size(stream), 10);
+  EXPECT_EQ(read(stream, 4), (Answer{S_OK, "0123"}));
+  EXPECT_EQ(told_size(stream), 6);
+  EXPECT_EQ(stream.Commit(STGC_DEFAULT), S_OK);
+  EXPECT_EQ(stream.Commit(STGC_OVERWRITE), E_NOTIMPL);
+}
+
+TEST(ComStringStream, SeekMovesBothPositions) {
+  CComStringStream stream;
+  write(stream, "0123456789");
+  EXPECT_EQ(seek(stream, 3, STREAM_SEEK_SET), 3);
+  EXPECT_EQ(told_size(stream), 0);
+  EXPECT_EQ(read(stream, 2), (Answer{S_OK, "34"}));
+  EXPECT_EQ(seek(stream, 1, STREAM_SEEK_CUR), 6) << "to write at: 4";
+  EXPECT_EQ(told_size(stream), -2);
+  write(stream, "x");
+  EXPECT_EQ(seek(stream, 0, 3), -2) << "an unknown origin";
+  EXPECT_EQ(read(stream, 2), (Answer{S_OK, "67"}));
+  EXPECT_EQ(seek(stream, -7, STREAM_SEEK_END), 3);
+  EXPECT_EQ(read(stream, 3), (Answer{S_OK, "3x5"}));
+}
+
+TEST(ComStringStream, IsOfNoUseBehindAShortRead) {
+  CComStringStream stream;
+  write(stream, "text");
+  EXPECT_EQ(read(stream, 9), (Answer{S_FALSE, "text"}));
+  EXPECT_EQ(seek(stream, 0, STREAM_SEEK_SET), -1);
+  EXPECT_EQ(read(stream, 1), (Answer{S_FALSE, ""}));
+  EXPECT_EQ(write(stream, "more"), S_OK) << "nothing was written";
+  EXPECT_EQ(told_size(stream), 0);
+}
+
+TEST(ComStringStream, OnlySmartPtrDeletesIt) {
+  bool gone = false;
+  auto const stream = new Mortal<CComStringStream>(gone);
+  stream->AddRef();
+  EXPECT_EQ(stream->Release(), 0u);
+  EXPECT_FALSE(gone);
+  { SmartPtr<CComStringStream> const owner = stream; }
+  EXPECT_TRUE(gone);
+}
+
+TEST(ComStringStream, OpenedOneHasACopyOfAllText) {
+  std::stringstream source("some text");
+  std::string word;
+  source >> word;
+  auto const stream = CComStringStream::OpenStringStream(source);
+  source.str("another");
+  EXPECT_EQ(read(*stream, 9), (Answer{S_OK, "some text"}));
+  EXPECT_EQ(write(*stream, "more"), S_OK);
+  EXPECT_EQ(seek(*stream, 0, STREAM_SEEK_SET), 0);
+  EXPECT_EQ(read(*stream, 9), (Answer{S_OK, "more text"}));
+  EXPECT_EQ(stream->AddRef(), 2u);
+  SmartPtr<CComStringStream> const owner = static_cast<CComStringStream*>(stream.GetInterfacePtr());
+  stream->Release();
+}

@@ -1,0 +1,42 @@
+// What the library's COM streams have in common. Clients use CComFileStream and
+// CComStringStream.
+#pragma once
+
+#include <objidl.h>
+
+#include "velt/Export.h"
+#include "velt/value/SmartPtr.h"
+
+template <class Identity>
+class _com_ptr_t;
+template <class Interface, IID const* iid>
+class _com_IIID;
+
+namespace velt::detail {
+
+// Objects that COM and SmartPtr count together: both work on the one count.
+class VELT_API com_stream : public virtual SmartPtrObj, public IStream {
+public:
+  // A pointer of COM; whoever uses one includes <comdef.h>.
+  using stream_ptr = _com_ptr_t<_com_IIID<IStream, &IID_IStream>>;
+
+  // For IUnknown, ISequentialStream and IStream. Otherwise E_NOINTERFACE, and
+  // `out` keeps what it holds.
+  HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** out) override;
+
+  // Answers the new count.
+  ULONG STDMETHODCALLTYPE AddRef() override;
+
+  // Do nothing and answer E_NOTIMPL.
+  HRESULT STDMETHODCALLTYPE SetSize(ULARGE_INTEGER size) override;
+  HRESULT STDMETHODCALLTYPE CopyTo(IStream* target, ULARGE_INTEGER size, ULARGE_INTEGER* read,
+                                   ULARGE_INTEGER* written) override;
+  HRESULT STDMETHODCALLTYPE Revert() override;
+  HRESULT STDMETHODCALLTYPE LockRegion(ULARGE_INTEGER offset, ULARGE_INTEGER size,
+                                       DWORD type) override;
+  HRESULT STDMETHODCALLTYPE UnlockRegion(ULARGE_INTEGER offset, ULARGE_INTEGER size,
+                                         DWORD type) override;
+  HRESULT STDMETHODCALLTYPE Clone(IStream** copy) override;
+};
+
+}  // namespace velt::detail

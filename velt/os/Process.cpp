@@ -1,0 +1,37 @@
+#include "velt/os/Process.h"
+
+#include <windows.h>
+
+#include <string>
+
+#include "velt/exceptions/ExceptionFamily.h"
+
+namespace {
+
+// What the two forms of a command line have in common.
+template <class Startup, class Call, class Char>
+void create(void*& handle, Call call, Char* commandLine, DWORD flags) {
+  Startup startup = {};
+  startup.cb = sizeof startup;
+  PROCESS_INFORMATION made;
+  if (!call(nullptr, commandLine, nullptr, nullptr, FALSE, flags, nullptr, nullptr, &startup,
+            &made))
+    ThrowSystemException();
+  handle = made.hProcess;
+  ::CloseHandle(made.hThread);
+}
+
+}  // namespace
+
+void TProcess::CreateProcessW(char const* commandLine, unsigned long flags) {
+  // The platform converts narrow text into a copy and does not write to it.
+  create<STARTUPINFOA>(handle, &::CreateProcessA, const_cast<char*>(commandLine), flags);
+}
+void TProcess::CreateProcessW(wchar_t const* commandLine, unsigned long flags) {
+  std::wstring writable = commandLine;
+  create<STARTUPINFOW>(handle, &::CreateProcessW, writable.data(), flags);
+}
+
+void TProcess::TerminateProcess(int exitCode) {
+  if (!::TerminateProcess(handle, static_cast<UINT>(exitCode))) ThrowSystemException();
+}
