@@ -2,7 +2,18 @@
 // CComStringStream.
 #pragma once
 
-#include <objidl.h>
+// Only the interface is needed, not the whole of the platform.
+#pragma push_macro("COM_NO_WINDOWS_H")
+#pragma push_macro("RPC_NO_WINDOWS_H")
+#undef COM_NO_WINDOWS_H
+#undef RPC_NO_WINDOWS_H
+#define COM_NO_WINDOWS_H
+#define RPC_NO_WINDOWS_H
+#include <windef.h>
+#include <winbase.h>
+#include <combaseapi.h>
+#pragma pop_macro("RPC_NO_WINDOWS_H")
+#pragma pop_macro("COM_NO_WINDOWS_H")
 
 #include "velt/Export.h"
 #include "velt/value/SmartPtr.h"
