@@ -15,16 +15,12 @@ struct DroppingWriter : TStreamWriter {
   }
 };
 
-TDebugStream& stream() {
-  static auto& dropped = *new TDebugStream(SmartPtr<TStreamWriter>(new DroppingWriter));
-  return dropped;
-}
-
+TDebugStream stream(MakeCounted<DroppingWriter>());
 int number = 42;
 std::atomic<unsigned> enabled_classes = 0;
 
 void write_five_items() {
-  stream() << "job " << input(number) << " of " << std::string("archive") << "\n";
+  stream << "job " << input(number) << " of " << std::string("archive") << "\n";
 }
 
 void raw_mutex_pair() {
@@ -34,7 +30,7 @@ void raw_mutex_pair() {
 }
 
 void write_if_enabled() {
-  if (input(stream()).GetEnabled('Q')) write_five_items();
+  if (input(stream).GetEnabled('Q')) write_five_items();
 }
 
 void write_if_flag() {

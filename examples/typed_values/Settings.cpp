@@ -115,17 +115,6 @@ _value_t read_value(std::wstring const& type, std::wstring const& text) {
   return read_list(type_of(trimmed(type.substr(list.size()))), text);
 }
 
-setting read_line(std::wstring const& line) {
-  auto const colon = line.find(L':');
-  if (colon == line.npos) throw malformed(L"no ':' behind the name");
-  auto const name = trimmed(line.substr(0, colon));
-  if (name.empty()) throw malformed(L"no name");
-  auto const equals = line.find(L'=', colon);
-  if (equals == line.npos) throw malformed(L"no '=' behind the type");
-  auto const type = trimmed(line.substr(colon + 1, equals - colon - 1));
-  return {name, read_value(type, trimmed(line.substr(equals + 1)))};
-}
-
 // Bytes that stand for nothing do not come back as they were.
 std::wstring decoded(std::string const& line) {
   auto const text = as_wstring(line, CP_UTF8);
@@ -160,6 +149,17 @@ void skip_byte_order_mark(std::string& line) {
 }  // namespace
 
 std::span<setting_type const> setting_types() { return types; }
+
+setting read_line(std::wstring const& line) {
+  auto const colon = line.find(L':');
+  if (colon == line.npos) throw malformed(L"no ':' behind the name");
+  auto const name = trimmed(line.substr(0, colon));
+  if (name.empty()) throw malformed(L"no name");
+  auto const equals = line.find(L'=', colon);
+  if (equals == line.npos) throw malformed(L"no '=' behind the type");
+  auto const type = trimmed(line.substr(colon + 1, equals - colon - 1));
+  return {name, read_value(type, trimmed(line.substr(equals + 1)))};
+}
 
 settings_file read_settings(std::wstring const& path) {
   auto file = opened(path);

@@ -39,6 +39,10 @@ struct setting_type {
 
 std::span<setting_type const> setting_types();
 
+// A line that is neither blank nor a comment. Throws EGeneric, with "Reason" (wide),
+// if it is malformed.
+setting read_line(std::wstring const& line);
+
 // Throws ERuntimeException, with the path as "File", if there is no such file or
 // it cannot be read.
 settings_file read_settings(std::wstring const& path);

@@ -11,6 +11,8 @@
 
 namespace {
 
+constexpr int longest_message = 320;
+
 struct character {
   char32_t code;
   std::size_t units;  // of UTF-16
@@ -58,6 +60,12 @@ wchar_t visible(wchar_t c) {
   return c >= 0x7F && c < 0xA0 ? L'\xFFFD' : c;
 }
 
+// What the exception has under a name, with an end behind it, or nothing.
+std::wstring known(EGeneric const& error, char const* name, wchar_t const* end) {
+  auto const value = error[name];
+  return value.empty() ? std::wstring() : value.as_wstring() + end;
+}
+
 }  // namespace
 
 int columns(std::wstring const& text) { return fitting(text, INT_MAX).columns; }
@@ -88,4 +96,15 @@ void write(stream target, std::wstring const& text) {
   if (!done)
     throw ESystemException(GetLastError(),
                            {"File", to_output ? "standard output" : "standard error"});
+}
+
+void complain(std::wstring const& message) {
+  try {
+    write(stream::error, clipped(message, longest_message) + L'\n');
+  } catch (ESystemException const&) {
+  }
+}
+
+void complain(std::wstring const& program, EGeneric const& error) {
+  complain(program + L": " + known(error, "File", L": ") + known(error, "Text", L""));
 }

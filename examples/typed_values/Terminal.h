@@ -4,6 +4,8 @@
 
 #include <string>
 
+#include "velt/exceptions/EGeneric.h"
+
 // The columns of the text, two for a character of East Asia.
 int columns(std::wstring const& text);
 
@@ -19,3 +21,9 @@ enum class stream { output, error };
 // Writes to a console as it is, to a file or a pipe in UTF-8. Throws
 // ESystemException, with the stream as "File".
 void write(stream target, std::wstring const& text);
+
+// One line on standard error, whatever the message holds. Where it cannot be
+// written, the status of the program must tell.
+void complain(std::wstring const& message);
+// The same with what the exception has as "File" and as "Text".
+void complain(std::wstring const& program, EGeneric const& error);

@@ -256,6 +256,23 @@ TYPED_TEST(Words, EscapePutsTheCharacterBeforeEachOfTheSet) {
   }
 }
 
+TEST(WordsBeyondAscii, AreSeparatedAsOthersAre) {
+  std::vector<std::string> narrow;
+  divide_string("a\xE4" "b\xFF" "c;d", narrow, ";\xFF");
+  EXPECT_EQ(narrow, (std::vector<std::string>{"a\xE4" "b", "c", "d"}));
+  std::string joined;
+  consolidate_string(std::vector<std::string>{"a\xE4", "b\xFF"}, joined, ";\xFF");
+  EXPECT_EQ(joined, "a\xE4;\"b\xFF\"");
+
+  // The low byte of the second is that of the set's semicolon.
+  std::vector<std::wstring> wide;
+  divide_string(L"a\x2028" L"b\x203B" L"c;d", wide, L";\x2028");
+  EXPECT_EQ(wide, (std::vector<std::wstring>{L"a", L"b\x203B" L"c", L"d"}));
+  std::wstring joined_wide;
+  consolidate_string(std::vector<std::wstring>{L"a\x203B", L"b\x2028"}, joined_wide, L";\x2028");
+  EXPECT_EQ(joined_wide, L"a\x203B;\"b\x2028\"");
+}
+
 TEST(WordsOfLiterals, GoToTheContainersOwnKindOfText) {
   std::vector<std::string> narrow;
   std::list<std::wstring> wide;

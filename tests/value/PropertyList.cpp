@@ -3,7 +3,10 @@
 #include <comdef.h>
 #include <gtest/gtest.h>
 
+#include <wchar.h>
+
 #include <atomic>
+#include <clocale>
 #include <new>
 #include <random>
 #include <string>
@@ -33,6 +36,24 @@ TEST(PropertyList, NamesAreOneWhateverTheirCase) {
   list.Delete(L"namE");
   EXPECT_FALSE(list.Have(L"Name"));
   EXPECT_EQ(list.GetCount(), 0);
+}
+
+// Around the letters of ASCII in both directions, and beyond them.
+TEST(PropertyList, NamesAreOrderedAsByTheRunTimeInEveryLocale) {
+  std::vector<_bstr_t> names{L""};
+  for (wchar_t first : {L'@', L'A', L'Z', L'[', L'_', L'`', L'a', L'z', L'{', L'\x7F', L'\x80',
+                        L'\xC4', L'\xE4', L'\x130', L'\x212A', L'\xFFFF'})
+    for (wchar_t second : {L'\0', L'A', L'b', L'B', L'_', L'\xC4', L'\xE4'})
+      names.push_back(std::wstring({L'k', first, second, L'x'}).c_str());
+  velt::detail::less_without_case const less;
+  for (char const* locale : {"C", "", "Turkish"}) {
+    std::setlocale(LC_ALL, locale);
+    for (auto const& a : names)
+      for (auto const& b : names)
+        EXPECT_EQ(less(a, b), _wcsicmp(a, b) < 0)
+            << locale << ": " << static_cast<char const*>(a) << ", " << static_cast<char const*>(b);
+  }
+  std::setlocale(LC_ALL, "C");
 }
 
 TEST(PropertyList, MissingNameIsANormalCase) {

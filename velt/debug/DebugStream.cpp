@@ -20,9 +20,6 @@ namespace {
 
 using writer_list = std::vector<SmartPtr<TStreamWriter>>;
 
-bool is_class_letter(char letter) { return letter >= 'A' && letter <= 'Z'; }
-std::size_t class_index(char letter) { return static_cast<std::size_t>(letter - 'A'); }
-
 bool process_ends() {
   using Query = BOOLEAN(NTAPI*)();
   auto const entry = GetProcAddress(GetModuleHandleW(L"ntdll"), "RtlDllShutdownInProgress");
@@ -73,12 +70,8 @@ void TDebugStream::ChangeWriter(SmartPtr<TStreamWriter> writer) {
   AddWriter(std::move(writer));
 }
 
-bool TDebugStream::GetEnabled(char classLetter) const {
-  return is_class_letter(classLetter) && GetEnabled() && EnabledClasses[class_index(classLetter)];
-}
-
 void TDebugStream::SetEnabled(char classLetter, bool enabled) {
-  if (!is_class_letter(classLetter)) throw std::out_of_range("invalid bitset<N> position");
+  if (!is_class(classLetter)) throw std::out_of_range("invalid bitset<N> position");
   EnabledClasses.set(class_index(classLetter), enabled);
 }
 

@@ -2,6 +2,8 @@
 
 #include <comdef.h>
 
+#include <algorithm>
+#include <bitset>
 #include <cassert>
 #include <istream>
 #include <string_view>
@@ -19,28 +21,46 @@ constexpr auto quote = '"';
 template <class Char>
 class Separators {
 public:
-  explicit Separators(Char const* characters) : set(characters) { assert(characters); }
+  explicit Separators(Char const* characters) : set(characters) {
+    assert(characters);
+    for (Char const each : set)
+      if (code_of(each) < low.size()) low.set(code_of(each));
+    low.set(0);  // the terminator is a separator like any other
+  }
 
-  // The terminator is a separator like any other.
   bool contain(Char character) const {
-    return character == Char() || set.find(character) != set.npos;
+    auto const code = code_of(character);
+    return code < low.size() ? low[code] : set.find(character) != set.npos;
   }
+  bool call_for_quotes(Char character) const { return character != Char() && contain(character); }
   Char joint() const { return set.empty() ? Char() : set.front(); }
-  bool occur_in(std::basic_string_view<Char> word) const {
-    return word.find_first_of(set) != word.npos;
-  }
 
 private:
+  static std::size_t code_of(Char character) { return std::make_unsigned_t<Char>(character); }
+
   std::basic_string_view<Char> set;
+  // Those of the lowest codes, which in narrow text are all.
+  std::bitset<256> low;
 };
 
-// Sources of characters: next() takes the next one, if there is one.
+// Sources of characters. take_run() appends them to the word up to one that ends
+// the run, which it takes too, into `stop`. False if the source ends before.
 
 template <class Char>
 class StreamSource {
 public:
   explicit StreamSource(std::basic_istream<Char>& source) : in(source) {}
 
+  template <class Ends>
+  bool take_run(std::basic_string<Char>& word, Ends ends, Char& stop) {
+    while (next(stop)) {
+      if (ends(stop)) return true;
+      word += stop;
+    }
+    return false;
+  }
+
+private:
   // A stream at its end is left alone: a further read would make it fail.
   bool next(Char& character) {
     if (in.eof()) return false;
@@ -48,7 +68,6 @@ public:
     return !in.fail() && in.gcount() == 1;
   }
 
-private:
   std::basic_istream<Char>& in;
 };
 
@@ -57,10 +76,16 @@ class TextSource {
 public:
   explicit TextSource(std::basic_string_view<Char> text) : rest(text) {}
 
-  bool next(Char& character) {
-    if (rest.empty()) return false;
-    character = rest.front();
-    rest.remove_prefix(1);
+  template <class Word, class Ends>
+  bool take_run(Word& word, Ends ends, Char& stop) {
+    auto const end = std::find_if(rest.begin(), rest.end(), ends);
+    word.append(rest.begin(), end);
+    if (end == rest.end()) {
+      rest = {};
+      return false;
+    }
+    stop = *end;
+    rest = {end + 1, rest.end()};
     return true;
   }
 
@@ -68,21 +93,42 @@ private:
   std::basic_string_view<Char> rest;
 };
 
-// The rules of words. An empty word means that the source is at its end.
-template <class Char, class Source>
-void take_word(Source& source, std::basic_string<Char>& word, Separators<Char> separators) {
+// The rules of words. Word is a string, or what takes runs of characters as one
+// does. False, and an empty word, if none was left.
+template <class Source, class Word, class Char>
+bool take_word(Source& source, Word& word, Separators<Char> const& separators) {
   word.clear();
   bool quoted = false;
-  for (Char character; source.next(character);) {
-    if (character == quote) {
-      if (!word.empty() && separators.contain(character)) return;
+  auto const ends = [&](Char character) {
+    return character == quote || (!quoted && separators.contain(character));
+  };
+  for (Char stop; source.take_run(word, ends, stop);) {
+    if (stop == quote && (word.empty() || !separators.contain(quote)))
       quoted = !quoted;
-    } else if (quoted || !separators.contain(character)) {
-      word += character;
-    } else if (!word.empty()) {
-      return;
-    }
+    else if (!word.empty())
+      return true;
   }
+  return !word.empty();
+}
+
+// A word of which only its presence counts.
+class Presence {
+public:
+  void clear() { present = false; }
+  bool empty() const { return !present; }
+  template <class Iterator>
+  void append(Iterator first, Iterator last) { present = present || first != last; }
+
+private:
+  bool present = false;
+};
+
+template <class Char>
+std::size_t count_words(std::basic_string_view<Char> text, Separators<Char> const& separators) {
+  TextSource<Char> source(text);
+  std::size_t count = 0;
+  for (Presence word; take_word(source, word, separators);) ++count;
+  return count;
 }
 
 template <class Char>
@@ -108,41 +154,68 @@ _bstr_t checked_bstr(std::wstring_view text) {
 
 // The finished text in the kind that was asked for.
 template <class Text>
-Text as_text(std::basic_string<character_of<Text>> const& text) {
+Text as_text(std::basic_string<character_of<Text>>&& text) {
   if constexpr (std::same_as<Text, _bstr_t>)
     return checked_bstr(text);
   else
-    return text;
+    return std::move(text);
 }
 
 // Into a container of its own, since the source may be one of the old words.
 template <class Text, class Container>
 void divide(Text const& text, Container& words, character_of<Text> const* characters) {
   using Char = character_of<Text>;
-  TextSource<Char> source(view_of(text));
+  auto const view = view_of(text);
   Separators<Char> const separators(characters);
   Container found;
-  std::basic_string<Char> word;
-  for (take_word(source, word, separators); !word.empty(); take_word(source, word, separators))
-    found.insert(found.end(), as_text<Text>(word));
+  if constexpr (requires { found.reserve(0); }) found.reserve(count_words(view, separators));
+  TextSource<Char> source(view);
+  for (std::basic_string<Char> word; take_word(source, word, separators);)
+    found.insert(found.end(), as_text<Text>(std::move(word)));
   words = std::move(found);
+}
+
+// As long as the words can become, each with a joint and in quotes.
+template <class Container>
+std::size_t joined_size(Container const& words) {
+  std::size_t size = 0;
+  for (auto const& each : words) size += view_of(each).size() + 3;
+  return size;
+}
+
+// Write a word, and answer where the next character goes.
+
+template <class Char>
+Char* write_quoted(std::basic_string_view<Char> word, Char* out) {
+  *out++ = quote;
+  out = std::copy(word.begin(), word.end(), out);
+  *out++ = quote;
+  return out;
+}
+
+template <class Char>
+Char* write_word(std::basic_string_view<Char> word, Char* out, Separators<Char> const& separators) {
+  auto const begin = out;
+  for (Char const each : word) {
+    if (separators.call_for_quotes(each)) return write_quoted(word, begin);
+    *out++ = each;
+  }
+  return out;
 }
 
 template <class Text, class Container>
 void consolidate(Container const& words, Text& result, character_of<Text> const* characters) {
   using Char = character_of<Text>;
   Separators<Char> const separators(characters);
-  std::basic_string<Char> joined;
+  std::basic_string<Char> joined(joined_size(words), Char());
+  auto out = joined.data();
   bool first = true;
   for (auto const& each : words) {
-    auto const word = view_of(each);
-    if (!std::exchange(first, false)) joined += separators.joint();
-    bool const quoted = separators.occur_in(word);
-    if (quoted) joined += quote;
-    joined += word;
-    if (quoted) joined += quote;
+    if (!std::exchange(first, false)) *out++ = separators.joint();
+    out = write_word(view_of(each), out, separators);
   }
-  result = as_text<Text>(joined);
+  joined.resize(static_cast<std::size_t>(out - joined.data()));
+  result = as_text<Text>(std::move(joined));
 }
 
 template <class Char>

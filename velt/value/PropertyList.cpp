@@ -23,11 +23,29 @@ struct write_hold : scoped_hold {
   explicit write_hold(TMultiLock& target) : scoped_hold(target, &TMultiLock::WriteLock) {}
 };
 
+bool is_ascii(wchar_t character) { return character < 0x80; }
+int lower_ascii(wchar_t character) {
+  return character >= L'A' && character <= L'Z' ? character + (L'a' - L'A') : character;
+}
+
+// What _wcsicmp gives, which asks the locale about each character. The case of
+// ASCII is that of every locale, and equal characters are equal in all cases.
+int compare_without_case(wchar_t const* a, wchar_t const* b) {
+  for (;; ++a, ++b) {
+    if (*a == *b) {
+      if (*a == L'\0') return 0;
+      continue;
+    }
+    if (!is_ascii(*a) || !is_ascii(*b)) return _wcsicmp(a, b);
+    if (int const difference = lower_ascii(*a) - lower_ascii(*b)) return difference;
+  }
+}
+
 }  // namespace
 
 bool velt::detail::less_without_case::operator()(_bstr_t const& a,
                                                  _bstr_t const& b) const noexcept {
-  return _wcsicmp(static_cast<wchar_t const*>(a), static_cast<wchar_t const*>(b)) < 0;
+  return compare_without_case(a, b) < 0;
 }
 
 TPropertyList::TPropertyList() = default;
