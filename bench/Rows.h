@@ -14,5 +14,6 @@ std::vector<Row> exception_rows();
 std::vector<Row> lock_rows();
 std::vector<Row> debug_rows();
 std::vector<Row> os_rows();
+std::vector<Row> diagnostics_rows();
 
 }  // namespace bench

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include "velt/diagnostics/Settings.h"
 #include "velt/value/HolderCount.h"
 
 namespace {
@@ -12,6 +13,8 @@ struct NoLeakedValues : ::testing::Environment {
 }  // namespace
 
 int main(int count, char** arguments) {
+  // A dump takes seconds: tests that want one switch them on.
+  SaveMiniDumpOnStructuredException = SaveMiniDumpOnCppException = false;
   ::testing::InitGoogleTest(&count, arguments);
   ::testing::AddGlobalTestEnvironment(new NoLeakedValues);
   return RUN_ALL_TESTS();

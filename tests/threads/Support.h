@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "tests/debug/Support.h"
+#include "tests/support/SystemCode.h"
 #include "velt/debug/DebugStream.h"
 #include "velt/locks/Event.h"
 #include "velt/threads/ThreadClass.h"
@@ -46,6 +47,15 @@ public:
     in_body.Reset();
     StartThread();
     if (!signaled_within(in_body, patience)) std::abort();
+  }
+
+  // Code 31 tells that the thread ended just before the call was queued.
+  void interrupt(unsigned int stop_ms) {
+    int const code = system_code([&] { InterruptThread(0, stop_ms); });
+    if (code == ERROR_GEN_FAILURE)
+      EXPECT_TRUE(ended_within(patience));
+    else
+      EXPECT_EQ(code, -1);
   }
 
   bool ended_within(DWORD milliseconds) const { return signaled_within(handle, milliseconds); }

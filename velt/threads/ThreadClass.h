@@ -49,7 +49,9 @@ public:
 
   // Gives the thread `waitMs` to end by itself, then interrupts it, and then
   // calls StopThread(stopMs). While no body runs it asks that the next one be
-  // skipped instead: this object then never runs a body again.
+  // skipped instead: this object then never runs a body again. Throws
+  // ESystemException with code 31 if the thread ends just before the interruption
+  // is queued.
   //
   // On the calling thread's own object the interruption comes out of here, if
   // `waitMs` has a limit.

@@ -1,5 +1,4 @@
 #include <windows.h>
-#include <winternl.h>
 
 #include <atomic>
 #include <cstddef>
@@ -9,6 +8,7 @@
 
 #include "velt/value/HolderCacheInternal.h"
 #include "velt/value/HolderCount.h"
+#include "velt/value/ThreadSlotInternal.h"
 
 namespace velt::detail {
 namespace {
@@ -76,34 +76,12 @@ struct depot {
 };
 constinit depot shared;
 
-// The slot that holds the calling thread's cache. Read by one instruction where
-// it lies in the thread's block itself, as the first 64 slots do.
+// The slot that holds the calling thread's cache. Values are made between a
+// failed call and the question for its error, which the slot leaves alone.
 constinit std::atomic<DWORD> slot = TLS_OUT_OF_INDEXES;
 
-bool lies_in_block(DWORD index) noexcept { return index < TLS_MINIMUM_AVAILABLE; }
-
-void* read_in_block(DWORD index) noexcept {
-  return reinterpret_cast<void*>(
-      __readgsqword(offsetof(TEB, TlsSlots) + index * sizeof(void*)));
-}
-
-// Reading and writing a slot must leave the thread's last error alone: values
-// are made between a failed call and the question for its error.
 thread_cache* stored_cache(DWORD index) noexcept {
-  if (lies_in_block(index)) [[likely]]
-    return static_cast<thread_cache*>(read_in_block(index));
-  if (index == TLS_OUT_OF_INDEXES) return nullptr;
-  DWORD const error = GetLastError();
-  auto const cache = static_cast<thread_cache*>(TlsGetValue(index));
-  SetLastError(error);
-  return cache;
-}
-
-bool store_cache(DWORD index, thread_cache* cache) noexcept {
-  DWORD const error = GetLastError();
-  bool const stored = TlsSetValue(index, cache);
-  SetLastError(error);
-  return stored;
+  return static_cast<thread_cache*>(read_thread_slot(index));
 }
 
 // A cache for the calling thread; null if there can be none, and the heap
@@ -119,7 +97,7 @@ thread_cache* make_cache() noexcept {
   }
   auto const cache = new (std::nothrow) thread_cache;
   if (!cache) return nullptr;
-  if (!store_cache(index, cache)) {
+  if (!write_thread_slot(index, cache)) {
     delete cache;
     return nullptr;
   }
@@ -243,7 +221,7 @@ void end_thread_of_holder_cache() noexcept {
   DWORD const index = slot.load(std::memory_order_acquire);
   thread_cache* const cache = stored_cache(index);
   if (!cache) return;
-  store_cache(index, nullptr);
+  write_thread_slot(index, nullptr);
   {
     std::lock_guard const guard(shared.lock);
     shared.live_elsewhere += cache->live.load(std::memory_order_relaxed);

@@ -1,0 +1,256 @@
+#include "tests/diagnostics/Fakes.h"
+
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+#include <string_view>
+#include <thread>
+
+#include "velt/diagnostics/Settings.h"
+#include "velt/diagnostics/StructuredException.h"
+#include "velt/diagnostics/Symbols.h"
+#include "velt/diagnostics/SymbolsInternal.h"
+#include "velt/diagnostics/TranslatorInternal.h"
+#include "velt/locks/Mutex.h"
+
+bool SaveMiniDumpOnStructuredException;
+bool SaveMiniDumpOnCppException;
+bool UseVEH;
+bool ExtendDebugInformationFromException;
+unsigned long MiniDumpType;
+char const* const MiniDumpFileFormat = velt_test::dump_format;
+
+namespace velt_test {
+
+namespace {
+
+constexpr char default_format[] = "Dumps\\%s_%s_%04hd_%02hd_%02hd_%02hd_%02hd_%02hd_%03hd.dmp";
+
+void called(char const* name) {
+  auto& calls = fakes().calls;
+  calls.append(calls.empty() ? "" : " ").append(name);
+}
+
+// Shows by its calls when it is held.
+struct ListedMutex : TMutex {
+  using TMutex::Lock;
+  void Lock() override {
+    called("symbols");
+    TMutex::Lock();
+  }
+  void Unlock() override {
+    called("~symbols");
+    TMutex::Unlock();
+  }
+};
+
+LONG NTAPI lock_loader(ULONG flags, ULONG* state, ULONG_PTR* cookie) {
+  called(flags == 2 ? "loader" : "waiting for the loader");
+  *state = fakes().loader_state;
+  *cookie = 77;
+  return fakes().loader_status;
+}
+LONG NTAPI unlock_loader(ULONG flags, ULONG_PTR cookie) {
+  called(flags == 0 && cookie == 77 ? "~loader" : "a wrong end of the loader's lock");
+  return 0;
+}
+void NTAPI acquire_peb() { called("waiting for the PEB"); }
+BOOLEAN NTAPI try_peb() {
+  called("PEB");
+  return fakes().peb_is_free;
+}
+void NTAPI release_peb() { called("~PEB"); }
+BOOLEAN NTAPI lock_heap(HANDLE heap) {
+  called(heap == heap_header ? "heap" : "another heap");
+  return fakes().heap_locks;
+}
+BOOLEAN NTAPI unlock_heap(HANDLE) {
+  called("~heap");
+  return TRUE;
+}
+
+BOOL WINAPI write_dump(HANDLE process, DWORD id, HANDLE file, MINIDUMP_TYPE type,
+                       MINIDUMP_EXCEPTION_INFORMATION const* exception,
+                       MINIDUMP_USER_STREAM_INFORMATION const* streams,
+                       MINIDUMP_CALLBACK_INFORMATION const* callback) {
+  bool const of_this_process = process == GetCurrentProcess() && id == GetCurrentProcessId();
+  called(of_this_process && !streams && !callback ? "write" : "a wrong dump");
+  auto& seen = fakes();
+  seen.written_file = file;
+  seen.written_type = type;
+  seen.with_exception = exception;
+  if (exception) seen.exception = *exception;
+  DWORD written;
+  WriteFile(file, "dump", 4, &written, nullptr);
+  return seen.writer_succeeds;
+}
+
+// Null for another name.
+void (*fake_entry(std::string_view name))() {
+  static std::map<std::string_view, void (*)()> const entries = {
+      {"LdrLockLoaderLock", reinterpret_cast<void (*)()>(lock_loader)},
+      {"LdrUnlockLoaderLock", reinterpret_cast<void (*)()>(unlock_loader)},
+      {"RtlAcquirePebLock", acquire_peb},
+      {"RtlTryAcquirePebLock", reinterpret_cast<void (*)()>(try_peb)},
+      {"RtlReleasePebLock", release_peb},
+      {"RtlLockHeap", reinterpret_cast<void (*)()>(lock_heap)},
+      {"RtlUnlockHeap", reinterpret_cast<void (*)()>(unlock_heap)},
+  };
+  auto const found = entries.find(name);
+  return found == entries.end() ? nullptr : found->second;
+}
+
+void restore_settings() {
+  SaveMiniDumpOnStructuredException = SaveMiniDumpOnCppException = UseVEH = true;
+  ExtendDebugInformationFromException = false;
+  MiniDumpType = 0;
+  std::strcpy(dump_format, default_format);
+}
+
+}  // namespace
+
+char dump_format[100];
+std::byte heap_header[1024];
+
+Fakes& fakes() {
+  static Fakes instance;
+  return instance;
+}
+
+Fresh::Fresh() {
+  fakes() = Fakes();
+  InitializeCriticalSection(heap_section());
+  restore_settings();
+  std::filesystem::current_path(folder.path());
+}
+
+Fresh::~Fresh() {
+  restore_settings();
+  std::filesystem::current_path(folder.path().parent_path());
+}
+
+CRITICAL_SECTION* heap_section() {
+  static auto const section = [] {
+    void* page = nullptr;
+    for (std::uintptr_t at = 0x10000000; !page; at += 0x100000)
+      page = VirtualAlloc(reinterpret_cast<void*>(at), 0x1000, MEM_RESERVE | MEM_COMMIT,
+                          PAGE_READWRITE);
+    return static_cast<CRITICAL_SECTION*>(page);
+  }();
+  return section;
+}
+
+void let_another_thread_take_heap_section() {
+  std::thread([] { EnterCriticalSection(heap_section()); }).join();
+}
+
+}  // namespace velt_test
+
+using velt_test::called;
+using velt_test::fakes;
+
+bool SymInitialize() {
+  if (!fakes().engine_is_there) return false;
+  ++fakes().holds;
+  return true;
+}
+void SymCleanup() { --fakes().holds; }
+
+// A null context walks the caller's stack for real.
+unsigned int StackWalk(unsigned __int64* frames, _CONTEXT* context, void* thread, unsigned int skip,
+                       unsigned int max) {
+  auto& fake = fakes();
+  fake.walked = context;
+  fake.walked_thread = thread;
+  fake.skipped = skip;
+  if (!context) {
+    constexpr unsigned int this_function = 1;
+    return RtlCaptureStackBackTrace(skip + this_function, max, reinterpret_cast<void**>(frames),
+                                    nullptr);
+  }
+  auto const count = std::min<std::size_t>(fake.frames.size(), max);
+  std::copy_n(fake.frames.begin(), count, frames);
+  return static_cast<unsigned int>(count);
+}
+
+EStructuredException::EStructuredException() = default;
+
+void VeltDebugSetup(bool extended) { ExtendDebugInformationFromException = extended; }
+
+std::string SymGetModuleFromAddress(unsigned __int64 address) { return fakes().modules[address]; }
+
+unsigned __int64 SymGetActualErrorAddress(unsigned __int64 const* frames, unsigned int count) {
+  auto const end = frames + count;
+  auto const found =
+      std::find_if(frames, end, [](auto frame) { return fakes().modules.contains(frame); });
+  return found == end ? 0 : *found;
+}
+
+std::string SymGetFullNameFromAddress(unsigned __int64 address) {
+  return "name of " + std::to_string(address);
+}
+
+std::string SymGetStackTrace(unsigned __int64 const* frames, unsigned int count) {
+  std::string text = "stack of";
+  for (auto frame = frames; frame != frames + count; ++frame) text += " " + std::to_string(*frame);
+  return text;
+}
+
+namespace velt::detail {
+
+TMutex& symbol_lock() {
+  static velt_test::ListedMutex mutex;
+  return mutex;
+}
+
+void* dump_writer() { return reinterpret_cast<void*>(velt_test::write_dump); }
+
+bool throws_are_watched() noexcept { return fakes().throws_are_watched; }
+
+}  // namespace velt::detail
+
+// Replaced at link time. The first two are called at load, when no object of
+// this file may be in use yet that needs making.
+namespace {
+
+HANDLE WINAPI fake_process_heap() {
+  using namespace velt_test;
+  auto const section = static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(heap_section()));
+  heap_section()->OwningThread = ULongToHandle(GetCurrentThreadId());
+  std::memcpy(heap_header + 540, &section, sizeof section);
+  return heap_header;
+}
+
+FARPROC WINAPI fake_address(HMODULE module, char const* name);
+HANDLE WINAPI fake_file(char const* name, DWORD access, DWORD share, SECURITY_ATTRIBUTES* security,
+                        DWORD disposition, DWORD attributes, HANDLE model);
+
+// The 5th of March 2024, 9:07:03.042.
+void WINAPI fake_time(SYSTEMTIME* now) { *now = {2024, 3, 2, 5, 9, 7, 3, 42}; }
+
+}  // namespace
+
+extern "C" {
+extern decltype(&GetProcAddress) __real___imp_GetProcAddress;
+extern decltype(&CreateFileA) __real___imp_CreateFileA;
+
+decltype(&GetProcessHeap) __wrap___imp_GetProcessHeap = fake_process_heap;
+decltype(&GetProcAddress) __wrap___imp_GetProcAddress = fake_address;
+decltype(&GetLocalTime) __wrap___imp_GetLocalTime = fake_time;
+decltype(&CreateFileA) __wrap___imp_CreateFileA = fake_file;
+}
+
+namespace {
+
+FARPROC WINAPI fake_address(HMODULE module, char const* name) {
+  auto const fake = module == GetModuleHandleW(L"ntdll") ? velt_test::fake_entry(name) : nullptr;
+  return fake ? reinterpret_cast<FARPROC>(fake) : __real___imp_GetProcAddress(module, name);
+}
+
+HANDLE WINAPI fake_file(char const* name, DWORD access, DWORD share, SECURITY_ATTRIBUTES* security,
+                        DWORD disposition, DWORD attributes, HANDLE model) {
+  return fakes().made_file = __real___imp_CreateFileA(name, access, share, security, disposition,
+                                                      attributes, model);
+}
+
+}  // namespace

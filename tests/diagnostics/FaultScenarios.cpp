@@ -1,0 +1,344 @@
+#include "tests/diagnostics/FaultScenarios.h"
+
+#include <windows.h>
+
+#include <cstdlib>
+#include <exception>
+
+#include "velt/diagnostics/StructuredException.h"
+
+// The build says which of the functions this is, and whether it is exported.
+#ifndef VELT_SCENARIO_API
+#define VELT_SCENARIO_API
+#endif
+
+namespace velt_test {
+namespace {
+
+using Log = std::string;
+using Address = int volatile*;
+
+// What nothing is known about at compile time.
+Address volatile nowhere = reinterpret_cast<Address>(0x10);
+int volatile zero = 0;
+int volatile result;
+
+class Note {
+public:
+  Note(Log& destination, char const* what) : log(destination), text(what) {}
+  ~Note() { log.append("~").append(text).append(" "); }
+
+private:
+  Log& log;
+  char const* text;
+};
+
+[[gnu::noipa]] void nothing() {}
+[[gnu::noipa]] void throw_if(bool wanted) {
+  if (wanted) throw 1;
+}
+[[gnu::noipa]] int read(Address address) { return *address; }
+
+void in_the_try_itself(Log& log) {
+  Address const address = nowhere;
+  try {
+    Note const note(log, "object");
+    nothing();
+    result = *address;
+    nothing();
+  } catch (EStructuredException&) {
+    log += "caught";
+  }
+}
+
+// The call site covers one instruction, and the address before it is another's.
+void behind_the_end_of_another_try(Log& log) {
+  Address const address = nowhere;
+  try {
+    nothing();
+  } catch (...) {
+    log += "wrong handler";
+  }
+  try {
+    result = *address;
+  } catch (EGeneric&) {
+    log += "caught";
+  }
+}
+
+// When the read directly behind the call faults, its address is the return
+// address of the other frames.
+[[gnu::noipa]] void recurse(Log& log, Address address, int depth) {
+  if (depth != 0) {
+    try {
+      recurse(log, address, depth - 1);
+    } catch (EGeneric&) {
+      log += "call ";
+      throw;
+    }
+  }
+  try {
+    result = *address;
+  } catch (EGeneric&) {
+    log += "read ";
+    throw;
+  }
+}
+
+void in_a_recursion(Log& log) {
+  try {
+    recurse(log, nowhere, 2);
+  } catch (EGeneric&) {
+    log += "caught";
+  }
+}
+
+// Its frame is found by a frame pointer.
+[[gnu::noipa]] void recurse_with_pointer(Log& log, Address address, int depth) {
+  Note const note(log, "frame");
+  auto const block = static_cast<char volatile*>(__builtin_alloca(depth * 64 + 64));
+  block[0] = 0;
+  if (depth != 0) recurse_with_pointer(log, address, depth - 1);
+  result = *address;
+}
+
+void in_frames_of_unknown_size(Log& log) {
+  try {
+    recurse_with_pointer(log, nowhere, 2);
+  } catch (EGeneric&) {
+    log += "caught";
+  }
+}
+
+// Each place both throws and faults: what is known of one must not be taken for
+// the other.
+void in_turn_with_throws(Log& log) {
+  Address const address = nowhere;
+  int throws = 0, faults = 0, mistakes = 0;
+  for (int i = 0; i < 50; ++i) {
+    try {
+      throw_if(i % 3 == 0);
+    } catch (int) {
+      ++throws;
+    } catch (...) {
+      ++mistakes;
+    }
+    try {
+      result = *address;
+    } catch (EGeneric&) {
+      ++faults;
+    } catch (...) {
+      ++mistakes;
+    }
+  }
+  log += std::to_string(throws) + " " + std::to_string(faults) + " " + std::to_string(mistakes);
+}
+
+[[gnu::noipa]] void catch_something_else(Log& log) {
+  Note const note(log, "inner");
+  try {
+    read(nowhere);
+  } catch (int) {
+    log += "wrong handler ";
+  }
+}
+
+void past_frames_and_other_handlers(Log& log) {
+  try {
+    Note const note(log, "outer");
+    catch_something_else(log);
+  } catch (std::exception&) {
+    log += "caught";
+  }
+}
+
+void by_a_write(Log& log) {
+  try {
+    Note const note(log, "object");
+    *nowhere = 1;
+    nothing();
+  } catch (EGeneric&) {
+    log += "caught";
+  }
+}
+
+void by_a_division(Log& log) {
+  try {
+    Note const note(log, "object");
+    result = 1 / zero;
+    nothing();
+  } catch (EGeneric&) {
+    log += "caught";
+  }
+}
+
+void by_a_call_of_nothing(Log& log) {
+  auto volatile const function = reinterpret_cast<void (*)()>(0x20);
+  try {
+    Note const note(log, "object");
+    function();
+  } catch (EGeneric&) {
+    log += "caught";
+  }
+}
+
+void thrown_on(Log& log) {
+  try {
+    try {
+      Note const note(log, "first");
+      read(nowhere);
+    } catch (EGeneric&) {
+      Note const note(log, "second");
+      throw;
+    }
+  } catch (EGeneric& error) {
+    log += error["Text"].as_string();
+  }
+}
+
+void kept_and_thrown_again(Log& log) {
+  std::exception_ptr kept;
+  try {
+    read(nowhere);
+  } catch (...) {
+    kept = std::current_exception();
+  }
+  try {
+    std::rethrow_exception(kept);
+  } catch (EStructuredException& error) {
+    log += error["Text"].as_string();
+  }
+}
+
+void in_a_handler(Log& log) {
+  try {
+    try {
+      throw_if(true);
+    } catch (int) {
+      Note const note(log, "in handler");
+      read(nowhere);
+    }
+  } catch (EGeneric&) {
+    log += "caught";
+  }
+}
+
+void in_the_handler_of_a_fault(Log& log) {
+  try {
+    try {
+      read(nowhere);
+    } catch (EGeneric& error) {
+      log += error["Parameter1"].as_string() + " ";
+      read(nowhere + 1);
+    }
+  } catch (EGeneric& error) {
+    log += error["Parameter1"].as_string();
+  }
+}
+
+struct FaultsAtItsEnd {
+  explicit FaultsAtItsEnd(Log& destination) : log(destination) {}
+  ~FaultsAtItsEnd() {
+    try {
+      Note const note(log, "object");
+      read(nowhere + 1);
+    } catch (EGeneric& error) {
+      log += error["Parameter1"].as_string() + " ";
+    }
+  }
+  Log& log;
+};
+
+void in_a_destructor_of_its_unwinding(Log& log) {
+  Address const address = nowhere;
+  try {
+    FaultsAtItsEnd const object(log);
+    nothing();
+    result = *address;
+    nothing();
+  } catch (EGeneric& error) {
+    log += error["Parameter1"].as_string();
+  }
+}
+
+Log* log_of_callback;
+
+int __cdecl compare(void const*, void const*) {
+  Note const note(*log_of_callback, "callback");
+  return read(nowhere);
+}
+
+void in_a_callback_of_the_run_time(Log& log) {
+  log_of_callback = &log;
+  try {
+    Note const note(log, "caller");
+    int values[2] = {};
+    std::qsort(values, 2, sizeof *values, compare);
+  } catch (EGeneric&) {
+    log += "caught";
+  }
+}
+
+BOOL CALLBACK see_once(INIT_ONCE*, void* log, void**) {
+  Note const note(*static_cast<Log*>(log), "callback");
+  return read(nowhere);
+}
+
+void in_a_callback_of_the_system(Log& log) {
+  try {
+    Note const note(log, "caller");
+    INIT_ONCE once = INIT_ONCE_STATIC_INIT;
+    InitOnceExecuteOnce(&once, see_once, &log, nullptr);
+  } catch (EGeneric&) {
+    log += "caught";
+  }
+}
+
+// Both bring a handler of their own, in a frame nearer to the fault.
+void under_a_nearer_handler(Log& log) {
+  try {
+    log += IsBadReadPtr(const_cast<int*>(nowhere), 4) ? "bad " : "good ";
+    OutputDebugStringA("text for a debugger");
+    log += "undisturbed";
+  } catch (EGeneric&) {
+    log += "caught";
+  }
+}
+
+void by_the_platform_on_request(Log& log) {
+  try {
+    Note const note(log, "object");
+    RaiseException(0xC0000094, 0, 0, nullptr);
+  } catch (EGeneric& error) {
+    log += error["Text"].as_string();
+  }
+}
+
+constexpr char bad_read[] = "Access Violation (read from 0x10)";
+
+FaultScenario const scenarios[] = {
+    {"InTheTryItself", in_the_try_itself, "~object caught"},
+    {"BehindTheEndOfAnotherTry", behind_the_end_of_another_try, "caught"},
+    {"InARecursion", in_a_recursion, "read call call caught"},
+    {"InFramesOfUnknownSize", in_frames_of_unknown_size, "~frame ~frame ~frame caught"},
+    {"InTurnWithThrows", in_turn_with_throws, "17 50 0"},
+    {"PastFramesAndOtherHandlers", past_frames_and_other_handlers, "~inner ~outer caught"},
+    {"ByAWrite", by_a_write, "~object caught"},
+    {"ByADivision", by_a_division, "~object caught"},
+    {"ByACallOfNothing", by_a_call_of_nothing, "~object caught"},
+    {"ThrownOn", thrown_on, "~first ~second Access Violation (read from 0x10)"},
+    {"KeptAndThrownAgain", kept_and_thrown_again, bad_read},
+    {"InAHandler", in_a_handler, "~in handler caught"},
+    {"InTheHandlerOfAFault", in_the_handler_of_a_fault, "16 20"},
+    {"InADestructorOfItsUnwinding", in_a_destructor_of_its_unwinding, "~object 20 16"},
+    {"InACallbackOfTheRunTime", in_a_callback_of_the_run_time, "~callback ~caller caught"},
+    {"InACallbackOfTheSystem", in_a_callback_of_the_system, "~callback ~caller caught"},
+    {"UnderANearerHandler", under_a_nearer_handler, "bad undisturbed"},
+    {"ByThePlatformOnRequest", by_the_platform_on_request, "~object Divide by Zero"},
+};
+
+}  // namespace
+
+VELT_SCENARIO_API std::span<FaultScenario const> VELT_SCENARIOS() { return scenarios; }
+
+}  // namespace velt_test

@@ -1,0 +1,571 @@
+// The library's part of naming and walking, with an engine of the test's own:
+// the loader's calls that lead to dbghelp.dll lead here.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <windows.h>
+
+#include <dbghelp.h>
+
+#include <cstring>
+#include <functional>
+#include <map>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/support/OpenHandles.h"
+#include "velt/diagnostics/LocalVariablesInternal.h"
+#include "velt/diagnostics/Settings.h"
+#include "velt/diagnostics/SymbolsInternal.h"
+#include "velt/locks/Mutex.h"
+
+using velt::detail::StackWalkStep;
+using velt::detail::SymGetQualifiedNameFromAddress;
+using velt_test::open_handles;
+
+extern "C" {
+extern decltype(&FreeLibrary) __real___imp_FreeLibrary;
+extern decltype(&GetProcAddress) __real___imp_GetProcAddress;
+extern decltype(&LoadLibraryA) __real___imp_LoadLibraryA;
+extern decltype(&WaitForSingleObjectEx) __real___imp_WaitForSingleObjectEx;
+}
+
+namespace {
+
+using address_list = std::vector<unsigned __int64>;
+
+struct Module {
+  std::string name;
+  DWORD64 base;
+  DWORD size;
+  bool is_new = false;  // unknown until the refresh
+};
+
+struct Symbol {
+  std::string name;
+  DWORD64 displacement = 0;
+};
+
+struct Line {
+  std::string file;
+  DWORD number;
+};
+
+// What the engine knows, and what it was asked.
+struct TestEngine {
+  bool missing = false;
+  std::set<std::string> missing_entries;
+
+  std::vector<Module> modules;
+  DWORD module_error = ERROR_MOD_NOT_FOUND;
+  std::map<DWORD64, Symbol> symbols;
+  std::map<DWORD64, Line> lines;
+  std::vector<DWORD64> stack;
+  std::function<void(std::size_t)> on_step = [](std::size_t) {};
+  DWORD basic_type = 0;
+  std::wstring type_name;
+
+  std::string calls;  // all but the walk's and the names'
+  int questions = 0;  // after modules, symbols and lines
+  std::size_t steps = 0;
+  std::vector<DWORD> machines;
+  int null_contexts = 0;
+  DWORD64 first_address = 0;
+
+  static inline TestEngine* current = nullptr;
+};
+
+TestEngine& engine() { return *TestEngine::current; }
+
+char module_mark;
+HMODULE const test_module = reinterpret_cast<HMODULE>(&module_mark);
+
+BOOL WINAPI initialize(HANDLE process, char const* path, BOOL invade) {
+  engine().calls += process == GetCurrentProcess() && !path && invade ? "initialize " : "wrong ";
+  return FALSE;  // ignored
+}
+
+BOOL WINAPI cleanup(HANDLE) {
+  engine().calls += "cleanup ";
+  return TRUE;
+}
+
+DWORD WINAPI set_options(DWORD options) {
+  engine().calls += "options " + std::to_string(options) + " ";
+  return options;
+}
+
+BOOL WINAPI refresh(HANDLE) {
+  engine().calls += "refresh ";
+  for (auto& module : engine().modules) module.is_new = false;
+  return TRUE;
+}
+
+DWORD64 WINAPI load_module(HANDLE, HANDLE file, wchar_t const* path, wchar_t const* name,
+                           DWORD64 base, DWORD size, MODLOAD_DATA* data, DWORD flags) {
+  EXPECT_TRUE(!file && !name && size == 0 && !data && flags == 0);
+  EXPECT_TRUE(std::wstring(path).ends_with(L"\\symbols_test_engine_tests.exe"));
+  engine().calls += "load module ";
+  engine().modules.push_back({"loaded", base, 0x1000});
+  return base;
+}
+
+BOOL WINAPI module_info(HANDLE, DWORD64 address, IMAGEHLP_MODULE64* record) {
+  ++engine().questions;
+  EXPECT_EQ(record->SizeOfStruct, 1672u);
+  for (auto const& module : engine().modules)
+    if (!module.is_new && address >= module.base && address - module.base < module.size) {
+      record->BaseOfImage = module.base;
+      record->ImageSize = module.size;
+      strcpy_s(record->ModuleName, sizeof record->ModuleName, module.name.c_str());
+      return TRUE;
+    }
+  SetLastError(engine().module_error);
+  return FALSE;
+}
+
+BOOL WINAPI symbol(HANDLE, DWORD64 address, DWORD64* displacement, IMAGEHLP_SYMBOL64* record) {
+  ++engine().questions;
+  EXPECT_EQ(record->SizeOfStruct, 32u);
+  EXPECT_EQ(record->MaxNameLength, 1960u);
+  auto const found = engine().symbols.find(address);
+  if (found == engine().symbols.end()) return FALSE;
+  auto const& name = found->second.name;
+  std::memcpy(record->Name, name.data(), std::min<std::size_t>(name.size(), 1960));
+  *displacement = found->second.displacement;
+  return TRUE;
+}
+
+BOOL WINAPI line(HANDLE, DWORD64 address, DWORD*, IMAGEHLP_LINE64* record) {
+  ++engine().questions;
+  EXPECT_EQ(record->SizeOfStruct, 40u);
+  auto const found = engine().lines.find(address);
+  if (found == engine().lines.end()) return FALSE;
+  record->FileName = found->second.file.data();
+  record->LineNumber = found->second.number;
+  return TRUE;
+}
+
+BOOL WINAPI walk(DWORD machine, HANDLE, HANDLE, STACKFRAME64* frame, void* context,
+                 PREAD_PROCESS_MEMORY_ROUTINE64, PFUNCTION_TABLE_ACCESS_ROUTINE64,
+                 PGET_MODULE_BASE_ROUTINE64, PTRANSLATE_ADDRESS_ROUTINE64) {
+  auto& all = engine();
+  if (all.steps == 0) all.first_address = frame->AddrPC.Offset;
+  all.machines.push_back(machine);
+  all.null_contexts += !context;
+  all.on_step(all.steps);
+  if (all.steps == all.stack.size()) return FALSE;
+  frame->AddrPC.Offset = all.stack[all.steps++];
+  return TRUE;
+}
+
+BOOL WINAPI type_info(HANDLE, DWORD64, ULONG, IMAGEHLP_SYMBOL_TYPE_INFO what, void* answer) {
+  auto const& all = engine();
+  if (what == TI_GET_BASETYPE && all.basic_type != 0) {
+    *static_cast<DWORD*>(answer) = all.basic_type;
+    return TRUE;
+  }
+  if (what != TI_GET_SYMNAME || all.type_name.empty()) return FALSE;
+  auto const size = (all.type_name.size() + 1) * sizeof(wchar_t);
+  auto const copy = LocalAlloc(LMEM_FIXED, size);
+  std::memcpy(copy, all.type_name.c_str(), size);
+  *static_cast<void**>(answer) = copy;
+  return TRUE;
+}
+
+void never_called() { ADD_FAILURE(); }
+
+struct {
+  char const* name;
+  void* entry;
+  bool required = true;
+} const entries[] = {
+    {"SymInitialize", reinterpret_cast<void*>(initialize)},
+    {"SymCleanup", reinterpret_cast<void*>(cleanup)},
+    {"SymGetLineFromAddr64", reinterpret_cast<void*>(line)},
+    {"SymGetModuleInfo64", reinterpret_cast<void*>(module_info)},
+    {"SymGetSymFromAddr64", reinterpret_cast<void*>(symbol)},
+    {"SymSetOptions", reinterpret_cast<void*>(set_options)},
+    {"SymGetTypeInfo", reinterpret_cast<void*>(type_info)},
+    {"SymSetContext", reinterpret_cast<void*>(never_called)},
+    {"SymEnumSymbols", reinterpret_cast<void*>(never_called)},
+    {"SymFromAddr", reinterpret_cast<void*>(never_called)},
+    {"StackWalk64", reinterpret_cast<void*>(walk)},
+    {"MiniDumpWriteDump", reinterpret_cast<void*>(never_called)},
+    {"SymRefreshModuleList", reinterpret_cast<void*>(refresh), false},
+    {"SymLoadModuleExW", reinterpret_cast<void*>(load_module), false},
+};
+
+HMODULE WINAPI load_library(char const* name) {
+  if (!TestEngine::current || std::strcmp(name, "dbghelp.dll") != 0)
+    return __real___imp_LoadLibraryA(name);
+  engine().calls += "load ";
+  return engine().missing ? nullptr : test_module;
+}
+
+BOOL WINAPI free_library(HMODULE module) {
+  if (module != test_module) return __real___imp_FreeLibrary(module);
+  engine().calls += "free ";
+  return TRUE;
+}
+
+FARPROC WINAPI proc_address(HMODULE module, char const* name) {
+  if (module != test_module) return __real___imp_GetProcAddress(module, name);
+  if (engine().missing_entries.contains(name)) return nullptr;
+  for (auto const& each : entries)
+    if (std::strcmp(each.name, name) == 0) return reinterpret_cast<FARPROC>(each.entry);
+  ADD_FAILURE() << "unknown entry " << name;
+  return nullptr;
+}
+
+// The waits of this thread; those with a limit end at once if they are to.
+thread_local int waits = 0;
+thread_local std::vector<DWORD> limits;
+bool time_runs_out = false;
+
+DWORD WINAPI wait(HANDLE handle, DWORD time, BOOL alertable) {
+  ++waits;
+  if (time != INFINITE) {
+    limits.push_back(time);
+    if (time_runs_out) return WAIT_TIMEOUT;
+  }
+  return __real___imp_WaitForSingleObjectEx(handle, time, alertable);
+}
+
+// The engine is missing at first; a test that wants it takes a hold.
+struct SymbolsByTestEngine : testing::Test {
+  SymbolsByTestEngine() { TestEngine::current = &test_engine; }
+  ~SymbolsByTestEngine() override { TestEngine::current = nullptr; }
+
+  TestEngine test_engine;
+  std::string const settings = SkipModulesForError;
+};
+
+struct NamesByTestEngine : SymbolsByTestEngine {
+  NamesByTestEngine() {
+    test_engine.modules = {{"app", 0x10000, 0x1000}, {"Plugin", 0x20000, 0x1000}};
+    EXPECT_TRUE(SymInitialize());
+  }
+  ~NamesByTestEngine() override {
+    SymCleanup();
+    SkipModulesForError = settings;
+  }
+};
+
+std::string trace(address_list const& frames) {
+  return SymGetStackTrace(frames.data(), static_cast<unsigned>(frames.size()));
+}
+
+unsigned __int64 error_address(address_list const& frames) {
+  return SymGetActualErrorAddress(frames.data(), static_cast<unsigned>(frames.size()));
+}
+
+address_list walked(unsigned skip, unsigned max, CONTEXT* context = nullptr) {
+  address_list frames(max);
+  frames.resize(StackWalk(frames.data(), context, GetCurrentThread(), skip, max));
+  return frames;
+}
+
+std::string const started = "load options 22 initialize ";
+std::string const ended = "cleanup free ";
+
+}  // namespace
+
+extern "C" {
+decltype(&FreeLibrary) __wrap___imp_FreeLibrary = free_library;
+decltype(&GetProcAddress) __wrap___imp_GetProcAddress = proc_address;
+decltype(&LoadLibraryA) __wrap___imp_LoadLibraryA = load_library;
+decltype(&WaitForSingleObjectEx) __wrap___imp_WaitForSingleObjectEx = wait;
+}
+
+TEST_F(SymbolsByTestEngine, FirstHoldLoadsAndLastUnloads) {
+  auto const handles = open_handles();
+  EXPECT_TRUE(SymInitialize());
+  EXPECT_TRUE(SymInitialize());
+  EXPECT_EQ(test_engine.calls, started);
+  SymCleanup();
+  EXPECT_EQ(test_engine.calls, started);
+  SymCleanup();
+  EXPECT_EQ(test_engine.calls, started + ended);
+  EXPECT_EQ(open_handles(), handles);
+}
+
+TEST_F(SymbolsByTestEngine, MissingEngineGivesNothingAndIsTriedAgain) {
+  test_engine.missing = true;
+  EXPECT_FALSE(SymInitialize());
+  EXPECT_EQ(walked(0, 4), address_list());
+  EXPECT_EQ(GetMyDebugStack(), "");
+  EXPECT_EQ(trace({0x10001}), "");
+  EXPECT_EQ(error_address({7, 8}), 7u);
+  EXPECT_EQ(error_address({}), 0u);
+  EXPECT_FALSE(EnsureModuleSymbolsLoaded(0x10001));
+  EXPECT_EQ(SymGetModuleFromAddress(0x10001), "");
+  EXPECT_EQ(SymGetSourceFromAddress(0x10001), "");
+  EXPECT_EQ(SymGetNameFromAddress(0x10001), "0x10001");
+  EXPECT_EQ(SymGetFullNameFromAddress(0x10001), "!0x10001");
+  EXPECT_FALSE(velt::detail::dump_writer());
+
+  test_engine.missing = false;
+  EXPECT_TRUE(SymInitialize());
+  EXPECT_EQ(velt::detail::dump_writer(), reinterpret_cast<void*>(never_called));
+  SymCleanup();
+}
+
+TEST_F(SymbolsByTestEngine, EngineIsGivenUpWithoutARequiredEntry) {
+  for (auto const& [name, entry, required] : entries) {
+    SCOPED_TRACE(name);
+    test_engine.calls.clear();
+    test_engine.missing_entries = {name};
+    EXPECT_EQ(SymInitialize(), !required);
+    if (!required) SymCleanup();
+    EXPECT_EQ(test_engine.calls, required ? "load free " : started + ended);
+  }
+}
+
+TEST_F(NamesByTestEngine, FormsOfNames) {
+  test_engine.symbols = {{0x10010, {"run"}},
+                         {0x10020, {"run", 0x1F}},
+                         {0x10030, {"stop", 2}},
+                         {0x90010, {"stray", 0x123456789A}}};
+  test_engine.lines = {{0x10020, {"C:\\src\\main loop.cpp", 12}}, {0x20030, {"unix/path/x", 7}}};
+  struct {
+    unsigned __int64 address;
+    char const *module, *source, *name, *full_name;
+  } const rows[] = {
+      {0x10010, "app", "", "run", "app!run"},
+      {0x10020, "app", "main loop.cpp#12", "run+1f", "app!run+1f[main loop.cpp#12]"},
+      {0x10030, "app", "", "stop+2", "app!stop+2"},
+      {0x20000, "Plugin", "", "0x20000", "Plugin!"},
+      {0x20030, "Plugin", "x#7", "0x20030", "Plugin!+30[x#7]"},
+      {0x123480000001, "", "", "0x80000001", "!0x80000001"},
+      // Not in a module; asked for the second time, this no longer matters.
+      {0x90010, "", "", "stray+123456789a", "!stray+123456789a"},
+  };
+  for (auto const& row : rows) {
+    EXPECT_EQ(SymGetModuleFromAddress(row.address), row.module);
+    EXPECT_EQ(SymGetSourceFromAddress(row.address), row.source);
+    EXPECT_EQ(SymGetNameFromAddress(row.address), row.name);
+    EXPECT_EQ(SymGetFullNameFromAddress(row.address), row.full_name);
+  }
+}
+
+TEST_F(NamesByTestEngine, LongNameIsShortenedInFrontOfASource) {
+  auto const left = std::string(36, 'l'), right = std::string(40, 'r');
+  test_engine.symbols = {
+      {0x10001, {left + right}}, {0x10002, {left + "-" + right}}, {0x10003, {left + "-" + right}}};
+  test_engine.lines = {{0x10001, {"f.cpp", 1}}, {0x10002, {"f.cpp", 2}}};
+  EXPECT_EQ(SymGetFullNameFromAddress(0x10001), "app!" + left + right + "[f.cpp#1]");
+  EXPECT_EQ(SymGetFullNameFromAddress(0x10002), "app!" + left + ".." + right + "[f.cpp#2]");
+  EXPECT_EQ(SymGetFullNameFromAddress(0x10003), "app!" + left + "-" + right);
+  EXPECT_EQ(SymGetQualifiedNameFromAddress(0x10002), "app!" + left + "-" + right);
+}
+
+TEST_F(NamesByTestEngine, VeryLongNamesAreCut) {
+  test_engine.symbols = {{0x10001, {std::string(1960, 'n'), 5}}};
+  test_engine.lines = {{0x10001, {"C:\\" + std::string(300, 'd') + "\\f.cpp", 1}},
+                       {0x10002, {std::string(255, 'b') + ".cpp", 1}}};
+  EXPECT_EQ(SymGetNameFromAddress(0x10001), std::string(1023, 'n') + "+5");
+  EXPECT_EQ(SymGetQualifiedNameFromAddress(0x10001), "app!" + std::string(1023, 'n') + "+5");
+  EXPECT_EQ(SymGetSourceFromAddress(0x10001), "f.cpp#1");
+  EXPECT_EQ(SymGetSourceFromAddress(0x10002), std::string(255, 'b') + ".cpp");
+}
+
+TEST_F(NamesByTestEngine, ModuleIsLookedUpOnce) {
+  EXPECT_TRUE(EnsureModuleSymbolsLoaded(0x10800));
+  EXPECT_TRUE(EnsureModuleSymbolsLoaded(0x10000));
+  EXPECT_TRUE(EnsureModuleSymbolsLoaded(0x10FFF));
+  EXPECT_TRUE(EnsureModuleSymbolsLoaded(0xFFF9));  // its eighth byte is the module's first
+  EXPECT_EQ(test_engine.questions, 1);
+  EXPECT_TRUE(EnsureModuleSymbolsLoaded(0x20000));
+  EXPECT_FALSE(EnsureModuleSymbolsLoaded(0xFFF8));
+  EXPECT_FALSE(EnsureModuleSymbolsLoaded(0x11000));
+}
+
+TEST_F(NamesByTestEngine, UnknownAddressIsLookedUpOnceAndThenPasses) {
+  for (unsigned __int64 const address : {0ull, 0x500ull, 0xFFFFFFFFFFFFFFFFull}) {
+    test_engine.calls.clear();
+    EXPECT_FALSE(EnsureModuleSymbolsLoaded(address));
+    EXPECT_EQ(test_engine.calls, "refresh ");
+    EXPECT_TRUE(EnsureModuleSymbolsLoaded(address));
+    EXPECT_EQ(test_engine.calls, "refresh ");
+  }
+  EXPECT_FALSE(EnsureModuleSymbolsLoaded(0x508));
+  test_engine.module_error = ERROR_INVALID_HANDLE;
+  test_engine.calls.clear();
+  EXPECT_FALSE(EnsureModuleSymbolsLoaded(0x700));
+  EXPECT_EQ(test_engine.calls, "");
+}
+
+TEST_F(NamesByTestEngine, RefreshFindsNewModules) {
+  test_engine.modules[1].is_new = true;
+  EXPECT_EQ(SymGetModuleFromAddress(0x20001), "Plugin");
+  EXPECT_EQ(test_engine.calls, started + "refresh ");
+}
+
+TEST_F(NamesByTestEngine, ModuleThatTheRefreshDoesNotFindIsLoaded) {
+  auto const base = reinterpret_cast<std::uintptr_t>(GetModuleHandleW(nullptr));
+  EXPECT_TRUE(EnsureModuleSymbolsLoaded(base + 5));
+  EXPECT_EQ(test_engine.calls, started + "refresh load module ");
+  EXPECT_EQ(SymGetFullNameFromAddress(base + 5), "loaded!+5");
+}
+
+TEST_F(NamesByTestEngine, TimedUsersGiveUpAfterTwentySeconds) {
+  time_runs_out = true;
+  limits.clear();
+  EXPECT_FALSE(EnsureModuleSymbolsLoaded(0x10001));
+  STACKFRAME64 frame{};
+  test_engine.stack = {1};
+  EXPECT_FALSE(StackWalkStep(&frame, nullptr, GetCurrentThread()));
+  EXPECT_EQ(limits, (std::vector<DWORD>{20'000, 20'000}));
+  EXPECT_EQ(SymGetModuleFromAddress(0x10001), "app");
+  time_runs_out = false;
+  EXPECT_TRUE(StackWalkStep(&frame, nullptr, GetCurrentThread()));
+}
+
+TEST_F(NamesByTestEngine, BlameGoesToTheFirstModuleThatIsNotListed) {
+  test_engine.modules = {{"APP", 0x100, 0x10}, {"Kernel32", 0x200, 0x10}, {"ntdll", 0x300, 0x10}};
+  EXPECT_EQ(error_address({0x201, 0x301, 0x101, 0x102}), 0x101u);
+  EXPECT_EQ(error_address({0x201, 0x999, 0x101}), 0x999u);
+  EXPECT_EQ(error_address({0x201, 0x301}), 0u);
+  EXPECT_EQ(error_address({}), 0u);
+  SkipModulesForError = "other;aPP;kernel";
+  EXPECT_EQ(error_address({0x101, 0x201}), 0x201u);
+  SkipModulesForError = "";
+  EXPECT_EQ(error_address({0x201}), 0x201u);
+}
+
+TEST_F(NamesByTestEngine, TraceReadsFromTheOutermostFrameToTheInnermost) {
+  test_engine.symbols = {{0x10001, {"inner", 1}}, {0x20001, {"main"}}};
+  EXPECT_EQ(trace({0x10001, 0x20001, 0x5}), "\n-> !0x5\n-> Plugin!main\n-> app!inner+1");
+  EXPECT_EQ(trace({}), "");
+}
+
+TEST_F(NamesByTestEngine, NamesAreAskedForOnceWhileTheEngineIsHeld) {
+  test_engine.symbols = {{0x10001, {"old"}}};
+  EXPECT_EQ(trace({0x10001, 0x20001}), "\n-> Plugin!+1\n-> app!old");
+  auto const questions = test_engine.questions;
+  waits = 0;
+  test_engine.symbols = {{0x10001, {"new"}}};
+  EXPECT_EQ(trace({0x10001, 0x20001}), "\n-> Plugin!+1\n-> app!old");
+  EXPECT_EQ(SymGetFullNameFromAddress(0x10001), "app!old");
+  EXPECT_EQ(test_engine.questions, questions);
+  EXPECT_EQ(waits, 0);
+
+  // A new module may lie where another was, and a new engine may know more.
+  EXPECT_EQ(SymGetModuleFromAddress(0x999), "");
+  EXPECT_EQ(SymGetFullNameFromAddress(0x10001), "app!new");
+  test_engine.symbols = {{0x10001, {"newest"}}};
+  SymCleanup();
+  EXPECT_EQ(SymGetFullNameFromAddress(0x10001), "!0x10001");
+  EXPECT_TRUE(SymInitialize());
+  EXPECT_EQ(SymGetFullNameFromAddress(0x10001), "app!newest");
+}
+
+TEST_F(NamesByTestEngine, AddressWithoutAModuleIsAskedForAgain) {
+  EXPECT_EQ(SymGetFullNameFromAddress(0x30001), "!0x30001");
+  test_engine.modules.push_back({"late", 0x30000, 0x1000});
+  EXPECT_EQ(SymGetFullNameFromAddress(0x30001), "late!+1");
+}
+
+TEST_F(SymbolsByTestEngine, WalkSkipsAndEndsAsAsked) {
+  test_engine.stack = {1, 2, 3, 4, 5};
+  struct {
+    unsigned skip, max;
+    address_list frames;
+    std::size_t steps;
+  } const rows[] = {{0, 64, {1, 2, 3, 4, 5}, 5}, {2, 2, {3, 4}, 4}, {4, 9, {5}, 5}, {7, 9, {}, 5}};
+  for (auto const& row : rows) {
+    test_engine.steps = 0;
+    EXPECT_EQ(walked(row.skip, row.max), row.frames);
+    EXPECT_EQ(test_engine.steps, row.steps);
+  }
+  EXPECT_EQ(std::set(test_engine.machines.begin(), test_engine.machines.end()),
+            std::set<DWORD>{0x8664});
+  EXPECT_EQ(test_engine.null_contexts, 0);
+  EXPECT_THAT(test_engine.calls, testing::EndsWith(ended));
+}
+
+TEST_F(SymbolsByTestEngine, WalkStartsFromTheContext) {
+  CONTEXT context{};
+  context.Rip = 0x4711;
+  test_engine.stack = {1};
+  EXPECT_EQ(walked(0, 2, &context), address_list{1});
+  EXPECT_EQ(test_engine.first_address, 0x4711u);
+}
+
+TEST_F(SymbolsByTestEngine, WalkTakesTheLockForEachStep) {
+  test_engine.stack = {1, 2, 3, 4, 5};
+  waits = 0;
+  walked(1, 3);
+  EXPECT_EQ(waits, 4 + 2);
+}
+
+TEST_F(SymbolsByTestEngine, ExceptionEndsTheWalkAndItsHold) {
+  test_engine.stack = {1, 2, 3, 4};
+  test_engine.on_step = [](std::size_t step) {
+    if (step == 2) throw std::runtime_error("broken stack");
+  };
+  EXPECT_EQ(walked(0, 9), (address_list{1, 2}));
+  EXPECT_THAT(test_engine.calls, testing::EndsWith(ended));
+}
+
+TEST_F(SymbolsByTestEngine, OtherThreadWithoutAContextHasNoFrames) {
+  test_engine.stack = {1};
+  std::jthread([&] {
+    HANDLE thread;
+    DuplicateHandle(GetCurrentProcess(), GetCurrentThread(), GetCurrentProcess(), &thread, 0, FALSE,
+                    DUPLICATE_SAME_ACCESS);
+    std::jthread([&] {
+      unsigned __int64 frame;
+      EXPECT_EQ(StackWalk(&frame, nullptr, thread, 0, 1), 0u);
+    });
+    CloseHandle(thread);
+  });
+  EXPECT_EQ(test_engine.machines.size(), 0u);
+}
+
+TEST_F(NamesByTestEngine, SingleStepsAreOfTheShortForm) {
+  test_engine.stack = {1, 2};
+  STACKFRAME64 frame{};
+  EXPECT_TRUE(StackWalkStep(&frame, nullptr, GetCurrentThread()));
+  EXPECT_TRUE(StackWalkStep(&frame, nullptr, GetCurrentThread()));
+  EXPECT_EQ(frame.AddrPC.Offset, 2u);
+  EXPECT_FALSE(StackWalkStep(&frame, nullptr, GetCurrentThread()));
+  EXPECT_EQ(test_engine.machines, (std::vector<DWORD>{0x14C, 0x14C, 0x14C}));
+}
+
+TEST_F(NamesByTestEngine, VariablesAreWrittenWithTheirTypes) {
+  int on_frame = -2;
+  struct {
+    DWORD basic_type;
+    wchar_t const* type_name;
+    ULONG flags, which_register, size;
+    char const* line;
+  } const rows[] = {
+      {6, L"", 0x90, 22, 4, "    int v=0xfffffffe (-2)\n"},
+      {14, L"", 0x90, 22, 4, "    unsigned long v=0xfffffffe (-2)\n"},
+      {31, L"", 0x80, 22, 4, "    HRESULT v=0x0 (0)\n"},
+      {31, L"", 0x10, 22, 4, "    HRESULT v=0x0 (0)\n"},
+      {3, L"", 0x90, 21, 4, "    wchar v=0x0 (0)\n"},
+      {99, L"", 0x90, 22, 4, "    <unknown> v=0xfffffffe (-2)\n"},
+      {0, L"Node*", 0x90, 22, 4, "    Node* v=0xfffffffe (-2)\n"},
+      {0, L"SmartPtr<Node>", 0x90, 22, 4, "    SmartPtr<Node> v=0xfffffffe ()\n"},
+      {0, L"", 0x90, 22, 4, "    <unknown> v=0xfffffffe (-2)\n"},
+      {6, L"", 0x90, 22, 8, ""},
+  };
+  SYMBOL_INFO variable{};
+  variable.Name[0] = 'v';
+  variable.Address = static_cast<ULONG64>(-16);
+  velt::detail::variable_frame_base = reinterpret_cast<std::uintptr_t>(&on_frame) + 16;
+  for (auto const& row : rows) {
+    velt::detail::variable_text.clear();
+    test_engine.basic_type = row.basic_type;
+    test_engine.type_name = row.type_name;
+    variable.Flags = row.flags;
+    variable.Register = row.which_register;
+    EXPECT_TRUE(velt::detail::append_variable(&variable, row.size, nullptr));
+    EXPECT_EQ(velt::detail::variable_text, row.line);
+  }
+}

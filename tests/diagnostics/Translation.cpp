@@ -1,0 +1,341 @@
+#include <gtest/gtest.h>
+#include <windows.h>
+
+#include <atomic>
+#include <climits>
+#include <functional>
+#include <ostream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/diagnostics/FaultScenarios.h"
+#include "tests/diagnostics/PlainModule.h"
+#include "velt/diagnostics/Settings.h"
+#include "velt/diagnostics/StructuredException.h"
+#include "velt/exceptions/EGeneric.h"
+
+using velt_test::FaultScenario;
+
+namespace {
+
+using Address = int volatile*;
+
+Address volatile nowhere = reinterpret_cast<Address>(0x10);
+int volatile result;
+
+[[gnu::noipa]] void read_nowhere() { result = *nowhere; }
+
+// The caught exception's values but for the address, which is where the code
+// happens to lie.
+std::string caught(std::function<void()> const& action) {
+  temporary_redirect_structured_exceptions const translated;
+  std::string list;
+  try {
+    action();
+  } catch (EStructuredException& error) {
+    for (auto const& [name, value] : error.values())
+      list += (list.empty() ? "" : ", ") + name +
+              (name == "Address" ? "" : " " + value.as_string());
+  }
+  return list;
+}
+
+std::string raised(DWORD code, std::vector<ULONG_PTR> const& parameters = {}) {
+  return caught([&] {
+    RaiseException(code, 0, static_cast<DWORD>(parameters.size()), parameters.data());
+  });
+}
+
+}  // namespace
+
+// In each build of the same code: where the try block stands, what lies between
+// it and the fault, and what else goes on.
+struct Build {
+  char const* name;
+  std::span<FaultScenario const> scenarios;
+};
+std::vector<Build> const builds = {
+    {"O0", velt_test::scenarios_at_o0()},
+    {"O1", velt_test::scenarios_at_o1()},
+    {"O2", velt_test::scenarios_at_o2()},
+    {"Dll", velt_test::scenarios_of_dll()},
+};
+
+class Fault : public ::testing::TestWithParam<std::tuple<Build, std::size_t>> {};
+
+TEST_P(Fault, IsCaught) {
+  auto const& scenario = std::get<Build>(GetParam()).scenarios[std::get<std::size_t>(GetParam())];
+  temporary_redirect_structured_exceptions const translated;
+  std::string log;
+  scenario.run(log);
+  EXPECT_EQ(log, scenario.expected);
+}
+
+std::string name_of(::testing::TestParamInfo<Fault::ParamType> const& test) {
+  auto const& [build, index] = test.param;
+  return std::string(build.name) + build.scenarios[index].name;
+}
+
+INSTANTIATE_TEST_SUITE_P(, Fault,
+                         ::testing::Combine(::testing::ValuesIn(builds),
+                                            ::testing::Range<std::size_t>(
+                                                0, builds[0].scenarios.size())),
+                         name_of);
+
+// Codes, texts and parameters.
+
+TEST(StructuredException, NamesTheCodesThatItKnows) {
+  struct {
+    DWORD code;
+    char const* expected;
+  } const rows[] = {
+      {0x80000001, "Code -2147483647, Address"},
+      {0x80000002, "Text Datatype Misalignment, Code -2147483646, Address"},
+      {0x80000003, "Text Breakpoint, Code -2147483645, Address"},
+      {0x80000004, "Text Debugger Exception, Code -2147483644, Address"},
+      {0x80000005, "Code -2147483643, Address"},
+      {0xC0000004, "Code -1073741820, Address"},
+      {0xC0000006, "Text Page Fault, Code -1073741818, Address"},
+      {0xC0000017, "Text No Memory, Code -1073741801, Address"},
+      {0xC000001D, "Text Illegal Instruction, Code -1073741795, Address"},
+      {0xC0000025, "Text Noncontinuable Exception, Code -1073741787, Address"},
+      {0xC0000026, "Text Invalid Disposition, Code -1073741786, Address"},
+      {0xC000008B, "Code -1073741685, Address"},
+      {0xC000008C, "Text Array Bounds Exceeded, Code -1073741684, Address"},
+      {0xC000008D, "Text FPU Error, Code -1073741683, Address"},
+      {0xC000008E, "Text FPU Error, Code -1073741682, Address"},
+      {0xC000008F, "Text FPU Error, Code -1073741681, Address"},
+      {0xC0000090, "Text FPU Error, Code -1073741680, Address"},
+      {0xC0000091, "Text FPU Error, Code -1073741679, Address"},
+      {0xC0000092, "Text FPU Error, Code -1073741678, Address"},
+      {0xC0000093, "Text FPU Error, Code -1073741677, Address"},
+      {0xC0000094, "Text Divide by Zero, Code -1073741676, Address"},
+      {0xC0000095, "Text Integer Overflow, Code -1073741675, Address"},
+      {0xC0000096, "Text Privileged Instruction, Code -1073741674, Address"},
+      {0xC0000097, "Code -1073741673, Address"},
+      {0xC0000099, "Code -1073741671, Address"},
+      {0xC00002B3, "Code -1073741133, Address"},
+      {0xC00002B4, "Text FPU Error, Code -1073741132, Address"},
+      {0xC00002B5, "Text FPU Error, Code -1073741131, Address"},
+      {0xC00002B6, "Code -1073741130, Address"},
+      {0xE0001234, "Code -536866252, Address"},
+      {0x00000001, "Code 1, Address"},
+  };
+  for (auto const& [code, expected] : rows) EXPECT_EQ(raised(code), expected) << std::hex << code;
+}
+
+TEST(StructuredException, TellsTheAccessThatWasRefused) {
+  EXPECT_EQ(raised(0xC0000005, {0, 0x123456789ABCDEF0}),
+            "Text Access Violation (read from 0x123456789abcdef0), Code -1073741819, Address, "
+            "Parameter0 0, Parameter1 -1698898192");
+  EXPECT_EQ(raised(0xC0000005, {1, 0}),
+            "Text Access Violation (write to 0x0), Code -1073741819, Address, "
+            "Parameter0 1, Parameter1 0");
+  EXPECT_EQ(raised(0xC0000005, {0x100000000, 0xAB}),
+            "Text Access Violation (write to 0xab), Code -1073741819, Address, "
+            "Parameter0 0, Parameter1 171");
+}
+
+// The record of an exception has room for them, whether they count or not.
+TEST(StructuredException, TakesParametersOfAnAccessThatAreNotThere) {
+  EXPECT_TRUE(raised(0xC0000005).starts_with("Text Access Violation ("));
+}
+
+TEST(StructuredException, NumbersParametersByOneCharacter) {
+  EXPECT_EQ(raised(0xE0000000, {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14}),
+            "Code -536870912, Address, Parameter0 0, Parameter1 1, Parameter2 2, Parameter3 3, "
+            "Parameter4 4, Parameter5 5, Parameter6 6, Parameter7 7, Parameter8 8, Parameter9 9, "
+            "Parameter: 10, Parameter; 11, Parameter< 12, Parameter= 13, Parameter> 14");
+}
+
+TEST(StructuredException, KeepsTheLowHalfOfTheAddress) {
+  temporary_redirect_structured_exceptions const translated;
+  try {
+    read_nowhere();
+    FAIL();
+  } catch (EStructuredException& error) {
+    int const address = error["Address"];
+    auto const function = static_cast<int>(reinterpret_cast<ULONG_PTR>(&read_nowhere));
+    EXPECT_GE(address, function);
+    EXPECT_LT(address, function + 64);
+  }
+}
+
+TEST(StructuredException, OfUnknownCodeBeginsWithTheCode) {
+  temporary_redirect_structured_exceptions const translated;
+  try {
+    RaiseException(0xC0000099, 0, 0, nullptr);
+    FAIL();
+  } catch (std::exception& error) {
+    EXPECT_TRUE(std::string(error.what()).starts_with("Code: -1073741671 (0xc0000099)\n"))
+        << error.what();
+  }
+}
+
+TEST(StructuredException, MadeByHandIsEmpty) {
+  EXPECT_TRUE(EStructuredException().values().empty());
+}
+
+// What the processor does, kept from the optimiser.
+namespace {
+
+[[gnu::noipa]] void write_nowhere() { *nowhere = 1; }
+
+[[gnu::noipa]] void execute_data() {
+  static char data[] = "\xC3";
+  reinterpret_cast<void (*)()>(reinterpret_cast<ULONG_PTR>(data))();
+}
+
+[[gnu::noipa]] void divide(int volatile& dividend, int volatile& divisor) {
+  result = dividend / divisor;
+}
+
+[[gnu::noipa]] void trap_overflow() { asm volatile("int $4"); }
+[[gnu::noipa]] void undefined_instruction() { asm volatile("ud2"); }
+[[gnu::noipa]] void break_here() { asm volatile("int3"); }
+[[gnu::noipa]] void halt() { asm volatile("hlt"); }
+[[gnu::noipa]] void step() { asm volatile("pushfq; orq $0x100, (%rsp); popfq; nop; nop"); }
+
+[[gnu::noipa]] void divide_floats() {
+  double volatile one = 1, nothing = 0;
+  unsigned const trap_division = 0x1F80 & ~0x200;
+  asm volatile("ldmxcsr %0" : : "m"(trap_division));
+  one = one / nothing;
+}
+
+[[gnu::noipa]] void touch_guard() {
+  void* const page = VirtualAlloc(nullptr, 4096, MEM_COMMIT, PAGE_READWRITE | PAGE_GUARD);
+  result = *static_cast<Address>(page);
+}
+
+}  // namespace
+
+TEST(ProcessorFault, OfEveryKindIsTranslated) {
+  int volatile zero = 0;
+  struct {
+    std::function<void()> action;
+    char const* expected;
+  } const rows[] = {
+      {read_nowhere, "Text Access Violation (read from 0x10), Code -1073741819, Address"},
+      {write_nowhere, "Text Access Violation (write to 0x10), Code -1073741819, Address"},
+      {execute_data, "Text Access Violation (write to 0x"},
+      {[&] { divide(zero, zero); }, "Text Divide by Zero, Code -1073741676, Address"},
+      {trap_overflow, "Text Integer Overflow, Code -1073741675, Address"},
+      {undefined_instruction, "Text Illegal Instruction, Code -1073741795, Address"},
+      {break_here, "Text Breakpoint, Code -2147483645, Address"},
+      {step, "Text Debugger Exception, Code -2147483644, Address"},
+      {halt, "Text Privileged Instruction, Code -1073741674, Address"},
+      {divide_floats, "Text FPU Error, Code "},
+      {touch_guard, "Code -2147483647, Address, Parameter0 0"},
+  };
+  for (auto const& [action, expected] : rows) {
+    auto const list = caught(action);
+    EXPECT_TRUE(list.starts_with(expected)) << list << " instead of " << expected;
+  }
+  unsigned const all_masked = 0x1F80;
+  asm volatile("ldmxcsr %0" : : "m"(all_masked));
+}
+
+// Frames of a module that does not know the library.
+
+TEST(PlainModule, CleansUpInAFrameBetween) {
+  std::string log;
+  caught([&] {
+    plain_module::call([](void*) { read_nowhere(); },
+                       [](void* context) { *static_cast<std::string*>(context) += "cleaned up"; },
+                       &log);
+  });
+  EXPECT_EQ(log, "cleaned up");
+}
+
+TEST(PlainModule, CatchesWhatAFrameFurtherOutTranslates) {
+  temporary_redirect_structured_exceptions const translated;
+  bool caught_there = false;
+  try {
+    caught_there = plain_module::catches([](void*) { read_nowhere(); }, nullptr);
+  } catch (EGeneric&) {
+  }
+  EXPECT_TRUE(caught_there);
+}
+
+// The setting of each thread.
+
+namespace {
+
+constexpr DWORD probe_code = 0xE0000042;
+
+// Called where no frame took the exception; lets the process go on.
+LONG CALLBACK ignore_probe(EXCEPTION_POINTERS* pointers) {
+  return pointers->ExceptionRecord->ExceptionCode == probe_code ? EXCEPTION_CONTINUE_EXECUTION
+                                                                : EXCEPTION_CONTINUE_SEARCH;
+}
+
+bool is_translated() {
+  auto const previous = SetUnhandledExceptionFilter(ignore_probe);
+  bool translated = false;
+  try {
+    RaiseException(probe_code, 0, 0, nullptr);
+  } catch (EStructuredException&) {
+    translated = true;
+  }
+  SetUnhandledExceptionFilter(previous);
+  return translated;
+}
+
+}  // namespace
+
+TEST(Redirection, LastsToTheEndOfItsScope) {
+  EXPECT_FALSE(is_translated());
+  {
+    temporary_redirect_structured_exceptions const outer;
+    EXPECT_TRUE(is_translated());
+    {
+      temporary_redirect_structured_exceptions const inner;
+      EXPECT_TRUE(is_translated());
+    }
+    EXPECT_TRUE(is_translated());
+  }
+  EXPECT_FALSE(is_translated());
+}
+
+TEST(Redirection, IsOfOneThread) {
+  temporary_redirect_structured_exceptions const here;
+  bool before = true, after = false;
+  std::thread([&] {
+    before = is_translated();
+    redirect_structured_exceptions();
+    after = is_translated();
+  }).join();
+  EXPECT_FALSE(before);
+  EXPECT_TRUE(after);
+}
+
+TEST(Redirection, ServesManyThreadsAtOnce) {
+  constexpr int threads = 4, faults = 300;
+  std::atomic<int> count = 0;
+  std::vector<std::thread> all;
+  for (int i = 0; i < threads; ++i)
+    all.emplace_back([&] {
+      redirect_structured_exceptions();
+      for (int fault = 0; fault < faults; ++fault) {
+        try {
+          read_nowhere();
+        } catch (EStructuredException&) {
+          ++count;
+        }
+      }
+    });
+  for (auto& each : all) each.join();
+  EXPECT_EQ(count, threads * faults);
+}
+
+TEST(Redirection, LeavesTheLastErrorAlone) {
+  temporary_redirect_structured_exceptions const translated;
+  try {
+    SetLastError(4711);
+    read_nowhere();
+  } catch (EGeneric&) {
+    EXPECT_EQ(GetLastError(), 4711u);
+  }
+}

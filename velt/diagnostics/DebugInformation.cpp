@@ -1,0 +1,71 @@
+#include <windows.h>
+
+#include <optional>
+
+#include "velt/diagnostics/Settings.h"
+#include "velt/diagnostics/StructuredException.h"
+#include "velt/diagnostics/SymbolsInternal.h"
+#include "velt/diagnostics/TranslatorInternal.h"
+#include "velt/exceptions/EGeneric.h"
+
+namespace {
+
+using velt::detail::engine_hold;
+
+constexpr unsigned int most_frames = 64;
+
+// This function, its caller and the constructor lie between the walk of an own
+// stack and the thrower; so the first two are not inlined, in whole or in part.
+constexpr unsigned int frames_above_thrower = 3;
+
+[[gnu::noipa]] void put_stack(EGeneric& exception, _CONTEXT* context) {
+  unsigned __int64 frames[most_frames] = {};
+  auto const count = StackWalk(frames, context, GetCurrentThread(),
+                               context ? 0 : frames_above_thrower, most_frames);
+  auto address = SymGetActualErrorAddress(frames, count);
+  if (address == 0 && context) address = context->Rip;
+  if (address != 0) {
+    exception.put_value("ModuleName", SymGetModuleFromAddress(address));
+    exception.put_value("AddressName", SymGetFullNameFromAddress(address));
+  }
+  if (count != 0) exception.put_value("Stack", SymGetStackTrace(frames, count));
+}
+
+void put_dump(EGeneric& exception, _EXCEPTION_POINTERS* pointers) {
+  auto const path = EGeneric::SaveMiniDump(pointers, MiniDumpType, GetCurrentThreadId());
+  if (!path.empty()) exception.put_value("MiniDump", path);
+}
+
+}  // namespace
+
+EGeneric::EGeneric(bool extend) {
+  if (extend) ExtendDebugInformation(static_cast<_CONTEXT*>(nullptr));
+}
+
+[[gnu::noipa]] std::string EGeneric::BuildStack(_EXCEPTION_POINTERS* pointers, unsigned int skip,
+                                                void* thread) {
+  engine_hold const hold;  // for both the walk and the names
+  unsigned __int64 frames[most_frames] = {};
+  auto const count =
+      StackWalk(frames, pointers ? pointers->ContextRecord : nullptr, thread, skip, most_frames);
+  return SymGetStackTrace(frames, count);
+}
+
+[[gnu::noipa]] void EGeneric::ExtendDebugInformation(_CONTEXT* context) {
+  bool const watched = velt::detail::throws_are_watched();
+  if (SaveMiniDumpOnCppException && !watched && !dynamic_cast<EStructuredException*>(this))
+    put_dump(*this, nullptr);
+  if (!ExtendDebugInformationFromException) return;
+  // The watch brings the stack of the throw, from a real context.
+  if (!context && watched) return;
+  if (engine_hold const engine; engine) put_stack(*this, context);
+}
+
+[[gnu::noipa]] void EGeneric::ExtendDebugInformation(_EXCEPTION_POINTERS* pointers) {
+  std::optional<engine_hold const> engine;
+  if (SaveMiniDumpOnStructuredException || ExtendDebugInformationFromException) engine.emplace();
+  // Tried without the engine too.
+  if (SaveMiniDumpOnStructuredException) put_dump(*this, pointers);
+  if (ExtendDebugInformationFromException && engine && *engine)
+    put_stack(*this, pointers->ContextRecord);
+}
