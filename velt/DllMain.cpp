@@ -1,6 +1,7 @@
 #include <windows.h>
 
 #include "velt/diagnostics/ThrowWatchingInternal.h"
+#include "velt/threads/SystemThreadPoolInternal.h"
 #include "velt/value/HolderCacheInternal.h"
 
 // Called by the platform under its loader lock: no wait, no call into other
@@ -16,6 +17,7 @@ extern "C" BOOL WINAPI DllMain(HINSTANCE, DWORD reason, void* process_ends) {
       velt::detail::end_thread_of_holder_cache();
       break;
     case DLL_PROCESS_DETACH:
+      if (!process_ends) velt::detail::end_system_thread_pool();
       velt::detail::stop_watching_throws(process_ends);
       // At the end of the process its memory goes as a whole, and threads may
       // have been stopped with the heap's lock in their hands.

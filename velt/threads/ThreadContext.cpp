@@ -1,0 +1,148 @@
+#include "velt/threads/ThreadContext.h"
+
+#include <windows.h>
+
+#include <utility>
+
+#include "velt/exceptions/ExceptionFamily.h"
+#include "velt/threads/LibraryReferenceInternal.h"
+
+namespace {
+
+// Milliseconds: what a thread gets to end by itself, to obey an interruption, and
+// to be gone after it was killed.
+constexpr unsigned int grace = 2000, obedience = 5000, death = 1000;
+
+}  // namespace
+
+SmartPtr<IThreadContext> CreateNewThreadContext(SmartPtr<IThreadOwner> owner) {
+  return SmartPtr<IThreadContext>(new TThreadContext(std::move(owner)));
+}
+
+TThreadContext::TThreadContext(SmartPtr<IThreadOwner> owner) noexcept : Owner(std::move(owner)) {}
+
+// A SmartPtr cannot let exceptions out, so none must come from here. The base has
+// nothing left to wait for.
+TThreadContext::~TThreadContext() noexcept {
+  if (!IsValidHandle()) return;
+  if (is_own_thread()) {
+    if (destroyed) *destroyed = true;
+  } else if (!velt::detail::library_unloads()) {
+    end_thread();
+  }
+  ::CloseHandle(DetachHandle());
+}
+
+void TThreadContext::end_thread() noexcept {
+  if (::WaitForSingleObject(handle, grace) != WAIT_TIMEOUT) return;
+  try {
+    ask_to_end();
+  } catch (ESystemException const&) {
+    // It has just ended, or it will be killed.
+  }
+  if (::WaitForSingleObject(handle, obedience) != WAIT_TIMEOUT) return;
+  ::TerminateThread(handle, 0);
+  ::WaitForSingleObject(handle, death);
+}
+
+bool TThreadContext::is_own_thread() const noexcept {
+  return GetThreadId(handle) == GetCurrentThreadId();
+}
+
+// The thread may end between the question whether it has and the queueing of the
+// call, which is refused then.
+void TThreadContext::Interrupt() {
+  try {
+    InterruptThread(0, obedience);
+  } catch (ESystemException const&) {
+    if (WaitForSingleObject(0, FALSE) != WAIT_OBJECT_0) throw;
+  }
+}
+
+void TThreadContext::Restart() {
+  IThreadContext& self = *this;
+  self.Interrupt();
+  self.Start();
+}
+
+void TThreadContext::Suspend() { TThreadClass::SuspendThread(); }
+void TThreadContext::Resume() { TThreadClass::ResumeThread(); }
+void TThreadContext::SetPriority(int priority) { TThreadClass::SetThreadPriority(priority); }
+void TThreadContext::Start() { StartThread(); }
+
+void TThreadContext::SuspendThread() { Suspend(); }
+void TThreadContext::ResumeThread() { Resume(); }
+void TThreadContext::SetThreadPriority(int priority) { SetPriority(priority); }
+
+void TThreadContext::StartThread() {
+  velt::detail::hold_library();
+  try {
+    TThreadClass::StartThread();
+  } catch (...) {
+    velt::detail::release_library();
+    throw;
+  }
+}
+
+void TThreadContext::DynamicThreadEntry() {
+  TThreadClass::DynamicThreadEntry();
+  velt::detail::leave_library_and_end_thread();
+}
+
+std::string TThreadContext::describe() const { return GetCurrentStack(); }
+
+// Null if the destruction of the context has begun, which waits for this thread.
+SmartPtr<IThreadContext> TThreadContext::own_reference() noexcept {
+  if (!refs.increment_unless_zero()) return nullptr;
+  SmartPtr<IThreadContext> reference(this);
+  refs.decrement();
+  return reference;
+}
+
+void TThreadContext::ThreadBody() {
+  SmartPtr<IThreadJob> job;
+  try {
+    run_jobs(job);
+  } catch (EThreadInterrupt const&) {
+    throw;
+  } catch (...) {
+    if (job) report_job(job);
+    report_end();
+    throw;
+  }
+  report_end();
+}
+
+void TThreadContext::run_jobs(SmartPtr<IThreadJob>& job) {
+  while ((job = Owner->GetJob())) {
+    auto context = own_reference();
+    // The owner has dropped the worker and does not wait for a report.
+    if (!context) throw EThreadInterrupt();
+    job->Run(context);
+    context.reset();
+    report_job(job);
+  }
+}
+
+void TThreadContext::report_job(SmartPtr<IThreadJob>& job) {
+  Owner->JobFinished(job);
+  job.reset();
+}
+
+// An owner that lets the last reference go within the call destroys this object
+// under the thread. There is no way back into it then: the thread ends here, and
+// with it what the owner threw.
+void TThreadContext::report_end() {
+  auto context = own_reference();
+  if (!context) return;
+  bool is_destroyed = false;
+  destroyed = &is_destroyed;
+  SmartPtr<IThreadOwner> owner(Owner);
+  try {
+    owner->ThreadFinished(std::move(context));
+  } catch (...) {
+    if (!is_destroyed) throw;
+  }
+  owner.reset();
+  if (is_destroyed) velt::detail::leave_library_and_end_thread();
+}

@@ -1,0 +1,259 @@
+#include "velt/threads/ThreadPool.h"
+
+#include <windows.h>
+
+#include <cstdint>
+#include <utility>
+#include <vector>
+
+#include "velt/exceptions/ExceptionFamily.h"
+#include "velt/text/Numbers.h"
+#include "velt/threads/ThreadContext.h"
+#include "velt/threads/ThreadPoolInternal.h"
+
+namespace {
+
+constexpr unsigned int idle_limit = 10'000;  // milliseconds
+
+// What a pool is made with where its maker does not say.
+constexpr int default_max = 50, default_min = 0, default_priority = 0,
+              default_limit = 1'000'000;
+
+// A hold of a lock that never waits on the lock's events: once they are made,
+// every later hold would cost calls of the platform. The other holder is gone
+// within microseconds, so this looks again, and sleeps, alertably, where it is
+// not.
+template <bool (TMultiLock::*acquire)(unsigned int)>
+class hold {
+public:
+  explicit hold(TMultiLock& its_lock) : lock(its_lock) {
+    for (int tries = 0; !(lock.*acquire)(0); ++tries) {
+      if (tries < tries_before_yield)
+        YieldProcessor();
+      else if (tries < tries_before_sleep)
+        SwitchToThread();
+      else
+        TThread::Pause();
+    }
+  }
+  hold(hold const&) = delete;
+  hold& operator=(hold const&) = delete;
+  ~hold() { lock.Unlock(); }
+
+private:
+  static constexpr int tries_before_yield = 50, tries_before_sleep = 2000;
+
+  TMultiLock& lock;
+};
+using read_hold = hold<&TMultiLock::ReadLock>;
+using write_hold = hold<&TMultiLock::WriteLock>;
+
+class count_while_alive {
+public:
+  explicit count_while_alive(std::atomic<unsigned int>& its_counter) : counter(its_counter) {
+    ++counter;
+  }
+  count_while_alive(count_while_alive const&) = delete;
+  count_while_alive& operator=(count_while_alive const&) = delete;
+  ~count_while_alive() { --counter; }
+
+private:
+  std::atomic<unsigned int>& counter;
+};
+
+unsigned int as_limit(std::atomic<int> const& limit) noexcept {
+  return static_cast<unsigned int>(limit.load());
+}
+
+std::string decimal(unsigned int count) { return itoa(static_cast<int>(count)); }
+
+using yes_or_no = BOOLEAN(WINAPI*)();
+
+yes_or_no look_up() noexcept {
+  auto const entry = GetProcAddress(GetModuleHandleW(L"ntdll"), "RtlDllShutdownInProgress");
+  return reinterpret_cast<yes_or_no>(reinterpret_cast<void*>(entry));
+}
+
+// Then all other threads are gone, and what they held is held for ever.
+yes_or_no const process_ends = look_up();
+
+}  // namespace
+
+IThreadPool::~IThreadPool() = default;
+
+SmartPtr<IThreadPool> CreateNewThreadPool() {
+  return CreateNewThreadPool(default_max, default_min);
+}
+SmartPtr<IThreadPool> CreateNewThreadPool(int max, int min) {
+  return CreateNewThreadPool(max, min, default_priority);
+}
+SmartPtr<IThreadPool> CreateNewThreadPool(int max, int min, int priority) {
+  return CreateNewThreadPool(max, min, priority, default_limit);
+}
+SmartPtr<IThreadPool> CreateNewThreadPool(int max, int min, int priority, int limit) {
+  return MakeCounted<TThreadPool>(max, min, priority, limit);
+}
+
+TThreadPool::TThreadPool(int max, int min, int priority, int limit)
+    : MaxTotalThreads(max), MinIdleThreads(min), JobSemaphore(limit), ThreadPriority(priority),
+      JobQueueLimit(limit), NoJobsEvent(true, true) {}
+
+// There are no workers then, as each keeps the pool alive, so nothing waits.
+TThreadPool::~TThreadPool() noexcept { TThreadPool::Stop(); }
+
+bool TThreadPool::AddJob(SmartPtr<IThreadJob> job) {
+  if (!TryAddJob(std::move(job)))
+    throw EGeneric({"Text", "Thread pool overflowed"},
+                   {"JobQueueSize", static_cast<int>(queue_size)},
+                   {"ThreadsSize", static_cast<int>(workers_size)});
+  create_thread_if_needed();
+  return queue_size <= as_limit(MaxTotalThreads);
+}
+
+bool TThreadPool::TryAddJob(SmartPtr<IThreadJob> job) {
+  write_hold const hold(QueueLock);
+  if (JobQueue.size() >= static_cast<unsigned int>(JobQueueLimit)) return false;
+  JobQueue.push_back(std::move(job));
+  queue_has_changed();
+  if (++RunningJobs == 1) NoJobsEvent.ResetEvent();
+  JobSemaphore.Release();
+  return true;
+}
+
+SmartPtr<IThreadJob> TThreadPool::PopJob() {
+  write_hold const hold(QueueLock);
+  if (JobQueue.empty()) return nullptr;
+  auto job = std::move(JobQueue.front());
+  JobQueue.pop_front();
+  queue_has_changed();
+  return job;
+}
+
+void TThreadPool::JobFinished(SmartPtr<IThreadJob>) {
+  write_hold const hold(QueueLock);
+  if (--RunningJobs == 0) NoJobsEvent.SetEvent();
+}
+
+void TThreadPool::ClearQueue() {
+  std::deque<SmartPtr<IThreadJob>> dropped;
+  {
+    write_hold const hold(QueueLock);
+    while (JobSemaphore.Lock(0)) {
+    }
+    RunningJobs -= static_cast<unsigned int>(JobQueue.size());
+    JobQueue.swap(dropped);
+    queue_has_changed();
+  }
+  while (!dropped.empty()) dropped.pop_back();
+}
+
+bool TThreadPool::WaitForIdle(int timeoutMs) { return NoJobsEvent.Signaled(timeoutMs); }
+
+// The sizes are read without a lock. They may be stale, and a wrong answer costs a
+// thread too many, or one that comes with the next job.
+bool TThreadPool::NeedMoreThreads() {
+  return IdleThreads < queue_size && workers_size < as_limit(MaxTotalThreads);
+}
+bool TThreadPool::CanThreadLeave() { return IdleThreads > as_limit(MinIdleThreads); }
+bool TThreadPool::TooManyThreads() { return workers_size > as_limit(MaxTotalThreads); }
+
+void TThreadPool::CreateThread() {
+  write_hold const hold(ThreadsLock);
+  auto const created = CreateNewThreadContext(this);
+  Threads.insert(created);
+  workers_have_changed();
+  created->Start();
+  if (int const priority = ThreadPriority) created->SetPriority(priority);
+}
+
+// Asked again under the lock, so that no thread begins behind the back of a
+// Stop() that came in between, and two jobs do not take the last place twice.
+bool TThreadPool::create_thread_if_needed() {
+  if (!NeedMoreThreads()) return false;
+  write_hold const hold(ThreadsLock);
+  if (!NeedMoreThreads()) return false;
+  CreateThread();
+  return true;
+}
+
+SmartPtr<IThreadJob> TThreadPool::GetJob() {
+  if (TooManyThreads()) return nullptr;
+  for (;;) {
+    count_while_alive const idle(IdleThreads);
+    if (JobSemaphore.Lock(idle_limit)) {
+      try {
+        if (auto job = PopJob()) return job;
+      } catch (...) {
+        // Its job is still there for another worker.
+        JobSemaphore.Release();
+        throw;
+      }
+    }
+    if (CanThreadLeave()) return nullptr;
+  }
+}
+
+void TThreadPool::ThreadFinished(SmartPtr<IThreadContext> context) {
+  worker left_before;
+  write_hold const hold(ThreadsLock);
+  if (Threads.erase(context) != 0) {
+    workers_have_changed();
+    left_before = FinishedThread.exchange(std::move(context));
+  }
+  context.reset();
+  // A queue must not be stranded because the last worker died.
+  if (Threads.empty() && NeedMoreThreads()) CreateThread();
+}
+
+void TThreadPool::SetLimits(int maxTotalThreads, int minIdleThreads, int priority) {
+  MaxTotalThreads.exchange(maxTotalThreads);
+  MinIdleThreads.exchange(minIdleThreads);
+  ThreadPriority = priority;
+  while (create_thread_if_needed()) {
+  }
+}
+
+void TThreadPool::Stop() {
+  if (process_ends && process_ends()) return;
+  MinIdleThreads.exchange(0);
+  MaxTotalThreads.exchange(0);
+  ClearQueue();
+  interrupt_workers();
+  ClearQueue();
+  drop_workers();
+}
+
+void TThreadPool::interrupt_workers() {
+  std::vector<worker> workers;
+  {
+    read_hold const hold(ThreadsLock);
+    workers.assign(Threads.begin(), Threads.end());
+  }
+  for (auto const& each : workers) each->Interrupt();
+}
+
+void TThreadPool::drop_workers() {
+  std::set<worker> dropped;
+  {
+    write_hold const hold(ThreadsLock);
+    Threads.swap(dropped);
+    workers_have_changed();
+  }
+  dropped.clear();
+  FinishedThread.reset();
+}
+
+void TThreadPool::queue_has_changed() noexcept {
+  queue_size = static_cast<unsigned int>(JobQueue.size());
+}
+void TThreadPool::workers_have_changed() noexcept {
+  workers_size = static_cast<unsigned int>(Threads.size());
+}
+
+std::string TThreadPool::describe() const {
+  auto const address = static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(this));
+  return "Thread Pool 0x" + itoa(static_cast<int>(address), 16) +
+         " RunningJobs=" + decimal(RunningJobs) + " Threads=" + decimal(workers_size) +
+         " Queue=" + decimal(queue_size) + " Idle=" + decimal(IdleThreads) +
+         " MaxTotalThreads=" + itoa(MaxTotalThreads) + " MinIdleThreads=" + itoa(MinIdleThreads);
+}
