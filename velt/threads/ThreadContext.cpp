@@ -34,15 +34,15 @@ TThreadContext::~TThreadContext() noexcept {
 }
 
 void TThreadContext::end_thread() noexcept {
-  if (::WaitForSingleObject(handle, grace) != WAIT_TIMEOUT) return;
+  if (::WaitForSingleObjectEx(handle, grace, FALSE) != WAIT_TIMEOUT) return;
   try {
     ask_to_end();
   } catch (ESystemException const&) {
     // It has just ended, or it will be killed.
   }
-  if (::WaitForSingleObject(handle, obedience) != WAIT_TIMEOUT) return;
+  if (::WaitForSingleObjectEx(handle, obedience, FALSE) != WAIT_TIMEOUT) return;
   ::TerminateThread(handle, 0);
-  ::WaitForSingleObject(handle, death);
+  ::WaitForSingleObjectEx(handle, death, FALSE);
 }
 
 bool TThreadContext::is_own_thread() const noexcept {

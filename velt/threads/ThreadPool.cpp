@@ -24,9 +24,9 @@ constexpr int default_max = 50, default_min = 0, default_priority = 0,
 // within microseconds, so this looks again, and sleeps, alertably, where it is
 // not.
 template <bool (TMultiLock::*acquire)(unsigned int)>
-class hold {
+class short_hold {
 public:
-  explicit hold(TMultiLock& its_lock) : lock(its_lock) {
+  explicit short_hold(TMultiLock& its_lock) : lock(its_lock) {
     for (int tries = 0; !(lock.*acquire)(0); ++tries) {
       if (tries < tries_before_yield)
         YieldProcessor();
@@ -36,17 +36,17 @@ public:
         TThread::Pause();
     }
   }
-  hold(hold const&) = delete;
-  hold& operator=(hold const&) = delete;
-  ~hold() { lock.Unlock(); }
+  short_hold(short_hold const&) = delete;
+  short_hold& operator=(short_hold const&) = delete;
+  ~short_hold() { lock.Unlock(); }
 
 private:
   static constexpr int tries_before_yield = 50, tries_before_sleep = 2000;
 
   TMultiLock& lock;
 };
-using read_hold = hold<&TMultiLock::ReadLock>;
-using write_hold = hold<&TMultiLock::WriteLock>;
+using read_hold = short_hold<&TMultiLock::ReadLock>;
+using write_hold = short_hold<&TMultiLock::WriteLock>;
 
 class count_while_alive {
 public:
