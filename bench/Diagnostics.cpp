@@ -4,9 +4,11 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <string>
 
 #include "bench/Rows.h"
 #include "velt/diagnostics/Symbols.h"
+#include "velt/exceptions/EGeneric.h"
 
 namespace bench {
 namespace {
@@ -89,6 +91,45 @@ void ask_bare(address frame) {
   keep(SymGetLineFromAddr64(process, frame, &column, &line));
 }
 
+// Where the dumps go.
+void enter_temporary_folder() {
+  static bool const entered = [] {
+    char folder[MAX_PATH];
+    return GetTempPathA(MAX_PATH, folder) && SetCurrentDirectoryA(folder);
+  }();
+  if (!entered) abort();
+}
+
+// A dump of a fault that lies here.
+template <class Write>
+void dump_here(Write write) {
+  hold_engine();
+  enter_temporary_folder();
+  CONTEXT context;
+  RtlCaptureContext(&context);
+  EXCEPTION_RECORD record{};
+  record.ExceptionCode = EXCEPTION_ACCESS_VIOLATION;
+  EXCEPTION_POINTERS pointers{&record, &context};
+  std::string const path = write(&pointers);
+  if (!DeleteFileA(path.c_str())) abort();
+}
+
+std::string dump(EXCEPTION_POINTERS* pointers) {
+  return EGeneric::SaveMiniDump(pointers, MiniDumpNormal, GetCurrentThreadId());
+}
+
+std::string dump_bare(EXCEPTION_POINTERS* pointers) {
+  std::string const path = "velt-bench.dmp";
+  HANDLE const file = CreateFileA(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr,
+                                  CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+  MINIDUMP_EXCEPTION_INFORMATION exception{GetCurrentThreadId(), pointers, TRUE};
+  if (!MiniDumpWriteDump(GetCurrentProcess(), GetCurrentProcessId(), file, MiniDumpNormal,
+                         &exception, nullptr, nullptr))
+    abort();
+  CloseHandle(file);
+  return path;
+}
+
 }  // namespace
 
 std::vector<Row> diagnostics_rows() {
@@ -102,6 +143,10 @@ std::vector<Row> diagnostics_rows() {
        {{"SymGet...FromAddr64", 1.1, loop([] {
            for (auto const frame : input(stack()).frames) ask_bare(frame);
          })}}},
+
+      {"dump",
+       loop([] { dump_here(dump); }),
+       {{"MiniDumpWriteDump", 1.1, loop([] { dump_here(dump_bare); })}}},
   };
 }
 

@@ -62,7 +62,8 @@ struct Timing {
 };
 
 // Runs velt and its peers in turn, round after round, each with the number of
-// passes that fills its share of a round. Takes about 0.1 s for each of them.
+// passes that fills its share of a round. Takes about 0.1 s for each of them, but
+// up to 10 s or six passes of each where one pass is slow.
 Timing measure(Row const& row);
 
 enum class Verdict { ok, missed, shown };

@@ -7,6 +7,8 @@
 #include "bench/Harness.h"
 #include "bench/Rows.h"
 #include "bench/Sizes.h"
+#include "velt/diagnostics/Settings.h"
+#include "velt/diagnostics/Settings.h"
 
 namespace {
 
@@ -33,7 +35,7 @@ std::vector<Row> all_rows() {
   std::vector<Row> all;
   for (auto const rows : {bench::value_rows, bench::text_rows, bench::time_rows,
                           bench::exception_rows, bench::lock_rows, bench::debug_rows,
-                          bench::os_rows, bench::diagnostics_rows})
+                          bench::os_rows, bench::diagnostics_rows, bench::thread_rows})
     std::ranges::move(rows(), std::back_inserter(all));
   return all;
 }
@@ -95,13 +97,21 @@ void print_tab_separated(Line const& line) {
 constexpr char heading[] =
     "row                  ns velt  peer                    ns peer  ratio  goal\n";
 
+// In eight columns.
+void print_time(double nanoseconds) {
+  std::printf(nanoseconds < 1e6 ? "%8.1f" : "%8.3g", nanoseconds);
+}
+
 void print_for_people(Line const& line, bool first_of_row) {
   auto const [ratio, verdict] = bench::compare(line.velt, line.peer_time, line.goal);
+  std::printf("%-20s", first_of_row ? line.row : "");
   if (first_of_row)
-    std::printf("%-20s%8.1f", line.row, line.velt);
+    print_time(line.velt);
   else
-    std::printf("%28s", "");
-  std::printf("  %-23s%8.1f%7.3f", line.peer, line.peer_time, ratio);
+    std::printf("%8s", "");
+  std::printf("  %-23s", line.peer);
+  print_time(line.peer_time);
+  std::printf("%7.3f", ratio);
   if (verdict == Verdict::shown)
     std::printf("     -");
   else
@@ -137,6 +147,10 @@ void run_rows(std::vector<Row> const& rows, Options const& options) {
 }  // namespace
 
 int main(int count, char** arguments) {
+  // Rows that throw measure the throw.
+  SaveMiniDumpOnStructuredException = SaveMiniDumpOnCppException = false;
+  // The rows that throw are about the throw, not about a dump of it.
+  SaveMiniDumpOnCppException = false;
   auto const rows = all_rows();
   auto const options = read({arguments + 1, arguments + count}, rows);
   if (!options.mistake.empty()) {

@@ -15,5 +15,6 @@ std::vector<Row> lock_rows();
 std::vector<Row> debug_rows();
 std::vector<Row> os_rows();
 std::vector<Row> diagnostics_rows();
+std::vector<Row> thread_rows();
 
 }  // namespace bench

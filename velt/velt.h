@@ -11,6 +11,7 @@
 #include "velt/debug/TimeStamp.h"
 #include "velt/diagnostics/MiniDump.h"
 #include "velt/diagnostics/Settings.h"
+#include "velt/diagnostics/StructuredException.h"
 #include "velt/diagnostics/Symbols.h"
 #include "velt/exceptions/Condition.h"
 #include "velt/exceptions/EGeneric.h"

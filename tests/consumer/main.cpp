@@ -82,12 +82,28 @@ void catch_from_the_library() {
   expect_equal("exception of the library", "none", "ESystemException");
 }
 
+int read(int const volatile* address) { return *address; }
+
+// The flags that the package hands on make a fault an exception.
+void catch_a_fault() {
+  redirect_structured_exceptions();
+  try {
+    read(reinterpret_cast<int const volatile*>(0x10));
+  } catch (EStructuredException const& error) {
+    expect_equal("text of a fault", error["Text"].as_string(), "Access Violation (read from 0x10)");
+    return;
+  }
+  expect_equal("exception for a fault", "none", "EStructuredException");
+}
+
 }  // namespace
 
 int main() {
+  SaveMiniDumpOnStructuredException = SaveMiniDumpOnCppException = false;
   check_versions();
   use_an_object();
   use_an_exception();
   catch_from_the_library();
+  catch_a_fault();
   return failures ? 1 : 0;
 }

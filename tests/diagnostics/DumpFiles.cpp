@@ -62,9 +62,10 @@ private:
 class InFolder {
 public:
   InFolder() { std::filesystem::current_path(folder.path()); }
-  ~InFolder() { std::filesystem::current_path(folder.path().parent_path()); }
+  ~InFolder() { std::filesystem::current_path(before); }
 
 private:
+  std::filesystem::path const before = std::filesystem::current_path();
   velt_test::scratch_folder folder;
 };
 

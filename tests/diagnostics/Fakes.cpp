@@ -126,7 +126,7 @@ Fresh::Fresh() {
 
 Fresh::~Fresh() {
   restore_settings();
-  std::filesystem::current_path(folder.path().parent_path());
+  std::filesystem::current_path(before);
 }
 
 CRITICAL_SECTION* heap_section() {

@@ -8,6 +8,7 @@
 #include <dbghelp.h>
 #undef StackWalk
 
+#include <filesystem>
 #include <map>
 #include <string>
 #include <vector>
@@ -64,6 +65,7 @@ public:
   ~Fresh();
 
 private:
+  std::filesystem::path const before = std::filesystem::current_path();
   scratch_folder folder;
 };
 

@@ -11,6 +11,7 @@
 
 #include <string>
 
+#include "velt/diagnostics/Settings.h"
 #include "velt/exceptions/ExceptionFamily.h"
 #include "velt/locks/Event.h"
 #include "velt/locks/Mutex.h"
@@ -52,6 +53,7 @@ int wait(char const* timer_name) {
 }  // namespace
 
 int main(int count, char** arguments) {
+  SaveMiniDumpOnCppException = false;
   std::string const command = count > 2 ? arguments[1] : "";
   try {
     if (command == "own" && count == 4) return own(arguments[2], arguments[3]);

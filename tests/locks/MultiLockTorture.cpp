@@ -10,28 +10,23 @@
 
 #include <algorithm>
 #include <atomic>
-#include <charconv>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
-#include <optional>
 #include <random>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "tests/support/TortureOptions.h"
+#include "velt/diagnostics/Settings.h"
 #include "velt/exceptions/ExceptionFamily.h"
 #include "velt/locks/MultiLock.h"
 
 namespace {
 
-struct Options {
-  unsigned int seconds = 4;
-  unsigned int seed = 0;
-  unsigned int threads = 8;
-};
+using Options = velt_test::TortureOptions;
 
 struct Interrupted {};
 
@@ -373,40 +368,9 @@ void torture(Options const& options) {
     fail(lock, "some outcome never occurred");
 }
 
-std::optional<unsigned int> number(char const* text) {
-  unsigned int value = 0;
-  char const* const end = text + std::strlen(text);
-  auto const result = std::from_chars(text, end, value);
-  if (result.ec != std::errc() || result.ptr != end) return std::nullopt;
-  return value;
-}
-
-std::optional<Options> parse(int count, char** arguments) {
-  Options options;
-  options.seed = static_cast<unsigned int>(GetTickCount64());
-  for (int i = 1; i < count; i += 2) {
-    std::string const name = arguments[i];
-    auto const value = i + 1 < count ? number(arguments[i + 1]) : std::nullopt;
-    if (!value) return std::nullopt;
-    if (name == "--seconds")
-      options.seconds = *value;
-    else if (name == "--seed")
-      options.seed = *value;
-    else if (name == "--threads" && *value >= 2 && *value <= 64)
-      options.threads = *value;
-    else
-      return std::nullopt;
-  }
-  return options;
-}
-
 }  // namespace
 
 int main(int count, char** arguments) {
-  auto const options = parse(count, arguments);
-  if (!options) {
-    std::fputs("usage: multilock_torture [--seconds N] [--seed S] [--threads 2..64]\n", stderr);
-    return 2;
-  }
-  torture(*options);
+  SaveMiniDumpOnCppException = false;
+  torture(velt_test::torture_options(count, arguments, "--threads", 8, 2, 64));
 }

@@ -10,11 +10,9 @@
 #include <windows.h>
 
 #include <atomic>
-#include <charconv>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <iterator>
 #include <memory>
 #include <optional>
@@ -25,7 +23,9 @@
 
 #include "tests/locks/OpenLock.h"
 #include "tests/support/OpenHandles.h"
+#include "tests/support/TortureOptions.h"
 #include "velt/debug/DebugStream.h"
+#include "velt/diagnostics/Settings.h"
 #include "velt/exceptions/ExceptionFamily.h"
 #include "velt/locks/Event.h"
 #include "velt/locks/MultiLock.h"
@@ -38,11 +38,7 @@ namespace {
 
 using velt_test::OpenLock;
 
-struct Options {
-  unsigned int seconds = 4;
-  unsigned int seed = 0;
-  unsigned int pairs = 2;
-};
+using Options = velt_test::TortureOptions;
 
 // Every way to fail ends the program, as the threads cannot be trusted then.
 [[noreturn]] void fail(char const* wait, std::string const& fault) {
@@ -322,7 +318,7 @@ Counts run_pairs(Options const& options, ULONGLONG milliseconds) {
   std::atomic<bool> stop = false;
   std::vector<std::unique_ptr<Interrupter>> pairs;
   std::vector<std::jthread> threads;
-  for (unsigned int i = 0; i < options.pairs; ++i) {
+  for (unsigned int i = 0; i < options.threads; ++i) {
     pairs.push_back(std::make_unique<Interrupter>(options.seed * 1'000u + i, stop));
     threads.emplace_back([&pair = *pairs.back()] { pair.work(); });
   }
@@ -341,12 +337,16 @@ Counts run_pairs(Options const& options, ULONGLONG milliseconds) {
 }
 
 void torture(Options const& options) {
-  std::printf("interruption_torture: seed %u, %u pairs, %u s\n", options.seed, options.pairs,
+  std::printf("interruption_torture: seed %u, %u pairs, %u s\n", options.seed, options.threads,
               options.seconds);
   std::fflush(stdout);
   Debug.AddWriter(MakeCounted<RunawayAlarm>());
 
   // What is opened once for good, is so now.
+  try {
+    ThrowSystemException(ERROR_GEN_FAILURE);
+  } catch (ESystemException const&) {
+  }
   run_pairs(options, 300);
   long const handles = velt_test::open_handles();
   Counts const counts = run_pairs(options, options.seconds * 1'000ull);
@@ -358,46 +358,15 @@ void torture(Options const& options) {
     if (counts.interrupted[i] == 0) fail(waits[i].name, "was never interrupted");
     total += counts.interrupted[i];
   }
-  std::printf("%llu interrupted out of %u kinds of waits, %llu before they began, %llu in the gap\n",
+  std::printf("%llu interrupted in %u kinds of waits, %llu before they began, %llu in the gap\n",
               static_cast<unsigned long long>(total), static_cast<unsigned>(std::size(waits)),
               static_cast<unsigned long long>(counts.skipped),
               static_cast<unsigned long long>(counts.in_gap));
 }
 
-std::optional<unsigned int> number(char const* text) {
-  unsigned int value = 0;
-  char const* const end = text + std::strlen(text);
-  auto const result = std::from_chars(text, end, value);
-  if (result.ec != std::errc() || result.ptr != end) return std::nullopt;
-  return value;
-}
-
-std::optional<Options> parse(int count, char** arguments) {
-  Options options;
-  options.seed = static_cast<unsigned int>(GetTickCount64());
-  for (int i = 1; i < count; i += 2) {
-    std::string const name = arguments[i];
-    auto const value = i + 1 < count ? number(arguments[i + 1]) : std::nullopt;
-    if (!value) return std::nullopt;
-    if (name == "--seconds")
-      options.seconds = *value;
-    else if (name == "--seed")
-      options.seed = *value;
-    else if (name == "--pairs" && *value >= 1 && *value <= 16)
-      options.pairs = *value;
-    else
-      return std::nullopt;
-  }
-  return options;
-}
-
 }  // namespace
 
 int main(int count, char** arguments) {
-  auto const options = parse(count, arguments);
-  if (!options) {
-    std::fputs("usage: interruption_torture [--seconds N] [--seed S] [--pairs 1..16]\n", stderr);
-    return 2;
-  }
-  torture(*options);
+  SaveMiniDumpOnCppException = false;
+  torture(velt_test::torture_options(count, arguments, "--pairs", 2, 1, 16));
 }

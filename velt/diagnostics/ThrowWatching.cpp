@@ -83,6 +83,14 @@ private:
   DWORD const error = GetLastError();
 };
 
+// Looked up by name: not every platform has them.
+struct platform_entries {
+  decltype(&::AddVectoredExceptionHandler) AddVectoredExceptionHandler = nullptr;
+  decltype(&::RemoveVectoredExceptionHandler) RemoveVectoredExceptionHandler = nullptr;
+};
+constinit platform_entries platform;
+constinit void* VectoredHandlerHandle = nullptr;
+
 bool is_for_debuggers(DWORD code) noexcept { return (code & 0xFFFF0000) == 0x40010000; }
 
 // The first have all that there is to have, from their constructors; the second
@@ -93,7 +101,8 @@ bool is_of_no_interest(_EXCEPTION_POINTERS const* pointers) {
 }
 
 LONG WINAPI WatchExceptions(_EXCEPTION_POINTERS* pointers) {
-  if (is_for_debuggers(pointers->ExceptionRecord->ExceptionCode) || !UseVEH)
+  if (is_for_debuggers(pointers->ExceptionRecord->ExceptionCode) || !UseVEH ||
+      !throws_are_watched())
     return EXCEPTION_CONTINUE_SEARCH;
   // What is done here may itself throw and catch.
   if (active_scope::exists()) return EXCEPTION_CONTINUE_SEARCH;
@@ -107,14 +116,6 @@ LONG WINAPI WatchExceptions(_EXCEPTION_POINTERS* pointers) {
   }
   return EXCEPTION_CONTINUE_SEARCH;
 }
-
-// Looked up by name: not every platform has them.
-struct platform_entries {
-  decltype(&::AddVectoredExceptionHandler) AddVectoredExceptionHandler = nullptr;
-  decltype(&::RemoveVectoredExceptionHandler) RemoveVectoredExceptionHandler = nullptr;
-};
-constinit platform_entries platform;
-constinit void* VectoredHandlerHandle = nullptr;
 
 template <class Entry>
 void look_up(Entry& entry, HMODULE module, char const* name) noexcept {
@@ -137,10 +138,7 @@ void start_watching_throws() {
 void stop_watching_throws(bool process_ends) noexcept {
   void* const handle = std::exchange(VectoredHandlerHandle, nullptr);
   // The platform would wait for its lock and free memory.
-  if (process_ends)
-    UseVEH = false;
-  else if (handle)
-    platform.RemoveVectoredExceptionHandler(handle);
+  if (handle && !process_ends) platform.RemoveVectoredExceptionHandler(handle);
 }
 
 }  // namespace velt::detail

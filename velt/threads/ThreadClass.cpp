@@ -7,7 +7,6 @@
 
 #include "velt/debug/DebugStream.h"
 #include "velt/diagnostics/StructuredException.h"
-#include "velt/diagnostics/Symbols.h"
 #include "velt/exceptions/ExceptionFamily.h"
 #include "velt/threads/RunawayTextInternal.h"
 #include "velt/threads/StackGuaranteeInternal.h"
@@ -70,19 +69,6 @@ void TThreadClass::ThrowEThreadInterrupt() {
 
 void TThreadClass::ThrowEThreadInterrupt(unsigned __int64 object) {
   reinterpret_cast<TThreadClass*>(object)->ThrowEThreadInterrupt();
-}
-
-std::string TThreadClass::GetCurrentStack() const {
-  std::string text;
-  if (::SuspendThread(handle) != 0) return text;
-  CONTEXT context{};
-  context.ContextFlags = CONTEXT_FULL;
-  if (GetThreadContext(handle, &context)) {
-    unsigned __int64 frames[64] = {};
-    text = SymGetStackTrace(frames, StackWalk(frames, &context, handle, 0, 64));
-  }
-  ::ResumeThread(handle);
-  return text;
 }
 
 void TThreadClass::OnException() {}

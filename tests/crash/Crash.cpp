@@ -1,0 +1,159 @@
+// Ends in the way that its argument names. Says on the way how it ends.
+#include <windows.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <string_view>
+
+#include "tests/crash/Crash.h"
+#include "velt/diagnostics/Settings.h"
+#include "velt/diagnostics/StructuredException.h"
+
+namespace crash {
+
+void say(char const* text) {
+  std::fputs(text, stdout);
+  std::fflush(stdout);
+}
+
+Note::~Note() { say("cleaned up. "); }
+
+void nothing() { asm volatile(""); }
+
+int read(int const volatile* address) { return *address; }
+
+int const volatile* volatile nowhere = reinterpret_cast<int const volatile*>(0x10);
+
+}  // namespace crash
+
+namespace {
+
+using namespace crash;
+
+// In place of the platform's dialogue. The process ends with the code.
+LONG CALLBACK say_unhandled(EXCEPTION_POINTERS* pointers) {
+  std::printf("unhandled %lx", pointers->ExceptionRecord->ExceptionCode);
+  std::fflush(stdout);
+  return EXCEPTION_EXECUTE_HANDLER;
+}
+
+[[noreturn]] void say_terminated() {
+  try {
+    std::rethrow_exception(std::current_exception());
+  } catch (EGeneric& error) {
+    std::printf("terminated by %s", error.get_value("Text").as_string().c_str());
+  } catch (...) {
+    std::printf("terminated by something else");
+  }
+  std::fflush(stdout);
+  std::_Exit(3);
+}
+
+void fault_without_translator() {
+  try {
+    Note const note;
+    read(nowhere);
+  } catch (...) {
+    say("caught");
+  }
+}
+
+void fault_without_try() {
+  redirect_structured_exceptions();
+  Note const note;
+  read(nowhere);
+}
+
+void break_without_try() {
+  redirect_structured_exceptions();
+  Note const note;
+  DebugBreak();
+}
+
+void fault_under_other_handlers() {
+  redirect_structured_exceptions();
+  try {
+    Note const note;
+    read(nowhere);
+  } catch (int) {
+    say("caught");
+  }
+}
+
+// Runs it under a handler of everything, which the compiler must take for one
+// that is needed.
+[[gnu::noipa]] void guarded(void (*action)()) {
+  redirect_structured_exceptions();
+  try {
+    action();
+  } catch (...) {
+    say("caught");
+  }
+}
+
+[[gnu::noipa]] void call_noexcept() noexcept {
+  nothing();
+  read(nowhere);
+}
+
+[[gnu::noipa]] int read_noexcept(int const volatile* address) noexcept {
+  nothing();
+  return *address;
+}
+
+struct FaultsAtItsEnd {
+  ~FaultsAtItsEnd() { read(nowhere); }
+};
+
+struct MayThrowAtItsEnd {
+  ~MayThrowAtItsEnd() noexcept(false) { read(nowhere); }
+};
+
+void fault_below_noexcept() {
+  guarded([] { call_noexcept(); });
+}
+void fault_in_noexcept() {
+  guarded([] { read_noexcept(nowhere); });
+}
+void fault_in_destructor() {
+  guarded([] { FaultsAtItsEnd const object; });
+}
+void fault_in_unwinding() {
+  guarded([] {
+    MayThrowAtItsEnd const object;
+    throw 1;
+  });
+}
+void fault_without_the_option() {
+  guarded([] { read_without_the_option(nowhere); });
+}
+
+constexpr struct {
+  std::string_view name;
+  void (*run)();
+} ways[] = {
+    {"fault_without_translator", fault_without_translator},
+    {"fault_without_try", fault_without_try},
+    {"break_without_try", break_without_try},
+    {"fault_under_other_handlers", fault_under_other_handlers},
+    {"fault_below_noexcept", fault_below_noexcept},
+    {"fault_in_noexcept", fault_in_noexcept},
+    {"fault_in_destructor", fault_in_destructor},
+    {"fault_in_unwinding", fault_in_unwinding},
+    {"fault_without_the_option", fault_without_the_option},
+};
+
+}  // namespace
+
+int main(int count, char** arguments) {
+  SaveMiniDumpOnStructuredException = SaveMiniDumpOnCppException = false;
+  SetUnhandledExceptionFilter(say_unhandled);
+  std::set_terminate(say_terminated);
+  for (auto const& [name, run] : ways)
+    if (count == 2 && name == arguments[1]) {
+      run();
+      return 0;
+    }
+  return 1;
+}

@@ -1,0 +1,206 @@
+// The examples of docs/threads.md, run.
+#include <gtest/gtest.h>
+#include <windows.h>
+
+#include <atomic>
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/support/DocExamples.h"
+#include "tests/threads/Support.h"
+#include "velt/debug/DebugStream.h"
+#include "velt/exceptions/ExceptionFamily.h"
+#include "velt/locks/Event.h"
+#include "velt/locks/Lock.h"
+#include "velt/locks/MultiLock.h"
+#include "velt/locks/Mutex.h"
+#include "velt/locks/Semaphore.h"
+#include "velt/threads/ThreadClass.h"
+
+using velt_test::Worker;
+
+namespace {
+
+// Sums up, on a thread of its own, what others give it.
+class Adder final : public TThreadClass {
+public:
+  // Waits until the thread has let go of the object.
+  ~Adder() {
+    closed.Set();
+    given.Unlock();
+    if (IsValidHandle()) WaitForSingleObject(0xFFFFFFFF, false);
+  }
+
+  void add(int number) {
+    {
+      TLock guard(lock);
+      numbers.push_back(number);
+    }
+    given.Unlock();
+  }
+
+  void ThreadBody() override {
+    for (;;) {
+      given.Lock();  // an interruption comes out of here
+      if (closed.Signaled(0)) return;
+      TLock guard(lock);
+      sum += numbers.back();
+      numbers.pop_back();
+    }
+  }
+
+  std::atomic<int> sum = 0;
+
+private:
+  TMultiLock lock;
+  std::vector<int> numbers;
+  TSemaphore given{1'000, 0};
+  TEvent closed;
+};
+
+bool is_prime(int candidate) {
+  for (int divisor = 2; divisor * divisor <= candidate; ++divisor)
+    if (candidate % divisor == 0) return false;
+  return true;
+}
+
+int count_primes(int limit) {
+  int count = 0;
+  for (int candidate = 2; candidate < limit; ++candidate) {
+    count += is_prime(candidate);
+    if (candidate % 10'000 == 0) TThread::Pause();
+  }
+  return count;
+}
+
+struct Request {
+  std::function<void()> run;
+  bool failed = false;
+};
+
+void serve(Request& request) {
+  try {
+    request.run();
+  } catch (EThreadInterrupt const&) {
+    throw;
+  } catch (...) {
+    request.failed = true;
+  }
+}
+
+// Tells the reader to stop, and lets it use the buffer up to then.
+struct ReaderGuard {
+  ~ReaderGuard() {
+    stop.Set();
+    stopped.WaitForSingleObject(0xFFFFFFFF, false);
+  }
+  TEvent& stop;
+  TEvent& stopped;
+};
+
+struct Account {
+  int balance;
+  TMutex lock;
+};
+
+// Both accounts or none.
+void transfer(Account& from, Account& to, int amount) {
+  TLock first(from.lock), second(to.lock);  // an interruption comes here, or after
+  from.balance -= amount;
+  TThread::Sleep(1, false);
+  to.balance += amount;
+}
+
+void report(TDebugStream& log, TThreadClass const& thread) {
+  std::string const stack = thread.GetCurrentStack();
+  if (!stack.empty()) log << "(!) still busy:" << stack << "\n";
+}
+
+constexpr unsigned int obey = 20'000;
+
+}  // namespace
+
+TEST(ThreadDocExamples, StandOnThePageAsTheyRunHere) {
+  velt_test::expect_doc_examples_run("threads.md", __FILE__);
+}
+
+TEST(ThreadDocExamples, Adder) {
+  Adder adder;
+  adder.StartThread();
+  adder.add(40);
+  adder.add(2);
+  while (adder.sum != 42) TThread::Pause();
+  adder.InterruptThread(0, 5'000);
+  EXPECT_EQ(adder.sum, 42);
+
+  Adder closed_at_once, never_started;
+  closed_at_once.StartThread();
+  EXPECT_EQ(::WaitForSingleObject(adder, 0), WAIT_OBJECT_0);
+}
+
+TEST(ThreadDocExamples, ComputationIsInterruptedInItsPauses) {
+  EXPECT_EQ(count_primes(100), 25);
+  bool went_on = false;
+  Worker worker([&] {
+    for (;;) count_primes(100'000);
+    went_on = true;
+  });
+  worker.start_into_body();
+  worker.InterruptThread(0, obey);
+  EXPECT_EQ(worker.InterruptState, Worker::Idle);
+  EXPECT_FALSE(went_on);
+}
+
+TEST(ThreadDocExamples, HandlerOfEverythingThrowsTheInterruptionOn) {
+  Request failing{[] { throw std::runtime_error("bad request"); }},
+      interrupted{[] { throw EThreadInterrupt(); }};
+  serve(failing);
+  EXPECT_TRUE(failing.failed);
+  EXPECT_THROW(serve(interrupted), EThreadInterrupt);
+  EXPECT_FALSE(interrupted.failed);
+}
+
+TEST(ThreadDocExamples, DestructorThatWaitsDeafSurvivesASecondInterruption) {
+  TEvent stop, stopped, never;
+  Worker worker([&] {
+    ReaderGuard const guard{stop, stopped};
+    never.WaitForSignal();
+  });
+  worker.start_into_body();
+  std::jthread const first([&] { worker.interrupt(obey); });
+  stop.WaitForSignal();
+  std::jthread const second([&] { worker.interrupt(obey); });
+  ::Sleep(30);
+  stopped.Set();
+  EXPECT_TRUE(worker.ended_within(obey));
+}
+
+TEST(ThreadDocExamples, TransferIsDoneOrNotBegun) {
+  Account one{1'000'000, {}}, other{0, {}};
+  for (int round = 0; round < 20; ++round) {
+    Worker worker([&] {
+      for (;;) {
+        transfer(one, other, 1);
+        TThread::Pause();
+      }
+    });
+    worker.start_into_body();
+    ::Sleep(static_cast<DWORD>(round % 4));
+    worker.interrupt(obey);
+    EXPECT_EQ(one.balance + other.balance, 1'000'000);
+  }
+}
+
+TEST(ThreadDocExamples, ReportOfABusyThread) {
+  auto const writer = MakeCounted<RecordingWriter>();
+  TDebugStream log(writer);
+  TEvent end;
+  Worker worker([&] { end.WaitForSignal(); });
+  worker.start_into_body();
+  report(log, worker);
+  EXPECT_TRUE(writer->all().starts_with("(!) still busy:\n-> ")) << writer->all();
+  end.Set();
+}
