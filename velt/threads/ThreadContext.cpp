@@ -116,10 +116,15 @@ void TThreadContext::ThreadBody() {
 void TThreadContext::run_jobs(SmartPtr<IThreadJob>& job) {
   while ((job = Owner->GetJob())) {
     auto context = own_reference();
-    // The owner has dropped the worker and does not wait for a report.
+    // The owner has dropped the worker and waits for no report.
     if (!context) throw EThreadInterrupt();
-    job->Run(context);
-    context.reset();
+    try {
+      job->Run(context);
+    } catch (...) {
+      drop_own_reference(context, job);
+      throw;
+    }
+    drop_own_reference(context, job);
     report_job(job);
   }
 }
@@ -129,20 +134,35 @@ void TThreadContext::report_job(SmartPtr<IThreadJob>& job) {
   job.reset();
 }
 
-// An owner that lets the last reference go within the call destroys this object
-// under the thread. There is no way back into it then: the thread ends here, and
-// with it what the owner threw.
+void TThreadContext::drop_own_reference(SmartPtr<IThreadContext>& context,
+                                        SmartPtr<IThreadJob>& job) {
+  outlive_object([&](IThreadOwner&, bool const& is_destroyed) {
+    context.reset();
+    if (is_destroyed) job.reset();
+  });
+}
+
 void TThreadContext::report_end() {
   auto context = own_reference();
   if (!context) return;
+  outlive_object([&](IThreadOwner& owner, bool const&) {
+    owner.ThreadFinished(std::move(context));
+  });
+}
+
+// Where the last reference to this object goes on its own thread, there is no way
+// back into it: the thread ends here, and with it what the step threw.
+template <class Step>
+void TThreadContext::outlive_object(Step step) {
   bool is_destroyed = false;
   destroyed = &is_destroyed;
   SmartPtr<IThreadOwner> owner(Owner);
   try {
-    owner->ThreadFinished(std::move(context));
+    step(*owner, is_destroyed);
   } catch (...) {
     if (!is_destroyed) throw;
   }
+  if (!is_destroyed) return;
   owner.reset();
-  if (is_destroyed) velt::detail::leave_library_and_end_thread();
+  velt::detail::leave_library_and_end_thread();
 }

@@ -21,6 +21,8 @@
 //                              ThreadFinished(), then a line on the stream Debug
 //                              and OnException()
 //
+// A worker that everybody has dropped ends after the job in hand, without a report.
+//
 // While it has a thread a worker holds on to the library, so that to unload it
 // waits until the last worker has ended.
 class VELT_API TThreadContext final : public IThreadContext, public TThreadClass {
@@ -60,7 +62,10 @@ private:
   SmartPtr<IThreadContext> own_reference() noexcept;
   void run_jobs(SmartPtr<IThreadJob>& job);
   void report_job(SmartPtr<IThreadJob>& job);
+  void drop_own_reference(SmartPtr<IThreadContext>& context, SmartPtr<IThreadJob>& job);
   void report_end();
+  template <class Step>
+  void outlive_object(Step step);
   bool is_own_thread() const noexcept;
   void end_thread() noexcept;
 

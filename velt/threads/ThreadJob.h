@@ -82,17 +82,21 @@ public:
   virtual bool IsRunning() const = 0;
 };
 
-// Who workers work for. All operations are called on a worker's thread.
+// Who workers work for. All operations are called on a worker's thread, and must
+// not drop the last reference to it, save as told.
 class VELT_API IThreadOwner : public virtual SmartPtrObj {
 public:
   ~IThreadOwner() override;
 
   // The next job, or nothing to send the worker away. May wait for as long as it
   // likes, and should do so alertably, so that the worker can be interrupted.
+  //
+  // The printing part of windows.h makes a macro of the name: who implements or
+  // calls this includes the platform's header first, or takes the macro away.
   virtual SmartPtr<IThreadJob> GetJob() = 0;
 
   // The worker's last call when it ends by itself, and after a job threw. The
-  // owner has to keep the reference beyond the call: the end of a context waits
+  // owner should keep the reference beyond the call: the end of a context waits
   // for its thread, which this one still is. If the last reference goes within
   // the call all the same, the thread ends with the call.
   virtual void ThreadFinished(SmartPtr<IThreadContext> context) = 0;

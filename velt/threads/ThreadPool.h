@@ -15,6 +15,10 @@
 #include "velt/threads/ThreadJob.h"
 #include "velt/threads/ThreadTask.h"
 
+// windows.h makes a macro of AddJob, whatever is included first.
+#pragma push_macro("AddJob")
+#undef AddJob
+
 // Any thread may call the operations, except that a job must not stop its own
 // pool: the interruption would come out of the call, with the pool half stopped.
 // All may wait for a lock, alertably, and throw ESystemException when the
@@ -65,7 +69,19 @@ public:
     AddJob(SmartPtr<IThreadJob>(task));
     return task;
   }
+
+  // The same, where that macro stands.
+  template <class Job>
+  auto AddJobA(Job&& job) {
+    return AddJob(std::forward<Job>(job));
+  }
+  template <class Job>
+  auto AddJobW(Job&& job) {
+    return AddJob(std::forward<Job>(job));
+  }
 };
+
+#pragma pop_macro("AddJob")
 
 // Pools without threads. `max` and `min` as by SetLimits(), 50 and 0 where they
 // are not given; `limit` is the most jobs that may wait, a million where it is
