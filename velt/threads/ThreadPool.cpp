@@ -232,6 +232,8 @@ void TThreadPool::interrupt_workers() {
   for (auto const& each : workers) each->Interrupt();
 }
 
+// Some may have begun since the others were interrupted, if somebody has raised
+// the limits: they must not run on without a pool that knows them.
 void TThreadPool::drop_workers() {
   std::set<worker> dropped;
   {
@@ -239,6 +241,7 @@ void TThreadPool::drop_workers() {
     Threads.swap(dropped);
     workers_have_changed();
   }
+  for (auto const& each : dropped) each->Interrupt();
   dropped.clear();
   FinishedThread.reset();
 }
