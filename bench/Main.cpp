@@ -35,7 +35,8 @@ std::vector<Row> all_rows() {
   std::vector<Row> all;
   for (auto const rows : {bench::value_rows, bench::text_rows, bench::time_rows,
                           bench::exception_rows, bench::lock_rows, bench::debug_rows,
-                          bench::os_rows, bench::diagnostics_rows, bench::thread_rows})
+                          bench::os_rows, bench::diagnostics_rows, bench::thread_rows,
+                          bench::pool_rows})
     std::ranges::move(rows(), std::back_inserter(all));
   return all;
 }

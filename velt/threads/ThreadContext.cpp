@@ -74,7 +74,10 @@ void TThreadContext::SuspendThread() { Suspend(); }
 void TThreadContext::ResumeThread() { Resume(); }
 void TThreadContext::SetThreadPriority(int priority) { SetPriority(priority); }
 
+// Whoever retires the worker interrupts it afterwards, but may have looked for its
+// thread before that was there.
 void TThreadContext::StartThread() {
+  if (retired) return;
   velt::detail::hold_library();
   try {
     TThreadClass::StartThread();
@@ -82,6 +85,7 @@ void TThreadContext::StartThread() {
     velt::detail::release_library();
     throw;
   }
+  if (retired) Interrupt();
 }
 
 void TThreadContext::DynamicThreadEntry() {

@@ -4,6 +4,7 @@
 // workers for it.
 #pragma once
 
+#include <atomic>
 #include <string>
 
 #include "velt/Export.h"
@@ -38,6 +39,7 @@ public:
   void Suspend() override;
   void Resume() override;
   void SetPriority(int priority) override;
+  // Does nothing for a worker that its pool has dismissed.
   void Start() override;
 
   void ThreadBody() override;
@@ -69,7 +71,13 @@ private:
   bool is_own_thread() const noexcept;
   void end_thread() noexcept;
 
+  // No further thread, as its pool knows the worker no more. Somebody who has
+  // just interrupted it may be about to start it again.
+  friend class TThreadPool;
+  void retire() noexcept { retired = true; }
+
   SmartPtr<IThreadOwner> Owner;
+  std::atomic<bool> retired = false;
   bool* destroyed = nullptr;  // set where the thread destroys its own context
 };
 

@@ -193,11 +193,16 @@ SmartPtr<IThreadJob> TThreadPool::GetJob() {
   }
 }
 
+void TThreadPool::retire(IThreadContext& context) {
+  static_cast<TThreadContext&>(context).retire();
+}
+
 void TThreadPool::ThreadFinished(SmartPtr<IThreadContext> context) {
   worker left_before;
   write_hold const hold(ThreadsLock);
   if (Threads.erase(context) != 0) {
     workers_have_changed();
+    retire(*context);
     left_before = FinishedThread.exchange(std::move(context));
   }
   context.reset();
@@ -241,7 +246,10 @@ void TThreadPool::drop_workers() {
     Threads.swap(dropped);
     workers_have_changed();
   }
-  for (auto const& each : dropped) each->Interrupt();
+  for (auto const& each : dropped) {
+    retire(*each);
+    each->Interrupt();
+  }
   dropped.clear();
   FinishedThread.reset();
 }

@@ -46,6 +46,7 @@ protected:
 private:
   using worker = SmartPtr<IThreadContext>;
 
+  static void retire(IThreadContext& context);
   bool create_thread_if_needed();
   void interrupt_workers();
   void drop_workers();
