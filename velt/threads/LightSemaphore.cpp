@@ -2,10 +2,17 @@
 
 #include <windows.h>
 
+#include <limits>
+
 namespace velt::detail {
 
-void light_semaphore::Release() {
-  if (count.fetch_add(1) >= 0) return;
+// A maximum that the platform would refuse is left to it. Any other does not hold
+// for the kernel's part, where counts of a queue that was cleared meanwhile may
+// arrive late.
+light_semaphore::light_semaphore(int maximum)
+    : kernel(maximum < 1 ? maximum : std::numeric_limits<int>::max(), 0) {}
+
+void light_semaphore::wake() {
   try {
     kernel.ReleaseSemaphore(1);
   } catch (...) {

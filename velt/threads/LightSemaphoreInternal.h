@@ -12,9 +12,17 @@ namespace velt::detail {
 // the count against the maximum: who releases sees to that.
 class light_semaphore {
 public:
-  explicit light_semaphore(int maximum) : kernel(maximum, 0) {}
+  explicit light_semaphore(int maximum);
 
-  void Release();
+  void Release() {
+    if (raise()) wake();
+  }
+
+  // The two halves of Release(), for a thread that holds a lock which the woken
+  // one will want: the second, if the first says so, can wait until that lock is
+  // free.
+  bool raise() noexcept { return count.fetch_add(1) < 0; }
+  void wake();
 
   // Takes one from the count: false when the time ran out, and also when a queued
   // call ended the wait. With a timeout of 0 no queued calls run.

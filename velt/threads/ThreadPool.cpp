@@ -96,7 +96,7 @@ SmartPtr<IThreadPool> CreateNewThreadPool(int max, int min, int priority, int li
 
 TThreadPool::TThreadPool(int max, int min, int priority, int limit)
     : MaxTotalThreads(max), MinIdleThreads(min), JobSemaphore(limit), ThreadPriority(priority),
-      JobQueueLimit(limit), NoJobsEvent(true, true) {}
+      JobQueueLimit(limit) {}
 
 // There are no workers then, as each keeps the pool alive, so nothing waits.
 TThreadPool::~TThreadPool() noexcept { TThreadPool::Stop(); }
@@ -110,13 +110,18 @@ bool TThreadPool::AddJob(SmartPtr<IThreadJob> job) {
   return queue_size <= as_limit(MaxTotalThreads);
 }
 
+// Threads are woken after the lock was given back, as it is what they want first.
 bool TThreadPool::TryAddJob(SmartPtr<IThreadJob> job) {
-  write_hold const hold(QueueLock);
-  if (JobQueue.size() >= static_cast<unsigned int>(JobQueueLimit)) return false;
-  JobQueue.push_back(std::move(job));
-  queue_has_changed();
-  if (++RunningJobs == 1) NoJobsEvent.ResetEvent();
-  JobSemaphore.Release();
+  bool worker_waits;
+  {
+    write_hold const hold(QueueLock);
+    if (JobQueue.size() >= static_cast<unsigned int>(JobQueueLimit)) return false;
+    JobQueue.push_back(std::move(job));
+    queue_has_changed();
+    if (++RunningJobs == 1) NoJobsEvent.Reset();
+    worker_waits = JobSemaphore.raise();
+  }
+  if (worker_waits) JobSemaphore.wake();
   return true;
 }
 
@@ -130,8 +135,12 @@ SmartPtr<IThreadJob> TThreadPool::PopJob() {
 }
 
 void TThreadPool::JobFinished(SmartPtr<IThreadJob>) {
-  write_hold const hold(QueueLock);
-  if (--RunningJobs == 0) NoJobsEvent.SetEvent();
+  int waiters = 0;
+  {
+    write_hold const hold(QueueLock);
+    if (--RunningJobs == 0) waiters = NoJobsEvent.raise();
+  }
+  NoJobsEvent.wake(waiters);
 }
 
 void TThreadPool::ClearQueue() {
@@ -147,7 +156,7 @@ void TThreadPool::ClearQueue() {
   while (!dropped.empty()) dropped.pop_back();
 }
 
-bool TThreadPool::WaitForIdle(int timeoutMs) { return NoJobsEvent.Signaled(timeoutMs); }
+bool TThreadPool::WaitForIdle(int timeoutMs) { return NoJobsEvent.Wait(timeoutMs); }
 
 // The sizes are read without a lock. They may be stale, and a wrong answer costs a
 // thread too many, or one that comes with the next job.

@@ -6,8 +6,8 @@
 #include <set>
 #include <string>
 
-#include "velt/locks/Event.h"
 #include "velt/locks/MultiLock.h"
+#include "velt/threads/LightEventInternal.h"
 #include "velt/threads/LightSemaphoreInternal.h"
 #include "velt/threads/ThreadPool.h"
 
@@ -71,7 +71,7 @@ private:
 
   std::atomic<int> ThreadPriority;
   int const JobQueueLimit;
-  TEvent NoJobsEvent;                         // set while RunningJobs is 0
+  velt::detail::light_event NoJobsEvent;      // set while RunningJobs is 0
   std::atomic<unsigned int> RunningJobs = 0;  // queued or running
 
   // The sizes of the two containers, which others read without their locks.
