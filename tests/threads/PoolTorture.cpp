@@ -175,6 +175,8 @@ private:
   SmartPtr<IThreadPool> pool;
 };
 
+int volatile* volatile nowhere = nullptr;
+
 void Work::operator()() const {
   ++counts.run;
   try {
@@ -188,7 +190,7 @@ void Work::operator()() const {
       case kind::fail_oddly: throw 5;
       case kind::fault:
         ++counts.faults;
-        *const_cast<int volatile*>(reinterpret_cast<int*>(16)) = 1;
+        *nowhere = 1;
         break;
       case kind::add: round->add(kind::nothing); break;
       case kind::interrupt: throw EThreadInterrupt();

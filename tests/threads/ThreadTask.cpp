@@ -233,7 +233,10 @@ TEST_F(ThreadTask, InterruptionPassesOnAndIsNotKept) {
 
 TEST_F(ThreadTask, FaultIsKeptLikeAnException) {
   redirect_structured_exceptions const redirection;
-  task->work = [] { *const_cast<int volatile*>(reinterpret_cast<int*>(16)) = 1; };
+  task->work = [] {
+    static int volatile* volatile nowhere = nullptr;
+    *nowhere = 1;
+  };
   task->Run(context);
   ASSERT_TRUE(task->IsException());
   EXPECT_EQ((*task->Exception)["Code"].as_int(), static_cast<int>(0xC0000005));
