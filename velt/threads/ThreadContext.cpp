@@ -50,8 +50,10 @@ bool TThreadContext::is_own_thread() const noexcept {
 }
 
 // The thread may end between the question whether it has and the queueing of the
-// call, which is refused then.
+// call, which is refused then. The lock keeps this from the next thread, when two
+// interrupt the worker and one of them starts it again.
 void TThreadContext::Interrupt() {
+  TLock const guard(steering);
   try {
     InterruptThread(0, obedience);
   } catch (ESystemException const&) {
@@ -74,9 +76,8 @@ void TThreadContext::SuspendThread() { Suspend(); }
 void TThreadContext::ResumeThread() { Resume(); }
 void TThreadContext::SetThreadPriority(int priority) { SetPriority(priority); }
 
-// Whoever retires the worker interrupts it afterwards, but may have looked for its
-// thread before that was there.
 void TThreadContext::StartThread() {
+  TLock const guard(steering);
   if (retired) return;
   velt::detail::hold_library();
   try {
@@ -85,7 +86,6 @@ void TThreadContext::StartThread() {
     velt::detail::release_library();
     throw;
   }
-  if (retired) Interrupt();
 }
 
 void TThreadContext::DynamicThreadEntry() {
@@ -118,7 +118,7 @@ void TThreadContext::ThreadBody() {
 }
 
 void TThreadContext::run_jobs(SmartPtr<IThreadJob>& job) {
-  while ((job = Owner->GetJob())) {
+  while (!retired && (job = Owner->GetJob())) {
     auto context = own_reference();
     // The owner has dropped the worker and waits for no report.
     if (!context) throw EThreadInterrupt();
@@ -164,9 +164,15 @@ void TThreadContext::outlive_object(Step step) {
   try {
     step(*owner, is_destroyed);
   } catch (...) {
-    if (!is_destroyed) throw;
+    if (!is_destroyed) {
+      destroyed = nullptr;
+      throw;
+    }
   }
-  if (!is_destroyed) return;
+  if (!is_destroyed) {
+    destroyed = nullptr;
+    return;
+  }
   owner.reset();
   velt::detail::leave_library_and_end_thread();
 }

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "velt/Export.h"
+#include "velt/locks/MultiLock.h"
 #include "velt/threads/ThreadClass.h"
 #include "velt/threads/ThreadJob.h"
 
@@ -34,6 +35,7 @@ public:
   ~TThreadContext() noexcept override;
 
   // InterruptThread(0, 5000). A thread that ended at the very moment is no error.
+  // Waits while somebody else interrupts or starts the worker.
   void Interrupt() override;
   void Restart() override;
   void Suspend() override;
@@ -77,6 +79,7 @@ private:
   void retire() noexcept { retired = true; }
 
   SmartPtr<IThreadOwner> Owner;
+  TMultiLock steering;  // held by those who interrupt and start the worker
   std::atomic<bool> retired = false;
   bool* destroyed = nullptr;  // set where the thread destroys its own context
 };
