@@ -49,15 +49,15 @@ bool TThreadContext::is_own_thread() const noexcept {
   return GetThreadId(handle) == GetCurrentThreadId();
 }
 
-// The thread may end between the question whether it has and the queueing of the
-// call, which is refused then. The lock keeps this from the next thread, when two
-// interrupt the worker and one of them starts it again.
+// A thread that is about to end takes no more calls, a moment before it counts as
+// ended. The lock keeps this from the next thread, when two interrupt the worker
+// and one of them starts it again.
 void TThreadContext::Interrupt() {
   TLock const guard(steering);
   try {
     InterruptThread(0, obedience);
   } catch (ESystemException const&) {
-    if (WaitForSingleObject(0, FALSE) != WAIT_OBJECT_0) throw;
+    if (WaitForSingleObject(obedience, TRUE) == WAIT_TIMEOUT) throw;
   }
 }
 
