@@ -1,14 +1,23 @@
 #include <windows.h>
 
 #include <dbghelp.h>
+#include <malloc.h>
+#include <process.h>
 
 #include <cstdint>
 #include <cstdlib>
 #include <string>
 
 #include "bench/Rows.h"
+#include "bench/throwing/Throwing.h"
+#include "velt/diagnostics/DebugSnapshot.h"
+#include "velt/diagnostics/Settings.h"
+#include "velt/diagnostics/SmartPtrRefsLogger.h"
+#include "velt/diagnostics/StackOverflowException.h"
+#include "velt/diagnostics/StructuredException.h"
 #include "velt/diagnostics/Symbols.h"
 #include "velt/exceptions/EGeneric.h"
+#include "velt/threads/ThreadClass.h"
 
 namespace bench {
 namespace {
@@ -38,19 +47,22 @@ void walk(address* frames) {
   if (StackWalk(frames, nullptr, GetCurrentThread(), 0, frame_count) != frame_count) abort();
 }
 
-void walk_bare(address* frames) {
-  CONTEXT context;
-  RtlCaptureContext(&context);
+unsigned walk_bare(HANDLE thread, CONTEXT& context, address* frames, unsigned most) {
   STACKFRAME64 frame{};
   frame.AddrPC = {context.Rip, 0, AddrModeFlat};
   frame.AddrFrame = {context.Rbp, 0, AddrModeFlat};
   frame.AddrStack = {context.Rsp, 0, AddrModeFlat};
-  for (unsigned i = 0; i != frame_count; ++i) {
-    if (!StackWalk64(IMAGE_FILE_MACHINE_AMD64, GetCurrentProcess(), GetCurrentThread(), &frame,
-                     &context, nullptr, nullptr, nullptr, nullptr))
-      abort();
-    frames[i] = frame.AddrPC.Offset;
-  }
+  unsigned count = 0;
+  while (count != most && StackWalk64(IMAGE_FILE_MACHINE_AMD64, GetCurrentProcess(), thread, &frame,
+                                      &context, nullptr, nullptr, nullptr, nullptr))
+    frames[count++] = frame.AddrPC.Offset;
+  return count;
+}
+
+void walk_bare(address* frames) {
+  CONTEXT context;
+  RtlCaptureContext(&context);
+  if (walk_bare(GetCurrentThread(), context, frames, frame_count) != frame_count) abort();
 }
 
 void walk_deep(Walk walk) {
@@ -130,6 +142,159 @@ std::string dump_bare(EXCEPTION_POINTERS* pointers) {
   return path;
 }
 
+char const* message = "Access Violation (read from 0x10)";
+int code = EXCEPTION_ACCESS_VIOLATION;
+int const volatile* nowhere = reinterpret_cast<int const volatile*>(0x10);
+
+// What a fault brings, without its diagnostics.
+[[gnu::noinline]] void throw_values() {
+  throw EGeneric({"Text", input(message)}, {"Code", input(code)}, {"Address", 1}, {"Parameter0", 0},
+                 {"Parameter1", 16});
+}
+
+[[gnu::noinline]] void read_nowhere() {
+  int const value = *input(nowhere);
+  keep(value);
+}
+
+template <auto fails>
+void fail_and_catch() {
+  try {
+    fails();
+  } catch (EGeneric const& error) {
+    keep(error);
+  }
+}
+
+template <bool watched>
+void throw_often(std::uint64_t count) {
+  UseVEH = watched;
+  loop([] { fail_and_catch<throw_values>(); })(count);
+  UseVEH = true;
+}
+
+void fault_often(std::uint64_t count) {
+  temporary_redirect_structured_exceptions const translated;
+  loop([] { fail_and_catch<read_nowhere>(); })(count);
+}
+
+// For the length of the process; each waits below some frames of its own.
+class WaitingThreads {
+public:
+  WaitingThreads() {
+    hold_engine();
+    for (auto& thread : all)
+      thread =
+          CreateThread(nullptr, 0, wait, CreateEventW(nullptr, TRUE, FALSE, nullptr), 0, nullptr);
+    Sleep(100);
+  }
+
+  HANDLE all[16];
+
+private:
+  static DWORD WINAPI wait(void* event) {
+    walk_below(
+        5, [](address* e) { WaitForSingleObject(e, INFINITE); }, static_cast<address*>(event));
+    return 0;
+  }
+};
+
+WaitingThreads const& waiting_threads() {
+  static WaitingThreads const threads;
+  return threads;
+}
+
+void take_snapshot() {
+  keep(input(waiting_threads()));
+  keep(TakeDebugSnapshot());
+}
+
+// What a snapshot cannot do without, for the same stacks.
+void walk_all_bare() {
+  auto const& threads = input(waiting_threads()).all;
+  address frames[64];
+  for (auto const thread : threads) SuspendThread(thread);
+  for (auto const thread : threads) {
+    CONTEXT context;
+    context.ContextFlags = CONTEXT_FULL;
+    if (!GetThreadContext(thread, &context)) abort();
+    keep(walk_bare(thread, context, frames, 64));
+    ResumeThread(thread);
+  }
+  CONTEXT own;
+  RtlCaptureContext(&own);
+  keep(walk_bare(GetCurrentThread(), own, frames, 64));
+}
+
+SmartPtrRefsLogger logger;
+bool flag = false;
+
+// Few frames, since each takes its time to unwind, whatever the exception.
+[[gnu::noipa]] int recurse(int depth) {
+  char volatile room[60'000];
+  room[0] = 1;
+  return depth < 0 ? 0 : recurse(depth + 1) + room[0];
+}
+
+void recover() {
+  try {
+    keep(recurse(0));
+  } catch (EStackOverflowException const& error) {
+    keep(error);
+  }
+  if (!EStackOverflowException::ResetStack()) abort();
+}
+
+unsigned int do_nothing(void*) { return 0; }
+
+void throw_and_start() {
+  fail_and_catch<throw_values>();
+  unsigned int id;
+  auto const thread =
+      reinterpret_cast<HANDLE>(_beginthreadex(nullptr, 0, do_nothing, nullptr, 0, &id));
+  WaitForSingleObject(thread, INFINITE);
+  CloseHandle(thread);
+}
+
+// The overflow alone: the first handler that the platform asks goes back.
+CONTEXT before_overflow;
+bool volatile overflowed;
+
+LONG CALLBACK go_back(EXCEPTION_POINTERS* pointers) {
+  if (pointers->ExceptionRecord->ExceptionCode != EXCEPTION_STACK_OVERFLOW)
+    return EXCEPTION_CONTINUE_SEARCH;
+  overflowed = true;
+  *pointers->ContextRecord = before_overflow;
+  return EXCEPTION_CONTINUE_EXECUTION;
+}
+
+void overflow_throw_and_start() {
+  overflowed = false;
+  void* const handler = AddVectoredExceptionHandler(1, go_back);
+  RtlCaptureContext(&before_overflow);
+  if (!overflowed) keep(recurse(0));
+  RemoveVectoredExceptionHandler(handler);
+  if (!_resetstkoflw()) abort();
+  throw_and_start();
+}
+
+// On a thread that has room for an overflow.
+template <auto run>
+void run_often_on_thread(std::uint64_t count) {
+  struct Overflowing final : TThreadClass {
+    explicit Overflowing(std::uint64_t how_often) : rounds(how_often) {}
+    void ThreadBody() override {
+      for (std::uint64_t i = 0; i != rounds; ++i) run();
+      ended = true;
+    }
+    std::uint64_t const rounds;
+    bool ended = false;
+  } thread(count);
+  thread.StartThread();
+  thread.StopThread(INFINITE);
+  if (!thread.ended) abort();
+}
+
 }  // namespace
 
 std::vector<Row> diagnostics_rows() {
@@ -144,9 +309,33 @@ std::vector<Row> diagnostics_rows() {
            for (auto const frame : input(stack()).frames) ask_bare(frame);
          })}}},
 
+      {"throw_watched", throw_often<true>, {{"unwatched", 1.15, throw_often<false>}}},
+
+      {"throw_unwatched_cost",
+       loop([] { throw_with_personality(); }),
+       {{"own personality", 1.05, loop([] { throw_without_personality(); })}}},
+
+      {"fault_to_exception",
+       fault_often,
+       {{"throw of EGeneric", 3.0, loop([] { fail_and_catch<throw_values>(); })}}},
+
+      {"overflow_recover",
+       run_often_on_thread<recover>,
+       {{"throw, thread", 1.5, run_often_on_thread<throw_and_start>},
+        {"overflow, throw, thread", 1.5, run_often_on_thread<overflow_throw_and_start>}}},
+
       {"dump",
        loop([] { dump_here(dump); }),
        {{"MiniDumpWriteDump", 1.1, loop([] { dump_here(dump_bare); })}}},
+
+      {"refs_logger_off",
+       loop([] { keep(input(logger).AddPointerRef(&flag)); }),
+       {{"load and branch", 1.5, loop([] { keep(input(flag) ? GetTickCount() : 0); })}}},
+
+      // The last one, since its threads stay.
+      {"snapshot",
+       loop([] { take_snapshot(); }),
+       {{"SuspendThread ...", 1.2, loop([] { walk_all_bare(); })}}},
   };
 }
 

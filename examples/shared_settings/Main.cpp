@@ -14,6 +14,7 @@
 #include "Log.h"
 #include "Work.h"
 #include "examples/typed_values/Terminal.h"
+#include "velt/diagnostics/Settings.h"
 #include "velt/text/Encoding.h"
 #include "velt/text/Format.h"
 #include "velt/text/Numbers.h"
@@ -150,6 +151,8 @@ int run(std::vector<std::wstring> const& arguments) {
 }  // namespace
 
 int wmain(int count, wchar_t** arguments) {
+  // What goes wrong is a matter of the files and the command.
+  SaveMiniDumpOnCppException = false;
   try {
     return run({arguments + 1, arguments + count});
   } catch (EGeneric const& error) {

@@ -10,14 +10,13 @@
 #include "Settings.h"
 #include "Terminal.h"
 #include "velt/diagnostics/Settings.h"
-#include "velt/exceptions/ExceptionFamily.h"
+#include "velt/exceptions/EGeneric.h"
 
 namespace {
 
 wchar_t const usage[] = L"usage: typed_values [--help] [FILE]";
 
 constexpr int type_width = 10;
-constexpr int longest_message = 320;
 
 std::wstring help() {
   std::wstring text = usage;
@@ -34,21 +33,6 @@ std::wstring help() {
   for (auto const& type : setting_types())
     text += L"  " + padded(type.word, type_width) + type.accepts + L'\n';
   return text;
-}
-
-// One line, whatever the message holds. Where it cannot be written, the status
-// must tell.
-void complain(std::wstring const& message) {
-  try {
-    write(stream::error, clipped(message, longest_message) + L'\n');
-  } catch (ESystemException const&) {
-  }
-}
-
-// What the exception has under a name, or nothing.
-std::wstring known(EGeneric const& error, char const* name) {
-  auto const value = error[name];
-  return value.empty() ? std::wstring() : value.as_wstring();
 }
 
 int usage_error(std::wstring const& reason) {
@@ -68,7 +52,7 @@ void show(std::wstring const& path, std::vector<setting> const& settings) {
 
 void show(std::wstring const& path, std::vector<EGeneric> const& malformed) {
   for (auto const& error : malformed)
-    complain(path + L':' + known(error, "Line") + L": " + known(error, "Reason"));
+    complain(path + L':' + error["Line"].as_wstring() + L": " + error["Reason"].as_wstring());
 }
 
 int run(std::vector<std::wstring> const& arguments) {
@@ -92,7 +76,7 @@ int wmain(int count, wchar_t** arguments) {
   try {
     return run({arguments + 1, arguments + count});
   } catch (EGeneric const& error) {
-    complain(L"typed_values: " + known(error, "File") + L": " + known(error, "Text"));
+    complain(L"typed_values", error);
     return 2;
   }
 }

@@ -70,14 +70,6 @@ std::wstring held_type(_value_t const& value) {
   return value.container() ? ui64tow(value.size()) + L" × " + element : element;
 }
 
-// The name at the left end of a rule, the type at its right one.
-std::wstring heading(setting const& item) {
-  auto const type = held_type(item.value);
-  auto const name = clipped(item.name, report_width - columns(type) - 4);
-  auto const rule = report_width - columns(name) - columns(type) - 2;
-  return name + L' ' + std::wstring(rule, L'─') + L' ' + type + L'\n';
-}
-
 std::wstring row(int left, _value_t const& value) {
   auto const& first = accessors[left];
   auto line = L"  " + padded(first.name, name_width) + padded(reading(first, value), left_width);
@@ -91,7 +83,7 @@ std::wstring row(int left, _value_t const& value) {
 }  // namespace
 
 std::wstring report(setting const& item) {
-  auto text = heading(item);
+  auto text = heading(item.name, held_type(item.value)) + L'\n';
   for (int left = 0; left < rows; ++left) text += row(left, item.value);
   return text;
 }

@@ -5,9 +5,6 @@
 
 #include "Settings.h"
 
-// No line of the report is wider, so that it fits a terminal of 80 columns.
-inline constexpr int report_width = 79;
-
 // A heading of the name and the held type, then every lenient accessor with its
 // result, or with the first line of the exception by which it refuses.
 std::wstring report(setting const& item);

@@ -82,6 +82,12 @@ std::wstring padded(std::wstring const& text, int width) {
   return shown + std::wstring(width - columns(shown), L' ');
 }
 
+std::wstring heading(std::wstring const& about, std::wstring const& more) {
+  auto const left = clipped(about, report_width - columns(more) - 4);
+  auto const rule = report_width - columns(left) - columns(more) - 2;
+  return left + L' ' + std::wstring(rule, L'─') + L' ' + more;
+}
+
 void write(stream target, std::wstring const& text) {
   bool const to_output = target == stream::output;
   HANDLE const handle = GetStdHandle(to_output ? STD_OUTPUT_HANDLE : STD_ERROR_HANDLE);

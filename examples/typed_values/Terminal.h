@@ -16,6 +16,13 @@ std::wstring clipped(std::wstring const& text, int width);
 // The text clipped, or filled up with blanks, to exactly `width` columns.
 std::wstring padded(std::wstring const& text, int width);
 
+// No report is wider, so that it fits a terminal of 80 columns.
+inline constexpr int report_width = 79;
+
+// A line of that width: what a part is about at the left end of a rule, clipped if
+// need be, and more at its right one.
+std::wstring heading(std::wstring const& about, std::wstring const& more);
+
 enum class stream { output, error };
 
 // Writes to a console as it is, to a file or a pipe in UTF-8. Throws

@@ -1,6 +1,8 @@
 // Ends in the way that its argument names. Says on the way how it ends.
 #include <windows.h>
 
+#include <malloc.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -8,7 +10,9 @@
 
 #include "tests/crash/Crash.h"
 #include "velt/diagnostics/Settings.h"
+#include "velt/diagnostics/StackOverflowException.h"
 #include "velt/diagnostics/StructuredException.h"
+#include "velt/threads/ThreadClass.h"
 
 namespace crash {
 
@@ -129,6 +133,45 @@ void fault_without_the_option() {
   guarded([] { read_without_the_option(nowhere); });
 }
 
+[[gnu::noipa]] int recurse(int depth) {
+  char volatile room[200];
+  room[0] = 1;
+  return depth < 0 ? 0 : recurse(depth + 1) + room[0];
+}
+
+void overflow_and_catch() {
+  try {
+    recurse(0);
+  } catch (EStackOverflowException&) {
+    say("caught. ");
+  }
+}
+
+// The platform ends the thread, or the process with it.
+void overflow_twice_without_reset() {
+  struct Overflowing final : TThreadClass {
+    void ThreadBody() override {
+      overflow_and_catch();
+      overflow_and_catch();
+      say("went on");
+    }
+  } thread;
+  thread.StartThread();
+  thread.WaitForSingleObject(INFINITE, FALSE);
+}
+
+void overflow_on_main_thread_with_guarantee() {
+  redirect_structured_exceptions();
+  ULONG bytes = 16384;
+  SetThreadStackGuarantee(&bytes);
+  _resetstkoflw();
+  for (int round = 0; round < 2; ++round) {
+    overflow_and_catch();
+    EStackOverflowException::ResetStack();
+  }
+  say("went on");
+}
+
 constexpr struct {
   std::string_view name;
   void (*run)();
@@ -142,6 +185,8 @@ constexpr struct {
     {"fault_in_destructor", fault_in_destructor},
     {"fault_in_unwinding", fault_in_unwinding},
     {"fault_without_the_option", fault_without_the_option},
+    {"overflow_twice_without_reset", overflow_twice_without_reset},
+    {"overflow_on_main_thread_with_guarantee", overflow_on_main_thread_with_guarantee},
 };
 
 }  // namespace

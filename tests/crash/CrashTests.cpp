@@ -43,6 +43,15 @@ TEST_P(Crash, ByAFaultThatMustNotPassIsATermination) {
     expect_end({way, 3, output});
 }
 
+// Wine tells nobody.
+TEST_P(Crash, ByASecondOverflowWithoutAResetIsSilent) {
+  expect_end({"overflow_twice_without_reset", 0, "caught. "});
+}
+
+TEST_P(Crash, ByAnOverflowOnTheMainThreadIsPreventedByAGuarantee) {
+  expect_end({"overflow_on_main_thread_with_guarantee", 0, "caught. caught. went on"});
+}
+
 INSTANTIATE_TEST_SUITE_P(, Crash, ::testing::Values(L"crash_O0.exe", L"crash_O2.exe"),
                          [](auto const& test) {
                            return std::string(test.index == 0 ? "Unoptimised" : "Optimised");

@@ -7,7 +7,6 @@
 #include <string>
 #include <string_view>
 #include <thread>
-#include <vector>
 
 #include "velt/debug/ConsoleWriter.h"
 #include "velt/debug/DebugStream.h"
@@ -60,18 +59,6 @@ int write_to_console(char const* file_name) {
   return 0;
 }
 
-int write_to_console_from_threads(char const* file_name) {
-  std::vector<std::thread> threads;
-  for (int thread = 0; thread < 4; ++thread)
-    threads.emplace_back([thread] {
-      for (int statement = 0; statement < 5; ++statement)
-        Console << "<" << thread << "|" << statement << '|' << thread << "|" << true << ">\n";
-    });
-  for (auto& each : threads) each.join();
-  report_console(file_name);
-  return 0;
-}
-
 void write_for_ever(TDebugStream& stream) {
   for (int statement = 0;; ++statement)
     stream << "line " << statement << " of xxxxxxxxxxxxxxxxxxxx" << "\n";
@@ -95,7 +82,6 @@ int main(int count, char** arguments) {
   std::string_view const task = arguments[1];
   char const* const file_name = arguments[2];
   if (task == "console") return write_to_console(file_name);
-  if (task == "console_threads") return write_to_console_from_threads(file_name);
   if (task == "static") return 0;
   if (task == "return") return start_writing(file_name), 7;
   if (task == "exit_process") start_writing(file_name), ExitProcess(7);

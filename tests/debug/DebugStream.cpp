@@ -44,14 +44,11 @@ TEST_F(Stream, NumbersAreWrittenByTheFormatsOfTheRunTime) {
   EXPECT_WRITTEN(true << false, "truefalse");
   EXPECT_WRITTEN('A' << '\0', "A\0"sv);
   EXPECT_WRITTEN(static_cast<unsigned char>(65), "65");
-  EXPECT_WRITTEN(static_cast<unsigned short>(65535), "65535");
   EXPECT_WRITTEN(std::numeric_limits<int>::min(), "-2147483648");
   EXPECT_WRITTEN(4294967295u << '/' << 4294967295ul, "4294967295/4294967295");
   EXPECT_WRITTEN(std::numeric_limits<__int64>::min(), "-9223372036854775808");
   EXPECT_WRITTEN(~0ull, "18446744073709551615");
   EXPECT_WRITTEN(0.1 << ' ' << 1e10 << ' ' << 1.0f, "0.1 1e+010 1");
-  EXPECT_WRITTEN(static_cast<short>(-3), "-3");
-  EXPECT_EQ(written([&] { stream.WriteDouble(2.5) << ";"; }), "2.5;");
 }
 
 TEST_F(Stream, TextIsWrittenAsItIsAndWideTextInTheAnsiCodePage) {
@@ -101,16 +98,6 @@ TEST_F(Stream, DumpIsPairsOfDigitsWithBlanksBetween) {
   EXPECT_EQ(written([&] { stream.Dump(bytes, -1); }), "");
 }
 
-TEST_F(Stream, EachPieceGoesToTheWritersAtOnce) {
-  TDebugStreamSession session(stream);
-  session << "a";
-  EXPECT_EQ(writer->all(), "a");
-  TDebugStreamSession(session) << "b" << 1;
-  EXPECT_EQ(writer->texts, (std::vector<std::string>{"a", "b", "1"}));
-  stream.WriteString(nullptr, 5).WriteString("x", 0);
-  EXPECT_EQ(writer->texts.size(), 3u);
-}
-
 TEST_F(Stream, WriterThatThrowsIsDroppedAndTheOthersGoOn) {
   auto const first = MakeCounted<ThrowingWriter>(), second = MakeCounted<ThrowingWriter>();
   auto const last = MakeCounted<RecordingWriter>();
@@ -143,6 +130,15 @@ TEST_F(Stream, WriterThatRemovesItselfIsSafe) {
   EXPECT_WRITTEN("a" << "b", "ab");
 }
 
+TEST_F(Stream, CopyHasAListAndSettingsOfItsOwn) {
+  stream.SetEnabled('C', true);
+  stream.TimeStamps = true;
+  TDebugStream copy = stream;
+  EXPECT_TRUE(copy.GetEnabled('C') && copy.TimeStamps);
+  copy.ClearWriters();
+  EXPECT_TRUE(stream.GetEnabled());
+}
+
 TEST_F(Stream, WritersAreAddedAndRemovedOneAtATime) {
   stream.AddWriter(writer);
   EXPECT_WRITTEN("x", "xx");
@@ -157,26 +153,16 @@ TEST_F(Stream, WritersAreAddedAndRemovedOneAtATime) {
   stream.ClearWriters();
   EXPECT_NO_THROW(stream << "z");
   EXPECT_FALSE(stream.GetEnabled());
-}
-
-TEST_F(Stream, StreamsAreAddedToEachOtherAndToThemselves) {
-  auto const second = MakeCounted<RecordingWriter>();
-  TDebugStream other(second, writer);
-  EXPECT_EQ(&(stream += other), &stream);
-  EXPECT_WRITTEN("a", "aa");
-  EXPECT_EQ(second->all(), "a");
-  TDebugStream twice(writer);
+  TDebugStream twice(other);
   twice += twice;
-  EXPECT_EQ(written([&] { twice << "b"; }), "bb");
+  twice << "!";
+  EXPECT_EQ(other->all(), "y!!");
 }
 
 TEST_F(Stream, ClassesAreBitsThatOnlyTheClientsLookAt) {
   EXPECT_FALSE(stream.GetEnabled('A'));
-  for (char letter : {'A', 'M', 'Z'}) stream.SetEnabled(letter, true);
-  EXPECT_TRUE(stream.GetEnabled('A') && stream.GetEnabled('M') && stream.GetEnabled('Z'));
-  EXPECT_FALSE(stream.GetEnabled('B'));
-  stream.SetEnabled('M', false);
-  EXPECT_FALSE(stream.GetEnabled('M'));
+  for (char letter : {'A', 'Z'}) stream.SetEnabled(letter, true);
+  EXPECT_TRUE(stream.GetEnabled('A') && stream.GetEnabled('Z') && !stream.GetEnabled('B'));
   for (char letter : {'a', '@', '[', '\0', '\xC4'}) {
     EXPECT_FALSE(stream.GetEnabled(letter));
     try {
@@ -203,34 +189,15 @@ TEST_F(Stream, TimeStampStandsBeforeEveryLine) {
   EXPECT_EQ(lines[0].size(), 10u);
   EXPECT_TRUE(is_stamp(lines[1].substr(0, 13)));
   EXPECT_EQ(lines[1].substr(13), "one");
-  EXPECT_TRUE(is_stamp(lines[2].substr(0, 13)));
   EXPECT_EQ(lines[2].substr(13), "two");
 
   // A line of several pieces has one, and an empty line has one too.
   lines = lines_of(written([&] { stream << "a" << "b\n" << "\nend"; }));
   ASSERT_EQ(lines.size(), 3u);
-  EXPECT_TRUE(is_stamp(lines[0].substr(0, 13)));
   EXPECT_EQ(lines[0].substr(13), "ab");
   EXPECT_TRUE(is_stamp(lines[1]));
-  EXPECT_TRUE(is_stamp(lines[2].substr(0, 13)));
   EXPECT_EQ(lines[2].substr(13), "end");
-
   EXPECT_WRITTEN(" of line", " of line");
-  EXPECT_WRITTEN("\n", "\n");
-  EXPECT_TRUE(is_stamp(written([&] { stream << "x"; }).substr(0, 13)));
-}
-
-TEST_F(Stream, CopyHasAListAndSettingsOfItsOwn) {
-  stream.SetEnabled('C', true);
-  stream.TimeStamps = true;
-  TDebugStream copy = stream;
-  EXPECT_TRUE(copy.GetEnabled('C') && copy.TimeStamps);
-  copy.TimeStamps = false;
-  copy.ClearWriters();
-  EXPECT_TRUE(stream.GetEnabled());
-  copy = stream;
-  EXPECT_TRUE(copy.GetEnabled() && copy.TimeStamps);
-  EXPECT_EQ(writer.use_count(), 3);
 }
 
 TEST_F(Stream, WritingLeavesTheLastErrorAlone) {
@@ -238,14 +205,6 @@ TEST_F(Stream, WritingLeavesTheLastErrorAlone) {
   SetLastError(1234);
   EXPECT_WRITTEN("failed: " << GetLastError() << "\n", "failed: 1234\n");
   EXPECT_EQ(GetLastError(), 1234u);
-}
-
-TEST(ReadyStreams, HaveNoTimeStampsAndNoClasses) {
-  for (auto const stream : {&Debug, &Error, &Console}) {
-    EXPECT_TRUE(stream->GetEnabled());
-    EXPECT_FALSE(stream->TimeStamps);
-    for (char letter = 'A'; letter <= 'Z'; ++letter) EXPECT_FALSE(stream->GetEnabled(letter));
-  }
 }
 
 TEST(ReadyStreams, ErrorGoesToTheDebuggerAndToItsFile) {

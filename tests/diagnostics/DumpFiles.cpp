@@ -1,4 +1,5 @@
 // Dumps by the platform's own writer, which takes seconds for each.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <windows.h>
 
@@ -21,6 +22,8 @@ extern "C" {
 NTSTATUS NTAPI LdrLockLoaderLock(ULONG flags, ULONG* state, ULONG_PTR* cookie);
 NTSTATUS NTAPI LdrUnlockLoaderLock(ULONG flags, ULONG_PTR cookie);
 }
+
+using testing::HasSubstr;
 
 namespace {
 
@@ -81,6 +84,28 @@ struct ThisFault {
   }
 };
 
+class AllInformation {
+public:
+  AllInformation() {
+    set(true);
+    SkipModulesForError += ";libgcc_s_seh-1;libstdc++-6";
+  }
+  ~AllInformation() {
+    set(false);
+    SkipModulesForError = skipped;
+  }
+
+private:
+  static void set(bool on) {
+    SaveMiniDumpOnCppException = on;
+    VeltDebugSetup(on);
+  }
+
+  std::string const skipped = SkipModulesForError;
+};
+
+[[gnu::noinline]] void throw_from_here() { throw EGeneric({"Text", "thrown"}); }
+
 bool engine_is_loaded() { return GetModuleHandleA("dbghelp.dll"); }
 
 // Holds the platform's loader lock on another thread.
@@ -111,24 +136,33 @@ private:
 
 }  // namespace
 
-TEST(DumpFile, HoldsTheFault) {
+TEST(DumpFile, HoldsTheThrowAsTheExceptionTellsOfIt) {
   InFolder const folder;
-  ThisFault fault(EXCEPTION_INT_DIVIDE_BY_ZERO);
-  auto const path = EGeneric::SaveMiniDump(&fault.pointers, 0, GetCurrentThreadId());
+  AllInformation const settings;
+  EGeneric error;
+  try {
+    throw_from_here();
+  } catch (EGeneric& caught) {
+    error = caught;
+  }
+  EXPECT_EQ(error["ModuleName"].as_string(), "diagnostics_tests");
+  EXPECT_THAT(error["AddressName"].as_string(), HasSubstr("throw_from_here"));
+  EXPECT_THAT(error["Stack"].as_string(), HasSubstr("\n-> " + error["AddressName"].as_string()));
+  EXPECT_EQ(error.values().back().first, "Stack");
+
+  auto const path = error["MiniDump"].as_string();
   EXPECT_TRUE(std::regex_match(
-      path, std::regex(R"(Dumps\\diagnostics_tests_C0000094_\d{4}(_\d\d){5}_\d{3}\.dmp)")))
+      path, std::regex(R"(Dumps\\diagnostics_tests_EGeneric_\d{4}(_\d\d){5}_\d{3}\.dmp)")))
       << path;
   EXPECT_FALSE(engine_is_loaded());
-
   Dump const dump(path);
   ASSERT_TRUE(dump.is_one());
   auto const exception = dump.stream<MINIDUMP_EXCEPTION_STREAM>(ExceptionStream);
   ASSERT_TRUE(exception);
   EXPECT_EQ(exception->ThreadId, GetCurrentThreadId());
-  EXPECT_EQ(exception->ExceptionRecord.ExceptionCode, EXCEPTION_INT_DIVIDE_BY_ZERO);
+  EXPECT_EQ(exception->ExceptionRecord.ExceptionCode, 0x20474343u);
   EXPECT_TRUE(dump.has_thread(GetCurrentThreadId()));
 
-  EGeneric error({"MiniDump", path});
   error.cancel_minidump();
   EXPECT_FALSE(std::filesystem::exists(path));
 }

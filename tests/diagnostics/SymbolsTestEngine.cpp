@@ -6,20 +6,25 @@
 
 #include <dbghelp.h>
 
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tests/support/OpenHandles.h"
+#include "velt/diagnostics/EngineIsolationInternal.h"
 #include "velt/diagnostics/LocalVariablesInternal.h"
 #include "velt/diagnostics/Settings.h"
 #include "velt/diagnostics/SymbolsInternal.h"
 #include "velt/locks/Mutex.h"
 
+using velt::detail::engine_isolation;
 using velt::detail::StackWalkStep;
 using velt::detail::SymGetQualifiedNameFromAddress;
 using velt_test::open_handles;
@@ -66,8 +71,9 @@ struct TestEngine {
   DWORD basic_type = 0;
   std::wstring type_name;
 
-  std::string calls;  // all but the walk's and the names'
-  int questions = 0;  // after modules, symbols and lines
+  std::string calls;        // all but the walk's and the names'
+  std::set<DWORD64> named;  // addresses whose symbol was asked for
+  int questions = 0;        // after modules, symbols and lines
   std::size_t steps = 0;
   std::vector<DWORD> machines;
   int null_contexts = 0;
@@ -104,9 +110,8 @@ BOOL WINAPI refresh(HANDLE) {
 DWORD64 WINAPI load_module(HANDLE, HANDLE file, wchar_t const* path, wchar_t const* name,
                            DWORD64 base, DWORD size, MODLOAD_DATA* data, DWORD flags) {
   EXPECT_TRUE(!file && !name && size == 0 && !data && flags == 0);
-  EXPECT_TRUE(std::wstring(path).ends_with(L"\\symbols_test_engine_tests.exe"));
   engine().calls += "load module ";
-  engine().modules.push_back({"loaded", base, 0x1000});
+  engine().modules.push_back({std::filesystem::path(path).stem().string(), base, 0x1000});
   return base;
 }
 
@@ -125,6 +130,7 @@ BOOL WINAPI module_info(HANDLE, DWORD64 address, IMAGEHLP_MODULE64* record) {
 }
 
 BOOL WINAPI symbol(HANDLE, DWORD64 address, DWORD64* displacement, IMAGEHLP_SYMBOL64* record) {
+  engine().named.insert(address);
   ++engine().questions;
   EXPECT_EQ(record->SizeOfStruct, 32u);
   EXPECT_EQ(record->MaxNameLength, 1960u);
@@ -402,7 +408,48 @@ TEST_F(NamesByTestEngine, NewModuleIsFoundByARefreshOrLoaded) {
   auto const base = reinterpret_cast<std::uintptr_t>(GetModuleHandleW(nullptr));
   EXPECT_TRUE(EnsureModuleSymbolsLoaded(base + 5));
   EXPECT_EQ(test_engine.calls, started + "refresh refresh load module ");
-  EXPECT_EQ(SymGetFullNameFromAddress(base + 5), "loaded!+5");
+  EXPECT_EQ(SymGetFullNameFromAddress(base + 5), "symbols_test_engine_tests!+5");
+}
+
+TEST_F(NamesByTestEngine, IsolatedEngineLooksForNoModule) {
+  test_engine.modules[1].is_new = true;
+  test_engine.calls.clear();
+  {
+    engine_isolation const isolation;
+    for (int i = 0; i < 2; ++i) EXPECT_FALSE(EnsureModuleSymbolsLoaded(0x20001));
+    EXPECT_TRUE(EnsureModuleSymbolsLoaded(0x10001));
+    EXPECT_EQ(test_engine.calls, "");
+  }
+  EXPECT_TRUE(EnsureModuleSymbolsLoaded(0x20001));
+  EXPECT_EQ(test_engine.calls, "refresh ");
+}
+
+TEST_F(NamesByTestEngine, IsolationKeepsOtherThreadsFromTheHeapOfTheRunTime) {
+  HANDLE const go_on = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+  HANDLE const done = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+  std::jthread const other([&] {
+    SetEvent(done);
+    WaitForSingleObject(go_on, INFINITE);
+    std::free(std::malloc(100));
+    SetEvent(done);
+  });
+  WaitForSingleObject(done, INFINITE);
+  {
+    engine_isolation const isolation;
+    SetEvent(go_on);
+    EXPECT_EQ(WaitForSingleObject(done, 100), static_cast<DWORD>(WAIT_TIMEOUT));
+    std::string(1000, 'x').shrink_to_fit();
+  }
+  EXPECT_EQ(WaitForSingleObject(done, INFINITE), static_cast<DWORD>(WAIT_OBJECT_0));
+  CloseHandle(go_on);
+  CloseHandle(done);
+}
+
+TEST_F(NamesByTestEngine, SymbolsOfAllModulesAreLoadedInAdvance) {
+  velt::detail::load_all_symbols();
+  for (auto const module : {L"symbols_test_engine_tests.exe", L"ntdll", L"velt"})
+    EXPECT_TRUE(
+        test_engine.named.contains(reinterpret_cast<std::uintptr_t>(GetModuleHandleW(module))));
 }
 
 TEST_F(NamesByTestEngine, TimedUsersGiveUpAfterTwentySeconds) {

@@ -101,15 +101,14 @@ private:
 
 std::string names(EGeneric const& error) {
   std::string list;
-  for (auto const& [name, value] : error.values())
-    list += name + "=" + value.as_string() + ";";
+  for (auto const& [name, value] : error.values()) list += name + "=" + value.as_string() + ";";
   return list;
 }
 
 // Raises what no frame will take, and goes on behind it.
 void raise_ignored(DWORD code) {
-  auto const previous =
-      SetUnhandledExceptionFilter([](EXCEPTION_POINTERS*) -> LONG { return EXCEPTION_CONTINUE_EXECUTION; });
+  auto const previous = SetUnhandledExceptionFilter(
+      [](EXCEPTION_POINTERS*) -> LONG { return EXCEPTION_CONTINUE_EXECUTION; });
   RaiseException(code, 0, 0, nullptr);
   SetUnhandledExceptionFilter(previous);
 }

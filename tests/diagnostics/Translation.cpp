@@ -11,6 +11,7 @@
 
 #include "tests/diagnostics/FaultScenarios.h"
 #include "tests/diagnostics/PlainModule.h"
+#include "tests/support/DocTables.h"
 #include "velt/diagnostics/Settings.h"
 #include "velt/diagnostics/StructuredException.h"
 #include "velt/exceptions/EGeneric.h"
@@ -35,16 +36,15 @@ std::string caught(std::function<void()> const& action) {
     action();
   } catch (EStructuredException& error) {
     for (auto const& [name, value] : error.values())
-      list += (list.empty() ? "" : ", ") + name +
-              (name == "Address" ? "" : " " + value.as_string());
+      list +=
+          (list.empty() ? "" : ", ") + name + (name == "Address" ? "" : " " + value.as_string());
   }
   return list;
 }
 
 std::string raised(DWORD code, std::vector<ULONG_PTR> const& parameters = {}) {
-  return caught([&] {
-    RaiseException(code, 0, static_cast<DWORD>(parameters.size()), parameters.data());
-  });
+  return caught(
+      [&] { RaiseException(code, 0, static_cast<DWORD>(parameters.size()), parameters.data()); });
 }
 
 }  // namespace
@@ -77,52 +77,50 @@ std::string name_of(::testing::TestParamInfo<Fault::ParamType> const& test) {
   return std::string(build.name) + build.scenarios[index].name;
 }
 
-INSTANTIATE_TEST_SUITE_P(, Fault,
-                         ::testing::Combine(::testing::ValuesIn(builds),
-                                            ::testing::Range<std::size_t>(
-                                                0, builds[0].scenarios.size())),
-                         name_of);
+INSTANTIATE_TEST_SUITE_P(
+    , Fault,
+    ::testing::Combine(::testing::ValuesIn(builds),
+                       ::testing::Range<std::size_t>(0, builds[0].scenarios.size())),
+    name_of);
 
 // Codes, texts and parameters.
 
+// A row of the documentation's table; most are for one code.
+struct Codes {
+  DWORD first, last;
+  std::string text;
+};
+
+std::vector<Codes> documented_codes() {
+  auto table = velt_test::doc_table("diagnostics.md", "fault codes");
+  table.erase(table.begin());
+  std::vector<Codes> all;
+  for (auto const& row : table) {
+    auto const number = [](std::string const& text) { return std::stoul(text, nullptr, 16); };
+    auto const to = row[0].find(" to ");
+    auto const first = number(row[0]);
+    all.push_back({first, to == std::string::npos ? first : number(row[0].substr(to + 4)), row[1]});
+  }
+  return all;
+}
+
 TEST(StructuredException, NamesTheCodesThatItKnows) {
-  struct {
-    DWORD code;
-    char const* expected;
-  } const rows[] = {
-      {0x80000001, "Code -2147483647, Address"},
-      {0x80000002, "Text Datatype Misalignment, Code -2147483646, Address"},
-      {0x80000003, "Text Breakpoint, Code -2147483645, Address"},
-      {0x80000004, "Text Debugger Exception, Code -2147483644, Address"},
-      {0x80000005, "Code -2147483643, Address"},
-      {0xC0000004, "Code -1073741820, Address"},
-      {0xC0000006, "Text Page Fault, Code -1073741818, Address"},
-      {0xC0000017, "Text No Memory, Code -1073741801, Address"},
-      {0xC000001D, "Text Illegal Instruction, Code -1073741795, Address"},
-      {0xC0000025, "Text Noncontinuable Exception, Code -1073741787, Address"},
-      {0xC0000026, "Text Invalid Disposition, Code -1073741786, Address"},
-      {0xC000008B, "Code -1073741685, Address"},
-      {0xC000008C, "Text Array Bounds Exceeded, Code -1073741684, Address"},
-      {0xC000008D, "Text FPU Error, Code -1073741683, Address"},
-      {0xC000008E, "Text FPU Error, Code -1073741682, Address"},
-      {0xC000008F, "Text FPU Error, Code -1073741681, Address"},
-      {0xC0000090, "Text FPU Error, Code -1073741680, Address"},
-      {0xC0000091, "Text FPU Error, Code -1073741679, Address"},
-      {0xC0000092, "Text FPU Error, Code -1073741678, Address"},
-      {0xC0000093, "Text FPU Error, Code -1073741677, Address"},
-      {0xC0000094, "Text Divide by Zero, Code -1073741676, Address"},
-      {0xC0000095, "Text Integer Overflow, Code -1073741675, Address"},
-      {0xC0000096, "Text Privileged Instruction, Code -1073741674, Address"},
-      {0xC0000097, "Code -1073741673, Address"},
-      {0xC0000099, "Code -1073741671, Address"},
-      {0xC00002B3, "Code -1073741133, Address"},
-      {0xC00002B4, "Text FPU Error, Code -1073741132, Address"},
-      {0xC00002B5, "Text FPU Error, Code -1073741131, Address"},
-      {0xC00002B6, "Code -1073741130, Address"},
-      {0xE0001234, "Code -536866252, Address"},
-      {0x00000001, "Code 1, Address"},
+  auto const all = documented_codes();
+  auto const beginning = [&](DWORD code) {
+    for (auto const& row : all)
+      if (row.first <= code && code <= row.last) return "Text " + row.text;
+    return std::string("Code ");
   };
-  for (auto const& [code, expected] : rows) EXPECT_EQ(raised(code), expected) << std::hex << code;
+  // Each code, and its neighbours.
+  for (auto const& row : all)
+    for (DWORD code = row.first - 1; code <= row.last + 1; ++code) {
+      auto const list = raised(code);
+      EXPECT_TRUE(list.starts_with(beginning(code))) << list;
+      EXPECT_TRUE(list.ends_with("Code " + std::to_string(static_cast<int>(code)) + ", Address"))
+          << list;
+    }
+  EXPECT_EQ(raised(1), "Code 1, Address");
+  EXPECT_EQ(raised(0xC0000099), "Code -1073741671, Address");
 }
 
 TEST(StructuredException, TellsTheAccessThatWasRefused) {
@@ -173,8 +171,17 @@ TEST(StructuredException, OfUnknownCodeBeginsWithTheCode) {
   }
 }
 
-TEST(StructuredException, MadeByHandIsEmpty) {
+TEST(StructuredException, CanBeMadeByHand) {
   EXPECT_TRUE(EStructuredException().values().empty());
+
+  EXCEPTION_RECORD record{};
+  record.ExceptionAddress = reinterpret_cast<void*>(0x1234567880000000);
+  CONTEXT context{};
+  EXCEPTION_POINTERS pointers{&record, &context};
+  EStructuredException const error(0xC00000FD, &pointers, 0);
+  EXPECT_STREQ(error.what(),
+               "Text: Stack Overflow\nCode: -1073741571 (0xc00000fd)\n"
+               "Address: -2147483648 (0x80000000)");
 }
 
 // What the processor does, kept from the optimiser.

@@ -136,3 +136,108 @@ TEST(Translator, MayCatchFaultsOfItsOwn) {
   }
   EXPECT_EQ(calls, "asked asked caught inside caught. asked asked caught inside caught. ");
 }
+
+// Frames without a call site at the place of the fault, written by hand.
+extern "C" int velt_test_read_in_prologue(int const volatile* address);
+extern "C" int velt_test_read_below_prologue(int const volatile* address);
+extern "C" int velt_test_read_uncovered(int const volatile* address);
+asm(R"(
+  .text
+  .def velt_test_read_in_prologue; .scl 2; .type 32; .endef
+  .seh_proc velt_test_read_in_prologue
+velt_test_read_in_prologue:
+  subq $40, %rsp
+  .seh_stackalloc 40
+  movl (%rcx), %eax
+  nop
+  .seh_endprologue
+  addq $40, %rsp
+  ret
+  .seh_handler __gxx_personality_seh0, @unwind, @except
+  .seh_handlerdata
+  .byte 0xff, 0xff, 1, 0
+  .text
+  .seh_endproc
+
+  .def velt_test_read_below_prologue; .scl 2; .type 32; .endef
+  .seh_proc velt_test_read_below_prologue
+velt_test_read_below_prologue:
+  subq $40, %rsp
+  .seh_stackalloc 40
+  call velt_test_read_in_prologue
+  nop
+  .seh_endprologue
+  addq $40, %rsp
+  ret
+  .seh_handler __gxx_personality_seh0, @unwind, @except
+  .seh_handlerdata
+  .byte 0xff, 0xff, 1, 0
+  .text
+  .seh_endproc
+
+  .def velt_test_read_uncovered; .scl 2; .type 32; .endef
+  .seh_proc velt_test_read_uncovered
+velt_test_read_uncovered:
+  subq $40, %rsp
+  .seh_stackalloc 40
+  .seh_endprologue
+  movl (%rcx), %eax
+  nop
+  addq $40, %rsp
+  ret
+  .seh_handler __gxx_personality_seh0, @unwind, @except
+  .seh_handlerdata
+  .byte 0xff, 0xff, 1, 0
+  .text
+  .seh_endproc
+)");
+
+namespace {
+
+// Makes the faults of the processor look like another kind.
+class Disguised {
+public:
+  explicit Disguised(DWORD wanted) : handler(AddVectoredExceptionHandler(1, disguise)) {
+    code = wanted;
+  }
+  ~Disguised() { RemoveVectoredExceptionHandler(handler); }
+
+private:
+  static LONG CALLBACK disguise(EXCEPTION_POINTERS* pointers) {
+    if (pointers->ExceptionRecord->ExceptionCode == EXCEPTION_ACCESS_VIOLATION)
+      pointers->ExceptionRecord->ExceptionCode = code;
+    return EXCEPTION_CONTINUE_SEARCH;
+  }
+  static inline DWORD code;
+  void* const handler;
+};
+
+void throw_code(unsigned int code, EXCEPTION_POINTERS*) { throw code; }
+
+unsigned int code_thrown_for(int (*read)(int const volatile*)) {
+  Translated const translated(throw_code);
+  try {
+    read(nowhere);
+  } catch (unsigned int code) {
+    return code;
+  }
+  return 0;
+}
+
+}  // namespace
+
+TEST(Translator, ThrowsPastAPrologue) {
+  EXPECT_EQ(code_thrown_for(velt_test_read_in_prologue), EXCEPTION_ACCESS_VIOLATION);
+}
+
+// As from a probe of the stack.
+TEST(Translator, ThrowsPastAPrologueThatCalled) {
+  EXPECT_EQ(code_thrown_for(velt_test_read_below_prologue), EXCEPTION_ACCESS_VIOLATION);
+}
+
+// The stack may run out at instructions that cannot fault otherwise. (That other
+// faults there end the process is a test of crashes.)
+TEST(Translator, ThrowsForAStackOverflowFromAnyInstruction) {
+  Disguised const overflow(EXCEPTION_STACK_OVERFLOW);
+  EXPECT_EQ(code_thrown_for(velt_test_read_uncovered), EXCEPTION_STACK_OVERFLOW);
+}

@@ -8,12 +8,11 @@
 #include <cstdio>
 #include <filesystem>
 #include <map>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "examples/shared_settings/Log.h"
-#include "tests/support/ChildProcess.h"
+#include "tests/examples/Transcript.h"
 #include "velt/exceptions/ExceptionFamily.h"
 #include "velt/text/Encoding.h"
 
@@ -23,16 +22,10 @@ using ::testing::HasSubstr;
 using ::testing::IsSupersetOf;
 using velt_test::content_of;
 using velt_test::finished_process;
+using velt_test::lines_of;
+using velt_test::source_folder;
 
-std::filesystem::path const source_folder = VELT_SOURCE_DIR;
 std::wstring const service_settings = (source_folder / "examples/service.settings").native();
-
-std::vector<std::string> lines_of(std::string const& text) {
-  std::vector<std::string> lines;
-  std::istringstream stream(text);
-  for (std::string line; std::getline(stream, line);) lines.push_back(line);
-  return lines;
-}
 
 // The log as standard output has it.
 std::string shown(std::string log) {

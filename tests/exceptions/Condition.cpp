@@ -51,27 +51,20 @@ std::string function_of(EGeneric const& error) {
 
 }  // namespace
 
-TEST(Condition, TrueOneDoesNothingAndIsEvaluatedOnce) {
-  int count = 0;
-  VELT_CONDITION(++count == 1);
-  EXPECT_EQ(count, 1);
-}
-
 TEST(Condition, FailureTellsWhatWhereAndInWhichFunction) {
   int const line = __LINE__ + 1;
   auto const error = failure_of([] { shop::Shelf<int>().check(1, nullptr); });
   ASSERT_EQ(error.values().size(), 5u);
-  EXPECT_EQ(error.values()[0].first, "Text");
-  EXPECT_EQ(error["Text"], "Condition not meet");
-  EXPECT_EQ(error.values()[1].first, "Condition");
-  EXPECT_EQ(error["Condition"], "item == T()");
-  EXPECT_EQ(error.values()[2].first, "SourceFile");
-  EXPECT_EQ(error["SourceFile"], "Condition.cpp");
-  EXPECT_EQ(error.values()[3].first, "SourceLine");
-  EXPECT_EQ(error["SourceLine"].type(), typeid(int));
-  EXPECT_LT(error["SourceLine"].as_int(), line);
-  EXPECT_EQ(error.values()[4].first, "SourceFunction");
+  std::string const text = error.what();
+  EXPECT_TRUE(text.starts_with("Text: Condition not meet\nCondition: item == T()\n"
+                               "SourceFile: Condition.cpp\nSourceLine: "))
+      << text;
+  EXPECT_LT(error["SourceLine"].get<int>(), line);
   EXPECT_EQ(function_of(error), "shop::Shelf<T>::check");
+
+  int evaluations = 0;
+  VELT_CONDITION(++evaluations == 1);
+  EXPECT_EQ(evaluations, 1);
 }
 
 TEST(Condition, NamesFunctionsOfEveryForm) {
@@ -82,12 +75,4 @@ TEST(Condition, NamesFunctionsOfEveryForm) {
             "shop::Shelf<T>::operator<");
   EXPECT_EQ(function_of(failure_of([] { std::string(shop::Shelf<int>()); })),
             "shop::Shelf<T>::operator std::string");
-}
-
-TEST(Condition, TakesFixedPlaces) {
-  auto const error = failure_of(
-      [] { velt::detail::throw_condition("a != b", "Time", 132, "_time_t::mktime"); });
-  EXPECT_STREQ(error.what(),
-               "Text: Condition not meet\nCondition: a != b\nSourceFile: Time\n"
-               "SourceLine: 132 (0x84)\nSourceFunction: _time_t::mktime");
 }

@@ -70,19 +70,16 @@ TEST(ESystemException, CarriesCodeAndTextWithoutLineEnds) {
   EXPECT_EQ(names_of(ESystemException(5, {"a", 1}, {"b", 2})), "Code Text a b ");
 }
 
-TEST(ESystemException, ComesFromTheLastError) {
+TEST(Throwers, TakeTheirCodesFromWhereTheyShould) {
   SetLastError(ERROR_FILE_NOT_FOUND);
   EXPECT_EQ(ESystemException()["Code"].as_int(), ERROR_FILE_NOT_FOUND);
   SetLastError(ERROR_BUSY);
   EXPECT_EQ(caught<ESystemException>([] { ThrowSystemException(); })["Code"].as_int(),
             ERROR_BUSY);
   EXPECT_EQ(caught<ESystemException>([] { ThrowSystemException(WAIT_TIMEOUT); })["Code"], 258);
-}
-
-TEST(ESystemException, KeepsTextsThatHaveInserts) {
-  constexpr int not_a_valid_application = 193;  // "%1 is not a valid Win32 application."
-  std::wstring const text = ESystemException(not_a_valid_application)["Text"];
-  EXPECT_FALSE(text.empty());
+  EXPECT_STREQ(caught<ELegacyException>([] { OnSysLibExc("Socket", "closed", 12); }).what(),
+               "Code: 12 (0xc)\nType: Socket\nText: closed");
+  EXPECT_STREQ(caught<EPurecallException>([] { _my_purecall_translator(); }).what(), "Purecall");
 }
 
 TEST(ERuntimeException, HasItsTextLast) {
@@ -94,16 +91,8 @@ TEST(ERuntimeException, HasItsTextLast) {
                "Code: 2 (0x2)\nFile: x.txt\nLine: 7 (0x7)\nText: No such file or directory");
   errno = EACCES;
   EXPECT_EQ(ERuntimeException()["Code"], EACCES);
-  EXPECT_EQ(names_of(ERuntimeException(EACCES, {"a", 1})), "Code a Text ");
-}
-
-TEST(ERuntimeException, TextPutByTheCallerIsReplacedInItsPlace) {
-  EXPECT_EQ(names_of(ERuntimeException(ENOENT, {"text", "mine"})), "Code text ");
-}
-
-TEST(ELegacyException, ComesFromTheOldEntry) {
-  auto const error = caught<ELegacyException>([] { OnSysLibExc("Socket", "closed", 12); });
-  EXPECT_STREQ(error.what(), "Code: 12 (0xc)\nType: Socket\nText: closed");
+  EXPECT_EQ(names_of(ERuntimeException(ENOENT, {"text", "mine"})), "Code text ")
+      << "the caller's text is replaced in its place";
 }
 
 TEST(EComException, OfAComErrorStoresTheResultAsANumber) {
@@ -162,28 +151,4 @@ TEST(EComException, ThrowerTakesTheReferenceOver) {
   EXPECT_EQ(error["Source"], L"where");
   auto const bare = caught<EComException>([] { throw_EGeneric_from_com_error(E_FAIL, nullptr); });
   EXPECT_TRUE(bare["Description"].empty());
-}
-
-TEST(EPurecallException, IsOneText) {
-  EXPECT_STREQ(caught<EPurecallException>([] { _my_purecall_translator(); }).what(), "Purecall");
-}
-
-TEST(ENotImplemented, NamesThePlace) {
-  EXPECT_STREQ(ENotImplemented("Disk.cpp", 12, "Disk::Eject").what(),
-               "Text: Not implemented\nSourceFile: Disk.cpp\nSourceLine: 12 (0xc)\n"
-               "Function: Disk::Eject");
-}
-
-TEST(EThreadInterrupt, PassesHandlersOfErrors) {
-  bool passed = false;
-  try {
-    try {
-      throw EThreadInterrupt();
-    } catch (std::exception const&) {
-      FAIL() << "caught as an error";
-    }
-  } catch (EThreadInterrupt const&) {
-    passed = true;
-  }
-  EXPECT_TRUE(passed);
 }

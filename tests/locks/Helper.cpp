@@ -3,7 +3,6 @@
 //
 //   own MUTEX EVENT         locks the mutex, sets the event, and stays until killed
 //   answer EVENT SEMAPHORE  waits for the event, then gives one to the semaphore
-//   wait TIMER              waits for the timer
 //
 // Ends with 0 when all went well and with 1 when the wait took too long. A
 // failure ends it with the platform's code.
@@ -16,7 +15,6 @@
 #include "velt/locks/Event.h"
 #include "velt/locks/Mutex.h"
 #include "velt/locks/Semaphore.h"
-#include "velt/locks/WaitableTimer.h"
 
 namespace {
 
@@ -43,22 +41,14 @@ int answer(char const* event_name, char const* semaphore_name) {
   return 0;
 }
 
-int wait(char const* timer_name) {
-  std::string const name = timer_name;
-  TWaitableTimer timer(DoNotInitialize);
-  timer.OpenTimer(std::wstring(name.begin(), name.end()).c_str(), SYNCHRONIZE);
-  return timer.WaitForSingleObject(limit, FALSE) == WAIT_OBJECT_0 ? 0 : 1;
-}
-
 }  // namespace
 
 int main(int count, char** arguments) {
   SaveMiniDumpOnCppException = false;
-  std::string const command = count > 2 ? arguments[1] : "";
+  std::string const command = count == 4 ? arguments[1] : "";
   try {
-    if (command == "own" && count == 4) return own(arguments[2], arguments[3]);
-    if (command == "answer" && count == 4) return answer(arguments[2], arguments[3]);
-    if (command == "wait" && count == 3) return wait(arguments[2]);
+    if (command == "own") return own(arguments[2], arguments[3]);
+    if (command == "answer") return answer(arguments[2], arguments[3]);
   } catch (ESystemException const& error) {
     return error["Code"].as_int();
   }

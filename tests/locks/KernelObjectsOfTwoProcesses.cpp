@@ -7,7 +7,6 @@
 #include "velt/locks/Event.h"
 #include "velt/locks/Mutex.h"
 #include "velt/locks/Semaphore.h"
-#include "velt/locks/WaitableTimer.h"
 
 namespace {
 
@@ -58,12 +57,6 @@ std::string unique(char const* what) {
   return std::string("velt-two-") + what + "-" + std::to_string(GetCurrentProcessId());
 }
 
-// The helper owns the mutex when this returns.
-void wait_until_owned(TMutex& mutex, TEvent const& ready) {
-  ASSERT_TRUE(ready.Signaled(limit));
-  ASSERT_FALSE(mutex.Lock(0));
-}
-
 }  // namespace
 
 TEST(KernelObjectsOfTwoProcesses, EventAndSemaphoreAreSeenFromBothSides) {
@@ -76,48 +69,20 @@ TEST(KernelObjectsOfTwoProcesses, EventAndSemaphoreAreSeenFromBothSides) {
   EXPECT_EQ(helper.exit_code(), 0u);
 }
 
-TEST(KernelObjectsOfTwoProcesses, TimerSetHereEndsTheWaitThere) {
-  TWaitableTimer timer(unique("timer").c_str(), true);
-  Helper helper("wait " + unique("timer"));
-  timer.SetTimer(10, 0);
-  EXPECT_EQ(helper.exit_code(), 0u);
-}
-
-TEST(KernelObjectsOfTwoProcesses, UnknownNameFailsThereToo) {
-  Helper helper("wait " + unique("nobody"));
-  EXPECT_EQ(helper.exit_code(), DWORD{ERROR_INVALID_HANDLE}) << "an unopened timer is not noticed";
-  Helper other("own " + unique("nobody") + " " + unique("nobody"));
-  EXPECT_EQ(other.exit_code(), DWORD{ERROR_FILE_NOT_FOUND});
-}
-
-TEST(KernelObjectsOfTwoProcesses, MutexOfAKilledOwnerIsAcquiredWithALimit) {
-  TMutex mutex(unique("mutex").c_str());
-  TEvent ready(unique("ready").c_str(), false, false);
-  Helper helper("own " + unique("mutex") + " " + unique("ready"));
-  wait_until_owned(mutex, ready);
-  helper.kill();
-  EXPECT_TRUE(mutex.Lock(limit));
-  mutex.Unlock();
-}
-
-TEST(KernelObjectsOfTwoProcesses, MutexOfAKilledOwnerIsAcquiredWithoutLimit) {
-  TMutex mutex(unique("mutex").c_str());
-  TEvent ready(unique("ready").c_str(), false, false);
-  Helper helper("own " + unique("mutex") + " " + unique("ready"));
-  wait_until_owned(mutex, ready);
-  helper.kill();
-  mutex.Lock();
-  mutex.Unlock();
-}
-
-TEST(KernelObjectsOfTwoProcesses, PlatformSaysAbandonedOnce) {
-  TMutex mutex(unique("mutex").c_str());
-  TEvent ready(unique("ready").c_str(), false, false);
-  Helper helper("own " + unique("mutex") + " " + unique("ready"));
-  wait_until_owned(mutex, ready);
-  helper.kill();
-  EXPECT_EQ(mutex.WaitForSingleObject(limit, FALSE), 128u);
-  EXPECT_EQ(mutex.WaitForSingleObject(limit, FALSE), 0u);
-  mutex.Unlock();
-  mutex.Unlock();
+TEST(KernelObjectsOfTwoProcesses, MutexOfAKilledOwnerIsAcquired) {
+  auto const acquire_from_the_dead = [](auto acquire) {
+    TMutex mutex(unique("mutex").c_str());
+    TEvent ready(unique("ready").c_str(), false, false);
+    Helper helper("own " + unique("mutex") + " " + unique("ready"));
+    ASSERT_TRUE(ready.Signaled(limit));
+    ASSERT_FALSE(mutex.Lock(0));
+    helper.kill();
+    acquire(mutex);
+    mutex.Unlock();
+  };
+  acquire_from_the_dead([](TMutex& mutex) { EXPECT_TRUE(mutex.Lock(limit)); });
+  acquire_from_the_dead([](TMutex& mutex) { mutex.Lock(); });
+  acquire_from_the_dead([](TMutex& mutex) {
+    EXPECT_EQ(mutex.WaitForSingleObject(limit, FALSE), DWORD{WAIT_ABANDONED});
+  });
 }

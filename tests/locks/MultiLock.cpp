@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <functional>
 #include <string>
 
@@ -14,8 +15,6 @@ using velt_test::Interrupted;
 using velt_test::OpenLock;
 
 namespace {
-
-constexpr unsigned int no_limit = 0xFFFFFFFF;
 
 std::string record(Agent const& agent, char kind) { return agent.id_text() + ":" + kind; }
 
@@ -68,41 +67,12 @@ TEST_F(MultiLock, StatusFollowsTheHoldsOfOneThread) {
   EXPECT_EQ(after(unlock_one), "not_locked");
 }
 
-TEST_F(MultiLock, PlainLockIsAWriteLock) {
-  EXPECT_TRUE(a.ask([&] { return lock.Lock(0); }));
-  a.run([&] { lock.Lock(); });
-  EXPECT_EQ(status(), "locked_write, " + record(a, 'W') + "," + record(a, 'W'));
-  EXPECT_FALSE(b.ask([&] { return lock.Lock(0); }));
-  unlock(a);
-  unlock(a);
-}
-
 TEST_F(MultiLock, UnlockRemovesTheNewestHoldOfTheCallerFromTheMiddle) {
-  read(a);
-  read(b);
-  read(a);
-  read(b);
-  read(c);
+  for (Agent* const each : {&a, &b, &a, &b, &c}) read(*each);
   unlock(a);
   EXPECT_EQ(status(), "locked_read, " + record(a, 'R') + "," + record(b, 'R') + "," +
                           record(b, 'R') + "," + record(c, 'R'));
-  unlock(b);
-  unlock(a);
-  EXPECT_EQ(status(), "locked_read, " + record(b, 'R') + "," + record(c, 'R'));
-  unlock(b);
-  unlock(c);
-  EXPECT_EQ(status(), "not_locked");
-}
-
-TEST_F(MultiLock, ListGrowsWithTheHoldsAndKeepsTheirOrder) {
-  std::string expected = "locked_write";
-  for (int i = 0; i < 300; ++i) {
-    bool const writes = i % 3 == 0;
-    a.run([&] { writes ? lock.WriteLock() : lock.ReadLock(); });
-    expected += (i == 0 ? ", " : ",") + record(a, writes ? 'W' : 'R');
-  }
-  EXPECT_EQ(status(), expected);
-  for (int i = 0; i < 300; ++i) unlock(a);
+  for (Agent* const each : {&a, &b, &b, &c}) unlock(*each);
   EXPECT_EQ(status(), "not_locked");
 }
 
@@ -110,15 +80,12 @@ TEST_F(MultiLock, SecondUpgraderThrowsAtOnceAndFirstGetsTheLock) {
   read(a);
   read(b);
   start_write(a);
-  for (unsigned int const limit : {0u, 20u, no_limit}) {
-    try {
-      b.run([&] { lock.WriteLock(limit); });
-      ADD_FAILURE() << "limit " << limit << " did not throw";
-    } catch (EGeneric const& e) {
-      EXPECT_EQ(e["Text"].as_string(), "Dead-lock in multilock");
-      EXPECT_EQ(e["Status"].as_string(),
-                "locked_read, " + record(a, 'R') + "," + record(b, 'R') + ", 1 r->w waiters");
-    }
+  try {
+    b.run([&] { lock.WriteLock(); });
+    ADD_FAILURE() << "did not throw";
+  } catch (EGeneric const& e) {
+    EXPECT_EQ(e["Status"].as_string(),
+              "locked_read, " + record(a, 'R') + "," + record(b, 'R') + ", 1 r->w waiters");
   }
   EXPECT_TRUE(a.waits());
   unlock(b);
@@ -128,40 +95,11 @@ TEST_F(MultiLock, SecondUpgraderThrowsAtOnceAndFirstGetsTheLock) {
   unlock(a);
 }
 
-TEST_F(MultiLock, UpgradeThatTimedOutCountsNoLonger) {
-  read(a);
-  read(b);
-  EXPECT_FALSE(a.ask([&] { return lock.WriteLock(20); }));
-  EXPECT_EQ(status(), "locked_read, " + record(a, 'R') + "," + record(b, 'R'));
-  EXPECT_FALSE(b.ask([&] { return lock.WriteLock(20); }));
-  unlock(a);
-  unlock(b);
-}
-
-TEST_F(MultiLock, UpgradeBesideAHoldOfNoThreadWaitsForItsEnd) {
-  read(a);
-  read(b);
-  c.run([&] { lock.ReadLockThreadIndependent(); });
-  start_write(a);
-  EXPECT_EQ(status(), "locked_read, " + record(a, 'R') + "," + record(b, 'R') +
-                          ",0:R, 1 r->w waiters");
-  EXPECT_THROW(write(b), EGeneric);
-  unlock(b);
-  EXPECT_TRUE(a.waits());
-  b.run([&] { lock.UnlockThreadIndependent(); });
-  a.finish();
-  unlock(a);
-  unlock(a);
-  EXPECT_EQ(status(), "not_locked");
-}
-
 TEST_F(MultiLock, HoldOfNoThreadEndsOnAnotherThreadAndOnlyByItsOwnUnlock) {
   a.run([&] { lock.WriteLockThreadIndependent(); });
   unlock(a);
   EXPECT_EQ(status(), "locked_write, 0:W");
   b.run([&] { lock.UnlockThreadIndependent(); });
-  EXPECT_EQ(status(), "not_locked");
-
   read(a);
   b.run([&] { lock.UnlockThreadIndependent(); });
   EXPECT_EQ(status(), "locked_read, " + record(a, 'R'));
@@ -189,34 +127,6 @@ TEST_F(MultiLock, ReadersAfterAWriterAreServedOneAtATimeAndNewcomersPassThem) {
   unlock(second);
 }
 
-TEST_F(MultiLock, AllReadersEnterWhenAWriteHoldFallsToARead) {
-  read(a);
-  write(a);
-  start_read(b);
-  start_read(c);
-  unlock(a);
-  b.finish();
-  c.finish();
-  for (Agent* const each : {&a, &b, &c}) unlock(*each);
-  EXPECT_EQ(status(), "not_locked");
-}
-
-TEST_F(MultiLock, ReleasedWriteLockGoesToOneWriterAfterTheOther) {
-  write(a);
-  start_write(b);
-  start_write(c);
-  unlock(a);
-  while (b.waits() && c.waits()) {
-  }
-  bool const b_was_first = b.finished_within(0);
-  Agent& first = b_was_first ? b : c;
-  Agent& second = b_was_first ? c : b;
-  EXPECT_TRUE(second.waits());
-  unlock(first);
-  second.finish();
-  unlock(second);
-}
-
 // A reader that finds the signal for readers still up comes back from every wait
 // at once, so its limit, which each wait starts anew, never runs out.
 TEST_F(MultiLock, LimitBoundsOneWaitAndNotTheOperation) {
@@ -237,29 +147,17 @@ TEST_F(MultiLock, LimitBoundsOneWaitAndNotTheOperation) {
   unlock(a);
 }
 
-TEST_F(MultiLock, LimitIsKeptAndAddsNothing) {
-  write(a);
-  ULONGLONG const before = GetTickCount64();
-  EXPECT_FALSE(b.ask([&] { return lock.WriteLock(100); }));
-  EXPECT_GE(GetTickCount64() - before, 90u);
-  EXPECT_EQ(status(), "locked_write, " + record(a, 'W'));
-  b.start([&] { EXPECT_TRUE(lock.WriteLock(20'000)); });
-  EXPECT_TRUE(b.waits());
-  unlock(a);
-  b.finish();
-  unlock(b);
-}
-
 TEST_F(MultiLock, QueuedCallsRunInTheWaitWhichThenGoesOn) {
-  static thread_local int calls;
+  static std::atomic<int> calls;
   calls = 0;
   write(a);
   start_write(b);
   for (int i = 0; i < 3; ++i) b.queue([](ULONG_PTR) { ++calls; });
+  for (int i = 0; i < 1'000 && calls < 3; ++i) Sleep(1);
+  EXPECT_EQ(calls, 3);
   EXPECT_TRUE(b.waits());
   unlock(a);
   b.finish();
-  EXPECT_EQ(b.ask([] { return calls; }), 3);
   unlock(b);
 }
 
@@ -274,7 +172,6 @@ TEST_F(MultiLock, QueuedCallThatThrowsEndsTheWaitAndLeavesTheLockUsable) {
     EXPECT_THROW(agent.finish(), Interrupted);
     EXPECT_EQ(status(), before);
   };
-  interrupted(c, [&] { lock.WriteLock(); });
   interrupted(c, [&] { lock.WriteLock(20'000); });
   interrupted(c, [&] { lock.WriteLockThreadIndependent(); });
   interrupted(a, [&] { lock.WriteLock(); });

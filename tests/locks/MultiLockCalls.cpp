@@ -8,9 +8,12 @@
 #include <cstdlib>
 #include <new>
 #include <string>
+#include <string_view>
+#include <type_traits>
 
 #include "tests/locks/Agent.h"
 #include "tests/locks/OpenLock.h"
+#include "tests/support/SystemCode.h"
 #include "velt/exceptions/ExceptionFamily.h"
 
 using velt_test::Agent;
@@ -37,94 +40,59 @@ int calls_in(Statement statement) {
   return calls;
 }
 
-thread_local bool fail_event = false, fail_wait = false, fail_timer = false, fail_memory = false;
+// What fails on this thread: a call of the platform by its name, or the memory.
+thread_local char const* failing = "";
+thread_local DWORD failure = 0;
+thread_local bool fail_memory = false;
 
+// The code of the exception when `call` fails with `code`.
 template <class Statement>
-auto with_failure(bool& failure, Statement statement) {
-  failure = true;
-  int code = 0;
-  try {
-    statement();
-  } catch (ESystemException const& e) {
-    code = e["Code"].as_int();
-  }
-  failure = false;
-  return code;
+int code_with_failure(char const* call, DWORD code, Statement statement) {
+  failing = call;
+  failure = code;
+  int const result = velt_test::system_code(statement);
+  failing = "";
+  return result;
 }
+
+template <class Function>
+struct counted;
+template <class Answer, class... Parameters>
+struct counted<Answer(WINAPI*)(Parameters...)> {
+  template <auto const& name, auto& real>
+  static Answer WINAPI call(Parameters... arguments) {
+    count();
+    if (name == std::string_view("SetEvent")) ++velt_test::events_set;
+    if (name != std::string_view(failing)) return real(arguments...);
+    SetLastError(failure);
+    if constexpr (std::is_same_v<Answer, DWORD>)
+      return WAIT_FAILED;
+    else
+      return Answer();
+  }
+};
 
 }  // namespace
 
-extern "C" {
-
 // Each as the sources see it, and what it stands for.
-#define COUNTED(result, name, parameters, arguments)    \
-  extern result(WINAPI* __real___imp_##name) parameters; \
-  static result WINAPI counted_##name parameters {       \
-    count();                                             \
-    return __real___imp_##name arguments;                \
-  }                                                      \
-  result(WINAPI* __wrap___imp_##name) parameters = counted_##name;
+#define COUNTED(CALL)                                      \
+  extern "C" decltype(&CALL) __real___imp_##CALL;          \
+  static constexpr char name_of_##CALL[] = #CALL;          \
+  extern "C" decltype(&CALL) __wrap___imp_##CALL;          \
+  decltype(&CALL) __wrap___imp_##CALL =                    \
+      counted<decltype(&CALL)>::call<name_of_##CALL, __real___imp_##CALL>;
 
-COUNTED(BOOL, CloseHandle, (HANDLE h), (h))
-COUNTED(BOOL, ResetEvent, (HANDLE h), (h))
-COUNTED(DWORD, SleepEx, (DWORD time, BOOL alertable), (time, alertable))
-COUNTED(HANDLE, CreateWaitableTimerW, (LPSECURITY_ATTRIBUTES s, BOOL manual, LPCWSTR name),
-        (s, manual, name))
-#undef COUNTED
+COUNTED(CloseHandle)
+COUNTED(CreateEventW)
+COUNTED(CreateWaitableTimerW)
+COUNTED(ResetEvent)
+COUNTED(SetEvent)
+COUNTED(SetWaitableTimer)
+COUNTED(SleepEx)
+COUNTED(WaitForMultipleObjectsEx)
+COUNTED(WaitForSingleObjectEx)
 
-extern BOOL(WINAPI* __real___imp_SetEvent)(HANDLE);
-static BOOL WINAPI counted_SetEvent(HANDLE event) {
-  count();
-  ++velt_test::events_set;
-  return __real___imp_SetEvent(event);
-}
-BOOL(WINAPI* __wrap___imp_SetEvent)(HANDLE) = counted_SetEvent;
-
-extern HANDLE(WINAPI* __real___imp_CreateEventW)(LPSECURITY_ATTRIBUTES, BOOL, BOOL, LPCWSTR);
-static HANDLE WINAPI counted_CreateEventW(LPSECURITY_ATTRIBUTES s, BOOL manual, BOOL initial,
-                                          LPCWSTR name) {
-  count();
-  return fail_event ? nullptr : __real___imp_CreateEventW(s, manual, initial, name);
-}
-HANDLE(WINAPI* __wrap___imp_CreateEventW)
-(LPSECURITY_ATTRIBUTES, BOOL, BOOL, LPCWSTR) = counted_CreateEventW;
-
-extern DWORD(WINAPI* __real___imp_WaitForSingleObjectEx)(HANDLE, DWORD, BOOL);
-static DWORD WINAPI counted_WaitForSingleObjectEx(HANDLE h, DWORD time, BOOL alertable) {
-  count();
-  return __real___imp_WaitForSingleObjectEx(h, time, alertable);
-}
-DWORD(WINAPI* __wrap___imp_WaitForSingleObjectEx)
-(HANDLE, DWORD, BOOL) = counted_WaitForSingleObjectEx;
-
-extern DWORD(WINAPI* __real___imp_WaitForMultipleObjectsEx)(DWORD, HANDLE const*, BOOL, DWORD,
-                                                            BOOL);
-static DWORD WINAPI counted_WaitForMultipleObjectsEx(DWORD n, HANDLE const* handles, BOOL all,
-                                                     DWORD time, BOOL alertable) {
-  count();
-  if (fail_wait) {
-    SetLastError(ERROR_NOT_ENOUGH_QUOTA);
-    return WAIT_FAILED;
-  }
-  return __real___imp_WaitForMultipleObjectsEx(n, handles, all, time, alertable);
-}
-DWORD(WINAPI* __wrap___imp_WaitForMultipleObjectsEx)
-(DWORD, HANDLE const*, BOOL, DWORD, BOOL) = counted_WaitForMultipleObjectsEx;
-
-extern BOOL(WINAPI* __real___imp_SetWaitableTimer)(HANDLE, LARGE_INTEGER const*, LONG,
-                                                   PTIMERAPCROUTINE, LPVOID, BOOL);
-static BOOL WINAPI counted_SetWaitableTimer(HANDLE timer, LARGE_INTEGER const* due, LONG period,
-                                            PTIMERAPCROUTINE routine, LPVOID argument,
-                                            BOOL resume) {
-  count();
-  if (fail_timer) {
-    SetLastError(ERROR_INVALID_PARAMETER);
-    return FALSE;
-  }
-  return __real___imp_SetWaitableTimer(timer, due, period, routine, argument, resume);
-}
-BOOL(WINAPI* __wrap___imp_SetWaitableTimer)
-(HANDLE, LARGE_INTEGER const*, LONG, PTIMERAPCROUTINE, LPVOID, BOOL) = counted_SetWaitableTimer;
+extern "C" {
 
 void* __real_malloc(std::size_t);
 void* __wrap_malloc(std::size_t size) {
@@ -170,7 +138,7 @@ TEST(MultiLockCalls, UncontendedLockCallsNeitherPlatformNorAllocator) {
             0);
 }
 
-TEST(MultiLockCalls, QuestionWithoutAWaitCallsNothingAndAWaitMakesItsObjectsOnce) {
+TEST(MultiLockCalls, WaitMakesItsObjectsOnce) {
   TMultiLock lock;
   Agent a("A");
   a.run([&] { lock.WriteLock(); });
@@ -198,7 +166,10 @@ TEST(MultiLockCalls, FailedUpgradeWaitStaysCounted) {
   Agent a("A"), b("B");
   a.run([&] { lock.ReadLock(); });
   b.run([&] { lock.ReadLock(); });
-  EXPECT_EQ(a.ask([&] { return with_failure(fail_wait, [&] { lock.WriteLock(); }); }),
+  EXPECT_EQ(a.ask([&] {
+              return code_with_failure("WaitForMultipleObjectsEx", ERROR_NOT_ENOUGH_QUOTA,
+                                       [&] { lock.WriteLock(); });
+            }),
             ERROR_NOT_ENOUGH_QUOTA);
   EXPECT_TRUE(lock.GetStatusString().ends_with(", 1 r->w waiters"));
   EXPECT_THROW(b.run([&] { lock.WriteLock(0); }), EGeneric);
@@ -210,7 +181,9 @@ TEST(MultiLockCalls, FailedEventShowsInTheWait) {
   TMultiLock lock;
   Agent a("A"), b("B");
   a.run([&] { lock.WriteLock(); });
-  EXPECT_EQ(b.ask([&] { return with_failure(fail_event, [&] { lock.WriteLock(); }); }),
+  EXPECT_EQ(b.ask([&] {
+              return code_with_failure("CreateEventW", 0, [&] { lock.WriteLock(); });
+            }),
             ERROR_INVALID_HANDLE);
   EXPECT_FALSE(b.ask([&] { return lock.WriteLock(20); }));
   a.run([&] { lock.Unlock(); });
@@ -242,7 +215,10 @@ TEST(MultiLockCalls, TimerThatCannotBeSetLeavesTheInnerLockTaken) {
   OpenLock lock;
   Agent a("A");
   lock.WriteLock();
-  EXPECT_EQ(a.ask([&] { return with_failure(fail_timer, [&] { lock.ReadLock(50); }); }),
+  EXPECT_EQ(a.ask([&] {
+              return code_with_failure("SetWaitableTimer", ERROR_INVALID_PARAMETER,
+                                       [&] { lock.ReadLock(50); });
+            }),
             ERROR_INVALID_PARAMETER);
   a.start([&] { lock.ReadLock(0); });
   EXPECT_TRUE(a.waits());

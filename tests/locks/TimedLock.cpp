@@ -90,57 +90,40 @@ TEST(TimedLock, WithinTheTickOfItsConstructionBusyIsNotANumber) {
   EXPECT_EQ(lock.get_busy(), 0.0);
 }
 
-TEST(TimedLock, AcquisitionThatFailsChangesNothing) {
-  Target target;
-  TTimedLock lock(target);
-  target.available = false;
-  now += 10;
-  EXPECT_FALSE(lock.Lock(0));
-  EXPECT_FALSE(lock.ReadLock(1));
-  EXPECT_FALSE(lock.WriteLock(2));
-  EXPECT_FALSE(lock.ReadLockThreadIndependent(3));
-  EXPECT_FALSE(lock.WriteLockThreadIndependent(4));
-  EXPECT_FALSE(lock.IsLocked());
-  now += 10;
-  EXPECT_EQ(lock.get_busy(), 0.0);
-}
-
-TEST(TimedLock, EveryOperationGoesToItsOwnAndCounts) {
-  Target target;
-  TTimedLock lock(target);
-  lock.Lock();
-  EXPECT_TRUE(lock.Lock(1));
-  lock.ReadLock();
-  EXPECT_TRUE(lock.ReadLock(2));
-  lock.WriteLock();
-  EXPECT_TRUE(lock.WriteLock(3));
-  lock.ReadLockThreadIndependent();
-  EXPECT_TRUE(lock.ReadLockThreadIndependent(4));
-  lock.WriteLockThreadIndependent();
-  EXPECT_TRUE(lock.WriteLockThreadIndependent(0xFFFFFFFF));
-  for (int i = 0; i < 9; ++i) lock.Unlock();
-  EXPECT_TRUE(lock.IsLocked());
-  lock.UnlockThreadIndependent();
-  EXPECT_FALSE(lock.IsLocked());
-
-  std::vector<std::string> expected{"Lock", "Lock 1", "ReadLock", "ReadLock 2", "WriteLock",
-                                    "WriteLock 3", "ReadLockThreadIndependent",
-                                    "ReadLockThreadIndependent 4", "WriteLockThreadIndependent",
-                                    "WriteLockThreadIndependent 4294967295"};
-  expected.insert(expected.end(), 9, "Unlock");
-  expected.push_back("UnlockThreadIndependent");
-  EXPECT_EQ(target.calls, expected);
-}
-
-TEST(TimedLock, StandsOverEachOfTheInterfaces) {
-  Target target;
-  ILock& plain = target;
-  IMultiLock& multi = target;
-  TTimedLock over_plain(plain), over_multi(multi);
-  TLock(over_plain).Unlock();
-  over_multi.ReadLock();
-  over_multi.Unlock();
-  EXPECT_EQ(target.calls, (std::vector<std::string>{"Lock", "Unlock", "ReadLock", "Unlock"}));
+TEST(TimedLock, EveryOperationGoesToItsOwnAndCountsUnlessItFails) {
+  struct {
+    char const* name;
+    bool (TTimedLock::*timed)(unsigned int);
+    void (TTimedLock::*untimed)();
+    void (TTimedLock::*undo)();
+  } const rows[] = {
+      {"Lock", &TTimedLock::Lock, &TTimedLock::Lock, &TTimedLock::Unlock},
+      {"ReadLock", &TTimedLock::ReadLock, &TTimedLock::ReadLock, &TTimedLock::Unlock},
+      {"WriteLock", &TTimedLock::WriteLock, &TTimedLock::WriteLock, &TTimedLock::Unlock},
+      {"ReadLockThreadIndependent", &TTimedLock::ReadLockThreadIndependent,
+       &TTimedLock::ReadLockThreadIndependent, &TTimedLock::UnlockThreadIndependent},
+      {"WriteLockThreadIndependent", &TTimedLock::WriteLockThreadIndependent,
+       &TTimedLock::WriteLockThreadIndependent, &TTimedLock::UnlockThreadIndependent},
+  };
+  for (auto const& [name, timed, untimed, undo] : rows) {
+    SCOPED_TRACE(name);
+    Target target;
+    TTimedLock lock(target);
+    target.available = false;
+    EXPECT_FALSE((lock.*timed)(1));
+    EXPECT_FALSE(lock.IsLocked());
+    target.available = true;
+    EXPECT_TRUE((lock.*timed)(2));
+    (lock.*untimed)();
+    (lock.*undo)();
+    EXPECT_TRUE(lock.IsLocked());
+    (lock.*undo)();
+    EXPECT_FALSE(lock.IsLocked());
+    std::string const asked = name, ended = undo == &TTimedLock::Unlock ? "Unlock"
+                                                                        : "UnlockThreadIndependent";
+    EXPECT_EQ(target.calls,
+              (std::vector<std::string>{asked + " 1", asked + " 2", asked, ended, ended}));
+  }
 }
 
 TEST(TimedLock, CopyTakesTheTotalsAndTheOpenHoldsAlong) {

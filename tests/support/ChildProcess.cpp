@@ -42,8 +42,12 @@ handle_owner start(std::wstring command, std::filesystem::path const& folder, HA
   startup.hStdOutput = output;
   startup.hStdError = errors;
   PROCESS_INFORMATION process;
-  if (!CreateProcessW(nullptr, command.data(), nullptr, nullptr, TRUE, 0, nullptr, folder.c_str(),
-                      &startup, &process))
+  auto const create = [&] {
+    return CreateProcessW(nullptr, command.data(), nullptr, nullptr, TRUE, 0, nullptr,
+                          folder.c_str(), &startup, &process);
+  };
+  // On a busy machine Wine sometimes gives up on a process that is slow to begin.
+  if (!create() && (GetLastError() != ERROR_INTERNAL_ERROR || !create()))
     throw ESystemException(GetLastError(), {"Command", command});
   CloseHandle(process.hThread);
   return handle_owner(process.hProcess);

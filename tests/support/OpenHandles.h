@@ -56,4 +56,12 @@ inline long open_handles() {
   return detail::listed_handles();
 }
 
+// Whether that many are left, soon: the platform closes the last ones of a thread
+// that has ended when it finds the time.
+inline bool open_handles_fall_to(long count) {
+  for (int tries = 0; tries < 200; ++tries, Sleep(10))
+    if (open_handles() <= count) return true;
+  return false;
+}
+
 }  // namespace velt_test

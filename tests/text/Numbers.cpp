@@ -44,14 +44,6 @@ TEST(Numbers, AreWrittenAsTheRunTimeWritesThem) {
   expect_like<unsigned __int64, wchar_t>(ui64tow, _ui64tow_s);
 }
 
-TEST(Numbers, SignIsForRadixTenAndBitsForTheOthers) {
-  EXPECT_EQ(itoa(-5), "-5");
-  EXPECT_EQ(itoa(-1, 16), "ffffffff");
-  EXPECT_EQ(i64toa(-1, 16), "ffffffffffffffff");
-  EXPECT_EQ(itow(255, 16), L"ff");
-  EXPECT_EQ(ui64toa(~0ull, 2), std::string(64, '1'));
-}
-
 TEST(Numbers, RadixOutOfRangeGivesAnEmptyText) {
   for (int const radix : {-10, 0, 1, 37}) {
     EXPECT_EQ(itoa(5, radix), "");

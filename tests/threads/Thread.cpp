@@ -55,7 +55,7 @@ TEST(Thread, RunsItsEntryAndKeepsTheHandleToTheEnd) {
     EXPECT_NE(static_cast<void*>(copy), static_cast<void*>(thread));
     EXPECT_EQ(exit_code(copy), 42u);
   }
-  EXPECT_EQ(open_handles(), before);
+  EXPECT_TRUE(velt_test::open_handles_fall_to(before));
 }
 
 TEST(Thread, CreationOverwritesTheEarlierHandleAndDoesNotCloseIt) {
@@ -68,7 +68,7 @@ TEST(Thread, CreationOverwritesTheEarlierHandleAndDoesNotCloseIt) {
     EXPECT_EQ(::WaitForSingleObject(thread, INFINITE), WAIT_OBJECT_0);
     CloseHandle(earlier);
   }
-  EXPECT_EQ(open_handles(), before);
+  EXPECT_TRUE(velt_test::open_handles_fall_to(before));
 }
 
 TEST(Thread, StackIsAsLargeAsAskedFor) {

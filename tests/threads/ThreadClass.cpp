@@ -247,7 +247,7 @@ TEST(ThreadClass, InterruptionInTheDestructorComesOutUnlessTheStackUnwinds) {
       },
       Mishap);
   EXPECT_THROW(SleepEx(0, TRUE), EThreadInterrupt);
-  EXPECT_EQ(open_handles(), before);
+  EXPECT_TRUE(velt_test::open_handles_fall_to(before));
 }
 
 TEST(ThreadClass, KilledThreadLeavesWhatItsBodyHeld) {

@@ -22,7 +22,8 @@ void work_until_seen(Watch const& watch) {
 }
 
 __int64 number(FILETIME const& time) {
-  return static_cast<__int64>(ULARGE_INTEGER{.u = {time.dwLowDateTime, time.dwHighDateTime}}.QuadPart);
+  ULARGE_INTEGER const whole{.u = {time.dwLowDateTime, time.dwHighDateTime}};
+  return static_cast<__int64>(whole.QuadPart);
 }
 
 struct ThreadTimes {
@@ -64,11 +65,6 @@ TEST(Ticks, SpanAcrossAWrapOfTheCounterIsRight) {
   EXPECT_NEAR(watch.get_elapsed(), elapsed / 1000.0, 1.0);
 }
 
-TEST(Ticks, SpanOfMoreThanHalfTheCounterIsNotNegative) {
-  auto const watch = ticks_started_at(GetTickCount() + 1'000'000);
-  EXPECT_GT(watch.get_elapsed(), 4'000'000.0 - 710'000.0);
-}
-
 TEST(Ticks, DifferenceOfStartsMindsTheWrapAndTheirOrderDoesNot) {
   auto const a = ticks_started_at(0xFFFFFFF0), b = ticks_started_at(0x10);
   EXPECT_EQ(b - a, 32);
@@ -77,13 +73,6 @@ TEST(Ticks, DifferenceOfStartsMindsTheWrapAndTheirOrderDoesNot) {
   EXPECT_TRUE(b < a);
   EXPECT_TRUE(a == ticks_started_at(0xFFFFFFF0));
   EXPECT_FALSE(a == b);
-}
-
-TEST(PerformanceCounter, FrequencyIsThePlatforms) {
-  LARGE_INTEGER expected;
-  QueryPerformanceFrequency(&expected);
-  EXPECT_EQ(_PerformanceCounterFrequency.QuadPart, expected.QuadPart);
-  EXPECT_EQ(_pcounter_t::frequency, static_cast<double>(expected.QuadPart));
 }
 
 TEST(PerformanceCounter, LapsAddUpToTheWholeWithoutAGap) {
@@ -100,13 +89,6 @@ TEST(PerformanceCounter, LapsAddUpToTheWholeWithoutAGap) {
   EXPECT_LT(third, 1.0);
 }
 
-TEST(PerformanceCounter, SecondsAreCountsByFrequency) {
-  _pcounter_t watch;
-  auto const ticks = GetTickCount();
-  Sleep(100);
-  EXPECT_NEAR(watch.get_elapsed(), (GetTickCount() - ticks) / 1000.0, 0.05);
-}
-
 TEST(ThreadTimes, EachWatchTakesItsOwnClock) {
   work_until_seen(_thread_user_times_t());
   auto const before = platform_times();
@@ -118,15 +100,6 @@ TEST(ThreadTimes, EachWatchTakesItsOwnClock) {
   EXPECT_TRUE(before.user <= user && user <= after.user);
   EXPECT_TRUE(before.kernel <= kernel && kernel <= after.kernel);
   EXPECT_TRUE(before.user + before.kernel <= both && both <= after.user + after.kernel);
-}
-
-TEST(ThreadTimes, WorkShowsInTicksOf100Nanoseconds) {
-  _thread_times_t const both;
-  _thread_user_times_t const user;
-  work_until_seen(user);
-  auto const elapsed = both.get_elapsed();
-  EXPECT_GE(elapsed, 0.01);
-  EXPECT_LT(elapsed, 5.0);
 }
 
 TEST(ThreadTimes, SleepAndWorkOfOtherThreadsDoNotCount) {

@@ -87,29 +87,6 @@ TEST(Time, ZoneOfTheRunIsTheOneAskedFor) {
   EXPECT_EQ(zone_offset(), test_zone() == "EST5EDT" ? 5 * 3600 : -3600);
 }
 
-TEST(Time, EpochIsTheDefaultAndIsValid) {
-  EXPECT_EQ(_time_t(), 0);
-  EXPECT_TRUE(_time_t().valid());
-  EXPECT_FALSE(_time_t::invalid.valid());
-  EXPECT_EQ(_time_t::invalid, -1);
-}
-
-TEST(Time, ComparesAndAssignsAsANumber) {
-  _time_t early(5), late = 7;
-  EXPECT_TRUE(early == 5 && early != late && early < late && late - early == 2);
-  early = 0;
-  EXPECT_EQ(early, 0);
-  early = beyond_the_run_time;
-  EXPECT_EQ(early, beyond_the_run_time);
-}
-
-TEST(Time, NowIsTheRunTimesNow) {
-  auto const before = _time64(nullptr);
-  auto const now = _time_t::time();
-  EXPECT_LE(before, now);
-  EXPECT_LE(now, _time64(nullptr));
-}
-
 TEST(Time, RecordIsReadAsLocalAndNormalisedInPlace) {
   tm const day = record_of(2004, 4, 31, 0, 0, 0, -1);
   tm by_reference = day, by_pointer = day, assigned = day, by_run_time = day;
@@ -123,21 +100,15 @@ TEST(Time, RecordIsReadAsLocalAndNormalisedInPlace) {
     EXPECT_TRUE(record->tm_mon == 4 && record->tm_mday == 1);
 }
 
-TEST(Time, GmRecordIsReadAsUtc) {
-  tm const record = record_of(2004, 2, 29, 12, 30, 45, 0);
-  EXPECT_EQ(_time_t::mkgmtime(record), 1078057845);
-  EXPECT_EQ(_time_t::mkgmtime(&record), 1078057845);
-}
-
 TEST(Time, LocalFieldsAreReadAsTheRunTimeReadsThem) {
   RandomFields fields{std::mt19937(1)};
   auto const check = [](auto... f) {
     tm record = record_of(f..., -1);
-    EXPECT_EQ(_time_t::mktime(f...), _mktime64(&record)) << testing::PrintToString(std::tuple(f...));
+    EXPECT_EQ(_time_t::mktime(f...), _mktime64(&record))
+        << testing::PrintToString(std::tuple(f...));
   };
   fields.ordinary(10'000, check);
   fields.beyond(10'000, check);
-  EXPECT_EQ(_time_t::mktime(2004, 13, 1, 0, 0, 0), _time_t::mktime(2005, 1, 1, 0, 0, 0));
 }
 
 // The rule is the run time's: read as standard time of the zone, less its
@@ -156,11 +127,7 @@ TEST(Time, UtcFieldsGiveTheStandardTimeOfTheZoneLessItsOffset) {
     check(year, 3, 1, 0, 0, 0);
     check(year, 12, 31, 23, 59, 59);
   }
-}
-
-TEST(Time, RefusedUtcFieldsLoseTheZonesOffsetToo) {
-  EXPECT_EQ(Core::mktime(1950, 1, 1, 0, 0, 0, true), -1 - zone_offset());
-  EXPECT_FALSE(_time_t::mktime(1950, 1, 1, 0, 0, 0).valid());
+  EXPECT_EQ(Core::mktime(1950, 1, 1, 0, 0, 0, true), -1 - zone_offset()) << "refused as -1";
 }
 
 TEST(Time, SystemTimeGoesThroughUtcAndBackWithoutTheZone) {
@@ -169,22 +136,11 @@ TEST(Time, SystemTimeGoesThroughUtcAndBackWithoutTheZone) {
   expected.wDayOfWeek = expected.wMilliseconds = 0;
   auto const t = _time_t::mktime(fields, true);
   EXPECT_EQ(t, 1078057845);
+  EXPECT_EQ(_time_t::mkgmtime(record_of(2004, 2, 29, 12, 30, 45, 0)), t);
   EXPECT_TRUE(same(t.systemtime(), expected));
   auto const local = _time_t::mktime(fields, false);
   EXPECT_TRUE(same(local.localsystemtime(), expected));
   EXPECT_EQ(local - t, zone_offset());
-}
-
-TEST(Time, BrokenDownTimesAreThoseOfTheRunTime) {
-  for (auto const t : {0ll, 1078057845ll, 1088683200ll, last_second_of_3000}) {
-    tm expected;
-    _gmtime64_s(&expected, &t);
-    tm record = _time_t(t).gmtime();
-    EXPECT_EQ(std::memcmp(&record, &expected, sizeof record), 0) << t;
-    _localtime64_s(&expected, &t);
-    record = _time_t(t).localtime();
-    EXPECT_EQ(std::memcmp(&record, &expected, sizeof record), 0) << t;
-  }
 }
 
 TEST(Time, FileTimeCountsFromItsOwnEpoch) {
@@ -207,19 +163,13 @@ TEST(Time, VariantDateAndTimeAreInverseToTheSecond) {
   EXPECT_EQ(_time_t::mktime(summer.localvarianttime(), false), summer);
 }
 
-TEST(Time, NoTimeIsVariantZero) {
-  EXPECT_EQ(_time_t::invalid.varianttime(), 0.0);
-  for (double const date : {0.0, 1e300, -1e9, std::nan("")}) {
-    EXPECT_FALSE(_time_t::mktime(date, false).valid()) << date;
-    EXPECT_FALSE(_time_t::mktime(date, true).valid()) << date;
-  }
-}
-
-TEST(Time, DateOfAVariantIsTakenWithoutALookAtItsTag) {
+TEST(Time, DateOfAVariantIsTakenWithoutALookAtItsTagAndZeroIsNoTime) {
   EXPECT_EQ(_time_t(_variant_t(25569.5, VT_DATE), true), 12 * 3600);
   EXPECT_EQ(_time_t(_variant_t(25569.5, VT_R8), true), 12 * 3600);
   EXPECT_EQ(_time_t(_variant_t(25569.5, VT_DATE), false), 12 * 3600 + zone_offset());
-  EXPECT_FALSE(_time_t(_variant_t(0.0, VT_DATE), true).valid());
+  EXPECT_EQ(_time_t::invalid.varianttime(), 0.0);
+  for (double const date : {0.0, 1e300, -1e9, std::nan("")})
+    EXPECT_FALSE(_time_t(_variant_t(date, VT_DATE), true).valid()) << date;
 }
 
 TEST(Time, LocalDaysBeginAtMidnightWhateverTheirLength) {
@@ -283,9 +233,7 @@ TEST(Time, ImpossibleConversionsThrowTheFailedCondition) {
       row.convert();
       ADD_FAILURE() << "nothing was thrown";
     } catch (EGeneric const& e) {
-      EXPECT_EQ(e["Text"].as_string(), "Condition not meet");
       EXPECT_EQ(e["Condition"].as_string(), row.condition);
-      EXPECT_EQ(e["SourceFile"].as_string(), "Time");
       EXPECT_EQ(e["SourceLine"].as_int(), row.line);
       EXPECT_EQ(e["SourceFunction"].as_string(), row.function);
     }

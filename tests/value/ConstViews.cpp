@@ -21,18 +21,3 @@ TEST(ConstString, OnlyTerminatedTextHasAnEnd) {
     EXPECT_STREQ(error.what(), "Invalid _data of const_string for c_str()");
   }
 }
-
-TEST(ConstString, ViewsTheWholeTextOfAComString) {
-  _bstr_t const text(SysAllocStringLen(L"a\0b", 3), false);
-  basic_const_string<wchar_t> const view(text);
-  EXPECT_EQ(view.length, 3u);
-  EXPECT_EQ(view.view(), std::wstring_view(L"a\0b", 3));
-  EXPECT_EQ(basic_const_string<wchar_t>(_bstr_t()).length, 0u);
-}
-
-TEST(ConstArray, ViewsAPlainArray) {
-  int const numbers[] = {1, 2, 3};
-  const_array<int> const view(numbers);
-  EXPECT_EQ(view.count, 3u);
-  EXPECT_EQ(std::vector<int>(view.begin(), view.end()), (std::vector<int>{1, 2, 3}));
-}

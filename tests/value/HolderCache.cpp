@@ -6,9 +6,9 @@
 
 #include <mutex>
 #include <random>
-#include <set>
 #include <thread>
 
+#include "tests/locks/Agent.h"
 #include "velt/value/HolderCount.h"
 #include "velt/value/Value.h"
 
@@ -20,75 +20,21 @@ constexpr int thread_limit = 256;
 
 void in_a_thread(auto action) { std::jthread{action}; }
 
-// Lets one waiting thread go on. The barriers and semaphores of this standard
-// library are not for it: once in some thousands of waits they sleep on.
-class Signal {
-public:
-  Signal() = default;
-  Signal(Signal const&) = delete;
-  Signal& operator=(Signal const&) = delete;
-  ~Signal() { CloseHandle(event); }
-
-  void set() { SetEvent(event); }
-  void wait() { WaitForSingleObject(event, INFINITE); }
-
-private:
-  HANDLE const event = CreateEventW(nullptr, FALSE, FALSE, nullptr);
-};
-
 }  // namespace
 
-TEST(HolderCache, BlocksInUseAreDistinct) {
-  std::vector<_value_t> values;
-  std::set<void const*> addresses;
-  for (int i = 0; i < 2000; ++i) {
-    values.emplace_back(i);
-    addresses.insert(values.back().holder());
-    if (i % 3 == 0) {
-      addresses.erase(values.front().holder());
-      values.erase(values.begin());
-    }
-  }
-  EXPECT_EQ(addresses.size(), values.size());
-  for (std::size_t i = 1; i < values.size(); ++i)
-    EXPECT_EQ(values[i].as_int(), values[i - 1].as_int() + 1);
-}
-
-TEST(HolderCache, OneThreadMayFreeWhatAnotherMade) {
-  auto const before = velt::detail::live_holders();
-  std::vector<_value_t> values;
-  in_a_thread([&] {
-    for (int i = 0; i < 10'000; ++i) values.emplace_back(i);
-  });
-  EXPECT_EQ(velt::detail::live_holders(), before + 10'000);
-  in_a_thread([&] { values.clear(); });
-  EXPECT_EQ(velt::detail::live_holders(), before);
-}
-
 TEST(HolderCache, MemoryDoesNotGrowWhenOneThreadMakesAndAnotherFrees) {
-  constexpr int blocks = 4000, rounds = 50;
-  auto const before = velt::detail::kept_holder_blocks();
+  auto const holders_before = velt::detail::live_holders();
+  auto const kept_before = velt::detail::kept_holder_blocks();
+  velt_test::Agent maker("the maker"), freer("the freer");
   std::vector<_value_t> values;
-  Signal made, freed;
-  __int64 at_the_end = 0;
-  {
-    std::jthread const maker([&] {
-      for (int round = 0; round < rounds; ++round) {
-        for (int i = 0; i < blocks; ++i) values.emplace_back(i);
-        made.set();
-        freed.wait();
-      }
+  for (int round = 0; round < 50; ++round) {
+    maker.run([&] {
+      for (int i = 0; i < 4000; ++i) values.emplace_back(i);
     });
-    std::jthread const freer([&] {
-      for (int round = 0; round < rounds; ++round) {
-        made.wait();
-        values.clear();
-        if (round == rounds - 1) at_the_end = velt::detail::kept_holder_blocks();
-        freed.set();
-      }
-    });
+    freer.run([&] { values.clear(); });
   }
-  EXPECT_LE(at_the_end, before + store_limit + 2 * thread_limit);
+  EXPECT_EQ(velt::detail::live_holders(), holders_before);
+  EXPECT_LE(velt::detail::kept_holder_blocks(), kept_before + store_limit + 2 * thread_limit);
 }
 
 TEST(HolderCache, EndedThreadsKeepNothingAndTheStoreNotEverything) {

@@ -15,7 +15,6 @@ using namespace velt_test;
 namespace {
 
 constexpr int lowest = std::numeric_limits<int>::min();
-constexpr double infinity = std::numeric_limits<double>::infinity();
 double const nan_value = std::nan("");
 
 // What the four numeric accessors and as_bool make of a value; nothing where
@@ -33,30 +32,21 @@ std::vector<reading> readings() {
   return {
       {-1.9, -1, 0xFFFFFFFFul, -1, -1.9, true},
       {0.5, 0, 0ul, 0, 0.5, false},
-      {-0.9, 0, 0ul, 0, -0.9, false},
       {3000000000.0, lowest, 3000000000ul, lowest, 3000000000.0, true},
-      {-1.0, -1, 4294967295ul, -1, -1.0, true},
       {1e300, lowest, 0ul, lowest, 1e300, true},
-      {infinity, lowest, 0ul, lowest, infinity, true},
       {_time_t(0x100000005), 5, 5ul, 0x100000005, 4294967301.0, true},
-      {_time_t(0), 0, 0ul, 0, 0.0, false},
       {_time_t::invalid, -1, 0xFFFFFFFFul, -1, -1.0, true},
       {" -12abc", -12, 4294967284ul, -12, -12.0, true},
       {L"7.5", 7, 7ul, 7, 7.5, true},
       {_bstr_t(L"+3000000000"), {}, 3000000000ul, 3000000000, 3e9, {}},
       {"TrUe", 0, 0ul, 0, 0.0, true},
-      {"false", 0, 0ul, 0, 0.0, false},
-      {"yes", 0, 0ul, 0, 0.0, false},
       {"", 0, 0ul, 0, 0.0, false},
-      {"-5", -5, 4294967291ul, -5, -5.0, true},
       {true, 1, 1ul, 1, 1.0, true},
-      {false, 0, 0ul, 0, 0.0, false},
       {0xFFFFFFFFul, -1, 0xFFFFFFFFul, 0xFFFFFFFFll, 4294967295.0, true},
       {0x100000005ll, {}, 5ul, 0x100000005, 4294967301.0, true},
       {0x7FFFFFFFFFFFFFFFll, {}, 0xFFFFFFFFul, 0x7FFFFFFFFFFFFFFF, 9223372036854775808.0,
        true},
       {-2, -2, 0xFFFFFFFEul, -2, -2.0, true},
-      {0, 0, 0ul, 0, 0.0, false},
       {std::vector<int>{6, 0}, 6, 6ul, 6, 6.0, true},
   };
 }
@@ -121,29 +111,6 @@ TEST(LenientReading, NumbersComeOutByTheRules) {
   EXPECT_TRUE(_value_t(nan_value).as_bool());
 }
 
-TEST(LenientReading, RefusalsNameTheHeldTypeAndTheAccessor) {
-  _value_t const wide = 5ll;
-  EXPECT_BAD_CAST(__int64, int, (void)wide.as_int());
-  EXPECT_BAD_CAST(__int64, int, (void)wide.as_time());
-  for_each_element_type([]<class T>() {
-    if constexpr (velt::detail::is_object<T>) {
-      _value_t const object = element<T>::sample();
-      EXPECT_BAD_CAST(T, int, (void)object.as_int());
-      EXPECT_BAD_CAST(T, bool, (void)object.as_bool());
-      EXPECT_BAD_CAST(T, _time_t, (void)object.as_time());
-    }
-    if constexpr (velt::detail::is_text<T> || std::is_same_v<T, bool>) {
-      _value_t const value = element<T>::sample();
-      EXPECT_BAD_CAST(T, _time_t, (void)value.as_time());
-    }
-  });
-  _value_t const empty;
-  EXPECT_BAD_CAST(void, unsigned long, (void)empty.as_ulong());
-  EXPECT_BAD_CAST(void, std::string, (void)empty.as_string());
-  EXPECT_BAD_CAST(void, _bstr_t, (void)empty.as_bstr());
-  EXPECT_BAD_CAST(void, _time_t, (void)empty.as_time());
-}
-
 TEST(LenientReading, TimesComeFromSecondsAndFromComDates) {
   EXPECT_EQ(_value_t(1000).as_time(), _time_t(1000));
   EXPECT_EQ(_value_t(0xFFFFFFFFul).as_time(), _time_t(-1)) << "the same 32 bits as an int";
@@ -198,4 +165,27 @@ TEST(LenientReading, HolderOfAClientPrintsTheNameOfItsType) {
   EXPECT_EQ(value.as_string(), velt::detail::readable_name(typeid(Unknown)));
   EXPECT_BAD_CAST(Unknown, std::wstring, (void)value.as_wstring());
   EXPECT_BAD_CAST(Unknown, int, (void)value.as_int());
+}
+
+TEST(LenientReading, RefusalsNameTheHeldTypeAndTheAccessor) {
+  _value_t const wide = 5ll;
+  EXPECT_BAD_CAST(__int64, int, (void)wide.as_int());
+  EXPECT_BAD_CAST(__int64, int, (void)wide.as_time());
+  for_each_element_type([]<class T>() {
+    if constexpr (velt::detail::is_object<T>) {
+      _value_t const object = element<T>::sample();
+      EXPECT_BAD_CAST(T, int, (void)object.as_int());
+      EXPECT_BAD_CAST(T, bool, (void)object.as_bool());
+      EXPECT_BAD_CAST(T, _time_t, (void)object.as_time());
+    }
+    if constexpr (velt::detail::is_text<T> || std::is_same_v<T, bool>) {
+      _value_t const value = element<T>::sample();
+      EXPECT_BAD_CAST(T, _time_t, (void)value.as_time());
+    }
+  });
+  _value_t const empty;
+  EXPECT_BAD_CAST(void, unsigned long, (void)empty.as_ulong());
+  EXPECT_BAD_CAST(void, std::string, (void)empty.as_string());
+  EXPECT_BAD_CAST(void, _bstr_t, (void)empty.as_bstr());
+  EXPECT_BAD_CAST(void, _time_t, (void)empty.as_time());
 }

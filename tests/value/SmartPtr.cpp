@@ -2,12 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include <set>
 #include <thread>
-#include <unordered_set>
 #include <vector>
-
-#include "velt/value/AutoPtr.h"
 
 namespace {
 
@@ -22,26 +18,7 @@ struct Probe : virtual SmartPtrObj {
   static inline std::atomic<int> alive = 0;
 };
 
-struct Left : virtual SmartPtrObj {};
-struct Right : virtual SmartPtrObj {};
-struct Both : Left, Right {
-  int count() const { return refs.value(); }
-};
-
 }  // namespace
-
-TEST(SmartPtr, HandleAssignedToItselfKeepsItsObject) {
-  SmartPtr<Probe> handle(new Probe);
-  auto const& same = handle;
-  handle = same;
-  EXPECT_EQ(handle->count(), 1);
-  handle = handle.get();
-  EXPECT_EQ(handle->count(), 1);
-  EXPECT_EQ(Probe::alive, 1);
-  handle = nullptr;
-  EXPECT_FALSE(handle);
-  EXPECT_EQ(Probe::alive, 0);
-}
 
 TEST(SmartPtr, AssigningAnObjectThatOnlyTheOldOneKeepsAliveIsSafe) {
   struct Node : Probe {
@@ -70,13 +47,6 @@ TEST(SmartPtr, ConstHandleOfAnObjectTakesAFurtherReference) {
   static_assert(!std::is_convertible_v<SmartPtr<const SmartPtrObj>, SmartPtr<SmartPtrObj>>);
 }
 
-TEST(SmartPtr, TwoCountedBasesShareOneCount) {
-  SmartPtr<Both> both(new Both);
-  SmartPtr<Left> left = both;
-  SmartPtr<Right> right = both;
-  EXPECT_EQ(both->count(), 3);
-}
-
 TEST(SmartPtr, MoveLeavesTheSourceNullAndTheCountAsItWas) {
   auto first = MakeCounted<Probe>();
   SmartPtr<Probe> second = std::move(first);
@@ -86,16 +56,9 @@ TEST(SmartPtr, MoveLeavesTheSourceNullAndTheCountAsItWas) {
   EXPECT_EQ(first->count(), 1);
   auto& same = first;
   first = std::move(same);
-  EXPECT_TRUE(first);
-}
-
-TEST(SmartPtr, OrdersAndHashesByAddress) {
-  auto a = MakeCounted<Probe>(), b = MakeCounted<Probe>();
-  std::set<SmartPtr<Probe>> ordered{a, b, a};
-  EXPECT_EQ(ordered.size(), 2u);
-  EXPECT_EQ(ordered.begin()->get(), std::min(a.get(), b.get()));
-  std::unordered_set<SmartPtr<Probe>> hashed{a, b, b};
-  EXPECT_EQ(hashed.size(), 2u);
+  first = same;
+  first = first.get();
+  EXPECT_EQ(first->count(), 1) << "assignment to itself";
 }
 
 TEST(SmartPtr, DescribesTypeAndLowHalfOfTheAddress) {
@@ -125,20 +88,4 @@ TEST(SmartPtr, ManyThreadsMayAssignToOneHandle) {
   }
   shared.reset();
   EXPECT_EQ(Probe::alive, 0);
-}
-
-TEST(AutoPtr, ResetFreesTheOldBlockAndTakesTheNewOne) {
-  struct Record {
-    int size;
-  };
-  auto const block = [] { return static_cast<Record*>(::operator new(200)); };
-  AutoPtr<Record> owner;
-  EXPECT_FALSE(owner);
-  auto const first = block();
-  owner.reset(first);
-  EXPECT_EQ(owner.get(), first);
-  owner.reset(block());
-  AutoPtr<Record> other(std::move(owner));
-  EXPECT_EQ(owner.get(), nullptr);
-  EXPECT_NE(other.get(), nullptr);
 }

@@ -9,8 +9,8 @@
 struct _EXCEPTION_POINTERS;
 
 // True if the dump was written; `pointers` may be null. False if a platform call
-// failed or a lock that the writer needs was not to be had at once: an empty
-// file may stay behind then, open for the life of the process.
-// EGeneric::SaveMiniDump chooses the name.
+// failed or a lock that the writer needs was not to be had: an empty file may
+// stay behind then, open for the life of the process. Throws what SymInitialize
+// may. EGeneric::SaveMiniDump chooses the path.
 VELT_API bool WriteMiniDump(std::string const& path, _EXCEPTION_POINTERS* pointers,
                             unsigned long type, unsigned long thread_id);

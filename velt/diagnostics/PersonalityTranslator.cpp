@@ -14,12 +14,19 @@
 //    frame it is asked about has called something.
 // 3. The frames are unwound, the one with the fault among them.
 //
+// After an overflow there is no room for two searches on top of each other, with
+// a record of all registers for every step. So the first one ends with step 1:
+// the records are copied to where there is room, and the thread goes on in a
+// function of ours just below the fault, which calls the translator.
+//
 // A vectored handler could not do it: it sees a fault before the handlers that
 // the frames of other languages have for it, and its throw would come from
 // nowhere, as far as the frame with the fault is concerned.
 #include <windows.h>
 
+#include <bit>
 #include <cstring>
+#include <exception>
 #include <optional>
 
 #include "velt/diagnostics/ThreadSlotInternal.h"
@@ -33,6 +40,11 @@ extern "C" VELT_API personality_routine __wrap___gxx_personality_seh0;
 extern "C" personality_routine velt_leave_translator;
 extern "C" void velt_enter_translator(unsigned int code, _EXCEPTION_POINTERS* pointers,
                                       structured_exception_translator translator);
+namespace velt::detail {
+struct overflow_report;
+}
+extern "C" void velt_land_below_fault(velt::detail::overflow_report*, ULONG64 rip, ULONG64 rsp);
+extern "C" void velt_translate_overflow(velt::detail::overflow_report* report);
 
 // The frame of the translator's caller has a handler that is told when it is
 // unwound, for whatever reason; a destructor would be run by some of the
@@ -53,7 +65,34 @@ velt_enter_translator:
   .seh_endproc
 )");
 
+// To an unwinder the function looks as if the processor had called it amid the
+// instruction with the fault: what lies above its frame is a place and a stack
+// pointer to go on with, and the other registers are as they were.
+asm(R"(
+  .text
+  .def velt_land_below_fault; .scl 3; .type 32; .endef
+  .seh_proc velt_land_below_fault
+velt_land_below_fault:
+  .seh_pushframe
+  subq $40, %rsp
+  .seh_stackalloc 40
+  .seh_endprologue
+  movq %rdx, 40(%rsp)
+  movq %r8, 64(%rsp)
+  cld
+  call velt_translate_overflow
+  ud2
+  .seh_endproc
+)");
+
 namespace velt::detail {
+
+// What the platform tells of an overflow, in pages of its own.
+struct overflow_report {
+  EXCEPTION_RECORD record;
+  CONTEXT context;
+};
+
 namespace {
 
 // A fault whose translator is running or was left by a throw that has not come
@@ -62,13 +101,17 @@ struct open_fault {
   open_fault* outer;
   DWORD code;
   CONTEXT* context;
-  bool frame_is_ours;  // a search for the handler of the throw came past it
+  bool frame_is_ours;       // a search for the handler of the throw came past it
+  overflow_report* report;  // null unless the context is in it
 };
 
 thread_slot<void(unsigned int, _EXCEPTION_POINTERS*)> translators;
 thread_slot<open_fault> open_faults;
 
-void close(open_fault const& fault) noexcept { open_faults.set(fault.outer); }
+void close(open_fault const& fault) noexcept {
+  open_faults.set(fault.outer);
+  if (fault.report) VirtualFree(fault.report, 0, MEM_RELEASE);
+}
 
 // Reads the numbers of the compiler's exception tables, which are those of the
 // DWARF format.
@@ -96,12 +139,16 @@ public:
   ULONG64 number(BYTE encoding) noexcept {
     switch (encoding & 0x0F) {
       case 0x01:
-      case 0x09: return unsigned_number();
+      case 0x09:
+        return unsigned_number();
       case 0x02:
-      case 0x0A: return fixed<USHORT>();
+      case 0x0A:
+        return fixed<USHORT>();
       case 0x03:
-      case 0x0B: return fixed<ULONG>();
-      default: return fixed<ULONG64>();
+      case 0x0B:
+        return fixed<ULONG>();
+      default:
+        return fixed<ULONG64>();
     }
   }
 
@@ -208,8 +255,8 @@ struct unwind_info {
 // Nothing in a prologue is covered by a call site, and nothing needs to be: what
 // faults there is the stack, directly or in the probe that it calls.
 bool is_in_prologue(DISPATCHER_CONTEXT const& frame) noexcept {
-  auto const info = reinterpret_cast<unwind_info const*>(frame.ImageBase +
-                                                         frame.FunctionEntry->UnwindData);
+  auto const info =
+      std::bit_cast<unwind_info const*>(frame.ImageBase + frame.FunctionEntry->UnwindData);
   return frame.ControlPc - frame.ImageBase - frame.FunctionEntry->BeginAddress <
          info->prologue_size;
 }
@@ -230,12 +277,40 @@ EXCEPTION_DISPOSITION pass_faulting_frame(open_fault const& fault, EXCEPTION_REC
 }
 
 void call_translator(structured_exception_translator translator, EXCEPTION_RECORD* record,
-                     CONTEXT* context) {
-  open_fault fault{open_faults.get(), record->ExceptionCode, context, false};
+                     CONTEXT* context, overflow_report* report = nullptr) {
+  open_fault fault{open_faults.get(), record->ExceptionCode, context, false, report};
   EXCEPTION_POINTERS pointers{record, context};
   open_faults.set(&fault);
   velt_enter_translator(record->ExceptionCode, &pointers, translator);
   close(fault);
+}
+
+// Null if there is no memory. What lies behind the context, the halves of wide
+// registers, is not copied.
+overflow_report* report_of(EXCEPTION_RECORD const& record, CONTEXT const& context) noexcept {
+  auto const report = static_cast<overflow_report*>(
+      VirtualAlloc(nullptr, sizeof(overflow_report), MEM_COMMIT, PAGE_READWRITE));
+  if (!report) return nullptr;
+  report->record = record;
+  report->context = context;
+  constexpr DWORD extended_state = 0x40;
+  report->context.ContextFlags &= ~extended_state;
+  return report;
+}
+
+// Makes the context one that goes on in velt_land_below_fault. False if it must
+// not go on, or if the report cannot be made.
+bool redirect_below_fault(EXCEPTION_RECORD const& record, CONTEXT& context) noexcept {
+  if (record.ExceptionFlags & EXCEPTION_NONCONTINUABLE) return false;
+  auto const report = report_of(record, context);
+  if (!report) return false;
+  constexpr ULONG64 machine_frame = 40;
+  context.Rcx = reinterpret_cast<ULONG64>(report);
+  context.Rdx = context.Rip;
+  context.R8 = context.Rsp;
+  context.Rip = reinterpret_cast<ULONG64>(&velt_land_below_fault);
+  context.Rsp = (context.Rsp & ~ULONG64{15}) - machine_frame;
+  return true;
 }
 
 bool is_unwinding(EXCEPTION_RECORD const& record) noexcept {
@@ -256,13 +331,17 @@ bool is_beyond(open_fault const* fault, void* establisher) noexcept {
   return fault && static_cast<void const*>(fault) < establisher;
 }
 
-void search(EXCEPTION_RECORD* record, void* establisher, CONTEXT* context,
-            DISPATCHER_CONTEXT const& frame) {
+EXCEPTION_DISPOSITION search(EXCEPTION_RECORD* record, void* establisher, CONTEXT* context,
+                             DISPATCHER_CONTEXT const& frame) {
   auto const translator = translators.get();
-  if (!translator || is_beyond(open_faults.get(), establisher)) return;
+  if (!translator || is_beyond(open_faults.get(), establisher)) return ExceptionContinueSearch;
   bool const faulted = is_faulting_frame(*context, establisher, frame);
-  if (has_catch_for(frame, faulted ? frame.ControlPc : frame.ControlPc - 1))
-    call_translator(translator, record, context);
+  if (!has_catch_for(frame, faulted ? frame.ControlPc : frame.ControlPc - 1))
+    return ExceptionContinueSearch;
+  if (record->ExceptionCode == EXCEPTION_STACK_OVERFLOW && redirect_below_fault(*record, *context))
+    return ExceptionContinueExecution;
+  call_translator(translator, record, context);
+  return ExceptionContinueSearch;
 }
 
 EXCEPTION_DISPOSITION pass(EXCEPTION_RECORD* record, void* establisher, CONTEXT* context,
@@ -295,8 +374,17 @@ EXCEPTION_DISPOSITION __wrap___gxx_personality_seh0(EXCEPTION_RECORD* record, vo
                                                     CONTEXT* context, DISPATCHER_CONTEXT* frame) {
   using namespace velt::detail;
   if (!is_fault(*record) || is_unwinding(*record)) return pass(record, establisher, context, frame);
-  search(record, establisher, context, *frame);
+  if (auto const answer = search(record, establisher, context, *frame);
+      answer != ExceptionContinueSearch)
+    return answer;
   return __real___gxx_personality_seh0(record, establisher, context, frame);
+}
+
+// There is no way back into the search.
+void velt_translate_overflow(velt::detail::overflow_report* report) {
+  using namespace velt::detail;
+  call_translator(translators.get(), &report->record, &report->context, report);
+  std::terminate();
 }
 
 // The fault stays open if its own frame is about to be asked: see pass().

@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "velt/diagnostics/StackOverflowException.h"
 #include "velt/diagnostics/TranslatorInternal.h"
 #include "velt/text/Format.h"
 
@@ -36,8 +37,8 @@ constexpr row texts[] = {
 // Any access that is not a read counts as a write, an execution too.
 std::string access(EXCEPTION_RECORD const& record) {
   ULONG_PTR const address = record.ExceptionInformation[1];
-  return format_string(record.ExceptionInformation[0] ? " (write to 0x%llx)" : " (read from 0x%llx)",
-                       address);
+  return format_string(
+      record.ExceptionInformation[0] ? " (write to 0x%llx)" : " (read from 0x%llx)", address);
 }
 
 // Empty if the code has no text.
@@ -52,8 +53,8 @@ std::string text_of(unsigned int code, EXCEPTION_RECORD const& record) {
 int low_half(ULONG_PTR value) { return static_cast<int>(value); }
 
 void TranslateStructuredException(unsigned int code, _EXCEPTION_POINTERS* pointers) {
-  // There is no stack left to make an exception on: the fault goes on as it is.
-  if (code == EXCEPTION_STACK_OVERFLOW) return;
+  if (code == EXCEPTION_STACK_OVERFLOW)
+    EStackOverflowException::Throw(pointers, GetCurrentThreadId());
   throw EStructuredException(code, pointers, GetCurrentThreadId());
 }
 

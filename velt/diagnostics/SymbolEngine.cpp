@@ -1,5 +1,6 @@
 #include "velt/diagnostics/SymbolEngineInternal.h"
 
+#include <malloc.h>
 #include <psapi.h>
 #include <tlhelp32.h>
 
@@ -51,6 +52,14 @@ void close_if_held(HANDLE handle) {
   if (THandle::IsValidHandle(handle)) CloseHandle(handle);
 }
 
+HANDLE heap_of(wchar_t const* run_time) {
+  auto const module = GetModuleHandleW(run_time);
+  decltype(&_get_heap_handle) ask;
+  if (!module || !bind(module, "_get_heap_handle", ask)) return nullptr;
+  auto const heap = reinterpret_cast<HANDLE>(ask());
+  return heap == GetProcessHeap() ? nullptr : heap;
+}
+
 std::uint64_t last_byte(std::uint64_t start, std::uint64_t size) {
   auto const last = start + (size - 1);
   return last >= start ? last : std::numeric_limits<std::uint64_t>::max();
@@ -100,7 +109,7 @@ symbol_engine* symbol_engine::load() {
 }
 
 symbol_engine::symbol_engine(HMODULE module, debug_help const& bound)
-    : library(module), calls(bound) {
+    : heaps{heap_of(L"msvcrt"), heap_of(L"ucrtbase")}, library(module), calls(bound) {
   calls.set_options(engine_options);
   calls.initialize(GetCurrentProcess(), nullptr, TRUE);
   snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPMODULE, 0);
@@ -118,7 +127,7 @@ bool symbol_engine::ensure_module(std::uint64_t address) {
   bool const found = find_module(address, module) || find_new_module(address, module);
   if (found)
     known.insert(module.BaseOfImage, module.ImageSize);
-  else
+  else if (finds_new_modules)
     known.insert(address, 8);
   return found;
 }
@@ -130,7 +139,7 @@ bool symbol_engine::find_module(std::uint64_t address, IMAGEHLP_MODULE64& module
 }
 
 bool symbol_engine::find_new_module(std::uint64_t address, IMAGEHLP_MODULE64& module) {
-  if (GetLastError() != ERROR_MOD_NOT_FOUND) return false;
+  if (!finds_new_modules || GetLastError() != ERROR_MOD_NOT_FOUND) return false;
   ++engine_changes;
   if (calls.refresh) {
     calls.refresh(GetCurrentProcess());

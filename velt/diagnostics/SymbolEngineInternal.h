@@ -6,6 +6,7 @@
 
 #include <dbghelp.h>
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <vector>
@@ -80,6 +81,12 @@ public:
   bool walk(DWORD machine, HANDLE thread, STACKFRAME64& frame, CONTEXT* context);
 
   debug_help const& entries() const { return calls; }
+
+  // Of the run times that may be the engine's and this library's; null for one
+  // that is not there or uses the heap of the process.
+  using heap_list = std::array<HANDLE, 2>;
+  heap_list const heaps;
+  bool finds_new_modules = true;
 
 private:
   symbol_engine(HMODULE module, debug_help const& bound);

@@ -22,9 +22,7 @@ public:
   thread_slot& operator=(thread_slot const&) = delete;
 
   T* get() const noexcept { return reinterpret_cast<T*>(read_thread_slot(index())); }
-  void set(T* value) const noexcept {
-    write_thread_slot(index(), reinterpret_cast<void*>(value));
-  }
+  void set(T* value) const noexcept { write_thread_slot(index(), reinterpret_cast<void*>(value)); }
 
 private:
   DWORD index() const noexcept { return ~complement; }

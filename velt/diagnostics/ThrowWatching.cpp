@@ -1,6 +1,5 @@
 #include <windows.h>
 
-#include <cstdint>
 #include <optional>
 #include <string>
 #include <utility>
@@ -34,8 +33,9 @@ public:
 
 private:
   bool lacks_stack() const {
-    return generic && ExtendDebugInformationFromException &&
-           generic->get_value("Stack").size() == 0;
+    if (!generic || !ExtendDebugInformationFromException) return false;
+    auto const elements = generic->get_value("Stack").size();
+    return elements == 0;
   }
 
   // Anywhere in the text, whatever stands around it.
@@ -119,7 +119,7 @@ LONG WINAPI WatchExceptions(_EXCEPTION_POINTERS* pointers) {
 
 template <class Entry>
 void look_up(Entry& entry, HMODULE module, char const* name) noexcept {
-  entry = reinterpret_cast<Entry>(reinterpret_cast<std::uintptr_t>(GetProcAddress(module, name)));
+  entry = reinterpret_cast<Entry>(reinterpret_cast<void (*)()>(GetProcAddress(module, name)));
 }
 
 }  // namespace

@@ -4,7 +4,11 @@
 
 #include "velt/exceptions/ExceptionFamily.h"
 
-TCriticalSection::TCriticalSection() { InitializeCriticalSection(this); }
+// The platform's record of the section for debugging would be freed by each of its
+// copies.
+TCriticalSection::TCriticalSection() {
+  InitializeCriticalSectionEx(this, 0, CRITICAL_SECTION_NO_DEBUG_INFO);
+}
 TCriticalSection::~TCriticalSection() { DeleteCriticalSection(this); }
 
 bool TCriticalSection::Lock(unsigned int) {

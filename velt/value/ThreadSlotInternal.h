@@ -7,6 +7,7 @@
 #include <windows.h>
 #include <winternl.h>
 
+#include <bit>
 #include <cstddef>
 
 namespace velt::detail {
@@ -15,7 +16,7 @@ namespace velt::detail {
 inline bool lies_in_block(DWORD slot) noexcept { return slot < TLS_MINIMUM_AVAILABLE; }
 
 inline void* read_in_block(DWORD slot) noexcept {
-  return reinterpret_cast<void*>(__readgsqword(offsetof(TEB, TlsSlots) + slot * sizeof(void*)));
+  return std::bit_cast<void*>(__readgsqword(offsetof(TEB, TlsSlots) + slot * sizeof(void*)));
 }
 
 // Null for TLS_OUT_OF_INDEXES.
