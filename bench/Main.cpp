@@ -8,7 +8,6 @@
 #include "bench/Rows.h"
 #include "bench/Sizes.h"
 #include "velt/diagnostics/Settings.h"
-#include "velt/diagnostics/Settings.h"
 
 namespace {
 

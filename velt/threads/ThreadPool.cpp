@@ -19,10 +19,11 @@ constexpr unsigned int idle_limit = 10'000;  // milliseconds
 constexpr int default_max = 50, default_min = 0, default_priority = 0,
               default_limit = 1'000'000;
 
-// A hold of a lock that never waits on the lock's events: once they are made,
-// every later hold would cost calls of the platform. The other holder is gone
-// within microseconds, so this looks again, and sleeps, alertably, where it is
-// not.
+// A hold of a lock that never waits on the lock's events. A released count wakes
+// a worker that wants the queue's lock at once, with the releasing thread still
+// in it: a job costs four calls of the platform then instead of two. The other
+// holder is gone within microseconds, so this looks again, and sleeps, alertably,
+// where it is not.
 template <bool (TMultiLock::*acquire)(unsigned int)>
 class short_hold {
 public:
@@ -95,8 +96,8 @@ SmartPtr<IThreadPool> CreateNewThreadPool(int max, int min, int priority, int li
 }
 
 TThreadPool::TThreadPool(int max, int min, int priority, int limit)
-    : MaxTotalThreads(max), MinIdleThreads(min), JobSemaphore(limit), ThreadPriority(priority),
-      JobQueueLimit(limit) {}
+    : MaxTotalThreads(max), MinIdleThreads(min), JobSemaphore(limit, 0),
+      ThreadPriority(priority), JobQueueLimit(limit), NoJobsEvent(true, true) {}
 
 // There are no workers then, as each keeps the pool alive, so nothing waits.
 TThreadPool::~TThreadPool() noexcept { TThreadPool::Stop(); }
@@ -110,18 +111,13 @@ bool TThreadPool::AddJob(SmartPtr<IThreadJob> job) {
   return queue_size <= as_limit(MaxTotalThreads);
 }
 
-// Threads are woken after the lock was given back, as it is what they want first.
 bool TThreadPool::TryAddJob(SmartPtr<IThreadJob> job) {
-  bool worker_waits;
-  {
-    write_hold const hold(QueueLock);
-    if (JobQueue.size() >= static_cast<unsigned int>(JobQueueLimit)) return false;
-    JobQueue.push_back(std::move(job));
-    queue_has_changed();
-    if (++RunningJobs == 1) NoJobsEvent.Reset();
-    worker_waits = JobSemaphore.raise();
-  }
-  if (worker_waits) JobSemaphore.wake();
+  write_hold const hold(QueueLock);
+  if (JobQueue.size() >= static_cast<unsigned int>(JobQueueLimit)) return false;
+  if (++RunningJobs == 1) NoJobsEvent.ResetEvent();
+  JobQueue.push_back(std::move(job));
+  queue_has_changed();
+  JobSemaphore.ReleaseSemaphore(1);
   return true;
 }
 
@@ -135,12 +131,8 @@ SmartPtr<IThreadJob> TThreadPool::PopJob() {
 }
 
 void TThreadPool::JobFinished(SmartPtr<IThreadJob>) {
-  int waiters = 0;
-  {
-    write_hold const hold(QueueLock);
-    if (--RunningJobs == 0) waiters = NoJobsEvent.raise();
-  }
-  NoJobsEvent.wake(waiters);
+  write_hold const hold(QueueLock);
+  if (--RunningJobs == 0) NoJobsEvent.SetEvent();
 }
 
 void TThreadPool::ClearQueue() {
@@ -156,15 +148,19 @@ void TThreadPool::ClearQueue() {
   while (!dropped.empty()) dropped.pop_back();
 }
 
-bool TThreadPool::WaitForIdle(int timeoutMs) { return NoJobsEvent.Wait(timeoutMs); }
+bool TThreadPool::WaitForIdle(int timeoutMs) { return NoJobsEvent.Signaled(timeoutMs); }
 
-// The sizes are read without a lock. They may be stale, and a wrong answer costs a
-// thread too many, or one that comes with the next job.
+// The queue's size may be stale. A wrong answer costs a thread too many, or one
+// that comes with the next job.
 bool TThreadPool::NeedMoreThreads() {
-  return IdleThreads < queue_size && workers_size < as_limit(MaxTotalThreads);
+  read_hold const hold(ThreadsLock);
+  return IdleThreads < queue_size && Threads.size() < as_limit(MaxTotalThreads);
 }
 bool TThreadPool::CanThreadLeave() { return IdleThreads > as_limit(MinIdleThreads); }
-bool TThreadPool::TooManyThreads() { return workers_size > as_limit(MaxTotalThreads); }
+bool TThreadPool::TooManyThreads() {
+  read_hold const hold(ThreadsLock);
+  return Threads.size() > as_limit(MaxTotalThreads);
+}
 
 void TThreadPool::CreateThread() {
   write_hold const hold(ThreadsLock);
@@ -193,8 +189,8 @@ SmartPtr<IThreadJob> TThreadPool::GetJob() {
       try {
         if (auto job = PopJob()) return job;
       } catch (...) {
-        // Its job is still there for another worker.
-        JobSemaphore.Release();
+        // Interrupted between the two. The job is still there for another worker.
+        JobSemaphore.Unlock();
         throw;
       }
     }

@@ -6,14 +6,14 @@
 #include <set>
 #include <string>
 
+#include "velt/locks/Event.h"
 #include "velt/locks/MultiLock.h"
-#include "velt/threads/LightEventInternal.h"
-#include "velt/threads/LightSemaphoreInternal.h"
+#include "velt/locks/Semaphore.h"
 #include "velt/threads/ThreadPool.h"
 
 // Neither lock is taken while the other is held. Both are held for short, and
-// never while other code runs that might want the pool: jobs and workers that are
-// dropped go after the lock was given back.
+// never while code of a client runs that might want the pool: jobs and workers
+// that are dropped go after the lock was given back.
 class TThreadPool : public IThreadPool, public IThreadOwner {
 public:
   TThreadPool(int max, int min, int priority, int limit);
@@ -63,7 +63,7 @@ private:
   std::deque<SmartPtr<IThreadJob>> JobQueue;
   TMultiLock QueueLock;
 
-  velt::detail::light_semaphore JobSemaphore;  // a count for each job in the queue
+  TSemaphore JobSemaphore;  // a count for each job in the queue
 
   // The worker that has left last. A worker cannot wait for its own thread: the
   // next one to leave, or Stop(), destroys it.
@@ -71,7 +71,7 @@ private:
 
   std::atomic<int> ThreadPriority;
   int const JobQueueLimit;
-  velt::detail::light_event NoJobsEvent;      // set while RunningJobs is 0
+  TEvent NoJobsEvent;                         // set while RunningJobs is 0
   std::atomic<unsigned int> RunningJobs = 0;  // queued or running
 
   // The sizes of the two containers, which others read without their locks.
