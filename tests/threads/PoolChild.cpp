@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "tests/threads/PoolClient.h"
+#include "velt/debug/DebugStream.h"
 #include "velt/locks/Event.h"
 #include "velt/threads/ThreadPool.h"
 
@@ -45,11 +46,15 @@ int main(int count, char** arguments) {
     static TEvent& never = *new TEvent(true, false);
     static_pool.pool = CreateNewThreadPool();
     static_pool.pool->AddJob([] { never.WaitForSignal(); })->WaitForStart(-1);
+  } else if (way == "log") {
+    CreateNewThreadPool()->AddJob([] {
+      for (;;) Debug << "still here\n";
+    })->WaitForStart(-1);
   } else if (way == "dll" && count > 2) {
     HMODULE const client = LoadLibraryA(arguments[2]);
     auto const start = reinterpret_cast<start_jobs_call>(
         reinterpret_cast<void*>(GetProcAddress(client, "start_jobs")));
-    start();
+    start(3);
   } else {
     return 1;
   }

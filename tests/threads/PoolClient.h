@@ -5,6 +5,6 @@
 using run_job_call = void (*)();
 // Stops the shared pool.
 using stop_call = void (*)();
-// Starts jobs that never end on a pool of the DLL's own, which its static
+// Starts jobs that wait for ever on a pool of the DLL's own, which its static
 // destructor stops.
-using start_jobs_call = void (*)();
+using start_jobs_call = void (*)(int count);

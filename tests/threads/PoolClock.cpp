@@ -184,24 +184,6 @@ TEST_F(PoolClock, WorkerThatLeavesIsDestroyedByTheNextOne) {
   EXPECT_LE(open_handles(), before - 2);
 }
 
-TEST_F(PoolClock, JobOfAnInterruptedWorkerIsLeftToAnother) {
-  struct Pool : TThreadPool {
-    Pool() : TThreadPool(2, 0, 0, 10) {}
-    SmartPtr<IThreadJob> PopJob() override {
-      if (!interrupted.exchange(true)) throw EThreadInterrupt();
-      return TThreadPool::PopJob();
-    }
-    std::atomic<bool> interrupted = false;
-  };
-  TestPool const pool(MakeCounted<Pool>());
-  int runs = 0;
-  pool->AddJob(job([&] { ++runs; }));
-  ASSERT_TRUE(become(pool, {1, 1, 1, 0}));
-  pool->AddJob(job([&] { ++runs; }));
-  EXPECT_TRUE(pool->WaitForIdle(patience));
-  EXPECT_EQ(runs, 2);
-}
-
 TEST_F(PoolClock, EmptyQueueBehindACountSendsTheWorkerAway) {
   struct Pool : TThreadPool {
     Pool() : TThreadPool(1, 0, 0, 10) {}
@@ -214,6 +196,32 @@ TEST_F(PoolClock, EmptyQueueBehindACountSendsTheWorkerAway) {
   pool->AddJob(job([] {}));
   // Another takes its place, since the queue is not empty.
   EXPECT_TRUE(become(pool, {1, 1, 1, 1}));
+}
+
+TEST_F(PoolClock, CountThatAClearedQueueLeftDoesNotRefuseAJob) {
+  struct Pool : TThreadPool {
+    Pool() : TThreadPool(1, 1, 0, 1) {}
+    ~Pool() noexcept override {}
+    SmartPtr<IThreadJob> PopJob() override {
+      popping.Set();
+      go_on.WaitForSignal();
+      return TThreadPool::PopJob();
+    }
+    TEvent popping, go_on{true, false};
+  };
+  TestPool const pool(MakeCounted<Pool>());
+  auto& made = dynamic_cast<Pool&>(*pool.operator->());
+  pool->AddJob(job([] { ADD_FAILURE() << "was dropped"; }));
+  made.popping.WaitForSignal();
+  pool->ClearQueue();
+  Gate gate;
+  pool->AddJob(gate.job());
+  made.go_on.Set();
+  ASSERT_TRUE(become(pool, {1, 1, 0, 0}));
+  pool->AddJob(gate.job());
+  gate.open.Set();
+  EXPECT_TRUE(become(pool, {0, 1, 0, 1}));
+  EXPECT_EQ(gate.inside, 2);
 }
 
 TEST_F(ContextClock, DroppedWorkerIsInterruptedAfterItsGrace) {

@@ -10,6 +10,7 @@
 #include <string>
 #include <utility>
 
+#include "tests/threads/Faults.h"
 #include "tests/threads/Support.h"
 #include "velt/threads/ThreadPool.h"
 

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <set>
@@ -39,6 +40,21 @@ public:
   SmartPtr<IThreadContext> context;
   TEvent taken, go_on;
 };
+
+int occurrences(std::string const& part, std::string const& text) {
+  int count = 0;
+  for (auto place = text.find(part); place != text.npos; place = text.find(part, place + 1)) ++count;
+  return count;
+}
+
+std::string text_of(SmartPtr<IThreadTask> const& task) {
+  try {
+    if (task->IsException()) task->RethrowException();
+  } catch (EGeneric const& error) {
+    return error["Text"];
+  }
+  return {};
+}
 
 }  // namespace
 
@@ -113,8 +129,10 @@ TEST(ThreadPool, WorkerIsAddedOnlyIfMoreJobsWaitThanWorkersAreIdle) {
 TEST(ThreadPool, BacklogIsToldWhenItExceedsTheMaximum) {
   TestPool const pool(CreateNewThreadPool());
   Gate gate;
-  for (int i = 0; i < 51; ++i) EXPECT_TRUE(pool->AddJob(gate.job())) << i;
-  EXPECT_TRUE(become(pool, {51, 50, 1, 0}));
+  for (int i = 1; i <= 51; ++i) {
+    EXPECT_TRUE(pool->AddJob(gate.job())) << i;
+    ASSERT_TRUE(become(pool, {i, std::min(i, 50), i / 51, 0}));
+  }
   gate.open.Set();
   EXPECT_TRUE(pool->WaitForIdle(patience));
 
@@ -247,6 +265,45 @@ TEST(ThreadPool, JobThatThrowsCostsItsWorker) {
   EXPECT_TRUE(pool->WaitForIdle(patience));
   pool->Stop();
   EXPECT_EQ(debug.text(), "(!) Thread runaway with exception EGeneric:No room\n");
+}
+
+TEST(ThreadPool, ServesOnAfterAThousandFaults) {
+  DebugText debug;
+  TestPool const pool(CreateNewThreadPool(4, 0));
+  for (int i = 0; i < 1'000; ++i) {
+    auto const task = pool->AddJob(read_through_bad_pointer);
+    ASSERT_TRUE(task->WaitForFinish(patience)) << i;
+    ASSERT_TRUE(task->IsException()) << i;
+  }
+  EXPECT_EQ(debug.text(), "");
+
+  for (int i = 0; i < 1'000; ++i) pool->AddJob(job(read_through_bad_pointer));
+  ASSERT_TRUE(pool->WaitForIdle(patience));
+  std::string const line = "(!) Thread runaway with exception EStructuredException:";
+  EXPECT_TRUE(eventually([&] { return occurrences(line, debug.text()) == 1'000; }));
+
+  bool ran = false;
+  pool->AddJob(job([&] { ran = true; }));
+  EXPECT_TRUE(pool->WaitForIdle(patience));
+  EXPECT_TRUE(ran);
+}
+
+TEST(ThreadPool, WorkerOverflowsItsStackAgainAndAgain) {
+  DebugText debug;
+  TestPool const pool(CreateNewThreadPool(1, 0));
+  std::set<DWORD> threads;
+  for (int i = 0; i < 3; ++i) {
+    auto const task = pool->AddJob([&] {
+      threads.insert(GetCurrentThreadId());
+      overflow_stack();
+    });
+    ASSERT_TRUE(task->WaitForFinish(patience));
+    EXPECT_EQ(text_of(task), "Stack Overflow");
+  }
+  EXPECT_EQ(threads.size(), 1u);
+  pool->AddJob(job([] { overflow_stack(); }));
+  EXPECT_TRUE(become(pool, {0, 0, 0, 0}));
+  EXPECT_TRUE(eventually([&] { return occurrences("EStackOverflowException", debug.text()) == 1; }));
 }
 
 TEST(ThreadPool, LastWorkerIsReplacedWhileJobsWait) {

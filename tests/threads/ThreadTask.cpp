@@ -11,7 +11,7 @@
 #include <utility>
 
 #include "tests/support/OpenHandles.h"
-#include "tests/threads/Support.h"
+#include "tests/threads/PoolSupport.h"
 #include "velt/diagnostics/StructuredException.h"
 #include "velt/exceptions/ExceptionFamily.h"
 
@@ -233,10 +233,7 @@ TEST_F(ThreadTask, InterruptionPassesOnAndIsNotKept) {
 
 TEST_F(ThreadTask, FaultIsKeptLikeAnException) {
   redirect_structured_exceptions const redirection;
-  task->work = [] {
-    static int volatile* volatile nowhere = nullptr;
-    *nowhere = 1;
-  };
+  task->work = read_through_bad_pointer;
   task->Run(context);
   ASSERT_TRUE(task->IsException());
   EXPECT_EQ((*task->Exception)["Code"].as_int(), static_cast<int>(0xC0000005));

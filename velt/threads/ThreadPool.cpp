@@ -22,8 +22,10 @@ constexpr int default_max = 50, default_min = 0, default_priority = 0,
 // A hold of a lock that never waits on the lock's events. A released count wakes
 // a worker that wants the queue's lock at once, with the releasing thread still
 // in it: a job costs four calls of the platform then instead of two. The other
-// holder is gone within microseconds, so this looks again, and sleeps, alertably,
-// where it is not.
+// holder is gone soon, so this looks again, and sleeps where it is not.
+//
+// Not alertable: a worker that is interrupted between a count and its job, or in
+// a report, would leave the pool with numbers that are wrong for good.
 template <bool (TMultiLock::*acquire)(unsigned int)>
 class short_hold {
 public:
@@ -34,7 +36,7 @@ public:
       else if (tries < tries_before_sleep)
         SwitchToThread();
       else
-        TThread::Pause();
+        Sleep(1);
     }
   }
   short_hold(short_hold const&) = delete;
@@ -111,13 +113,17 @@ bool TThreadPool::AddJob(SmartPtr<IThreadJob> job) {
   return queue_size <= as_limit(MaxTotalThreads);
 }
 
+// A worker that took the count of a job that ClearQueue() dropped may take the next
+// job with it, whose own count stays. So the semaphore can be full before the
+// queue is; then it has a count for each job.
 bool TThreadPool::TryAddJob(SmartPtr<IThreadJob> job) {
   write_hold const hold(QueueLock);
   if (JobQueue.size() >= static_cast<unsigned int>(JobQueueLimit)) return false;
   if (++RunningJobs == 1) NoJobsEvent.ResetEvent();
   JobQueue.push_back(std::move(job));
   queue_has_changed();
-  JobSemaphore.ReleaseSemaphore(1);
+  if (!ReleaseSemaphore(JobSemaphore, 1, nullptr) && GetLastError() != ERROR_TOO_MANY_POSTS)
+    ThrowSystemException();
   return true;
 }
 
@@ -139,7 +145,7 @@ void TThreadPool::ClearQueue() {
   std::deque<SmartPtr<IThreadJob>> dropped;
   {
     write_hold const hold(QueueLock);
-    while (JobSemaphore.Lock(0)) {
+    while (JobSemaphore.WaitForSingleObject(0, FALSE) == WAIT_OBJECT_0) {
     }
     RunningJobs -= static_cast<unsigned int>(JobQueue.size());
     JobQueue.swap(dropped);
@@ -185,15 +191,8 @@ SmartPtr<IThreadJob> TThreadPool::GetJob() {
   if (TooManyThreads()) return nullptr;
   for (;;) {
     count_while_alive const idle(IdleThreads);
-    if (JobSemaphore.Lock(idle_limit)) {
-      try {
-        if (auto job = PopJob()) return job;
-      } catch (...) {
-        // Interrupted between the two. The job is still there for another worker.
-        JobSemaphore.Unlock();
-        throw;
-      }
-    }
+    if (JobSemaphore.Lock(idle_limit))
+      if (auto job = PopJob()) return job;
     if (CanThreadLeave()) return nullptr;
   }
 }

@@ -21,8 +21,8 @@
 
 // Any thread may call the operations, except that a job must not stop its own
 // pool: the interruption would come out of the call, with the pool half stopped.
-// All may wait for a lock, alertably, and throw ESystemException when the
-// platform refuses. `describe()` tells the counts.
+// All may throw ESystemException, when the platform refuses. `describe()` tells
+// the counts.
 //
 // Call Stop() when done with a pool: until then its workers and the pool keep
 // each other alive.

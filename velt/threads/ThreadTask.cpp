@@ -5,6 +5,7 @@
 #include <memory>
 #include <typeinfo>
 
+#include "velt/diagnostics/StackOverflowException.h"
 #include "velt/exceptions/EGeneric.h"
 #include "velt/exceptions/ExceptionFamily.h"
 #include "velt/exceptions/TypeName.h"
@@ -143,6 +144,10 @@ void TThreadTask::keep_exception() {
     throw;
   } catch (EThreadInterrupt const&) {
     throw;
+  } catch (EStackOverflowException const& error) {
+    // The worker goes on, and its next job may overflow as well.
+    EStackOverflowException::ResetStack();
+    Exception = new EGeneric(error);
   } catch (EGeneric const& error) {
     Exception = new EGeneric(error);
   } catch (std::exception const& error) {

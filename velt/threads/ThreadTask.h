@@ -81,7 +81,8 @@ protected:
   // Run() for `work`, a callable without arguments. Does nothing if the task was
   // cancelled before, or has run before. What the work throws is kept:
   //
-  //   EGeneric and its family   as an EGeneric with the same values
+  //   EGeneric and its family   as an EGeneric with the same values; after an
+  //                             overflow the stack can overflow again
   //   std::exception            "Text", its what(), and "Type", its class
   //   anything else             "Text", "Unknown exception", and "Type" if known
   //   EThreadInterrupt          not at all: the task ends, and it passes on
