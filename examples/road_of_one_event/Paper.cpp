@@ -16,16 +16,16 @@ namespace {
 
 std::string trimmed(std::string const& text) { return trim(text, " \t\r"); }
 
-_value_t quantity_in(std::string const& text) {
+// Inlined, these two would stand in the stacks under the name of their caller.
+[[gnu::noinline]] _value_t quantity_in(std::string const& text) {
   int quantity = 0;
   auto const end = text.data() + text.size();
   auto const read = std::from_chars(text.data(), end, quantity);
-  if (read.ec != std::errc() || read.ptr != end)
-    throw EGeneric({"Text", "Not a number"}, {"Quantity", text});
-  return quantity;
+  if (read.ec == std::errc() && read.ptr == end) return quantity;
+  throw EGeneric({"Text", "Not a number"}, {"Quantity", text});
 }
 
-int worth_of_line(std::string const& line) {
+[[gnu::noinline]] int worth_of_line(std::string const& line) {
   auto const equals = line.find('=');
   if (equals == line.npos) throw EGeneric({"Text", "No quantity"});
   int const quantity = quantity_in(trimmed(line.substr(equals + 1)));
