@@ -34,7 +34,7 @@ std::string form_of(std::string line) {
   if (line.starts_with("-> ") &&
       !std::regex_search(line, std::regex("\\[(Jobs|Paper|Prices)\\.cpp#")))
     return {};
-  if (line.find("operator()") != line.npos) return {};  // inlined or not
+  if (line.find("operator()") != line.npos) return {};
   if (line.starts_with("Address:")) return "Address:";
   struct {
     char const *varying, *form;
@@ -42,6 +42,7 @@ std::string form_of(std::string line) {
                      {"has [0-9]+ KB", "has # KB"},
                      {"Pool 0x[0-9a-f]+", "Pool #"},
                      {"Idle=[01]", "Idle=#"},
+                     {"(Jobs|Paper)\\.cpp#[0-9]+", "$1.cpp#"},  // inlined or not
                      {" +$", ""}};
   for (auto const& [varying, form] : rules)
     line = std::regex_replace(line, std::regex(varying), form);
