@@ -37,7 +37,7 @@ void hand_to_pool() {
   pool->WaitForIdle(-1);
 }
 
-// A thread that answers each count of a semaphore with an event.
+// A thread that answers each count of a semaphore with a manual event.
 struct Echo {
   Echo() {
     std::thread([this] {
@@ -48,13 +48,13 @@ struct Echo {
     }).detach();
   }
   HANDLE semaphore = CreateSemaphoreW(nullptr, 0, 1, nullptr);
-  HANDLE event = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+  HANDLE event = CreateEventW(nullptr, TRUE, FALSE, nullptr);
 };
 
 void hand_to_thread() {
   auto& echo = lasting<Echo>();
-  LONG previous;
-  ReleaseSemaphore(echo.semaphore, 1, &previous);
+  ResetEvent(echo.event);
+  ReleaseSemaphore(echo.semaphore, 1, nullptr);
   WaitForSingleObjectEx(echo.event, INFINITE, TRUE);
 }
 

@@ -188,11 +188,12 @@ TEST_F(ThreadContext, IsDescribedByItsStackUnlessSomebodySuspendedIt) {
   });
   context->Start();
   in_job.WaitForSignal();
-  ::Sleep(20);
   auto const writer = MakeCounted<RecordingWriter>();
   TDebugStream stream(writer);
-  stream << context.get();
-  EXPECT_NE(writer->all().find("wait_in_a_job_of_the_test"), std::string::npos) << writer->all();
+  EXPECT_TRUE(eventually([&] {
+    stream << context.get();
+    return writer->all().find("wait_in_a_job_of_the_test") != std::string::npos;
+  })) << writer->all();
 
   context->Suspend();
   EXPECT_EQ(context->describe(), "");

@@ -44,7 +44,7 @@ public:
   ~short_hold() { lock.Unlock(); }
 
 private:
-  static constexpr int tries_before_yield = 50, tries_before_sleep = 2000;
+  static constexpr int tries_before_yield = 500, tries_before_sleep = 20000;
 
   TMultiLock& lock;
 };
