@@ -40,11 +40,9 @@ void order::log_result() {
     if (IsException()) RethrowException();
     Debug << content->name << " came to " << money(worth) << '\n';
   } catch (EGeneric const& error) {
-    Debug << content->name << " came to nothing; RethrowException() throws: "
-          << error["Text"].as_string() << '\n';
+    Debug << content->name
+          << " came to nothing; RethrowException() throws: " << error["Text"].as_string() << '\n';
   }
 }
 
-void count_of_stock::Run(SmartPtr<IThreadContext> const&) {
-  log_worth(*content, content->worth());
-}
+void count_of_stock::Run(SmartPtr<IThreadContext> const&) { log_worth(*content, content->worth()); }

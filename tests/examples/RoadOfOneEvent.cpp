@@ -86,8 +86,7 @@ TEST_F(RoadOfOneEvent, FaultIsKeptWithPlaceStackAndDump) {
                         "Access Violation (read from 0x20)\n"));
 
   std::filesystem::path dump;
-  for (auto const& file :
-       std::filesystem::directory_iterator(scratch->path() / L"größe" / "Dumps"))
+  for (auto const& file : std::filesystem::directory_iterator(scratch->path() / L"größe" / "Dumps"))
     dump = file.path();
   EXPECT_THAT(content_of(dump), StartsWith("MDMP"));
   EXPECT_THAT(fault, HasSubstr("\nMiniDump: Dumps\\" + dump.filename().string() + '\n'));
@@ -98,8 +97,9 @@ TEST_F(RoadOfOneEvent, ExceptionThatAJobLetPassIsTheLastWordOfItsWorker) {
   auto const runaway = part(result->output, "(!)", "File: mill.stock");
   EXPECT_THAT(runaway, StartsWith("(!) Thread runaway with exception EGeneric:\n"
                                   "Text: Not a number\nQuantity: a dozen\n"));
-  EXPECT_THAT(runaway, HasSubstr("\n-> " + frame("road_of_one_event", "quantity_in", "Paper.cpp",
-                                                 "throw EGeneric({\"Text\", \"Not a") +
+  EXPECT_THAT(runaway, HasSubstr("\n-> " +
+                                 frame("road_of_one_event", "quantity_in", "Paper.cpp",
+                                       "throw EGeneric({\"Text\", \"Not a") +
                                  '\n'));
 }
 
@@ -110,13 +110,14 @@ TEST_F(RoadOfOneEvent, OtherJobsAreDoneAndThePoolServesOn) {
   for (auto const& line : lines_of(result->output))
     if (std::regex_match(line, std::regex("[a-z]+\\.(order|stock)(:| came to) [0-9.]+")))
       done.push_back(line);
-  EXPECT_THAT(done, testing::UnorderedElementsAre(
-                        "baker.order: 23.60", "cellar.stock: 1335.50", "loft.stock: 735.00",
-                        "orchard.stock: 36.00", "smith.order: 95.00",
-                        "baker.order came to 23.60", "smith.order came to 95.00"));
+  EXPECT_THAT(done, testing::UnorderedElementsAre("baker.order: 23.60", "cellar.stock: 1335.50",
+                                                  "loft.stock: 735.00", "orchard.stock: 36.00",
+                                                  "smith.order: 95.00", "baker.order came to 23.60",
+                                                  "smith.order came to 95.00"));
   auto const lines = lines_of(result->output);
-  EXPECT_EQ(form_of(lines.front()), "Thread Pool # RunningJobs=7 Threads=0 Queue=7 Idle=# "
-                                    "MaxTotalThreads=0 MinIdleThreads=0");
+  EXPECT_EQ(form_of(lines.front()),
+            "Thread Pool # RunningJobs=7 Threads=0 Queue=7 Idle=# "
+            "MaxTotalThreads=0 MinIdleThreads=0");
   EXPECT_EQ(form_of(lines.at(lines.size() - 4)),
             "Thread Pool # RunningJobs=0 Threads=1 Queue=0 Idle=# MaxTotalThreads=1 "
             "MinIdleThreads=0");
@@ -144,8 +145,7 @@ TEST_F(RoadOfOneEvent, WrongUseIsOneLineAndNoJobBegins) {
   create_directory(folder.path() / "good");
   folder.add("good/a.order", "salt = 1\n");
   auto const text = [](int code) { return ESystemException(code)["Text"].as_string(); };
-  std::string const usage =
-      "; usage: road_of_one_event [--help] [--work FOLDER] [PAPERS]\n";
+  std::string const usage = "; usage: road_of_one_event [--help] [--work FOLDER] [PAPERS]\n";
   struct {
     std::vector<std::wstring> arguments;
     std::string reason;

@@ -37,7 +37,7 @@ TEST(PoolAtEnd, LibraryIsUnloadedWhenItsWorkersAreGone) {
   // One of them for ten seconds: what the idle rule says, by the real clock.
   for (wchar_t const* const way : {L"again", L"idle", L"running"}) {
     auto const ending = run(VELT_POOL_UNLOADER, {way, VELT_POOL_CLIENT, VELT_POOL_LIBRARY});
-    EXPECT_EQ(ending.process.status, 0u) << std::string(way, way + wcslen(way)) << ": "
-                                         << ending.process.output;
+    EXPECT_EQ(ending.process.status, 0u)
+        << std::string(way, way + wcslen(way)) << ": " << ending.process.output;
   }
 }

@@ -19,7 +19,8 @@ void start_jobs() {
       pool->AddJob([] { never.WaitForSignal(); })->WaitForStart(-1);
       pool->AddJob([] {
             for (;;) YieldProcessor();
-          })->WaitForStart(-1);
+          })
+          ->WaitForStart(-1);
     }
     pool->AddJob([] {});
   }
@@ -47,9 +48,11 @@ int main(int count, char** arguments) {
     static_pool.pool = CreateNewThreadPool();
     static_pool.pool->AddJob([] { never.WaitForSignal(); })->WaitForStart(-1);
   } else if (way == "log") {
-    CreateNewThreadPool()->AddJob([] {
-      for (;;) Debug << "still here\n";
-    })->WaitForStart(-1);
+    CreateNewThreadPool()
+        ->AddJob([] {
+          for (;;) Debug << "still here\n";
+        })
+        ->WaitForStart(-1);
   } else if (way == "dll" && count > 2) {
     HMODULE const client = LoadLibraryA(arguments[2]);
     auto const start = reinterpret_cast<start_jobs_call>(

@@ -30,7 +30,6 @@ __declspec(dllexport) void stop() { GetSystemThreadPool()->Stop(); }
 __declspec(dllexport) void start_jobs(int count) {
   static TEvent& never = *new TEvent(true, false);
   own.pool = CreateNewThreadPool();
-  for (int i = 0; i < count; ++i)
-    own.pool->AddJob([] { never.WaitForSignal(); })->WaitForStart(-1);
+  for (int i = 0; i < count; ++i) own.pool->AddJob([] { never.WaitForSignal(); })->WaitForStart(-1);
 }
 }

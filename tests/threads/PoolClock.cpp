@@ -187,9 +187,7 @@ TEST_F(PoolClock, WorkerThatLeavesIsDestroyedByTheNextOne) {
 TEST_F(PoolClock, EmptyQueueBehindACountSendsTheWorkerAway) {
   struct Pool : TThreadPool {
     Pool() : TThreadPool(1, 0, 0, 10) {}
-    SmartPtr<IThreadJob> PopJob() override {
-      return pops++ == 0 ? nullptr : TThreadPool::PopJob();
-    }
+    SmartPtr<IThreadJob> PopJob() override { return pops++ == 0 ? nullptr : TThreadPool::PopJob(); }
     std::atomic<int> pops = 0;
   };
   TestPool const pool(MakeCounted<Pool>());
@@ -273,8 +271,7 @@ TEST(PoolFailures, ResourcesOfAPoolAndATaskAreMadeInOrderAndNoneIsLost) {
   } const rows[] = {
       {"CreateSemaphoreW(none, 0, 7, none)CreateEventW(none, 1, 1, none)",
        [] { CreateNewThreadPool(1, 0, 0, 7); }},
-      {"CreateEventW(none, 1, 0, none)CreateEventW(none, 1, 0, none)",
-       [] { MakeCounted<Task>(); }},
+      {"CreateEventW(none, 1, 0, none)CreateEventW(none, 1, 0, none)", [] { MakeCounted<Task>(); }},
   };
   for (auto const& [calls, run] : rows) {
     {

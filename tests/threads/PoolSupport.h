@@ -76,8 +76,7 @@ bool eventually(Condition condition) {
 }
 
 inline ::testing::AssertionResult become(SmartPtr<IThreadPool> const& pool, PoolCounts expected) {
-  if (eventually([&] { return counts_of(pool) == expected; }))
-    return ::testing::AssertionSuccess();
+  if (eventually([&] { return counts_of(pool) == expected; })) return ::testing::AssertionSuccess();
   return ::testing::AssertionFailure() << counts_of(pool) << " instead of " << expected;
 }
 

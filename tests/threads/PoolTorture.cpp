@@ -6,8 +6,9 @@
 //   pool_torture [--seconds N] [--seed S] [--threads T]
 //
 // A calm round has nothing in it that drops or interrupts jobs: each must then
-// have run once. Only there the stack overflows, which must not be interrupted. Ends with 0 if nothing was found, with 1 after a fault, with 2
-// after an option that it does not know.
+// have run once. Only there the stack overflows, which must not be interrupted.
+// Ends with 0 if nothing was found, with 1 after a fault, with 2 after an option
+// that it does not know.
 #include <windows.h>
 
 #include <tlhelp32.h>
@@ -138,7 +139,7 @@ private:
     auto const what =
         allowed(static_cast<kind>(random() % static_cast<unsigned>(kind::count)), calm);
     switch (random() % 16) {
-      case 0: pool->SetLimits(static_cast<int>(random() % 7), static_cast<int>(random() % 3), 0); break;
+      case 0: set_limits(random); break;
       case 1: pool->WaitForIdle(static_cast<int>(random() % 3)); break;
       case 2: expect(!state().empty(), "no text"); break;
       case 3: calm ? add(what) : pool->ClearQueue(); break;
@@ -147,6 +148,10 @@ private:
       case 8: case 9: calm ? add(what) : cancel(random, tasks); break;
       default: add(what);
     }
+  }
+
+  void set_limits(std::mt19937& random) {
+    pool->SetLimits(static_cast<int>(random() % 7), static_cast<int>(random() % 3), 0);
   }
 
   void stop() {

@@ -7,7 +7,6 @@
 #include <new>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <utility>
 
 #include "tests/support/OpenHandles.h"
@@ -177,17 +176,14 @@ TEST_F(ThreadTask, SecondCancelWaitsForTheFirst) {
     go_on.WaitForSignal();
   };
   task->begin(context);
-  std::jthread first([&] { task->Cancel(); });
+  Worker first([&] { task->Cancel(); }), second([&] { task->Cancel(); });
+  first.StartThread();
   interrupting.WaitForSignal();
-  TEvent returned;
-  std::jthread second([&] {
-    task->Cancel();
-    returned.Set();
-  });
-  EXPECT_FALSE(returned.Signaled(50));
+  second.start_into_body();
+  EXPECT_FALSE(second.ended_within(50));
   go_on.Set();
-  first.join();
-  second.join();
+  EXPECT_TRUE(first.ended_within(patience));
+  EXPECT_TRUE(second.ended_within(patience));
   EXPECT_EQ(context->notes, "interrupt start ");
 }
 
@@ -196,12 +192,19 @@ TEST_F(ThreadTask, ExceptionIsKeptWithItsValuesAndThrownAsAnEGeneric) {
     std::function<void()> work;
     char const* text;  // of what is thrown again
   } const rows[] = {
-      {[] { throw EGeneric({"Text", "No room"}); }, "No room"},
-      {[] { throw EGeneric({"Text", "No room"}, {"Rooms", 12}); }, "Text: No room\nRooms: 12 (0xc)"},
-      {[] { throw ERuntimeException(2, {"File", "x"}); },
+      {[] {
+         throw EGeneric({"Text", "No room"});
+       },
+       "No room"},
+      {[] {
+         throw EGeneric({"Text", "No room"}, {"Rooms", 12});
+       },
+       "Text: No room\nRooms: 12 (0xc)"},
+      {[] {
+         throw ERuntimeException(2, {"File", "x"});
+       },
        "Code: 2 (0x2)\nFile: x\nText: No such file or directory"},
-      {[] { throw Refusal("not today"); },
-       "Text: not today\nType: (anonymous namespace)::Refusal"},
+      {[] { throw Refusal("not today"); }, "Text: not today\nType: (anonymous namespace)::Refusal"},
       {[] { throw std::bad_alloc(); }, "Text: std::bad_alloc\nType: std::bad_alloc"},
       {[] { throw 5; }, "Text: Unknown exception\nType: int"},
   };

@@ -16,8 +16,7 @@ namespace {
 constexpr unsigned int idle_limit = 10'000;  // milliseconds
 
 // What a pool is made with where its maker does not say.
-constexpr int default_max = 50, default_min = 0, default_priority = 0,
-              default_limit = 1'000'000;
+constexpr int default_max = 50, default_min = 0, default_priority = 0, default_limit = 1'000'000;
 
 // A hold of a lock that never waits on the lock's events. A released count wakes
 // a worker that wants the queue's lock at once, with the releasing thread still
@@ -98,8 +97,12 @@ SmartPtr<IThreadPool> CreateNewThreadPool(int max, int min, int priority, int li
 }
 
 TThreadPool::TThreadPool(int max, int min, int priority, int limit)
-    : MaxTotalThreads(max), MinIdleThreads(min), JobSemaphore(limit, 0),
-      ThreadPriority(priority), JobQueueLimit(limit), NoJobsEvent(true, true) {}
+    : MaxTotalThreads(max),
+      MinIdleThreads(min),
+      JobSemaphore(limit, 0),
+      ThreadPriority(priority),
+      JobQueueLimit(limit),
+      NoJobsEvent(true, true) {}
 
 // There are no workers then, as each keeps the pool alive, so nothing waits.
 TThreadPool::~TThreadPool() noexcept { TThreadPool::Stop(); }
@@ -226,9 +229,9 @@ void TThreadPool::Stop() {
   if (process_ends && process_ends()) return;
   MinIdleThreads.exchange(0);
   MaxTotalThreads.exchange(0);
-  ClearQueue();
+  TThreadPool::ClearQueue();
   interrupt_workers();
-  ClearQueue();
+  TThreadPool::ClearQueue();
   drop_workers();
 }
 

@@ -32,11 +32,16 @@ private:
 TThreadTask::TThreadTask() : Started(true, false), Finished(true, false) {}
 
 TThreadTask::TThreadTask(TThreadTask const& other)
-    : SmartPtrObj(other), IThreadTask(other), Context(other.current_worker()),
-      Started(other.Started), Finished(other.Finished), Exception(other.Exception),
+    : SmartPtrObj(other),
+      IThreadTask(other),
+      Context(other.current_worker()),
+      Started(other.Started),
+      Finished(other.Finished),
+      Exception(other.Exception),
       life(other.life.load()) {}
 
 TThreadTask& TThreadTask::operator=(TThreadTask const& other) {
+  if (this == &other) return *this;
   IThreadTask::operator=(other);
   context_copies.replace(Context, other.current_worker());
   Started = other.Started;
@@ -147,16 +152,20 @@ void TThreadTask::keep_exception() {
   } catch (EStackOverflowException const& error) {
     // The worker goes on, and its next job may overflow as well.
     EStackOverflowException::ResetStack();
-    Exception = new EGeneric(error);
+    keep(error);
   } catch (EGeneric const& error) {
-    Exception = new EGeneric(error);
+    keep(error);
   } catch (std::exception const& error) {
-    Exception = new EGeneric({"Text", error.what()},
-                             {"Type", velt::detail::readable_name(typeid(error))});
+    keep({{"Text", error.what()}, {"Type", velt::detail::readable_name(typeid(error))}});
   } catch (...) {
-    Exception = new EGeneric({"Text", "Unknown exception"});
+    EGeneric unknown({"Text", "Unknown exception"});
     // Null for what another compiler threw.
     if (std::type_info const* const type = abi::__cxa_current_exception_type())
-      Exception->put_value("Type", velt::detail::readable_name(*type));
+      unknown.put_value("Type", velt::detail::readable_name(*type));
+    keep(unknown);
   }
+}
+
+void TThreadTask::keep(EGeneric const& error) {
+  Exception = std::make_unique<EGeneric>(error).release();
 }

@@ -108,6 +108,7 @@ private:
   bool begin(SmartPtr<IThreadContext> const& context);
   void end_by_exception();
   void keep_exception();
+  void keep(EGeneric const& error);
 
   SmartPtr<IThreadContext> current_worker() const;
   SmartPtr<IThreadContext> worker_if_running() const;
