@@ -29,6 +29,8 @@
 // waits until the last worker has ended.
 class VELT_API TThreadContext final : public IThreadContext, public TThreadClass {
 public:
+  TThreadContext(TThreadContext const&) = delete;
+  TThreadContext& operator=(TThreadContext const&) = delete;
   // Waits two seconds for the end of the thread, interrupts it then, and kills it
   // after five more; releases the owner. The waits are not alertable: an
   // interruption of the calling thread takes effect in its next wait.
@@ -60,8 +62,6 @@ private:
   friend VELT_API SmartPtr<IThreadContext> CreateNewThreadContext(SmartPtr<IThreadOwner> owner);
 
   explicit TThreadContext(SmartPtr<IThreadOwner> owner) noexcept;
-  TThreadContext(TThreadContext const&) = delete;
-  TThreadContext& operator=(TThreadContext const&) = delete;
 
   SmartPtr<IThreadContext> own_reference() noexcept;
   void run_jobs(SmartPtr<IThreadJob>& job);

@@ -210,7 +210,7 @@ void TThreadPool::ThreadFinished(SmartPtr<IThreadContext> context) {
   if (Threads.erase(context) != 0) {
     workers_have_changed();
     retire(*context);
-    left_before = FinishedThread.exchange(std::move(context));
+    left_before = FinishedThread.exchange(context);
   }
   context.reset();
   // A queue must not be stranded because the last worker died.
