@@ -8,7 +8,6 @@
 #include "bench/Rows.h"
 #include "bench/Sizes.h"
 #include "velt/diagnostics/Settings.h"
-#include "velt/diagnostics/Settings.h"
 
 namespace {
 
@@ -36,7 +35,7 @@ std::vector<Row> all_rows() {
   for (auto const rows : {bench::value_rows, bench::text_rows, bench::time_rows,
                           bench::exception_rows, bench::lock_rows, bench::debug_rows,
                           bench::os_rows, bench::diagnostics_rows, bench::thread_rows,
-                          bench::loading_rows})
+                          bench::pool_rows, bench::loading_rows})
     std::ranges::move(rows(), std::back_inserter(all));
   return all;
 }

@@ -16,6 +16,7 @@ std::vector<Row> debug_rows();
 std::vector<Row> os_rows();
 std::vector<Row> diagnostics_rows();
 std::vector<Row> thread_rows();
+std::vector<Row> pool_rows();
 std::vector<Row> loading_rows();
 
 }  // namespace bench

@@ -2,6 +2,7 @@
 
 #include "velt/diagnostics/SymbolsInternal.h"
 #include "velt/diagnostics/ThrowWatchingInternal.h"
+#include "velt/threads/SystemThreadPoolInternal.h"
 #include "velt/value/HolderCacheInternal.h"
 
 namespace velt::detail {
@@ -19,6 +20,12 @@ VELT_LOAD_STEP(known_ranges_emptied) struct ranges_end {
     if (!process_ends()) forget_known_ranges();
   }
 } const ranges;
+
+VELT_LOAD_STEP(system_pool_stopped) struct pool_end {
+  ~pool_end() {
+    if (!process_ends()) end_system_thread_pool();
+  }
+} const pool;
 
 VELT_LOAD_STEP(throws_watched) struct watch {
   watch() { start_watching_throws(); }

@@ -35,6 +35,7 @@ enum load_step {
   process_heap_found,     // and the section that guards it
   translator_slots,       // throw ESystemException
   handler_active_slot,    // throws ESystemException
+  system_pool_stopped,    // nothing to build
 
   // After all that it reads, and the first to go: until then throws go unwatched.
   throws_watched,

@@ -7,22 +7,12 @@
 #include <utility>
 
 #include "Loading.h"
-#include "examples/typed_values/Terminal.h"
+#include "TerminalWriter.h"
 #include "velt/debug/PermanentFileWriter.h"
-#include "velt/text/Encoding.h"
 #include "velt/text/Format.h"
 #include "velt/text/Numbers.h"
 
 namespace {
-
-// Unlike a TConsoleWriter it also writes where standard output is a pipe. If that
-// is closed the stream drops the writer, and the file still gets its lines.
-class TerminalWriter : public TStreamWriter {
-public:
-  void StreamWriteString(char const* text, unsigned __int64 size) override {
-    write(stream::output, as_wstring({text, size}));
-  }
-};
 
 // Is the line whole, and its number higher than the last of its thread?
 bool follows(std::string const& line, line_counts& last) {

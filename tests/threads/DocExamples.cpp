@@ -19,6 +19,8 @@
 #include "velt/locks/Mutex.h"
 #include "velt/locks/Semaphore.h"
 #include "velt/threads/ThreadClass.h"
+#include "velt/threads/ThreadPool.h"
+#include "velt/threads/ThreadTask.h"
 
 using velt_test::Worker;
 
@@ -119,6 +121,33 @@ void report(TDebugStream& log, TThreadClass const& thread) {
   if (!stack.empty()) log << "(!) still busy:" << stack << "\n";
 }
 
+// Feeds a pool of its own as fast as that gets on.
+int check_all(std::vector<int> const& candidates) {
+  auto const pool = CreateNewThreadPool(4, 0);
+  std::atomic<int> count = 0;
+  for (int const candidate : candidates) {
+    auto const job = MakeThreadTask([&count, candidate] { count += is_prime(candidate); });
+    if (!pool->AddJob(job)) job->WaitForFinish(-1);
+  }
+  pool->WaitForIdle(-1);
+  pool->Stop();
+  return count;
+}
+
+class CountTask final : public TThreadTask {
+public:
+  explicit CountTask(int its_limit) : limit(its_limit) {}
+
+  void Run(SmartPtr<IThreadContext> const& context) override {
+    RunTask(context, [this] { count = count_primes(limit); });
+  }
+
+  int count = 0;  // good when the task has finished
+
+private:
+  int const limit;
+};
+
 constexpr unsigned int obey = 20'000;
 
 }  // namespace
@@ -203,4 +232,38 @@ TEST(ThreadDocExamples, ReportOfABusyThread) {
   report(log, worker);
   EXPECT_TRUE(writer->all().starts_with("(!) still busy:\n-> ")) << writer->all();
   end.Set();
+}
+
+TEST(ThreadDocExamples, CallableOnTheSharedPool) {
+  int primes = 0;
+  auto const task = GetSystemThreadPool()->AddJob([&] { primes = count_primes(100'000); });
+  task->WaitForFinish(-1);
+  if (task->IsException()) task->RethrowException();
+  EXPECT_EQ(primes, 9'592);
+}
+
+TEST(ThreadDocExamples, PoolOfItsOwn) {
+  std::vector<int> candidates;
+  for (int i = 2; i < 1'000; ++i) candidates.push_back(i);
+  EXPECT_EQ(check_all(candidates), 168);
+}
+
+TEST(ThreadDocExamples, TaskOfItsOwnClass) {
+  auto const task = MakeCounted<CountTask>(1'000);
+  GetSystemThreadPool()->AddJob(task);
+  ASSERT_TRUE(task->WaitForFinish(static_cast<int>(velt_test::patience)));
+  EXPECT_EQ(task->count, 168);
+}
+
+TEST(ThreadDocExamples, CancelledTask) {
+  auto const pool = CreateNewThreadPool(1, 0);
+  TEvent never;
+  auto const waiting = pool->AddJob([&] { never.WaitForSignal(); });
+  waiting->WaitForStart(-1);
+  waiting->Cancel();
+  EXPECT_TRUE(waiting->IsFinished());
+  bool ran = false;
+  EXPECT_TRUE(pool->AddJob([&] { ran = true; })->WaitForFinish(-1));
+  EXPECT_TRUE(ran);
+  pool->Stop();
 }

@@ -49,11 +49,15 @@ void TThreadClass::SetThreadPriority(int priority) { TThread::SetThreadPriority(
 
 void TThreadClass::InterruptThread(unsigned int waitMs, unsigned int stopMs) {
   if (WaitForSingleObject(waitMs, TRUE) == WAIT_OBJECT_0) return;
+  ask_to_end();
+  StopThread(stopMs);
+}
+
+void TThreadClass::ask_to_end() {
   if (InterruptState == Running)
     QueueUserAPC(ThrowEThreadInterrupt, reinterpret_cast<std::uintptr_t>(this));
   else
     InterruptState.exchange(InterruptRequested);
-  StopThread(stopMs);
 }
 
 // The state is looked at again, here on the thread itself: the body may have

@@ -95,6 +95,9 @@ protected:
   enum interrupt_state : int { Idle = 0, Running = 1, InterruptRequested = 2 };
   std::atomic<int> InterruptState = Idle;
 
+  // The request of InterruptThread(), without its waits.
+  void ask_to_end();
+
 private:
   void body_has_ended() noexcept;
 };

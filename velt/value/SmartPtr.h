@@ -31,6 +31,15 @@ public:
   int increment() noexcept { return count.fetch_add(1, std::memory_order_relaxed) + 1; }
   int decrement() noexcept { return count.fetch_sub(1, std::memory_order_acq_rel) - 1; }
 
+  // For a reference that an object takes on itself: false if its destruction has
+  // begun.
+  bool increment_unless_zero() noexcept {
+    int found = value();
+    while (found != 0 && !count.compare_exchange_weak(found, found + 1)) {
+    }
+    return found != 0;
+  }
+
   // For an object that no other thread can know of yet: saves the locked
   // instruction.
   void take_first() noexcept { count.store(1, std::memory_order_relaxed); }
@@ -128,6 +137,13 @@ public:
 
   // Releases the object; the handle is null afterwards.
   void reset() noexcept { release(ptr.exchange(nullptr)); }
+
+  // Puts another object in, in one step, and returns the one that it found.
+  SmartPtr exchange(SmartPtr other) noexcept {
+    SmartPtr old;
+    old.ptr.store(ptr.exchange(other.detach()), std::memory_order_relaxed);
+    return old;
+  }
 
   // Not for handles that several threads use.
   void swap(SmartPtr& other) noexcept {

@@ -1,0 +1,332 @@
+// Pools and workers with the platform's waits in the hands of the test. The
+// sources are compiled into this program, so that their limits can be told to
+// have passed, and calls be made to fail.
+#include <gtest/gtest.h>
+#include <process.h>
+#include <windows.h>
+
+#include <atomic>
+#include <functional>
+#include <regex>
+#include <string>
+
+#include "tests/support/OpenHandles.h"
+#include "tests/support/PlatformCalls.h"
+#include "tests/support/SystemCode.h"
+#include "tests/threads/PoolSupport.h"
+#include "velt/exceptions/ExceptionFamily.h"
+#include "velt/locks/Semaphore.h"
+#include "velt/threads/ThreadContext.h"
+#include "velt/threads/ThreadPoolInternal.h"
+#include "velt/threads/ThreadTask.h"
+
+using namespace velt_test;
+
+VELT_WATCH(CreateEventW)
+VELT_WATCH(CreateSemaphoreW)
+VELT_WATCH(ReleaseSemaphore)
+VELT_WATCH(ResetEvent)
+VELT_WATCH(SetEvent)
+VELT_WATCH(SetThreadPriority)
+VELT_WATCH(_beginthreadex)
+
+namespace {
+
+// A wait of this length ends when its object is signalled, or when the test says
+// that the time is over.
+struct Limit {
+  explicit Limit(DWORD its_length) : length(its_length) {}
+
+  void pass() { passed.Unlock(); }
+
+  DWORD length;
+  std::atomic<int> begun = 0;  // waits
+  TEvent first{true, false};   // signalled by the first of them
+  TSemaphore passed{1'000, 0};
+};
+
+Limit* limits[3] = {};
+
+struct Limits {
+  Limits() { limits[0] = &idle, limits[1] = &grace, limits[2] = &obedience; }
+  ~Limits() {
+    for (auto& each : limits) each = nullptr;
+  }
+  Limit idle{10'000}, grace{2'000}, obedience{5'000};
+};
+
+}  // namespace
+
+extern "C" {
+extern decltype(&WaitForSingleObjectEx) __real___imp_WaitForSingleObjectEx;
+static DWORD WINAPI wait(HANDLE object, DWORD time, BOOL alertable) {
+  for (Limit* const limit : limits) {
+    if (!limit || limit->length != time) continue;
+    ++limit->begun;
+    limit->first.Set();
+    HANDLE const both[] = {object, limit->passed};
+    DWORD const result = WaitForMultipleObjectsEx(2, both, FALSE, INFINITE, alertable);
+    return result == WAIT_OBJECT_0 + 1 ? WAIT_TIMEOUT : result;
+  }
+  return __real___imp_WaitForSingleObjectEx(object, time, alertable);
+}
+extern decltype(&WaitForSingleObjectEx) __wrap___imp_WaitForSingleObjectEx;
+decltype(&WaitForSingleObjectEx) __wrap___imp_WaitForSingleObjectEx = wait;
+}
+
+namespace {
+
+struct PoolClock : ::testing::Test {
+  ~PoolClock() noexcept override {}
+
+  // As many idle workers.
+  void make_idle(TestPool const& pool, int count) {
+    Gate gate;
+    for (int i = 0; i < count; ++i) {
+      pool->AddJob(gate.job());
+      ASSERT_TRUE(eventually([&] { return gate.inside == i + 1; }));
+    }
+    gate.open.Set();
+    ASSERT_TRUE(become(pool, {0, count, 0, count}));
+  }
+
+  // Lets the time pass for one of them, which waits on.
+  void pass_in_vain() {
+    int const before = time.idle.begun;
+    time.idle.pass();
+    ASSERT_TRUE(eventually([&] { return time.idle.begun > before; }));
+  }
+
+  Limits time;
+};
+
+// Workers of its own, which end under the hands of the test.
+struct ContextClock : ::testing::Test {
+  ~ContextClock() noexcept override {}
+
+  struct Owner : IThreadOwner {
+    SmartPtr<IThreadJob> GetJob() override { return get_job(); }
+    void ThreadFinished(SmartPtr<IThreadContext>) override { ++reports; }
+    void JobFinished(SmartPtr<IThreadJob>) override { ++reports; }
+
+    std::function<SmartPtr<IThreadJob>()> get_job;
+    std::atomic<int> reports = 0;
+  };
+
+  // Makes a worker that asks for its first job in `get_job`, and drops it there;
+  // the exit code of its thread.
+  DWORD drop(std::function<SmartPtr<IThreadJob>()> get_job) {
+    TEvent inside;
+    time.grace.first.Reset();
+    owner->get_job = [&] {
+      inside.Set();
+      return get_job();
+    };
+    auto context = CreateNewThreadContext(owner);
+    context->Start();
+    inside.WaitForSignal();
+    THandle const thread(static_cast<void*>(dynamic_cast<TThreadContext&>(*context)));
+    context.reset();
+    EXPECT_TRUE(signaled_within(thread, 0));
+    EXPECT_EQ(owner.use_count(), 1);
+    EXPECT_EQ(owner->reports, 0);
+    DWORD code = 12345;
+    GetExitCodeThread(thread, &code);
+    return code;
+  }
+
+  Limits time;
+  SmartPtr<Owner> owner = MakeCounted<Owner>();
+};
+
+}  // namespace
+
+TEST_F(PoolClock, WorkerThatWasIdleForTenSecondsLeaves) {
+  TestPool const pool(CreateNewThreadPool(4, 0));
+  make_idle(pool, 3);
+  for (int left = 2; left >= 0; --left) {
+    time.idle.pass();
+    EXPECT_TRUE(become(pool, {0, left, 0, left}));
+  }
+  make_idle(pool, 1);
+}
+
+TEST_F(PoolClock, AsManyIdleWorkersStayAsTheMinimumSays) {
+  TestPool const pool(CreateNewThreadPool(4, 1));
+  make_idle(pool, 2);
+  time.idle.pass();
+  EXPECT_TRUE(become(pool, {0, 1, 0, 1}));
+  pass_in_vain();
+  EXPECT_TRUE(become(pool, {0, 1, 0, 1}));
+}
+
+TEST_F(PoolClock, IdleWorkersAboveALoweredMaximumLeaveByTheIdleRule) {
+  TestPool const pool(CreateNewThreadPool(4, 3));
+  make_idle(pool, 3);
+  pool->SetLimits(1, 2, 0);
+  time.idle.pass();
+  EXPECT_TRUE(become(pool, {0, 2, 0, 2}));
+  pass_in_vain();
+  EXPECT_TRUE(become(pool, {0, 2, 0, 2}));
+}
+
+TEST_F(PoolClock, WorkerThatLeavesIsDestroyedByTheNextOne) {
+  TestPool const pool(CreateNewThreadPool(4, 0));
+  make_idle(pool, 2);
+  long const before = open_handles();
+  time.idle.pass();
+  ASSERT_TRUE(become(pool, {0, 1, 0, 1}));
+  time.idle.pass();
+  ASSERT_TRUE(become(pool, {0, 0, 0, 0}));
+  // Both threads are gone, and one of the handles.
+  EXPECT_TRUE(eventually([&] { return open_handles() < before; }));
+  pool->Stop();
+  EXPECT_LE(open_handles(), before - 2);
+}
+
+TEST_F(PoolClock, EmptyQueueBehindACountSendsTheWorkerAway) {
+  struct Pool : TThreadPool {
+    Pool() : TThreadPool(1, 0, 0, 10) {}
+    SmartPtr<IThreadJob> PopJob() override { return pops++ == 0 ? nullptr : TThreadPool::PopJob(); }
+    std::atomic<int> pops = 0;
+  };
+  TestPool const pool(MakeCounted<Pool>());
+  pool->AddJob(job([] {}));
+  // Another takes its place, since the queue is not empty.
+  EXPECT_TRUE(become(pool, {1, 1, 1, 1}));
+}
+
+TEST_F(PoolClock, CountThatAClearedQueueLeftDoesNotRefuseAJob) {
+  struct Pool : TThreadPool {
+    Pool() : TThreadPool(1, 1, 0, 1) {}
+    ~Pool() noexcept override {}
+    SmartPtr<IThreadJob> PopJob() override {
+      popping.Set();
+      go_on.WaitForSignal();
+      return TThreadPool::PopJob();
+    }
+    TEvent popping, go_on{true, false};
+  };
+  TestPool const pool(MakeCounted<Pool>());
+  auto& made = dynamic_cast<Pool&>(*pool.operator->());
+  pool->AddJob(job([] { ADD_FAILURE() << "was dropped"; }));
+  made.popping.WaitForSignal();
+  pool->ClearQueue();
+  Gate gate;
+  pool->AddJob(gate.job());
+  made.go_on.Set();
+  ASSERT_TRUE(become(pool, {1, 1, 0, 0}));
+  pool->AddJob(gate.job());
+  gate.open.Set();
+  EXPECT_TRUE(become(pool, {0, 1, 0, 1}));
+  EXPECT_EQ(gate.inside, 2);
+}
+
+TEST_F(ContextClock, DroppedWorkerIsInterruptedAfterItsGrace) {
+  time.grace.pass();
+  TEvent never;
+  EXPECT_EQ(drop([&]() -> SmartPtr<IThreadJob> {
+              never.WaitForSignal();
+              return nullptr;
+            }),
+            0u);
+  EXPECT_EQ(time.grace.begun, 1);
+  EXPECT_EQ(time.obedience.begun, 1);
+}
+
+TEST_F(ContextClock, DroppedWorkerThatDoesNotObeyIsKilled) {
+  static std::atomic<bool> stop;
+  time.grace.pass();
+  time.obedience.pass();
+  EXPECT_EQ(drop([]() -> SmartPtr<IThreadJob> {
+              while (!stop) YieldProcessor();
+              return nullptr;
+            }),
+            0u);
+}
+
+// While its context is being destroyed the thread must not refer to it any more.
+TEST_F(ContextClock, DroppedWorkerNeitherRunsAJobNorReports) {
+  auto const never = job([] { ADD_FAILURE() << "ran"; });
+  EXPECT_EQ(drop([&] {
+              time.grace.first.WaitForSignal();
+              return never;
+            }),
+            0u);
+  EXPECT_EQ(never.use_count(), 1);
+  EXPECT_EQ(drop([&]() -> SmartPtr<IThreadJob> {
+              time.grace.first.WaitForSignal();
+              return nullptr;
+            }),
+            0u);
+}
+
+TEST(PoolFailures, ResourcesOfAPoolAndATaskAreMadeInOrderAndNoneIsLost) {
+  struct Task : TThreadTask {
+    void Run(SmartPtr<IThreadContext> const&) override {}
+  };
+  struct {
+    char const* calls;
+    void (*run)();
+  } const rows[] = {
+      {"CreateSemaphoreW(none, 0, 7, none)CreateEventW(none, 1, 1, none)",
+       [] { CreateNewThreadPool(1, 0, 0, 7); }},
+      {"CreateEventW(none, 1, 0, none)CreateEventW(none, 1, 0, none)", [] { MakeCounted<Task>(); }},
+  };
+  for (auto const& [calls, run] : rows) {
+    {
+      Watch watch;
+      run();
+      EXPECT_EQ(watch.calls, calls);
+    }
+    for (char const* const call : {"CreateSemaphoreW", "CreateEventW"}) {
+      if (std::string(calls).find(call) == std::string::npos) continue;
+      long const before = open_handles();
+      {
+        Watch watch(call);
+        EXPECT_EQ(system_code(run), injected_code);
+      }
+      EXPECT_EQ(open_handles(), before);
+    }
+  }
+}
+
+TEST(PoolFailures, EventIsTouchedOnlyWhereThePoolBecomesBusyOrIdle) {
+  TestPool const pool(CreateNewThreadPool(0, 0));
+  auto const nothing = job([] {});
+  auto const owner = dynamic_cast<IThreadOwner*>(pool.operator->());
+  Watch watch;
+  for (int i = 0; i < 2; ++i) pool->AddJob(nothing);
+  for (int i = 0; i < 2; ++i) owner->JobFinished(nothing);
+  EXPECT_EQ(std::regex_replace(watch.calls, std::regex("\\([^)]*\\)"), " "),
+            "ResetEvent ReleaseSemaphore ReleaseSemaphore SetEvent ");
+}
+
+TEST(PoolFailures, WorkerThatCannotStartIsToldButTheJobStaysQueued) {
+  TestPool const pool(CreateNewThreadPool(2, 0));
+  int runs = 0;
+  auto const counting = job([&] { ++runs; });
+  {
+    Watch watch("_beginthreadex");
+    EXPECT_EQ(system_code([&] { pool->AddJob(counting); }), injected_code);
+  }
+  EXPECT_EQ(counts_of(pool), (PoolCounts{1, 1, 1, 0}));
+  pool->AddJob(counting);
+  EXPECT_TRUE(pool->WaitForIdle(patience));
+  EXPECT_EQ(runs, 2);
+  EXPECT_EQ(count_of(pool, "Threads"), 2);
+}
+
+TEST(PoolFailures, PriorityOf0MakesNoCall) {
+  for (int const priority : {0, 1}) {
+    TestPool const pool(CreateNewThreadPool(1, 0, priority));
+    Gate gate;
+    Watch watch;
+    pool->AddJob(gate.job());
+    EXPECT_EQ(watch.calls.find("SetThreadPriority") != std::string::npos, priority != 0)
+        << watch.calls;
+    Watch::current = nullptr;
+    gate.open.Set();
+    EXPECT_TRUE(pool->WaitForIdle(patience));
+  }
+}

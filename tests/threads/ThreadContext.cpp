@@ -1,0 +1,268 @@
+#include "velt/threads/ThreadContext.h"
+
+#include <gtest/gtest.h>
+#include <windows.h>
+
+#include <atomic>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <string>
+
+#include "tests/support/OpenHandles.h"
+#include "tests/threads/PoolSupport.h"
+#include "velt/diagnostics/Symbols.h"
+#include "velt/exceptions/ExceptionFamily.h"
+
+#undef GetJob  // of the platform's printing
+
+using namespace velt_test;
+
+[[gnu::noinline]] void wait_in_a_job_of_the_test(TEvent& event) {
+  event.WaitForSignal();
+  asm volatile("");
+}
+
+namespace {
+
+// Hands out the jobs of the test, and notes what it is told.
+class Owner : public IThreadOwner {
+public:
+  SmartPtr<IThreadJob> GetJob() override {
+    note("get ");
+    std::lock_guard const guard(mutex);
+    if (jobs.empty()) return nullptr;
+    auto const next = jobs.front();
+    jobs.pop_front();
+    return next;
+  }
+  void ThreadFinished(SmartPtr<IThreadContext> context) override {
+    note("thread_finished ");
+    if (before_thread_finished) before_thread_finished();
+    if (keeps) finished = context;
+    context.reset();
+    if (on_thread_finished) on_thread_finished();
+  }
+  void JobFinished(SmartPtr<IThreadJob>) override { note("job_finished "); }
+
+  void note(std::string const& what) {
+    std::lock_guard const guard(mutex);
+    notes += what;
+  }
+  std::string noted() {
+    std::lock_guard const guard(mutex);
+    return notes;
+  }
+
+  std::deque<SmartPtr<IThreadJob>> jobs;
+  bool keeps = true;
+  SmartPtr<IThreadContext> finished;
+  std::function<void()> before_thread_finished, on_thread_finished;
+
+private:
+  std::mutex mutex;
+  std::string notes;
+};
+
+struct ThreadContext : ::testing::Test {
+  ~ThreadContext() override {
+    owner->finished.reset();
+    context.reset();
+    EXPECT_EQ(owner.use_count(), 1);
+  }
+
+  void add(std::function<void()> work) { owner->jobs.push_back(job(std::move(work))); }
+
+  // The handle of the thread.
+  void* thread() const { return dynamic_cast<TThreadContext&>(*context); }
+
+  void run_to_the_end() {
+    context->Start();
+    ASSERT_TRUE(signaled_within(thread(), patience));
+  }
+
+  SmartPtr<Owner> owner = MakeCounted<Owner>();
+  SmartPtr<IThreadContext> context = CreateNewThreadContext(owner);
+  DebugText debug;
+};
+
+}  // namespace
+
+TEST_F(ThreadContext, EndsAtOnceWhenThereIsNoJob) {
+  EXPECT_EQ(owner->noted(), "");
+  run_to_the_end();
+  EXPECT_EQ(owner->noted(), "get thread_finished ");
+  EXPECT_EQ(owner->finished, context);
+  EXPECT_EQ(debug.text(), "");
+}
+
+TEST_F(ThreadContext, RunsJobsOneAfterTheOtherAndReportsEach) {
+  DWORD ran_on = 0;
+  add([&] {
+    owner->note("one ");
+    ran_on = GetCurrentThreadId();
+  });
+  add([&] { owner->note("two "); });
+  run_to_the_end();
+  EXPECT_EQ(owner->noted(), "get one job_finished get two job_finished get thread_finished ");
+  EXPECT_EQ(ran_on, GetThreadId(thread()));
+}
+
+TEST_F(ThreadContext, JobGetsTheContextAndIsReleasedAfterIt) {
+  struct Witness : IThreadJob {
+    void Run(SmartPtr<IThreadContext> const& its_context) override { context = its_context.get(); }
+    IThreadContext* context = nullptr;
+  };
+  auto const witness = MakeCounted<Witness>();
+  owner->jobs.push_back(witness);
+  run_to_the_end();
+  EXPECT_EQ(witness->context, context.get());
+  EXPECT_EQ(witness.use_count(), 1);
+  owner->finished.reset();
+  EXPECT_EQ(context.use_count(), 1);
+}
+
+TEST_F(ThreadContext, JobThatThrowsIsReportedThenTheWorkerThenTheLineIsWritten) {
+  add([&] { throw EGeneric({"Text", "No room"}); });
+  add([] {});
+  owner->on_thread_finished = [&] { owner->note(debug.text() + "| "); };
+  run_to_the_end();
+  EXPECT_EQ(owner->noted(), "get job_finished thread_finished | ");
+  EXPECT_EQ(debug.text(), "(!) Thread runaway with exception EGeneric:No room\n");
+}
+
+TEST_F(ThreadContext, OwnerThatThrowsLosesTheWorkerToo) {
+  struct ThrowingOwner : Owner {
+    SmartPtr<IThreadJob> GetJob() override {
+      note("get ");
+      throw 5;
+    }
+  };
+  owner = MakeCounted<ThrowingOwner>();
+  context = CreateNewThreadContext(owner);
+  run_to_the_end();
+  EXPECT_EQ(owner->noted(), "get thread_finished ");
+  EXPECT_EQ(debug.text(), "(!) Thread runaway with unknown exception\n");
+}
+
+TEST_F(ThreadContext, InterruptedJobIsNotReportedAndTheWorkerMayStartAgain) {
+  TEvent in_job, never;
+  add([&] {
+    in_job.Set();
+    never.WaitForSignal();
+  });
+  context->Start();
+  in_job.WaitForSignal();
+  context->Interrupt();
+  EXPECT_TRUE(signaled_within(thread(), 0));
+  EXPECT_EQ(owner->noted(), "get ");
+  EXPECT_EQ(debug.text(), "");
+
+  CloseHandle(thread());
+  run_to_the_end();
+  EXPECT_EQ(owner->noted(), "get get thread_finished ");
+}
+
+TEST_F(ThreadContext, RestartInterruptsAndStarts) {
+  TEvent in_job, never;
+  add([&] {
+    in_job.Set();
+    never.WaitForSignal();
+  });
+  context->Start();
+  in_job.WaitForSignal();
+  void* const first = thread();
+  context->Restart();
+  EXPECT_TRUE(signaled_within(first, 0));
+  CloseHandle(first);
+  EXPECT_TRUE(signaled_within(thread(), patience));
+  EXPECT_EQ(owner->noted(), "get get thread_finished ");
+}
+
+TEST_F(ThreadContext, IsDescribedByItsStackUnlessSomebodySuspendedIt) {
+  ASSERT_TRUE(SymInitialize());
+  TEvent in_job, end;
+  add([&] {
+    in_job.Set();
+    wait_in_a_job_of_the_test(end);
+  });
+  context->Start();
+  in_job.WaitForSignal();
+  auto const writer = MakeCounted<RecordingWriter>();
+  TDebugStream stream(writer);
+  EXPECT_TRUE(eventually([&] {
+    stream << context.get();
+    return writer->all().find("wait_in_a_job_of_the_test") != std::string::npos;
+  })) << writer->all();
+
+  context->Suspend();
+  EXPECT_EQ(context->describe(), "");
+  context->Resume();
+  context->Resume();
+  end.Set();
+  EXPECT_TRUE(signaled_within(thread(), patience));
+  SymCleanup();
+}
+
+TEST_F(ThreadContext, SetsThePriorityOfItsThread) {
+  TEvent in_job, end;
+  add([&] {
+    in_job.Set();
+    end.WaitForSignal();
+  });
+  context->Start();
+  in_job.WaitForSignal();
+  context->SetPriority(1);
+  EXPECT_EQ(GetThreadPriority(thread()), 1);
+  dynamic_cast<TThreadContext&>(*context).SetThreadPriority(-1);
+  EXPECT_EQ(GetThreadPriority(thread()), -1);
+  end.Set();
+  EXPECT_TRUE(signaled_within(thread(), patience));
+}
+
+// A context that is dropped waits for its thread. Where the thread itself drops
+// the last reference there is nothing to wait for, and nobody to report to.
+TEST_F(ThreadContext, MayBeLeftToItsOwnThread) {
+  struct {
+    bool during_job;
+    std::function<void()> on_thread_finished;
+    char const* notes;
+  } const rows[] = {
+      {true, nullptr, "get "},
+      {false, [] {}, "get thread_finished "},
+      {false, [] { throw EThreadInterrupt(); }, "get thread_finished "},
+  };
+  for (auto const& [during_job, on_thread_finished, notes] : rows) {
+    long const before = open_handles();
+    {
+      TEvent inside, dropped;
+      auto const wait = [&] {
+        inside.Set();
+        dropped.WaitForSignal();
+      };
+      auto const careless = MakeCounted<Owner>();
+      careless->keeps = false;
+      careless->on_thread_finished = on_thread_finished;
+      if (during_job)
+        careless->jobs.push_back(job(wait));
+      else
+        careless->before_thread_finished = wait;
+      auto only = CreateNewThreadContext(careless);
+      only->Start();
+      inside.WaitForSignal();
+      THandle const thread(static_cast<void*>(dynamic_cast<TThreadContext&>(*only)));
+      only.reset();
+      dropped.Set();
+      EXPECT_TRUE(signaled_within(thread, patience));
+      EXPECT_EQ(careless->noted(), notes);
+      EXPECT_EQ(careless.use_count(), 1);
+    }
+    EXPECT_EQ(open_handles(), before);
+  }
+}
+
+TEST_F(ThreadContext, WithoutAThreadEndsAtOnce) {
+  long const before = open_handles();
+  { auto const other = CreateNewThreadContext(owner); }
+  EXPECT_EQ(open_handles(), before);
+}

@@ -1,0 +1,473 @@
+#include "velt/threads/ThreadPool.h"
+
+#include <gtest/gtest.h>
+#include <windows.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdint>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "tests/support/OpenHandles.h"
+#include "tests/support/SystemCode.h"
+#include "tests/threads/PoolSupport.h"
+#include "velt/exceptions/ExceptionFamily.h"
+#include "velt/text/Numbers.h"
+
+using namespace velt_test;
+
+namespace {
+
+// The context that a job of the pool runs on, with the job still running.
+class HeldWorker {
+public:
+  explicit HeldWorker(SmartPtr<IThreadPool> const& pool) {
+    struct Taker : IThreadJob {
+      explicit Taker(HeldWorker& its_worker) : worker(its_worker) {}
+      void Run(SmartPtr<IThreadContext> const& its_context) override {
+        worker.context = its_context;
+        worker.taken.Set();
+        worker.go_on.WaitForSignal();
+      }
+      HeldWorker& worker;
+    };
+    pool->AddJob(MakeCounted<Taker>(*this));
+    taken.WaitForSignal();
+  }
+
+  SmartPtr<IThreadContext> context;
+  TEvent taken, go_on;
+};
+
+int occurrences(std::string const& part, std::string const& text) {
+  int count = 0;
+  for (auto place = text.find(part); place != text.npos; place = text.find(part, place + 1))
+    ++count;
+  return count;
+}
+
+std::string text_of(SmartPtr<IThreadTask> const& task) {
+  try {
+    if (task->IsException()) task->RethrowException();
+  } catch (EGeneric const& error) {
+    return error["Text"];
+  }
+  return {};
+}
+
+}  // namespace
+
+TEST(ThreadPool, NewPoolIsIdleAndHasNoThreads) {
+  TestPool const pool(CreateNewThreadPool());
+  std::string const line = pool->describe();
+  SmartPtr<IThreadPool> const& handle = pool;
+  auto const address = static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(handle.get()));
+  EXPECT_EQ(line, "Thread Pool 0x" + itoa(static_cast<int>(address), 16) +
+                      " RunningJobs=0 Threads=0 Queue=0 Idle=0 MaxTotalThreads=50"
+                      " MinIdleThreads=0");
+  EXPECT_TRUE(pool->WaitForIdle(0));
+}
+
+TEST(ThreadPool, FactoriesSetTheLimits) {
+  TestPool const two(CreateNewThreadPool(7, 3)), three(CreateNewThreadPool(-1, 2, 1));
+  EXPECT_EQ(count_of(two, "MaxTotalThreads"), 7);
+  EXPECT_EQ(count_of(two, "MinIdleThreads"), 3);
+  EXPECT_EQ(count_of(three, "MaxTotalThreads"), -1);
+  for (int const limit : {0, -1})
+    EXPECT_EQ(system_code([&] { CreateNewThreadPool(1, 0, 0, limit); }), ERROR_INVALID_PARAMETER);
+}
+
+TEST(ThreadPool, RunsJobsInTheOrderTheyCame) {
+  TestPool const pool(CreateNewThreadPool(1, 0));
+  Gate gate;
+  pool->AddJob(gate.job());
+  std::vector<int> order;
+  std::set<DWORD> threads;
+  for (int i = 0; i < 100; ++i)
+    pool->AddJob(job([&, i] {
+      order.push_back(i);
+      threads.insert(GetCurrentThreadId());
+    }));
+  gate.open.Set();
+  ASSERT_TRUE(pool->WaitForIdle(patience));
+  ASSERT_EQ(order.size(), 100u);
+  for (int i = 0; i < 100; ++i) EXPECT_EQ(order[static_cast<std::size_t>(i)], i);
+  EXPECT_EQ(threads.size(), 1u);
+  EXPECT_FALSE(threads.contains(GetCurrentThreadId()));
+}
+
+TEST(ThreadPool, IdleWorkerTakesTheNextJob) {
+  TestPool const pool(CreateNewThreadPool());
+  std::set<DWORD> threads;
+  for (int i = 0; i < 5; ++i) {
+    pool->AddJob(job([&] { threads.insert(GetCurrentThreadId()); }));
+    ASSERT_TRUE(become(pool, {0, 1, 0, 1}));
+  }
+  EXPECT_EQ(threads.size(), 1u);
+}
+
+// A worker that cannot wake counts as idle and takes its job later.
+TEST(ThreadPool, WorkerIsAddedOnlyIfMoreJobsWaitThanWorkersAreIdle) {
+  TestPool const pool(CreateNewThreadPool());
+  HeldWorker worker(pool);
+  worker.go_on.Set();
+  ASSERT_TRUE(become(pool, {0, 1, 0, 1}));
+  worker.context->Suspend();
+  Gate gate;
+  pool->AddJob(gate.job());
+  EXPECT_EQ(counts_of(pool), (PoolCounts{1, 1, 1, 1}));
+  pool->AddJob(gate.job());
+  ASSERT_TRUE(become(pool, {2, 2, 1, 1}));
+  worker.context->Resume();
+  ASSERT_TRUE(become(pool, {2, 2, 0, 0}));
+  gate.open.Set();
+  ASSERT_TRUE(pool->WaitForIdle(patience));
+  worker.context.reset();
+}
+
+TEST(ThreadPool, BacklogIsToldWhenItExceedsTheMaximum) {
+  TestPool const pool(CreateNewThreadPool());
+  Gate gate;
+  for (int i = 1; i <= 51; ++i) {
+    EXPECT_TRUE(pool->AddJob(gate.job())) << i;
+    ASSERT_TRUE(become(pool, {i, std::min(i, 50), i / 51, 0}));
+  }
+  gate.open.Set();
+  EXPECT_TRUE(pool->WaitForIdle(patience));
+
+  TestPool const single(CreateNewThreadPool(1, 0));
+  Gate other;
+  EXPECT_TRUE(single->AddJob(other.job()));
+  ASSERT_TRUE(become(single, {1, 1, 0, 0}));
+  EXPECT_TRUE(single->AddJob(other.job()));
+  EXPECT_FALSE(single->AddJob(other.job()));
+  EXPECT_EQ(counts_of(single), (PoolCounts{3, 1, 2, 0}));
+  other.open.Set();
+  EXPECT_TRUE(single->WaitForIdle(patience));
+}
+
+TEST(ThreadPool, FullQueueRefusesAJob) {
+  TestPool const pool(CreateNewThreadPool(1, 0, 0, 1));
+  Gate gate;
+  pool->AddJob(gate.job());
+  ASSERT_TRUE(become(pool, {1, 1, 0, 0}));
+  pool->AddJob(gate.job());
+  auto const refused = gate.job();
+  try {
+    pool->AddJob(refused);
+    ADD_FAILURE() << "did not throw";
+  } catch (EGeneric const& error) {
+    EXPECT_STREQ(error.what(),
+                 "Text: Thread pool overflowed\nJobQueueSize: 1 (0x1)\nThreadsSize: 1 (0x1)");
+  }
+  EXPECT_EQ(refused.use_count(), 1);
+  EXPECT_EQ(counts_of(pool), (PoolCounts{2, 1, 1, 0}));
+  gate.open.Set();
+  ASSERT_TRUE(pool->WaitForIdle(patience));
+  EXPECT_EQ(gate.inside, 2);
+  pool->AddJob(refused);
+  EXPECT_TRUE(pool->WaitForIdle(patience));
+}
+
+TEST(ThreadPool, LowerMaximumEndsWorkersAsTheyFinishAJob) {
+  TestPool const pool(CreateNewThreadPool(3, 0));
+  Gate gate, last;
+  for (int i = 0; i < 3; ++i) pool->AddJob(gate.job());
+  ASSERT_TRUE(become(pool, {3, 3, 0, 0}));
+  pool->SetLimits(1, 0, 0);
+  EXPECT_EQ(counts_of(pool), (PoolCounts{3, 3, 0, 0}));
+  gate.open.Set();
+  EXPECT_TRUE(become(pool, {0, 1, 0, 1}));
+
+  // An idle worker stays, whatever the maximum, and even works on.
+  pool->SetLimits(0, 0, 0);
+  pool->AddJob(last.job());
+  ASSERT_TRUE(become(pool, {1, 1, 0, 0}));
+  last.open.Set();
+  EXPECT_TRUE(become(pool, {0, 0, 0, 0}));
+}
+
+TEST(ThreadPool, HigherMaximumStartsWorkersForTheJobsThatWait) {
+  TestPool const pool(CreateNewThreadPool(0, 0));
+  Gate gate;
+  for (int i = 0; i < 4; ++i) EXPECT_FALSE(pool->AddJob(gate.job()));
+  EXPECT_EQ(counts_of(pool), (PoolCounts{4, 0, 4, 0}));
+  pool->SetLimits(3, 0, 0);
+  EXPECT_TRUE(become(pool, {4, 3, 1, 0}));
+  gate.open.Set();
+  EXPECT_TRUE(pool->WaitForIdle(patience));
+}
+
+TEST(ThreadPool, PriorityIsGivenToNewWorkersOnly) {
+  TestPool const pool(CreateNewThreadPool(1, 0));
+  auto const priority = [&] {
+    int found = 12345;
+    pool->AddJob(job([&] { found = GetThreadPriority(GetCurrentThread()); }));
+    EXPECT_TRUE(pool->WaitForIdle(patience));
+    return found;
+  };
+  EXPECT_EQ(priority(), 0);
+  pool->SetLimits(1, 0, 1);
+  EXPECT_EQ(priority(), 0);
+  pool->Stop();
+  pool->SetLimits(1, 0, 1);
+  // A new worker gets it just after its start.
+  EXPECT_TRUE(eventually([&] { return priority() == 1; }));
+}
+
+TEST(ThreadPool, ClearedQueueLeavesThePoolBusyUntilTheNextJobHasFinished) {
+  TestPool const pool(CreateNewThreadPool(0, 0));
+  Gate gate;
+  auto const dropped = gate.job();
+  for (int i = 0; i < 3; ++i) pool->AddJob(dropped);
+  EXPECT_FALSE(pool->WaitForIdle(0));
+  pool->ClearQueue();
+  EXPECT_EQ(counts_of(pool), (PoolCounts{0, 0, 0, 0}));
+  EXPECT_EQ(dropped.use_count(), 1);
+  EXPECT_FALSE(pool->WaitForIdle(0));
+
+  pool->SetLimits(1, 0, 0);
+  int runs = 0;
+  pool->AddJob(job([&] { ++runs; }));
+  EXPECT_TRUE(pool->WaitForIdle(patience));
+  EXPECT_EQ(runs, 1);
+  EXPECT_EQ(gate.inside, 0);
+}
+
+TEST(ThreadPool, DroppedJobMayUseThePool) {
+  struct Avenger : IThreadJob {
+    Avenger(IThreadPool& its_pool, SmartPtr<IThreadJob> its_heir)
+        : pool(its_pool), heir(std::move(its_heir)) {}
+    ~Avenger() override { pool.AddJob(heir); }
+    void Run(SmartPtr<IThreadContext> const&) override {}
+    IThreadPool& pool;
+    SmartPtr<IThreadJob> heir;
+  };
+  TestPool const pool(CreateNewThreadPool(0, 0));
+  Gate gate;
+  for (int i = 0; i < 3; ++i) pool->AddJob(MakeCounted<Avenger>(*pool.operator->(), gate.job()));
+  pool->ClearQueue();
+  EXPECT_EQ(counts_of(pool), (PoolCounts{3, 0, 3, 0}));
+}
+
+TEST(ThreadPool, JobThatThrowsCostsItsWorker) {
+  DebugText debug;
+  TestPool const pool(CreateNewThreadPool(2, 0));
+  Gate gate;
+  pool->AddJob(gate.job());
+  ASSERT_TRUE(become(pool, {1, 1, 0, 0}));
+  pool->AddJob(job([] { throw EGeneric({"Text", "No room"}); }));
+  // Not replaced as long as there are others.
+  ASSERT_TRUE(become(pool, {1, 1, 0, 0}));
+  gate.open.Set();
+  EXPECT_TRUE(pool->WaitForIdle(patience));
+  pool->Stop();
+  EXPECT_EQ(debug.text(), "(!) Thread runaway with exception EGeneric:No room\n");
+}
+
+TEST(ThreadPool, ServesOnAfterAThousandFaults) {
+  DebugText debug;
+  TestPool const pool(CreateNewThreadPool(4, 0));
+  for (int i = 0; i < 1'000; ++i) {
+    auto const task = pool->AddJob(read_through_bad_pointer);
+    ASSERT_TRUE(task->WaitForFinish(patience)) << i;
+    ASSERT_TRUE(task->IsException()) << i;
+  }
+  EXPECT_EQ(debug.text(), "");
+
+  for (int i = 0; i < 1'000; ++i) pool->AddJob(job(read_through_bad_pointer));
+  ASSERT_TRUE(pool->WaitForIdle(patience));
+  std::string const line = "(!) Thread runaway with exception EStructuredException:";
+  EXPECT_TRUE(eventually([&] { return occurrences(line, debug.text()) == 1'000; }));
+
+  bool ran = false;
+  pool->AddJob(job([&] { ran = true; }));
+  EXPECT_TRUE(pool->WaitForIdle(patience));
+  EXPECT_TRUE(ran);
+}
+
+TEST(ThreadPool, WorkerOverflowsItsStackAgainAndAgain) {
+  DebugText debug;
+  TestPool const pool(CreateNewThreadPool(1, 0));
+  std::set<DWORD> threads;
+  for (int i = 0; i < 3; ++i) {
+    auto const task = pool->AddJob([&] {
+      threads.insert(GetCurrentThreadId());
+      overflow_stack();
+    });
+    ASSERT_TRUE(task->WaitForFinish(patience));
+    EXPECT_EQ(text_of(task), "Stack Overflow");
+  }
+  EXPECT_EQ(threads.size(), 1u);
+  pool->AddJob(job([] { overflow_stack(); }));
+  EXPECT_TRUE(become(pool, {0, 0, 0, 0}));
+  EXPECT_TRUE(
+      eventually([&] { return occurrences("EStackOverflowException", debug.text()) == 1; }));
+}
+
+TEST(ThreadPool, LastWorkerIsReplacedWhileJobsWait) {
+  DebugText debug;
+  TestPool const pool(CreateNewThreadPool(1, 0));
+  Gate gate;
+  pool->AddJob(job([&] {
+    gate.open.WaitForSignal();
+    throw 5;
+  }));
+  int runs = 0;
+  for (int i = 0; i < 3; ++i)
+    pool->AddJob(job([&] {
+      ++runs;
+      throw 5;
+    }));
+  gate.open.Set();
+  EXPECT_TRUE(become(pool, {0, 0, 0, 0}));
+  EXPECT_EQ(runs, 3);
+  EXPECT_TRUE(pool->WaitForIdle(0));
+}
+
+TEST(ThreadPool, InterruptedJobIsNotReportedAndItsWorkerStaysRegistered) {
+  DebugText debug;
+  {
+    TestPool const pool(CreateNewThreadPool(2, 0));
+    pool->AddJob(job([] { throw EThreadInterrupt(); }));
+    ASSERT_TRUE(become(pool, {1, 1, 0, 0}));
+    EXPECT_FALSE(pool->WaitForIdle(0));
+    pool->AddJob(job([] {}));
+    EXPECT_TRUE(become(pool, {1, 2, 0, 1}));
+    EXPECT_FALSE(pool->WaitForIdle(0));
+  }
+  EXPECT_EQ(debug.text(), "");
+}
+
+TEST(ThreadPool, CancelledTaskGivesItsWorkerBack) {
+  long const before = open_handles();
+  {
+    TestPool const pool(CreateNewThreadPool(1, 0));
+    Gate gate;
+    auto const task = pool->AddJob([&] {
+      ++gate.inside;
+      gate.open.WaitForSignal();
+    });
+    bool ran = false;
+    auto const next = pool->AddJob([&] { ran = true; });
+    auto const never = pool->AddJob([&] { ADD_FAILURE() << "was cancelled"; });
+    ASSERT_TRUE(task->WaitForStart(patience));
+    EXPECT_FALSE(task->WaitForFinish(0));
+    never->Cancel();
+    EXPECT_TRUE(never->IsFinished());
+    EXPECT_FALSE(never->IsStarted());
+    task->Cancel();
+    EXPECT_TRUE(task->IsFinished());
+    EXPECT_FALSE(task->IsException());
+    EXPECT_TRUE(next->WaitForFinish(patience));
+    EXPECT_TRUE(ran);
+    // The price: the cancelled task counts as running for good.
+    EXPECT_TRUE(become(pool, {1, 1, 0, 1}));
+    EXPECT_FALSE(pool->WaitForIdle(0));
+  }
+  // The handle of the thread that was interrupted stays open.
+  EXPECT_EQ(open_handles(), before + 1);
+}
+
+TEST(ThreadPool, TaskIsSuspendedAndResumedWithItsWorker) {
+  TestPool const pool(CreateNewThreadPool());
+  std::atomic<int> rounds = 0;
+  std::atomic<bool> stop = false;
+  auto const task = pool->AddJob([&] {
+    while (!stop) {
+      ++rounds;
+      ::Sleep(1);
+    }
+  });
+  ASSERT_TRUE(eventually([&] { return rounds > 2; }));
+  task->Suspend();
+  int found = 0;
+  EXPECT_TRUE(eventually([&] {
+    found = rounds;
+    ::Sleep(20);
+    return rounds == found;
+  }));
+  EXPECT_TRUE(task->IsRunning());
+  task->Resume();
+  EXPECT_TRUE(eventually([&] { return rounds > found + 2; }));
+  stop = true;
+  EXPECT_TRUE(task->WaitForFinish(patience));
+}
+
+TEST(ThreadPool, StopEndsIdleAndBusyWorkersAndDropsTheQueue) {
+  DebugText debug;
+  long const before = open_handles();
+  {
+    TestPool const pool(CreateNewThreadPool(2, 2));
+    HeldWorker idle(pool), busy(pool);
+    HANDLE threads[2] = {};
+    for (int i = 0; i < 2; ++i) {
+      auto const& worker = dynamic_cast<TThreadClass&>(*(i ? busy : idle).context);
+      DuplicateHandle(GetCurrentProcess(), worker, GetCurrentProcess(), &threads[i], 0, FALSE,
+                      DUPLICATE_SAME_ACCESS);
+    }
+    idle.context.reset();
+    busy.context.reset();
+    idle.go_on.Set();
+    ASSERT_TRUE(become(pool, {1, 2, 0, 1}));
+    pool->Stop();
+    for (HANDLE const thread : threads) {
+      EXPECT_TRUE(signaled_within(thread, 0));
+      DWORD code = 1;
+      GetExitCodeThread(thread, &code);
+      EXPECT_EQ(code, 0u);
+      CloseHandle(thread);
+    }
+    // What was interrupted stays counted.
+    EXPECT_EQ(counts_of(pool), (PoolCounts{1, 0, 0, 0}));
+
+    bool ran = false;
+    auto const late = job([&] { ran = true; });
+    EXPECT_FALSE(pool->AddJob(late));
+    EXPECT_EQ(counts_of(pool), (PoolCounts{2, 0, 1, 0}));
+    pool->SetLimits(1, 0, 0);
+    EXPECT_TRUE(become(pool, {1, 1, 0, 1}));
+    EXPECT_TRUE(ran);
+  }
+  EXPECT_EQ(debug.text(), "");
+  EXPECT_EQ(open_handles(), before);
+}
+
+TEST(ThreadPool, JobThatStopsItsOwnPoolIsInterruptedThere) {
+  DebugText debug;
+  TestPool const pool(CreateNewThreadPool(1, 0));
+  std::atomic<bool> left = false;
+  pool->AddJob(job([&] {
+    try {
+      pool->Stop();
+    } catch (EThreadInterrupt const&) {
+      left = true;
+      throw;
+    }
+  }));
+  EXPECT_TRUE(eventually([&] { return left.load(); }));
+  EXPECT_EQ(debug.text(), "");
+}
+
+TEST(ThreadPool, ThatNeverHadAWorkerGoesWithItsLastHandle) {
+  Gate gate;
+  auto const dropped = gate.job();
+  long const before = open_handles();
+  {
+    auto const pool = CreateNewThreadPool(0, 0);
+    pool->AddJob(dropped);
+  }
+  EXPECT_EQ(open_handles(), before);
+  EXPECT_EQ(dropped.use_count(), 1);
+}
+
+TEST(ThreadPool, SystemPoolIsOneForAll) {
+  auto const pool = GetSystemThreadPool();
+  EXPECT_EQ(pool, GetSystemThreadPool());
+  bool ran = false;
+  auto const task = pool->AddJob([&] { ran = true; });
+  EXPECT_TRUE(task->WaitForFinish(patience));
+  EXPECT_TRUE(ran);
+}

@@ -1,0 +1,307 @@
+#include "velt/threads/ThreadTask.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <memory>
+#include <new>
+#include <stdexcept>
+#include <string>
+#include <utility>
+
+#include "tests/support/OpenHandles.h"
+#include "tests/threads/PoolSupport.h"
+#include "velt/diagnostics/StructuredException.h"
+#include "velt/exceptions/ExceptionFamily.h"
+
+using namespace velt_test;
+
+namespace {
+
+// A worker that only notes what it is asked to do.
+class NotedContext : public IThreadContext {
+public:
+  void Interrupt() override { note("interrupt "), on_interrupt(); }
+  void Restart() override { note("restart "); }
+  void Suspend() override { note("suspend "); }
+  void Resume() override { note("resume "); }
+  void SetPriority(int priority) override { note("priority " + std::to_string(priority) + " "); }
+  void Start() override { note("start "), on_start(); }
+
+  std::function<void()> on_interrupt = [] {}, on_start = [] {};
+  std::string notes;
+
+private:
+  void note(std::string const& what) { notes += what; }
+};
+
+// A task whose states the test steps through.
+class OpenTask : public TThreadTask {
+public:
+  void Run(SmartPtr<IThreadContext> const& context) override { RunTask(context, work); }
+  void begin(SmartPtr<IThreadContext> const& context) {
+    Context = context;
+    TaskStarted();
+  }
+
+  using TThreadTask::Context;
+  using TThreadTask::Exception;
+  using TThreadTask::Finished;
+  using TThreadTask::Started;
+  using TThreadTask::TaskFinished;
+  using TThreadTask::TaskInterrupted;
+
+  std::function<void()> work = [] {};
+};
+
+struct ThreadTask : ::testing::Test {
+  SmartPtr<NotedContext> context = MakeCounted<NotedContext>();
+  SmartPtr<OpenTask> task = MakeCounted<OpenTask>();
+};
+
+// Started, finished, running, and whether there is a worker.
+std::string state(OpenTask const& task) {
+  std::string text;
+  if (task.IsStarted()) text += "started ";
+  if (task.IsFinished()) text += "finished ";
+  if (task.IsRunning()) text += "running ";
+  if (task.Context) text += "worker ";
+  return text;
+}
+
+void steer(IThreadTask& task) {
+  task.Suspend();
+  task.Resume();
+  task.SetPriority(-1);
+}
+
+class Refusal : public std::logic_error {
+  using logic_error::logic_error;
+};
+
+}  // namespace
+
+TEST_F(ThreadTask, IsSteeredOnlyWhileAWorkerRunsIt) {
+  EXPECT_EQ(state(*task), "");
+  EXPECT_FALSE(task->WaitForStart(0));
+  EXPECT_FALSE(task->WaitForFinish(0));
+  EXPECT_FALSE(task->IsException());
+  steer(*task);
+
+  task->begin(context);
+  EXPECT_EQ(state(*task), "started running worker ");
+  EXPECT_TRUE(task->WaitForStart(0));
+  EXPECT_EQ(context->notes, "");
+  steer(*task);
+  EXPECT_EQ(context->notes, "suspend resume priority -1 ");
+
+  task->TaskFinished();
+  EXPECT_EQ(state(*task), "started finished ");
+  EXPECT_TRUE(task->WaitForFinish(-1));
+  EXPECT_EQ(context.use_count(), 1);
+  task->Context = context;
+  steer(*task);
+  EXPECT_EQ(context->notes, "suspend resume priority -1 ");
+}
+
+TEST_F(ThreadTask, CancelledInTheQueueIsFinishedAndDoesNotRun) {
+  int runs = 0;
+  task->work = [&] { ++runs; };
+  task->Cancel();
+  EXPECT_EQ(state(*task), "finished ");
+  task->Run(context);
+  EXPECT_EQ(state(*task), "finished ");
+  EXPECT_EQ(runs, 0);
+}
+
+TEST_F(ThreadTask, RunsOnce) {
+  int runs = 0;
+  task->work = [&] { ++runs; };
+  task->Run(context);
+  task->Run(context);
+  EXPECT_EQ(runs, 1);
+}
+
+TEST_F(ThreadTask, CancelInterruptsTheWorkerAndStartsItAgain) {
+  task->begin(context);
+  context->on_start = [&] { EXPECT_FALSE(task->IsFinished()); };
+  task->Cancel();
+  EXPECT_EQ(context->notes, "interrupt start ");
+  EXPECT_EQ(state(*task), "started finished ");
+  EXPECT_EQ(context.use_count(), 1);
+
+  task->Cancel();
+  EXPECT_EQ(context->notes, "interrupt start ");
+  EXPECT_EQ(state(*task), "started finished ");
+}
+
+TEST_F(ThreadTask, CancelLeavesAWorkerAloneThatFinishedMeanwhile) {
+  task->begin(context);
+  context->on_interrupt = [&] { task->TaskFinished(); };
+  task->Cancel();
+  EXPECT_EQ(context->notes, "interrupt ");
+}
+
+TEST_F(ThreadTask, InterruptedTaskLeavesItsWorkerToCancelOnly) {
+  task->begin(context);
+  context->on_interrupt = [&] { task->TaskInterrupted(); };
+  context->on_start = [&] { EXPECT_TRUE(task->IsFinished()); };
+  task->Cancel();
+  EXPECT_EQ(context->notes, "interrupt start ");
+  EXPECT_EQ(state(*task), "started finished ");
+
+  auto const other = MakeCounted<OpenTask>();
+  other->begin(context);
+  other->TaskInterrupted();
+  EXPECT_EQ(state(*other), "started finished ");
+}
+
+TEST_F(ThreadTask, CancelDropsAFailedStartButNotAFailedInterruption) {
+  task->begin(context);
+  context->on_start = [] { throw 5; };
+  task->Cancel();
+  EXPECT_EQ(state(*task), "started finished ");
+
+  auto const other = MakeCounted<OpenTask>();
+  other->begin(context);
+  context->on_interrupt = [] { ThrowSystemException(1234); };
+  EXPECT_EQ(system_code([&] { other->Cancel(); }), 1234);
+  EXPECT_EQ(state(*other), "started running worker ");
+}
+
+TEST_F(ThreadTask, SecondCancelWaitsForTheFirst) {
+  TEvent interrupting, go_on;
+  context->on_interrupt = [&] {
+    interrupting.Set();
+    go_on.WaitForSignal();
+  };
+  task->begin(context);
+  Worker first([&] { task->Cancel(); }), second([&] { task->Cancel(); });
+  first.StartThread();
+  interrupting.WaitForSignal();
+  second.start_into_body();
+  EXPECT_FALSE(second.ended_within(50));
+  go_on.Set();
+  EXPECT_TRUE(first.ended_within(patience));
+  EXPECT_TRUE(second.ended_within(patience));
+  EXPECT_EQ(context->notes, "interrupt start ");
+}
+
+TEST_F(ThreadTask, ExceptionIsKeptWithItsValuesAndThrownAsAnEGeneric) {
+  struct {
+    std::function<void()> work;
+    char const* text;  // of what is thrown again
+  } const rows[] = {
+      {[] {
+         throw EGeneric({"Text", "No room"});
+       },
+       "No room"},
+      {[] {
+         throw EGeneric({"Text", "No room"}, {"Rooms", 12});
+       },
+       "Text: No room\nRooms: 12 (0xc)"},
+      {[] {
+         throw ERuntimeException(2, {"File", "x"});
+       },
+       "Code: 2 (0x2)\nFile: x\nText: No such file or directory"},
+      {[] { throw Refusal("not today"); }, "Text: not today\nType: (anonymous namespace)::Refusal"},
+      {[] { throw std::bad_alloc(); }, "Text: std::bad_alloc\nType: std::bad_alloc"},
+      {[] { throw 5; }, "Text: Unknown exception\nType: int"},
+  };
+  for (auto const& [work, text] : rows) {
+    SCOPED_TRACE(text);
+    auto const failing = MakeCounted<OpenTask>();
+    failing->work = work;
+    failing->Run(context);
+    EXPECT_EQ(state(*failing), "started finished ");
+    ASSERT_TRUE(failing->IsException());
+    for (int time = 0; time < 2; ++time) try {
+        failing->RethrowException();
+      } catch (EGeneric const& error) {
+        EXPECT_EQ(typeid(error), typeid(EGeneric));
+        EXPECT_STREQ(error.what(), text);
+      }
+  }
+}
+
+TEST_F(ThreadTask, InterruptionPassesOnAndIsNotKept) {
+  task->work = [&] {
+    EXPECT_EQ(state(*task), "started running worker ");
+    throw EThreadInterrupt();
+  };
+  EXPECT_THROW(task->Run(context), EThreadInterrupt);
+  EXPECT_EQ(state(*task), "started finished ");
+  EXPECT_FALSE(task->IsException());
+}
+
+TEST_F(ThreadTask, FaultIsKeptLikeAnException) {
+  redirect_structured_exceptions const redirection;
+  task->work = read_through_bad_pointer;
+  task->Run(context);
+  ASSERT_TRUE(task->IsException());
+  EXPECT_EQ((*task->Exception)["Code"].as_int(), static_cast<int>(0xC0000005));
+}
+
+TEST_F(ThreadTask, EndOfATaskClosesItsEventsAndReleasesWhatItHolds) {
+  static int live;
+  struct CountedException : EGeneric {
+    CountedException() { ++live; }
+    ~CountedException() override { --live; }
+  };
+  long const before = open_handles();
+  {
+    auto const other = MakeCounted<OpenTask>();
+    EXPECT_EQ(open_handles(), before + 2);
+    other->begin(context);
+    other->Exception = new CountedException;
+  }
+  EXPECT_EQ(open_handles(), before);
+  EXPECT_EQ(context.use_count(), 1);
+  EXPECT_EQ(live, 0);
+}
+
+TEST_F(ThreadTask, CopySharesWorkerEventsAndException) {
+  task->begin(context);
+  EGeneric kept;
+  task->Exception = &kept;
+  auto const copy = MakeCounted<OpenTask>(*task);
+  // The count of references is assigned too: one, for both.
+  auto const assigned = MakeCounted<OpenTask>();
+  OpenTask& target = *assigned;
+  target = *task;
+  for (auto* const other : {copy.get(), &target}) {
+    EXPECT_EQ(state(*other), "started running worker ");
+    EXPECT_EQ(other->Exception, &kept);
+    EXPECT_NE(static_cast<void*>(other->Finished), static_cast<void*>(task->Finished));
+  }
+  task->TaskFinished();
+  EXPECT_TRUE(copy->IsFinished());
+  EXPECT_TRUE(target.IsFinished());
+  task->Exception = copy->Exception = target.Exception = nullptr;
+}
+
+TEST_F(ThreadTask, WaitsAreLeftByQueuedCallsAndByInterruption) {
+  auto const queue = [](PAPCFUNC call) { ::QueueUserAPC(call, GetCurrentThread(), 0); };
+  queue([](ULONG_PTR) {});
+  EXPECT_FALSE(task->WaitForFinish(-1));
+  queue([](ULONG_PTR) { throw EThreadInterrupt(); });
+  EXPECT_THROW(task->WaitForFinish(-1), EThreadInterrupt);
+  queue([](ULONG_PTR) { throw EThreadInterrupt(); });
+  EXPECT_THROW(task->IsStarted(), EThreadInterrupt);
+}
+
+TEST(MakeThreadTask, CallsTheCallableAndKeepsWhatItThrows) {
+  auto const context = MakeCounted<NotedContext>();
+  int calls = 0;
+  auto const task = MakeThreadTask(
+      [&, owned = std::make_unique<int>(41)]() mutable { return calls += ++*owned; });
+  task->Run(context);
+  EXPECT_EQ(calls, 42);
+  EXPECT_TRUE(task->IsFinished());
+  EXPECT_FALSE(task->IsException());
+
+  auto const failing = MakeThreadTask([] { throw EGeneric({"Text", "No room"}); });
+  failing->Run(context);
+  EXPECT_TRUE(failing->IsException());
+  EXPECT_THROW(failing->RethrowException(), EGeneric);
+}

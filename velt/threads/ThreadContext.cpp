@@ -1,0 +1,178 @@
+#include "velt/threads/ThreadContext.h"
+
+#include <windows.h>
+
+#include <utility>
+
+#include "velt/exceptions/ExceptionFamily.h"
+#include "velt/threads/LibraryReferenceInternal.h"
+
+namespace {
+
+// Milliseconds: what a thread gets to end by itself, to obey an interruption, and
+// to be gone after it was killed.
+constexpr unsigned int grace = 2000, obedience = 5000, death = 1000;
+
+}  // namespace
+
+SmartPtr<IThreadContext> CreateNewThreadContext(SmartPtr<IThreadOwner> owner) {
+  return SmartPtr<IThreadContext>(new TThreadContext(std::move(owner)));
+}
+
+TThreadContext::TThreadContext(SmartPtr<IThreadOwner> owner) noexcept : Owner(std::move(owner)) {}
+
+// A SmartPtr cannot let exceptions out, so none must come from here. The base has
+// nothing left to wait for.
+TThreadContext::~TThreadContext() noexcept {
+  if (!IsValidHandle()) return;
+  if (is_own_thread()) {
+    if (destroyed) *destroyed = true;
+  } else if (!velt::detail::library_unloads()) {
+    end_thread();
+  }
+  ::CloseHandle(DetachHandle());
+}
+
+void TThreadContext::end_thread() noexcept {
+  if (::WaitForSingleObjectEx(handle, grace, FALSE) != WAIT_TIMEOUT) return;
+  try {
+    ask_to_end();
+  } catch (ESystemException const&) {
+    // It has just ended, or it will be killed.
+  }
+  if (::WaitForSingleObjectEx(handle, obedience, FALSE) != WAIT_TIMEOUT) return;
+  ::TerminateThread(handle, 0);
+  ::WaitForSingleObjectEx(handle, death, FALSE);
+}
+
+bool TThreadContext::is_own_thread() const noexcept {
+  return GetThreadId(handle) == GetCurrentThreadId();
+}
+
+// A thread that is about to end takes no more calls, a moment before it counts as
+// ended. The lock keeps this from the next thread, when two interrupt the worker
+// and one of them starts it again.
+void TThreadContext::Interrupt() {
+  TLock const guard(steering);
+  try {
+    InterruptThread(0, obedience);
+  } catch (ESystemException const&) {
+    if (WaitForSingleObject(obedience, TRUE) == WAIT_TIMEOUT) throw;
+  }
+}
+
+void TThreadContext::Restart() {
+  IThreadContext& self = *this;
+  self.Interrupt();
+  self.Start();
+}
+
+void TThreadContext::Suspend() { TThreadClass::SuspendThread(); }
+void TThreadContext::Resume() { TThreadClass::ResumeThread(); }
+void TThreadContext::SetPriority(int priority) { TThreadClass::SetThreadPriority(priority); }
+void TThreadContext::Start() { StartThread(); }
+
+void TThreadContext::SuspendThread() { Suspend(); }
+void TThreadContext::ResumeThread() { Resume(); }
+void TThreadContext::SetThreadPriority(int priority) { SetPriority(priority); }
+
+void TThreadContext::StartThread() {
+  TLock const guard(steering);
+  if (retired) return;
+  velt::detail::hold_library();
+  try {
+    TThreadClass::StartThread();
+  } catch (...) {
+    velt::detail::release_library();
+    throw;
+  }
+}
+
+void TThreadContext::DynamicThreadEntry() {
+  TThreadClass::DynamicThreadEntry();
+  velt::detail::leave_library_and_end_thread();
+}
+
+std::string TThreadContext::describe() const { return GetCurrentStack(); }
+
+// Null if the destruction of the context has begun, which waits for this thread.
+SmartPtr<IThreadContext> TThreadContext::own_reference() noexcept {
+  if (!refs.increment_unless_zero()) return nullptr;
+  SmartPtr<IThreadContext> reference(this);
+  refs.decrement();
+  return reference;
+}
+
+void TThreadContext::ThreadBody() {
+  SmartPtr<IThreadJob> job;
+  try {
+    run_jobs(job);
+  } catch (EThreadInterrupt const&) {
+    throw;
+  } catch (...) {
+    if (job) report_job(job);
+    report_end();
+    throw;
+  }
+  report_end();
+}
+
+void TThreadContext::run_jobs(SmartPtr<IThreadJob>& job) {
+  while (!retired && (job = Owner->GetJob())) {
+    auto context = own_reference();
+    // The owner has dropped the worker and waits for no report.
+    if (!context) throw EThreadInterrupt();
+    try {
+      job->Run(context);
+    } catch (...) {
+      drop_own_reference(context, job);
+      throw;
+    }
+    drop_own_reference(context, job);
+    report_job(job);
+  }
+}
+
+void TThreadContext::report_job(SmartPtr<IThreadJob>& job) {
+  Owner->JobFinished(job);
+  job.reset();
+}
+
+void TThreadContext::drop_own_reference(SmartPtr<IThreadContext>& context,
+                                        SmartPtr<IThreadJob>& job) {
+  outlive_object([&](IThreadOwner&, bool const& is_destroyed) {
+    context.reset();
+    if (is_destroyed) job.reset();
+  });
+}
+
+void TThreadContext::report_end() {
+  auto context = own_reference();
+  if (!context) return;
+  outlive_object([&](IThreadOwner& owner, bool const&) {
+    owner.ThreadFinished(std::move(context));
+  });
+}
+
+// Where the last reference to this object goes on its own thread, there is no way
+// back into it: the thread ends here, and with it what the step threw.
+template <class Step>
+void TThreadContext::outlive_object(Step step) {
+  bool is_destroyed = false;
+  destroyed = &is_destroyed;
+  SmartPtr<IThreadOwner> owner(Owner);
+  try {
+    step(*owner, is_destroyed);
+  } catch (...) {
+    if (!is_destroyed) {
+      destroyed = nullptr;
+      throw;
+    }
+  }
+  if (!is_destroyed) {
+    destroyed = nullptr;
+    return;
+  }
+  owner.reset();
+  velt::detail::leave_library_and_end_thread();
+}

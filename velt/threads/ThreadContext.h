@@ -1,0 +1,89 @@
+// TThreadContext: a worker, which runs the jobs that an owner gives it, one
+// after the other, on a thread of its own. TThreadPool is the owner in the
+// library; with an IThreadOwner of your own, CreateNewThreadContext() makes
+// workers for it.
+#pragma once
+
+#include <atomic>
+#include <string>
+
+#include "velt/Export.h"
+#include "velt/locks/MultiLock.h"
+#include "velt/threads/ThreadClass.h"
+#include "velt/threads/ThreadJob.h"
+
+// The worker asks GetJob(), runs the job, reports JobFinished(), and asks again.
+// It ends in one of three ways:
+//
+//   GetJob() gave nothing      ThreadFinished()
+//   EThreadInterrupt came out  no report at all, not of the job in hand either:
+//   of a job or of the owner   whoever interrupts takes the worker over. It may
+//                              be started again, or dropped.
+//   anything else came out     JobFinished() if there is a job in hand, then
+//                              ThreadFinished(), then a line on the stream Debug
+//                              and OnException()
+//
+// A worker that everybody has dropped ends after the job in hand, without a report.
+//
+// While it has a thread a worker holds on to the library, so that to unload it
+// waits until the last worker has ended.
+class VELT_API TThreadContext final : public IThreadContext, public TThreadClass {
+public:
+  TThreadContext(TThreadContext const&) = delete;
+  TThreadContext& operator=(TThreadContext const&) = delete;
+  // Waits two seconds for the end of the thread, interrupts it then, and kills it
+  // after five more; releases the owner. The waits are not alertable: an
+  // interruption of the calling thread takes effect in its next wait.
+  ~TThreadContext() noexcept override;
+
+  // InterruptThread(0, 5000). A thread that ended at the very moment is no error.
+  // Waits while somebody else interrupts or starts the worker.
+  void Interrupt() override;
+  void Restart() override;
+  void Suspend() override;
+  void Resume() override;
+  void SetPriority(int priority) override;
+  // Does nothing for a worker that its pool has dismissed.
+  void Start() override;
+
+  void ThreadBody() override;
+  void StartThread() override;
+  void SuspendThread() override;
+  void ResumeThread() override;
+  void SetThreadPriority(int priority) override;
+
+  // Where the thread is right now, as by GetCurrentStack().
+  std::string describe() const override;
+
+protected:
+  void DynamicThreadEntry() override;
+
+private:
+  friend VELT_API SmartPtr<IThreadContext> CreateNewThreadContext(SmartPtr<IThreadOwner> owner);
+
+  explicit TThreadContext(SmartPtr<IThreadOwner> owner) noexcept;
+
+  SmartPtr<IThreadContext> own_reference() noexcept;
+  void run_jobs(SmartPtr<IThreadJob>& job);
+  void report_job(SmartPtr<IThreadJob>& job);
+  void drop_own_reference(SmartPtr<IThreadContext>& context, SmartPtr<IThreadJob>& job);
+  void report_end();
+  template <class Step>
+  void outlive_object(Step step);
+  bool is_own_thread() const noexcept;
+  void end_thread() noexcept;
+
+  // No further thread, as its pool knows the worker no more. Somebody who has
+  // just interrupted it may be about to start it again.
+  friend class TThreadPool;
+  void retire() noexcept { retired = true; }
+
+  SmartPtr<IThreadOwner> Owner;
+  TMultiLock steering;  // held by those who interrupt and start the worker
+  std::atomic<bool> retired = false;
+  bool* destroyed = nullptr;  // set where the thread destroys its own context
+};
+
+// A worker for the owner, which it refers to for as long as it lives. It has no
+// thread until Start().
+VELT_API SmartPtr<IThreadContext> CreateNewThreadContext(SmartPtr<IThreadOwner> owner);

@@ -1,0 +1,268 @@
+#include "velt/threads/ThreadPool.h"
+
+#include <windows.h>
+
+#include <cstdint>
+#include <utility>
+#include <vector>
+
+#include "velt/LoadOrderInternal.h"
+#include "velt/exceptions/ExceptionFamily.h"
+#include "velt/text/Numbers.h"
+#include "velt/threads/ThreadContext.h"
+#include "velt/threads/ThreadPoolInternal.h"
+
+namespace {
+
+constexpr unsigned int idle_limit = 10'000;  // milliseconds
+
+// What a pool is made with where its maker does not say.
+constexpr int default_max = 50, default_min = 0, default_priority = 0, default_limit = 1'000'000;
+
+// A hold of a lock that never waits on the lock's events. A released count wakes
+// a worker that wants the queue's lock at once, with the releasing thread still
+// in it: a job costs four calls of the platform then instead of two. The other
+// holder is gone soon, so this looks again, and sleeps where it is not.
+//
+// Not alertable: a worker that is interrupted between a count and its job, or in
+// a report, would leave the pool with numbers that are wrong for good.
+template <bool (TMultiLock::*acquire)(unsigned int)>
+class short_hold {
+public:
+  explicit short_hold(TMultiLock& its_lock) : lock(its_lock) {
+    for (int tries = 0; !(lock.*acquire)(0); ++tries) {
+      if (tries < tries_before_yield)
+        YieldProcessor();
+      else if (tries < tries_before_sleep)
+        SwitchToThread();
+      else
+        Sleep(1);
+    }
+  }
+  short_hold(short_hold const&) = delete;
+  short_hold& operator=(short_hold const&) = delete;
+  ~short_hold() { lock.Unlock(); }
+
+private:
+  static constexpr int tries_before_yield = 500, tries_before_sleep = 20000;
+
+  TMultiLock& lock;
+};
+using read_hold = short_hold<&TMultiLock::ReadLock>;
+using write_hold = short_hold<&TMultiLock::WriteLock>;
+
+class count_while_alive {
+public:
+  explicit count_while_alive(std::atomic<unsigned int>& its_counter) : counter(its_counter) {
+    ++counter;
+  }
+  count_while_alive(count_while_alive const&) = delete;
+  count_while_alive& operator=(count_while_alive const&) = delete;
+  ~count_while_alive() { --counter; }
+
+private:
+  std::atomic<unsigned int>& counter;
+};
+
+unsigned int as_limit(std::atomic<int> const& limit) noexcept {
+  return static_cast<unsigned int>(limit.load());
+}
+
+std::string decimal(unsigned int count) { return itoa(static_cast<int>(count)); }
+
+}  // namespace
+
+IThreadPool::~IThreadPool() = default;
+
+SmartPtr<IThreadPool> CreateNewThreadPool() {
+  return CreateNewThreadPool(default_max, default_min);
+}
+SmartPtr<IThreadPool> CreateNewThreadPool(int max, int min) {
+  return CreateNewThreadPool(max, min, default_priority);
+}
+SmartPtr<IThreadPool> CreateNewThreadPool(int max, int min, int priority) {
+  return CreateNewThreadPool(max, min, priority, default_limit);
+}
+SmartPtr<IThreadPool> CreateNewThreadPool(int max, int min, int priority, int limit) {
+  return MakeCounted<TThreadPool>(max, min, priority, limit);
+}
+
+TThreadPool::TThreadPool(int max, int min, int priority, int limit)
+    : MaxTotalThreads(max),
+      MinIdleThreads(min),
+      JobSemaphore(limit, 0),
+      ThreadPriority(priority),
+      JobQueueLimit(limit),
+      NoJobsEvent(true, true) {}
+
+// There are no workers then, as each keeps the pool alive, so nothing waits.
+TThreadPool::~TThreadPool() noexcept { TThreadPool::Stop(); }
+
+bool TThreadPool::AddJob(SmartPtr<IThreadJob> job) {
+  if (!TryAddJob(std::move(job)))
+    throw EGeneric({"Text", "Thread pool overflowed"},
+                   {"JobQueueSize", static_cast<int>(queue_size)},
+                   {"ThreadsSize", static_cast<int>(workers_size)});
+  create_thread_if_needed();
+  return queue_size <= as_limit(MaxTotalThreads);
+}
+
+// A worker that took the count of a job that ClearQueue() dropped may take the next
+// job with it, whose own count stays. So the semaphore can be full before the
+// queue is; then it has a count for each job.
+bool TThreadPool::TryAddJob(SmartPtr<IThreadJob> job) {
+  write_hold const hold(QueueLock);
+  if (JobQueue.size() >= static_cast<unsigned int>(JobQueueLimit)) return false;
+  if (++RunningJobs == 1) NoJobsEvent.ResetEvent();
+  JobQueue.push_back(std::move(job));
+  queue_has_changed();
+  if (!ReleaseSemaphore(JobSemaphore, 1, nullptr) && GetLastError() != ERROR_TOO_MANY_POSTS)
+    ThrowSystemException();
+  return true;
+}
+
+SmartPtr<IThreadJob> TThreadPool::PopJob() {
+  write_hold const hold(QueueLock);
+  if (JobQueue.empty()) return nullptr;
+  auto job = std::move(JobQueue.front());
+  JobQueue.pop_front();
+  queue_has_changed();
+  return job;
+}
+
+void TThreadPool::JobFinished(SmartPtr<IThreadJob>) {
+  write_hold const hold(QueueLock);
+  if (--RunningJobs == 0) NoJobsEvent.SetEvent();
+}
+
+void TThreadPool::ClearQueue() {
+  std::deque<SmartPtr<IThreadJob>> dropped;
+  {
+    write_hold const hold(QueueLock);
+    while (JobSemaphore.WaitForSingleObject(0, FALSE) == WAIT_OBJECT_0) {
+    }
+    RunningJobs -= static_cast<unsigned int>(JobQueue.size());
+    JobQueue.swap(dropped);
+    queue_has_changed();
+  }
+  while (!dropped.empty()) dropped.pop_back();
+}
+
+bool TThreadPool::WaitForIdle(int timeoutMs) { return NoJobsEvent.Signaled(timeoutMs); }
+
+// The queue's size may be stale. A wrong answer costs a thread too many, or one
+// that comes with the next job.
+bool TThreadPool::NeedMoreThreads() {
+  read_hold const hold(ThreadsLock);
+  return IdleThreads < queue_size && Threads.size() < as_limit(MaxTotalThreads);
+}
+bool TThreadPool::CanThreadLeave() { return IdleThreads > as_limit(MinIdleThreads); }
+bool TThreadPool::TooManyThreads() {
+  read_hold const hold(ThreadsLock);
+  return Threads.size() > as_limit(MaxTotalThreads);
+}
+
+void TThreadPool::CreateThread() {
+  write_hold const hold(ThreadsLock);
+  auto const created = CreateNewThreadContext(this);
+  Threads.insert(created);
+  workers_have_changed();
+  created->Start();
+  if (int const priority = ThreadPriority) created->SetPriority(priority);
+}
+
+// Asked again under the lock, so that no thread begins behind the back of a
+// Stop() that came in between, and two jobs do not take the last place twice.
+bool TThreadPool::create_thread_if_needed() {
+  if (!NeedMoreThreads()) return false;
+  write_hold const hold(ThreadsLock);
+  if (!NeedMoreThreads()) return false;
+  CreateThread();
+  return true;
+}
+
+SmartPtr<IThreadJob> TThreadPool::GetJob() {
+  if (TooManyThreads()) return nullptr;
+  for (;;) {
+    count_while_alive const idle(IdleThreads);
+    if (JobSemaphore.Lock(idle_limit))
+      if (auto job = PopJob()) return job;
+    if (CanThreadLeave()) return nullptr;
+  }
+}
+
+void TThreadPool::retire(IThreadContext& context) {
+  static_cast<TThreadContext&>(context).retire();
+}
+
+void TThreadPool::ThreadFinished(SmartPtr<IThreadContext> context) {
+  worker left_before;
+  write_hold const hold(ThreadsLock);
+  if (Threads.erase(context) != 0) {
+    workers_have_changed();
+    retire(*context);
+    left_before = FinishedThread.exchange(context);
+  }
+  context.reset();
+  // A queue must not be stranded because the last worker died.
+  if (Threads.empty() && NeedMoreThreads()) CreateThread();
+}
+
+void TThreadPool::SetLimits(int maxTotalThreads, int minIdleThreads, int priority) {
+  MaxTotalThreads.exchange(maxTotalThreads);
+  MinIdleThreads.exchange(minIdleThreads);
+  ThreadPriority = priority;
+  while (create_thread_if_needed()) {
+  }
+}
+
+void TThreadPool::Stop() {
+  if (velt::detail::process_ends()) return;
+  MinIdleThreads.exchange(0);
+  MaxTotalThreads.exchange(0);
+  TThreadPool::ClearQueue();
+  interrupt_workers();
+  TThreadPool::ClearQueue();
+  drop_workers();
+}
+
+void TThreadPool::interrupt_workers() {
+  std::vector<worker> workers;
+  {
+    read_hold const hold(ThreadsLock);
+    workers.assign(Threads.begin(), Threads.end());
+  }
+  for (auto const& each : workers) each->Interrupt();
+}
+
+// Some may have begun since the others were interrupted, if somebody has raised
+// the limits: they must not run on without a pool that knows them.
+void TThreadPool::drop_workers() {
+  std::set<worker> dropped;
+  {
+    write_hold const hold(ThreadsLock);
+    Threads.swap(dropped);
+    workers_have_changed();
+  }
+  for (auto const& each : dropped) {
+    retire(*each);
+    each->Interrupt();
+  }
+  dropped.clear();
+  FinishedThread.reset();
+}
+
+void TThreadPool::queue_has_changed() noexcept {
+  queue_size = static_cast<unsigned int>(JobQueue.size());
+}
+void TThreadPool::workers_have_changed() noexcept {
+  workers_size = static_cast<unsigned int>(Threads.size());
+}
+
+std::string TThreadPool::describe() const {
+  auto const address = static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(this));
+  return "Thread Pool 0x" + itoa(static_cast<int>(address), 16) +
+         " RunningJobs=" + decimal(RunningJobs) + " Threads=" + decimal(workers_size) +
+         " Queue=" + decimal(queue_size) + " Idle=" + decimal(IdleThreads) +
+         " MaxTotalThreads=" + itoa(MaxTotalThreads) + " MinIdleThreads=" + itoa(MinIdleThreads);
+}

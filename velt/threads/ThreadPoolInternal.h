@@ -1,0 +1,80 @@
+// TThreadPool: the pool behind IThreadPool, as its workers see it.
+#pragma once
+
+#include <atomic>
+#include <deque>
+#include <set>
+#include <string>
+
+#include "velt/locks/Event.h"
+#include "velt/locks/MultiLock.h"
+#include "velt/locks/Semaphore.h"
+#include "velt/threads/ThreadPool.h"
+
+// Neither lock is taken while the other is held. Both are held for short, and
+// never while code of a client runs that might want the pool: jobs and workers
+// that are dropped go after the lock was given back.
+class TThreadPool : public IThreadPool, public IThreadOwner {
+public:
+  TThreadPool(int max, int min, int priority, int limit);
+  TThreadPool(TThreadPool const&) = delete;
+  TThreadPool& operator=(TThreadPool const&) = delete;
+  ~TThreadPool() noexcept override;
+
+  using IThreadPool::AddJob;
+  bool AddJob(SmartPtr<IThreadJob> job) override;
+  void Stop() override;
+  void SetLimits(int maxTotalThreads, int minIdleThreads, int priority) override;
+  bool WaitForIdle(int timeoutMs) override;
+  void ClearQueue() override;
+
+  SmartPtr<IThreadJob> GetJob() override;
+  void ThreadFinished(SmartPtr<IThreadContext> context) override;
+  void JobFinished(SmartPtr<IThreadJob> job) override;
+
+  // The counts, read without a lock, so that they need not agree.
+  std::string describe() const override;
+
+protected:
+  virtual bool TryAddJob(SmartPtr<IThreadJob> job);
+  virtual SmartPtr<IThreadJob> PopJob();
+  virtual bool NeedMoreThreads();
+  virtual bool CanThreadLeave();
+  virtual bool TooManyThreads();
+  virtual void CreateThread();
+
+private:
+  using worker = SmartPtr<IThreadContext>;
+
+  static void retire(IThreadContext& context);
+  bool create_thread_if_needed();
+  void interrupt_workers();
+  void drop_workers();
+  void queue_has_changed() noexcept;
+  void workers_have_changed() noexcept;
+
+  // Limits, compared as unsigned.
+  std::atomic<int> MaxTotalThreads;
+  std::atomic<int> MinIdleThreads;
+  std::atomic<unsigned int> IdleThreads = 0;  // in the wait of GetJob()
+
+  std::set<worker> Threads;
+  TMultiLock ThreadsLock;
+  std::deque<SmartPtr<IThreadJob>> JobQueue;
+  TMultiLock QueueLock;
+
+  TSemaphore JobSemaphore;  // a count for each job in the queue
+
+  // The worker that has left last. A worker cannot wait for its own thread: the
+  // next one to leave, or Stop(), destroys it.
+  worker FinishedThread;
+
+  std::atomic<int> ThreadPriority;
+  int const JobQueueLimit;
+  TEvent NoJobsEvent;                         // set while RunningJobs is 0
+  std::atomic<unsigned int> RunningJobs = 0;  // queued or running
+
+  // The sizes of the two containers, which others read without their locks.
+  std::atomic<unsigned int> queue_size = 0;
+  std::atomic<unsigned int> workers_size = 0;
+};
