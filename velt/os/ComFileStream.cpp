@@ -86,7 +86,7 @@ com_stream::stream_ptr CComFileStream::OpenFileStream(wchar_t const* name, unsig
                                   FILE_ATTRIBUTE_NORMAL, nullptr));
   if (!file.IsValidHandle()) {
     report_failure(name, GetLastError());
-    return nullptr;
+    return {};
   }
   auto const stream = MakeCounted<CComFileStream>(file);
   stream_ptr result = stream.get();
