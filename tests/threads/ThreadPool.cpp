@@ -98,16 +98,6 @@ TEST(ThreadPool, RunsJobsInTheOrderTheyCame) {
   EXPECT_FALSE(threads.contains(GetCurrentThreadId()));
 }
 
-TEST(ThreadPool, IdleWorkerTakesTheNextJob) {
-  TestPool const pool(CreateNewThreadPool());
-  std::set<DWORD> threads;
-  for (int i = 0; i < 5; ++i) {
-    pool->AddJob(job([&] { threads.insert(GetCurrentThreadId()); }));
-    ASSERT_TRUE(become(pool, {0, 1, 0, 1}));
-  }
-  EXPECT_EQ(threads.size(), 1u);
-}
-
 // A worker that cannot wake counts as idle and takes its job later.
 TEST(ThreadPool, WorkerIsAddedOnlyIfMoreJobsWaitThanWorkersAreIdle) {
   TestPool const pool(CreateNewThreadPool());
@@ -449,18 +439,6 @@ TEST(ThreadPool, JobThatStopsItsOwnPoolIsInterruptedThere) {
   }));
   EXPECT_TRUE(eventually([&] { return left.load(); }));
   EXPECT_EQ(debug.text(), "");
-}
-
-TEST(ThreadPool, ThatNeverHadAWorkerGoesWithItsLastHandle) {
-  Gate gate;
-  auto const dropped = gate.job();
-  long const before = open_handles();
-  {
-    auto const pool = CreateNewThreadPool(0, 0);
-    pool->AddJob(dropped);
-  }
-  EXPECT_EQ(open_handles(), before);
-  EXPECT_EQ(dropped.use_count(), 1);
 }
 
 TEST(ThreadPool, SystemPoolIsOneForAll) {
