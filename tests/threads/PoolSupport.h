@@ -64,17 +64,6 @@ inline PoolCounts counts_of(SmartPtr<IThreadPool> const& pool) {
           count_of(pool, "Idle")};
 }
 
-// For what other threads are about to bring about.
-template <class Condition>
-bool eventually(Condition condition) {
-  ULONGLONG const end = GetTickCount64() + patience;
-  while (!condition()) {
-    if (GetTickCount64() > end) return false;
-    ::Sleep(1);
-  }
-  return true;
-}
-
 inline ::testing::AssertionResult become(SmartPtr<IThreadPool> const& pool, PoolCounts expected) {
   if (eventually([&] { return counts_of(pool) == expected; })) return ::testing::AssertionSuccess();
   return ::testing::AssertionFailure() << counts_of(pool) << " instead of " << expected;
