@@ -110,8 +110,6 @@ TYPED_TEST(ComStream, AnswersThreeInterfacesWithOnePointer) {
   void* untouched = &untouched;
   EXPECT_EQ(made->QueryInterface(IID_IStorage, &untouched), E_NOINTERFACE);
   EXPECT_EQ(untouched, &untouched);
-  EXPECT_EQ(made->AddRef(), static_cast<ULONG>(before + 1));
-  made->Release();
 }
 
 TYPED_TEST(ComStream, LeavesMostOperationsOut) {
@@ -130,9 +128,9 @@ TYPED_TEST(ComStream, LeavesMostOperationsOut) {
 TYPED_TEST(ComStream, StreamOfThePlatformIsCopiedInto) {
   auto const made = this->make();
   int const before = made.use_count();
-  std::string contents(100'000, '\0');
-  for (std::size_t i = 0; i < contents.size(); ++i) contents[i] = static_cast<char>(i * i >> 3);
-  auto const size = static_cast<ULONG>(contents.size());
+  constexpr ULONG size = 100'000;
+  std::string contents(size, '\0'), copied(size, '\0');
+  for (std::size_t i = 0; i < size; ++i) contents[i] = static_cast<char>(i * i >> 3);
   IStreamPtr source;
   ASSERT_EQ(CreateStreamOnHGlobal(nullptr, TRUE, &source), S_OK);
   ASSERT_EQ(source->Write(contents.data(), size, nullptr), S_OK);
@@ -140,8 +138,6 @@ TYPED_TEST(ComStream, StreamOfThePlatformIsCopiedInto) {
   ULARGE_INTEGER moved;
   EXPECT_EQ(source->CopyTo(made.get(), {.QuadPart = size}, nullptr, &moved), S_OK);
   EXPECT_EQ(moved.QuadPart, size);
-
-  std::string copied(size, '\0');
   ASSERT_EQ(made->Seek(distance(0), STREAM_SEEK_SET, nullptr), S_OK);
   EXPECT_EQ(made->Read(copied.data(), size, nullptr), S_OK) << "places may be null";
   EXPECT_TRUE(copied == contents);
@@ -230,19 +226,14 @@ TEST_F(ComFileStream, OpensAPointerOfItsOwnOrNullWithOneLine) {
                               ".no\" ) - failed to open, error #2\n");
 }
 
-TEST(ComStringStream, SizeIsWhatIsLeftToRead) {
+TEST(ComStringStream, SizeIsWhatIsLeftToReadAndSeekMovesBothPositions) {
   CComStringStream stream;
-  EXPECT_EQ(told_size(stream), 0);
   EXPECT_EQ(write(stream, "0123456789"), S_OK);
   EXPECT_EQ(told_size(stream), 10);
   EXPECT_EQ(read(stream, 4), (Answer{S_OK, "0123"}));
   EXPECT_EQ(told_size(stream), 6);
   EXPECT_EQ(stream.Commit(STGC_DEFAULT), S_OK);
-}
 
-TEST(ComStringStream, SeekMovesBothPositions) {
-  CComStringStream stream;
-  write(stream, "0123456789");
   EXPECT_EQ(seek(stream, 3, STREAM_SEEK_SET), 3);
   EXPECT_EQ(told_size(stream), 0);
   EXPECT_EQ(read(stream, 2), (Answer{S_OK, "34"}));
@@ -252,13 +243,8 @@ TEST(ComStringStream, SeekMovesBothPositions) {
   EXPECT_EQ(seek(stream, 0, 3), -2) << "an unknown origin";
   EXPECT_EQ(read(stream, 2), (Answer{S_OK, "67"}));
   EXPECT_EQ(seek(stream, -7, STREAM_SEEK_END), 3);
-  EXPECT_EQ(read(stream, 3), (Answer{S_OK, "3x5"}));
-}
-
-TEST(ComStringStream, IsOfNoUseBehindAShortRead) {
-  CComStringStream stream;
-  write(stream, "text");
-  EXPECT_EQ(read(stream, 9), (Answer{S_FALSE, "text"}));
+  EXPECT_EQ(read(stream, 9), (Answer{S_FALSE, "3x56789"}));
+  // A short read ends its use.
   EXPECT_EQ(seek(stream, 0, STREAM_SEEK_SET), -1);
   EXPECT_EQ(read(stream, 1), (Answer{S_FALSE, ""}));
   EXPECT_EQ(write(stream, "more"), S_OK) << "nothing was written";

@@ -169,18 +169,18 @@ TEST_F(ImpersonationInCall, WithoutWritersTheTokenIsNotOpened) {
   EXPECT_EQ(watch.calls, taken_and_given_up);
 }
 
+template <class Guard, class OtherKind>
+void expect_apartment(int type) {
+  {
+    Guard const outer;
+    { Guard const inner; }
+    EXPECT_EQ(com_code([] { OtherKind const inner; }), RPC_E_CHANGED_MODE);
+    EXPECT_EQ(apartment_type(), type);
+  }
+  EXPECT_EQ(apartment_type(), -2);
+}
+
 TEST(Apartments, LastForTheScopeAndRefuseTheOtherKind) {
-  {
-    class CoInitialize const outer;
-    { class CoInitialize const inner; }
-    EXPECT_EQ(com_code([] { class CoInitializeEx const inner; }), RPC_E_CHANGED_MODE);
-    EXPECT_EQ(apartment_type(), APTTYPE_MAINSTA);
-  }
-  EXPECT_EQ(apartment_type(), -2);
-  {
-    class CoInitializeEx const outer;
-    EXPECT_EQ(com_code([] { class CoInitialize const inner; }), RPC_E_CHANGED_MODE);
-    EXPECT_EQ(apartment_type(), APTTYPE_MTA);
-  }
-  EXPECT_EQ(apartment_type(), -2);
+  expect_apartment<class CoInitialize, class CoInitializeEx>(APTTYPE_MAINSTA);
+  expect_apartment<class CoInitializeEx, class CoInitialize>(APTTYPE_MTA);
 }

@@ -14,26 +14,7 @@ namespace {
 
 constexpr unsigned int obey = 20'000;
 
-class Stopwatch {
-public:
-  ULONGLONG taken() const { return GetTickCount64() - before; }
-
-private:
-  ULONGLONG before = GetTickCount64();
-};
-
 }  // namespace
-
-TEST(Interruption, ThreadThatNeverWaitsIsKilledWhenItsTimeIsUp) {
-  Worker worker([] { for (;;) YieldProcessor(); });
-  worker.start_into_body();
-  Stopwatch const watch;
-  worker.InterruptThread(0, 100);
-  EXPECT_GE(watch.taken(), 95u);
-  EXPECT_LT(watch.taken(), 5'000u);
-  EXPECT_TRUE(worker.ended_within(1'000));
-  EXPECT_EQ(worker.InterruptState, Worker::Running);
-}
 
 TEST(Interruption, ThreadThatEndsInTimeIsLeftAlone) {
   bool reached_the_end = false;
@@ -43,22 +24,16 @@ TEST(Interruption, ThreadThatEndsInTimeIsLeftAlone) {
     reached_the_end = true;
   });
   worker.start_into_body();
-  worker.InterruptThread(obey, 0);
+  for (unsigned int const grace : {obey, 0u}) worker.InterruptThread(grace, 0);
   EXPECT_TRUE(reached_the_end);
-  EXPECT_EQ(worker.InterruptState, Worker::Idle);
-
-  Stopwatch const watch;
-  worker.InterruptThread(0, obey);
-  EXPECT_LT(watch.taken(), 5'000u);
   EXPECT_EQ(worker.InterruptState, Worker::Idle);
 }
 
 TEST(Interruption, ObjectThatNeverStartedWaitsOutTheTimeAndNeverRunsABody) {
   Worker worker([] {});
-  Stopwatch const watch;
+  ULONGLONG const before = GetTickCount64();
   worker.InterruptThread(60, obey);
-  EXPECT_GE(watch.taken(), 55u);
-  EXPECT_LT(watch.taken(), 5'000u);
+  EXPECT_GE(GetTickCount64() - before, 55u);
   for (int start = 0; start < 2; ++start) {
     EXPECT_EQ(worker.InterruptState, Worker::InterruptRequested);
     worker.StartThread();
@@ -107,52 +82,29 @@ TEST(Interruption, BodyThatBeginsInTheGapRunsToItsEndOrIsKilled) {
   }
 }
 
-TEST(Interruption, CallThatComesAfterTheBodyThrowsNoMoreAndStaysAsARequest) {
-  Worker* self = nullptr;
-  Worker worker([&] {
-    self->QueueUserAPC(Worker::ThrowEThreadInterrupt, reinterpret_cast<std::uintptr_t>(
-                                                          static_cast<TThreadClass*>(self)));
-    throw 1;
-  });
-  self = &worker;
-  bool went_on = false;
-  worker.at_exception = [&] {
-    TThread::Pause();
-    went_on = true;
-  };
-  worker.close_entrance();
-  worker.StartThread();
-  worker.open_entrance();
-  EXPECT_TRUE(worker.ended_within(patience));
-  EXPECT_TRUE(went_on);
-  EXPECT_EQ(worker.InterruptState, Worker::InterruptRequested);
-}
-
-TEST(Interruption, StepThrowsOnlyWhileTheBodyRuns) {
-  Worker worker([] {});
-  for (int i = 0; i < 2; ++i) {
-    worker.ThrowEThreadInterrupt();
-    EXPECT_EQ(worker.InterruptState, Worker::InterruptRequested);
-  }
-  worker.InterruptState = Worker::Running;
-  EXPECT_THROW(worker.ThrowEThreadInterrupt(), EThreadInterrupt);
-  EXPECT_EQ(worker.InterruptState, Worker::Running);
-}
-
+// A call that comes after the body throws no more, and stays as a request.
 TEST(Interruption, ThreadCanInterruptItself) {
-  Worker* self = nullptr;
-  bool went_on = false;
-  Worker worker([&] {
-    self->InterruptThread(0, obey);
-    went_on = true;
-  });
-  self = &worker;
-  worker.close_entrance();
-  worker.StartThread();
-  worker.open_entrance();
-  EXPECT_TRUE(worker.ended_within(patience));
-  EXPECT_FALSE(went_on);
-  EXPECT_EQ(worker.InterruptState, Worker::Idle);
+  for (bool const throws : {false, true}) {
+    Worker* self = nullptr;
+    bool went_on = false;
+    Worker worker([&] {
+      if (!throws) self->InterruptThread(0, obey);
+      self->QueueUserAPC(Worker::ThrowEThreadInterrupt, reinterpret_cast<std::uintptr_t>(
+                                                            static_cast<TThreadClass*>(self)));
+      throw 1;
+    });
+    self = &worker;
+    worker.at_exception = [&] {
+      TThread::Pause();
+      went_on = true;
+    };
+    worker.close_entrance();
+    worker.StartThread();
+    worker.open_entrance();
+    EXPECT_TRUE(worker.ended_within(patience));
+    EXPECT_EQ(went_on, throws);
+    EXPECT_EQ(worker.InterruptState, throws ? Worker::InterruptRequested : Worker::Idle);
+  }
 }
 
 // Whatever ends the first wait but the thread's end leads on to the interruption.
@@ -161,9 +113,9 @@ TEST(Interruption, QueuedCallOfTheCallerCutsTheGraceShort) {
   Worker worker([&] { never.WaitForSignal(); });
   worker.start_into_body();
   QueueUserAPC([](ULONG_PTR) {}, GetCurrentThread(), 0);
-  Stopwatch const watch;
+  ULONGLONG const before = GetTickCount64();
   worker.InterruptThread(60'000, obey);
-  EXPECT_LT(watch.taken(), 30'000u);
+  EXPECT_LT(GetTickCount64() - before, 30'000u);
   EXPECT_TRUE(worker.ended_within(0));
 }
 

@@ -6,6 +6,7 @@
 #include <process.h>
 #include <windows.h>
 
+#include <algorithm>
 #include <functional>
 #include <string>
 
@@ -66,11 +67,7 @@ void __wrap__ZN30redirect_structured_exceptionsC1Ev(void*) { entry_steps += "red
 }
 
 // The symbol engine, which has tests of its own.
-namespace {
-std::string symbol_steps;
-unsigned int frames_found;
-int engine_holds;
-}  // namespace
+static int engine_holds;
 
 bool SymInitialize() { return ++engine_holds; }
 void SymCleanup() { --engine_holds; }
@@ -81,20 +78,17 @@ TMutex& velt::detail::symbol_lock() {
 
 unsigned int StackWalk(unsigned __int64* frames, _CONTEXT* context, void* thread,
                        unsigned int skip, unsigned int max) {
-  bool all_zero = true;
-  for (unsigned int i = 0; i < max; ++i) all_zero &= frames[i] == 0;
-  EXPECT_TRUE(all_zero && context->Rip && thread);
+  EXPECT_TRUE(engine_holds == 1 && context->Rip && thread && skip == 0 && max == 64);
   EXPECT_EQ(context->ContextFlags, 0x10000Bu);
-  EXPECT_EQ(engine_holds, 1);
-  symbol_steps += "walk(" + std::to_string(skip) + ", " + std::to_string(max) + ")";
+  EXPECT_EQ(std::count(frames, frames + max, 0u), max);
   frames[0] = 11;
-  return frames_found;
+  return 3;
 }
 
 std::string SymGetStackTrace(unsigned __int64 const* frames, unsigned int count) {
   EXPECT_EQ(engine_holds, 1);
-  symbol_steps += "trace(" + std::to_string(frames[0]) + ", " + std::to_string(count) + ")";
-  return count ? "the stack" : "";
+  if (!count) return "";
+  return "the stack of " + std::to_string(count) + " from " + std::to_string(frames[0]);
 }
 
 namespace {
@@ -147,17 +141,8 @@ struct WaitingThread final : TThreadClass {
     ::WaitForSingleObject(body_began, INFINITE);
   }
   using TThreadClass::Idle;
-  using TThreadClass::InterruptRequested;
   using TThreadClass::InterruptState;
   using TThreadClass::Running;
-};
-
-Operation<WaitingThread> const class_operations[] = {
-    {"SuspendThread(handle)", [](WaitingThread& t) { t.SuspendThread(); }},
-    {"ResumeThread(handle)", [](WaitingThread& t) { t.ResumeThread(); }},
-    {"SetThreadPriority(handle, 2)", [](WaitingThread& t) { t.SetThreadPriority(2); }},
-    {"WaitForSingleObjectEx(handle, 7, 1)", [](WaitingThread& t) { t.StopThread(7); }},
-    {"WaitForSingleObjectEx(handle, 7, 1)", [](WaitingThread& t) { t.InterruptThread(7, 9); }},
 };
 
 struct ThreadCalls : ::testing::Test {
@@ -171,60 +156,30 @@ struct ThreadCalls : ::testing::Test {
   void let_threads_end() { end_of_waiting.Set(); }
 };
 
-// Its code, and the calls up to it.
-int code_of_failing(char const* call, std::function<void()> const& action, std::string& calls) {
+// The code of the action while the call fails, and the calls up to it.
+std::string failing(char const* call, std::function<void()> const& action) {
   Watch watch(call);
-  int const code = system_code(action);
-  calls = watch.calls;
-  return code;
+  EXPECT_EQ(system_code(action), injected_code) << call;
+  return watch.calls;
 }
 
 }  // namespace
 
 TEST_F(ThreadCalls, FailedOperationsOfTThreadThrowAndKeepTheHandle) {
-  {
-    Watch watch("_beginthreadex");
-    EXPECT_EQ(system_code([] { TThread(end_at_once, buffer); }), injected_code);
-    EXPECT_EQ(watch.calls, "_beginthreadex(none, 0, entry, buffer, 0, out)");
-  }
+  EXPECT_EQ(failing("_beginthreadex", [] { TThread(end_at_once, buffer); }),
+            "_beginthreadex(none, 0, entry, buffer, 0, out)");
   expect_failures(creations, nothing<TThread>, after_failure::minus_one);
   expect_failures(operations, ended_thread, after_failure::unchanged);
 }
 
-TEST_F(ThreadCalls, OperationsOfTThreadClassForwardAndThrow) {
-  for (auto const& [call, run] : class_operations) {
-    SCOPED_TRACE(call);
-    end_of_waiting.Reset();
-    WaitingThread thread;
-    thread.start_into_body();
-    std::string calls;
-    EXPECT_EQ(code_of_failing(call_name(call).c_str(), [&] { run(thread); }, calls),
-              injected_code);
-    EXPECT_EQ(calls, call);
-    EXPECT_EQ(thread.InterruptState, WaitingThread::Running);
-    let_threads_end();
-  }
-}
-
-TEST_F(ThreadCalls, StartOfAnObjectPassesItToTheEntry) {
-  std::string calls;
-  WaitingThread thread;
-  EXPECT_EQ(code_of_failing("_beginthreadex", [&] { thread.StartThread(); }, calls), injected_code);
-  EXPECT_EQ(calls, "_beginthreadex(none, 0, entry, handle, 0, out)");
-  EXPECT_FALSE(thread.IsValidHandle());
-  let_threads_end();
-  thread.start_into_body();
-}
-
 TEST_F(ThreadCalls, EntryArmsFaultsBeforeTheGuaranteeAndThatBeforeTheBody) {
   entry_steps.clear();
-  {
-    Worker worker([] { entry_steps += "body"; });
-    worker.at_entry = [] { entry_steps += "dynamic entry"; };
-    worker.StartThread();
-    ASSERT_TRUE(worker.ended_within(patience));
-    EXPECT_EQ(worker.exit_code(), 0u);
-  }
+  Worker worker([] { entry_steps += "body"; });
+  worker.at_entry = [] { entry_steps += "dynamic entry"; };
+  EXPECT_EQ(failing("_beginthreadex", [&] { worker.StartThread(); }),
+            "_beginthreadex(none, 0, entry, handle, 0, out)");
+  worker.StartThread();
+  ASSERT_TRUE(worker.ended_within(patience));
   EXPECT_EQ(entry_steps, "redirectguarantee(16384)resetdynamic entrybody");
 }
 
@@ -236,37 +191,33 @@ TEST_F(ThreadCalls, StopWaitsAndKillsWhenTheTimeIsUp) {
   thread.StopThread(5);
   EXPECT_EQ(watch.calls, "");
   thread.start_into_body();
-  watch.calls.clear();
-  watch.failing = "TerminateThread";
-  EXPECT_EQ(system_code([&] { thread.StopThread(5); }), injected_code);
-  watch.failing.clear();
-  thread.StopThread(6);
-  EXPECT_EQ(watch.calls,
-            "WaitForSingleObjectEx(handle, 5, 1)TerminateThread(handle, 0)"
-            "WaitForSingleObjectEx(handle, 6, 1)TerminateThread(handle, 0)");
+  std::string const wait = "WaitForSingleObjectEx(handle, 5, 1)";
+  auto const stop = [&] { thread.StopThread(5); };
+  EXPECT_EQ(failing("WaitForSingleObjectEx", stop), wait);
+  EXPECT_EQ(failing("TerminateThread", stop), wait + "TerminateThread(handle, 0)");
+  stop();
+  EXPECT_TRUE(signaled_within(thread, patience));
 }
 
 TEST_F(ThreadCalls, InterruptionWaitsQueuesAndStops) {
-  Watch watch;
   WaitingThread thread;
-  thread.InterruptThread(3, 4);
-  EXPECT_EQ(watch.calls, "WaitForSingleObjectEx(process, 3, 1)");
-  EXPECT_EQ(thread.InterruptState, WaitingThread::InterruptRequested);
-
+  {
+    Watch watch;
+    thread.InterruptThread(3, 4);
+    EXPECT_EQ(watch.calls, "WaitForSingleObjectEx(process, 3, 1)");
+  }
   thread.InterruptState = WaitingThread::Idle;
   thread.start_into_body();
   auto const address = reinterpret_cast<std::uintptr_t>(static_cast<TThreadClass*>(&thread));
-  auto const queueing = "QueueUserAPC(routine, handle, " + std::to_string(address) + ")";
-  watch.calls.clear();
-  watch.failing = "QueueUserAPC";
-  EXPECT_EQ(system_code([&] { thread.InterruptThread(3, 4); }), injected_code);
-  EXPECT_EQ(watch.calls, "WaitForSingleObjectEx(handle, 3, 1)" + queueing);
-
-  watch.calls.clear();
-  watch.failing.clear();
-  thread.InterruptThread(3, 4);
-  EXPECT_EQ(watch.calls, "WaitForSingleObjectEx(handle, 3, 1)" + queueing +
-                             "WaitForSingleObjectEx(handle, 4, 1)TerminateThread(handle, 0)");
+  std::string const wait = "WaitForSingleObjectEx(handle, 3, 1)",
+                    both = wait + "QueueUserAPC(routine, handle, " + std::to_string(address) + ")";
+  auto const interrupt = [&] { thread.InterruptThread(3, 4); };
+  EXPECT_EQ(failing("WaitForSingleObjectEx", interrupt), wait);
+  EXPECT_EQ(failing("QueueUserAPC", interrupt), both);
+  EXPECT_EQ(failing("TerminateThread", interrupt),
+            both + "WaitForSingleObjectEx(handle, 4, 1)TerminateThread(handle, 0)");
+  EXPECT_EQ(thread.InterruptState, WaitingThread::Running);
+  let_threads_end();
 }
 
 TEST_F(ThreadCalls, DestructorOfTThreadClassWaitsASecondAndCloses) {
@@ -279,32 +230,31 @@ TEST_F(ThreadCalls, DestructorOfTThreadClassWaitsASecondAndCloses) {
   }
   EXPECT_EQ(watch.calls, "WaitForSingleObjectEx(handle, 1000, 1)CloseHandle(handle)");
 
-  // An interruption could not leave it then.
-  try {
+  auto const unwind = [&] {
     WaitingThread unwound;
     unwound.start_into_body();
     watch.calls.clear();
     throw 1;
-  } catch (int) {
-    EXPECT_EQ(watch.calls, "WaitForSingleObjectEx(handle, 1000, 0)CloseHandle(handle)");
-  }
+  };
+  EXPECT_THROW(unwind(), int);
+  EXPECT_EQ(watch.calls, "WaitForSingleObjectEx(handle, 1000, 0)CloseHandle(handle)")
+      << "an interruption could not leave it then";
 }
 
 TEST_F(ThreadCalls, FailureInTheDestructorOfTThreadClassComesOutAndLosesNoHandle) {
-  struct { char const *call, *calls; } const rows[] = {
-      {"WaitForSingleObjectEx", "WaitForSingleObjectEx(handle, 1000, 1)CloseHandle(handle)"},
-      {"TerminateThread", "WaitForSingleObjectEx(handle, 1000, 1)TerminateThread(handle, 0)"
-                          "CloseHandle(handle)"},
-  };
+  std::string const wait = "WaitForSingleObjectEx(handle, 1000, 1)", close = "CloseHandle(handle)";
+  struct {
+    char const* call;
+    std::string calls;
+  } const rows[] = {{"WaitForSingleObjectEx", wait + close},
+                    {"TerminateThread", wait + "TerminateThread(handle, 0)" + close}};
   for (auto const& [call, calls] : rows) {
     end_of_waiting.Reset();
     long const before = open_handles();
     auto* thread = new WaitingThread;
     thread->start_into_body();
     THandle const other = *thread;
-    std::string found;
-    EXPECT_EQ(code_of_failing(call, [&] { delete thread; }, found), injected_code) << call;
-    EXPECT_EQ(found, calls);
+    EXPECT_EQ(failing(call, [&] { delete thread; }), calls);
     let_threads_end();
     ::WaitForSingleObject(other, INFINITE);
     EXPECT_TRUE(open_handles_fall_to(before + 1)) << call;
@@ -318,19 +268,15 @@ TEST_F(ThreadCalls, FailureInTheDestructorOfTThreadClassComesOutAndLosesNoHandle
 TEST_F(ThreadCalls, StackIsReadFromASuspendedThreadThatIsResumed) {
   WaitingThread thread;
   thread.start_into_body();
-  auto const stack = [&](std::string const& failing = "") {
-    Watch watch(failing);
-    symbol_steps.clear();
-    std::string const text = thread.GetCurrentStack();
-    return watch.calls + "|" + symbol_steps + "|" + text;
+  auto const stack = [&](char const* failing_call) {
+    Watch watch(failing_call);
+    return thread.GetCurrentStack() + "|" + watch.calls;
   };
-  std::string const all_calls =
-      "SuspendThread(handle)GetThreadContext(handle, out)ResumeThread(handle)|";
-  frames_found = 3;
-  EXPECT_EQ(stack(), all_calls + "walk(0, 64)trace(11, 3)|the stack");
-  EXPECT_EQ(stack("SuspendThread"), "SuspendThread(handle)||");
-  EXPECT_EQ(stack("GetThreadContext"), all_calls + "trace(0, 0)|");
-  EXPECT_EQ(stack("ResumeThread"), all_calls + "walk(0, 64)trace(11, 3)|the stack");
+  std::string const all = "SuspendThread(handle)GetThreadContext(handle, out)ResumeThread(handle)";
+  EXPECT_EQ(stack(""), "the stack of 3 from 11|" + all);
+  EXPECT_EQ(stack("SuspendThread"), "|SuspendThread(handle)");
+  EXPECT_EQ(stack("GetThreadContext"), "|" + all);
+  EXPECT_EQ(stack("ResumeThread"), "the stack of 3 from 11|" + all);
   __real___imp_ResumeThread(thread);
   EXPECT_EQ(engine_holds, 0);
   let_threads_end();

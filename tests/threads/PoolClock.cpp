@@ -23,7 +23,6 @@ using namespace velt_test;
 
 VELT_WATCH(CreateEventW)
 VELT_WATCH(CreateSemaphoreW)
-VELT_WATCH(SetThreadPriority)
 VELT_WATCH(_beginthreadex)
 
 namespace {
@@ -149,32 +148,6 @@ TEST_F(PoolClock, IdleWorkersLeaveAfterTenSecondsDownToTheMinimum) {
   }
 }
 
-TEST_F(PoolClock, WorkerThatLeavesIsDestroyedByTheNextOne) {
-  TestPool const pool(CreateNewThreadPool(4, 0));
-  make_idle(pool, 2);
-  long const before = open_handles();
-  time.idle.pass();
-  ASSERT_TRUE(become(pool, {0, 1, 0, 1}));
-  time.idle.pass();
-  ASSERT_TRUE(become(pool, {0, 0, 0, 0}));
-  // Both threads are gone, and one of the handles.
-  EXPECT_TRUE(eventually([&] { return open_handles() < before; }));
-  pool->Stop();
-  EXPECT_LE(open_handles(), before - 2);
-}
-
-TEST_F(PoolClock, EmptyQueueBehindACountSendsTheWorkerAway) {
-  struct Pool : TThreadPool {
-    Pool() : TThreadPool(1, 0, 0, 10) {}
-    SmartPtr<IThreadJob> PopJob() override { return pops++ == 0 ? nullptr : TThreadPool::PopJob(); }
-    std::atomic<int> pops = 0;
-  };
-  TestPool const pool(MakeCounted<Pool>());
-  pool->AddJob(job([] {}));
-  // Another takes its place, since the queue is not empty.
-  EXPECT_TRUE(become(pool, {1, 1, 1, 1}));
-}
-
 TEST_F(PoolClock, CountThatAClearedQueueLeftDoesNotRefuseAJob) {
   struct Pool : TThreadPool {
     Pool() : TThreadPool(1, 1, 0, 1) {}
@@ -201,27 +174,21 @@ TEST_F(PoolClock, CountThatAClearedQueueLeftDoesNotRefuseAJob) {
   EXPECT_EQ(gate.inside, 2);
 }
 
-TEST_F(ContextClock, DroppedWorkerIsInterruptedAfterItsGrace) {
-  time.grace.pass();
-  TEvent never;
-  EXPECT_EQ(drop([&]() -> SmartPtr<IThreadJob> {
-              never.WaitForSignal();
-              return nullptr;
-            }),
-            0u);
-  EXPECT_EQ(time.grace.begun, 1);
-  EXPECT_EQ(time.obedience.begun, 1);
-}
-
-TEST_F(ContextClock, DroppedWorkerThatDoesNotObeyIsKilled) {
+TEST_F(ContextClock, DroppedWorkerIsInterruptedAfterItsGraceAndKilledIfItDoesNotObey) {
   static std::atomic<bool> stop;
-  time.grace.pass();
-  time.obedience.pass();
-  EXPECT_EQ(drop([]() -> SmartPtr<IThreadJob> {
-              while (!stop) YieldProcessor();
-              return nullptr;
-            }),
-            0u);
+  TEvent never;
+  for (bool const obeys : {true, false}) {
+    time.grace.pass();
+    if (!obeys) time.obedience.pass();
+    EXPECT_EQ(drop([&]() -> SmartPtr<IThreadJob> {
+                if (obeys) never.WaitForSignal();
+                while (!stop) YieldProcessor();
+                return nullptr;
+              }),
+              0u);
+  }
+  EXPECT_EQ(time.grace.begun, 2);
+  EXPECT_EQ(time.obedience.begun, 2);
 }
 
 // While its context is being destroyed the thread must not refer to it any more.
@@ -262,7 +229,7 @@ TEST(PoolFailures, ResourcesOfAPoolAndATaskAreMadeInOrderAndNoneIsLost) {
 
 TEST(PoolFailures, WorkerThatCannotStartIsToldButTheJobStaysQueued) {
   TestPool const pool(CreateNewThreadPool(2, 0));
-  int runs = 0;
+  std::atomic<int> runs = 0;
   auto const counting = job([&] { ++runs; });
   {
     Watch watch("_beginthreadex");
@@ -273,12 +240,4 @@ TEST(PoolFailures, WorkerThatCannotStartIsToldButTheJobStaysQueued) {
   EXPECT_TRUE(pool->WaitForIdle(patience));
   EXPECT_EQ(runs, 2);
   EXPECT_EQ(count_of(pool, "Threads"), 2);
-}
-
-TEST(PoolFailures, PriorityOf0MakesNoCall) {
-  TestPool const pool(CreateNewThreadPool(1, 0, 0));
-  Watch watch;
-  pool->AddJob(job([] {}));
-  EXPECT_EQ(watch.calls.find("SetThreadPriority"), std::string::npos);
-  EXPECT_TRUE(pool->WaitForIdle(patience));
 }

@@ -93,17 +93,6 @@ TEST_F(ThreadContext, JobThatThrowsIsReportedThenTheWorkerThenTheLineIsWritten) 
   EXPECT_EQ(debug.text(), "(!) Thread runaway with exception EGeneric:No room\n");
 }
 
-TEST_F(ThreadContext, OwnerThatThrowsLosesTheWorkerToo) {
-  struct ThrowingOwner : Owner {
-    SmartPtr<IThreadJob> GetJob() override { throw 5; }
-  };
-  owner = MakeCounted<ThrowingOwner>();
-  context = CreateNewThreadContext(owner);
-  run_to_the_end();
-  EXPECT_EQ(owner->notes, "thread_finished ");
-  EXPECT_EQ(debug.text(), "(!) Thread runaway with unknown exception\n");
-}
-
 TEST_F(ThreadContext, InterruptedJobIsNotReportedAndTheWorkerStartsAgain) {
   TEvent in_job, never;
   add([&] {
@@ -119,29 +108,6 @@ TEST_F(ThreadContext, InterruptedJobIsNotReportedAndTheWorkerStartsAgain) {
   EXPECT_EQ(debug.text(), "");
   EXPECT_TRUE(signaled_within(thread(), patience));
   EXPECT_EQ(owner->notes, "get get thread_finished ");
-}
-
-TEST_F(ThreadContext, IsDescribedByItsStackUnlessSomebodySuspendedIt) {
-  TEvent in_job, end;
-  add([&] {
-    in_job.Set();
-    end.WaitForSignal();
-  });
-  context->Start();
-  in_job.WaitForSignal();
-  context->SetPriority(1);
-  EXPECT_EQ(GetThreadPriority(thread()), 1);
-  auto const writer = MakeCounted<RecordingWriter>();
-  TDebugStream stream(writer);
-  stream << context.get();
-  EXPECT_TRUE(writer->all().starts_with("\n-> ")) << writer->all();
-
-  context->Suspend();
-  EXPECT_EQ(context->describe(), "");
-  context->Resume();
-  context->Resume();
-  end.Set();
-  EXPECT_TRUE(signaled_within(thread(), patience));
 }
 
 // A context that is dropped waits for its thread. Where the thread itself drops
@@ -181,6 +147,6 @@ TEST_F(ThreadContext, MayBeLeftToItsOwnThread) {
       EXPECT_EQ(careless->notes, notes);
       EXPECT_EQ(careless.use_count(), 1);
     }
-    EXPECT_EQ(open_handles(), before);
+    EXPECT_TRUE(open_handles_fall_to(before));
   }
 }

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <functional>
-#include <memory>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -55,12 +54,8 @@ struct ThreadTask : ::testing::Test {
 
 // Started, finished, running, and whether there is a worker.
 std::string state(OpenTask const& task) {
-  std::string text;
-  if (task.IsStarted()) text += "started ";
-  if (task.IsFinished()) text += "finished ";
-  if (task.IsRunning()) text += "running ";
-  if (task.Context) text += "worker ";
-  return text;
+  return std::string(task.IsStarted() ? "started " : "") + (task.IsFinished() ? "finished " : "") +
+         (task.IsRunning() ? "running " : "") + (task.Context ? "worker " : "");
 }
 
 void steer(IThreadTask& task) {
@@ -246,13 +241,4 @@ TEST_F(ThreadTask, WaitsAreLeftByQueuedCallsAndByInterruption) {
   EXPECT_THROW(task->WaitForFinish(-1), EThreadInterrupt);
   queue([](ULONG_PTR) { throw EThreadInterrupt(); });
   EXPECT_THROW(task->IsStarted(), EThreadInterrupt);
-}
-
-TEST(MakeThreadTask, CallsTheCallable) {
-  int calls = 0;
-  auto const task = MakeThreadTask(
-      [&, owned = std::make_unique<int>(41)]() mutable { return calls += ++*owned; });
-  task->Run(MakeCounted<NotedContext>());
-  EXPECT_EQ(calls, 42);
-  EXPECT_TRUE(task->IsFinished() && !task->IsException());
 }
