@@ -101,9 +101,8 @@ struct ContextClock : ::testing::Test {
     std::atomic<int> reports = 0;
   };
 
-  // Makes a worker that asks for its first job in `get_job`, and drops it there;
-  // the exit code of its thread.
-  DWORD drop(std::function<SmartPtr<IThreadJob>()> get_job) {
+  // Makes a worker that asks for its first job in `get_job`, and drops it there.
+  void drop(std::function<SmartPtr<IThreadJob>()> get_job) {
     TEvent inside;
     time.grace.first.Reset();
     owner->get_job = [&] {
@@ -120,7 +119,7 @@ struct ContextClock : ::testing::Test {
     EXPECT_EQ(owner->reports, 0);
     DWORD code = 12345;
     GetExitCodeThread(thread, &code);
-    return code;
+    EXPECT_EQ(code, 0u);
   }
 
   Limits time;
@@ -180,12 +179,11 @@ TEST_F(ContextClock, DroppedWorkerIsInterruptedAfterItsGraceAndKilledIfItDoesNot
   for (bool const obeys : {true, false}) {
     time.grace.pass();
     if (!obeys) time.obedience.pass();
-    EXPECT_EQ(drop([&]() -> SmartPtr<IThreadJob> {
-                if (obeys) never.WaitForSignal();
-                while (!stop) YieldProcessor();
-                return nullptr;
-              }),
-              0u);
+    drop([&]() -> SmartPtr<IThreadJob> {
+      if (obeys) never.WaitForSignal();
+      while (!stop) YieldProcessor();
+      return nullptr;
+    });
   }
   EXPECT_EQ(time.grace.begun, 2);
   EXPECT_EQ(time.obedience.begun, 2);
@@ -195,11 +193,10 @@ TEST_F(ContextClock, DroppedWorkerIsInterruptedAfterItsGraceAndKilledIfItDoesNot
 TEST_F(ContextClock, DroppedWorkerNeitherRunsAJobNorReports) {
   auto const never = job([] { ADD_FAILURE() << "ran"; });
   for (auto const& next : {never, SmartPtr<IThreadJob>()})
-    EXPECT_EQ(drop([&] {
-                time.grace.first.WaitForSignal();
-                return next;
-              }),
-              0u);
+    drop([&] {
+      time.grace.first.WaitForSignal();
+      return next;
+    });
   EXPECT_EQ(never.use_count(), 1);
 }
 

@@ -76,7 +76,7 @@ public:
   }
 
   int bodies = 0, exceptions = 0;
-  std::function<void()> at_entry, at_exception;
+  std::function<void()> at_exception;
 
   using TThreadClass::Idle;
   using TThreadClass::InterruptRequested;
@@ -97,7 +97,6 @@ public:
 protected:
   void DynamicThreadEntry() override {
     ::WaitForSingleObject(entrance, INFINITE);
-    if (at_entry) at_entry();
     TThreadClass::DynamicThreadEntry();
   }
 
