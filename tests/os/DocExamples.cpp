@@ -9,7 +9,6 @@
 #include <sstream>
 #include <string>
 
-#include "tests/os/Helper.h"
 #include "tests/os/ScratchFile.h"
 #include "tests/os/ScratchPrinter.h"
 #include "tests/support/DocExamples.h"
@@ -127,18 +126,18 @@ TEST(OsDocExamples, StandOnThePageAsTheyRunHere) {
   velt_test::expect_doc_examples_run("os.md", __FILE__);
 }
 
-TEST(OsDocExamples, FirstLine) {
+TEST(OsDocExamples, Files) {
   velt_test::ScratchFile scratch;
-  THandle const file = file_with("one\ntwo\n", scratch);
-  EXPECT_EQ(first_line(scratch.wide.c_str()), "one");
-}
-
-TEST(OsDocExamples, Header) {
-  velt_test::ScratchFile scratch;
-  THandle const file = file_with(std::string(70, 'x'), scratch);
+  auto const name = scratch.wide.c_str();
+  EXPECT_EQ(first_bytes_of_file(name), "");
+  THandle const file = file_with("line\nline\n" + std::string(60, 'x'), scratch);
+  EXPECT_EQ(first_line(name), "line");
+  EXPECT_EQ(lines_in(file), 2u);
+  EXPECT_EQ(first_bytes_of_file(name), "line");
+  EXPECT_EQ(first_bytes_of_text("some text"), "some");
   char header[64] = {};
   EXPECT_TRUE(read_header(file, header));
-  EXPECT_EQ(std::string(header, 64), std::string(64, 'x'));
+  EXPECT_EQ(std::string(header, 11), "line\nline\nx");
 }
 
 TEST(OsDocExamples, Port) {
@@ -150,22 +149,7 @@ TEST(OsDocExamples, OutsideACallThereIsNoClient) {
   EXPECT_THROW(serve([] { FAIL() << "as nobody"; }), _com_error);
 }
 
-TEST(OsDocExamples, SharedMemory) {
-  velt_test::ScratchFile scratch;
-  EXPECT_EQ(lines_in(file_with("one\ntwo\n", scratch)), 2u);
-}
-
-TEST(OsDocExamples, Mailslot) { EXPECT_EQ(hear_oneself(), "hello"); }
-
-TEST(OsDocExamples, ChildProcess) {
-  auto const command = velt_test::helper_command("end 3");
-  EXPECT_EQ(status_of(std::wstring(command.begin(), command.end()).c_str(), velt_test::limit), 3u);
-}
-
-TEST(OsDocExamples, Streams) {
-  velt_test::ScratchFile scratch;
-  EXPECT_EQ(first_bytes_of_text("some text"), "some");
-  EXPECT_EQ(first_bytes_of_file(scratch.wide.c_str()), "");
-  THandle const file = file_with("some text", scratch);
-  EXPECT_EQ(first_bytes_of_file(scratch.wide.c_str()), "some");
+TEST(OsDocExamples, OtherProcesses) {
+  EXPECT_EQ(hear_oneself(), "hello");
+  EXPECT_EQ(status_of(L"cmd /c exit 3", 20'000), 3u);
 }

@@ -6,10 +6,10 @@
 
 #include <gtest/gtest.h>
 
-#include <map>
 #include <stdexcept>
 #include <string>
 
+#include "tests/debug/Support.h"
 #include "tests/support/PlatformCalls.h"
 #include "velt/debug/DebugStream.h"
 #include "velt/os/CoInitialize.h"
@@ -65,16 +65,9 @@ std::string account() {
   return domain + std::string("\\") + name;
 }
 
-struct TextWriter : TStreamWriter {
-  void StreamWriteString(char const* part, unsigned __int64 size) override {
-    text.append(part, size);
-  }
-  std::string text;
-};
-
 // Debug has only the test's writer.
 struct Impersonation : ::testing::Test {
-  SmartPtr<TextWriter> const writer = MakeCounted<TextWriter>();
+  SmartPtr<RecordingWriter> const writer = MakeCounted<RecordingWriter>();
   TDebugStream const writers_before = Debug;
 
   Impersonation() { Debug.ChangeWriter(writer); }
@@ -96,7 +89,6 @@ struct ImpersonationInCall : Impersonation {
 
 void fail_impersonated() {
   CImpersonationContext const client(CImpersonationContext::NeedImpersonation);
-  EXPECT_TRUE(is_impersonated());
   throw std::domain_error("the work failed");
 }
 
@@ -136,71 +128,59 @@ TEST_F(ImpersonationInCall, LastsForTheScopeAndIsNotReported) {
   Watch watch;
   {
     CImpersonationContext const guard;
-    EXPECT_EQ(watch.calls, "CoImpersonateClient()");
     Watch::current = nullptr;
     EXPECT_TRUE(is_impersonated());
     Watch::current = &watch;
   }
   EXPECT_EQ(watch.calls, taken_and_given_up);
   EXPECT_FALSE(is_impersonated());
-  EXPECT_EQ(writer->text, "");
+  EXPECT_EQ(writer->all(), "");
 }
 
-TEST_F(ImpersonationInCall, ExceptionIsReportedWithLevelAndAccount) {
-  std::map<SECURITY_IMPERSONATION_LEVEL, std::string> const levels = {
-      {SecurityIdentification, "SecurityIdentification"},
-      {SecurityImpersonation, "SecurityImpersonation"},
-      {SecurityDelegation, "SecurityDelegation"}};
-  for (auto const& [level, name] : levels) {
+TEST_F(ImpersonationInCall, ExceptionIsReportedWithWhatCanBeFoundOut) {
+  struct {
+    SECURITY_IMPERSONATION_LEVEL level;
+    char const* failing;
+    std::string report;
+  } const rows[] = {
+      {SecurityIdentification, "", "SecurityIdentification as " + account()},
+      {SecurityImpersonation, "", "SecurityImpersonation as " + account()},
+      {SecurityDelegation, "", "SecurityDelegation as " + account()},
+      {SecurityImpersonation, "OpenThreadToken", "Unknown as \\"},
+      {SecurityImpersonation, "LookupAccountSidW", "SecurityImpersonation as \\"},
+  };
+  for (auto const& [level, failing, report] : rows) {
     client.level = level;
-    writer->text.clear();
-    EXPECT_THROW(fail_impersonated(), std::domain_error);
+    writer->texts.clear();
+    {
+      Watch watch(failing);
+      EXPECT_THROW(fail_impersonated(), std::domain_error);
+      EXPECT_TRUE(watch.calls.ends_with("CoRevertToSelf()")) << watch.calls;
+    }
     EXPECT_FALSE(is_impersonated());
-    EXPECT_EQ(writer->text, "(!) Impersonated with level " + name + " as " + account() + "\n");
+    EXPECT_EQ(writer->all(), "(!) Impersonated with level " + report + "\n");
   }
 }
 
 TEST_F(ImpersonationInCall, WithoutWritersTheTokenIsNotOpened) {
   Debug.ClearWriters();
   Watch watch;
-  try {
-    CImpersonationContext const guard;
-    throw std::domain_error("the work failed");
-  } catch (std::domain_error const&) {
-  }
+  EXPECT_THROW(fail_impersonated(), std::domain_error);
   EXPECT_EQ(watch.calls, taken_and_given_up);
 }
 
-TEST_F(ImpersonationInCall, ReportTellsWhatItCanFindOut) {
-  std::map<std::string, std::string> const reports_without = {
-      {"OpenThreadToken", "(!) Impersonated with level Unknown as \\\n"},
-      {"LookupAccountSidW", "(!) Impersonated with level SecurityImpersonation as \\\n"}};
-  for (auto const& [call, report] : reports_without) {
-    writer->text.clear();
-    {
-      Watch watch(call);
-      EXPECT_THROW(CImpersonationContext guard; throw std::domain_error(""), std::domain_error);
-      EXPECT_TRUE(watch.calls.ends_with("CoRevertToSelf()")) << watch.calls;
-    }
-    EXPECT_EQ(writer->text, report);
-    EXPECT_FALSE(is_impersonated());
+template <class Guard, class OtherKind>
+void expect_apartment(int type) {
+  {
+    Guard const outer;
+    { Guard const inner; }
+    EXPECT_EQ(com_code([] { OtherKind const inner; }), RPC_E_CHANGED_MODE);
+    EXPECT_EQ(apartment_type(), type);
   }
+  EXPECT_EQ(apartment_type(), -2);
 }
 
 TEST(Apartments, LastForTheScopeAndRefuseTheOtherKind) {
-  {
-    class CoInitialize const outer;
-    {
-      class CoInitialize const inner;
-    }
-    EXPECT_EQ(com_code([] { class CoInitializeEx const inner; }), RPC_E_CHANGED_MODE);
-    EXPECT_EQ(apartment_type(), APTTYPE_MAINSTA);
-  }
-  EXPECT_EQ(apartment_type(), -2);
-  {
-    class CoInitializeEx const outer;
-    EXPECT_EQ(com_code([] { class CoInitialize const inner; }), RPC_E_CHANGED_MODE);
-    EXPECT_EQ(apartment_type(), APTTYPE_MTA);
-  }
-  EXPECT_EQ(apartment_type(), -2);
+  expect_apartment<class CoInitialize, class CoInitializeEx>(APTTYPE_MAINSTA);
+  expect_apartment<class CoInitializeEx, class CoInitialize>(APTTYPE_MTA);
 }

@@ -1,16 +1,21 @@
-// The file objects by the platform calls that they make. Tables name every
-// operation with its call; the tests run them once as they are and once with
-// that call failing.
+// The objects by the platform calls that they make. Tables name every operation
+// with its call, which the tests make fail.
 #include <gtest/gtest.h>
 #include <windows.h>
+
+#include <comdef.h>
 
 #include <string>
 
 #include "tests/support/OpenHandles.h"
 #include "tests/support/PlatformCalls.h"
 #include "tests/support/SystemCode.h"
+#include "velt/os/ComFileStream.h"
 #include "velt/os/File.h"
+#include "velt/os/FileMapping.h"
+#include "velt/os/Mailslot.h"
 #include "velt/os/Overlapped.h"
+#include "velt/os/Process.h"
 
 using namespace velt_test;
 
@@ -18,10 +23,17 @@ VELT_WATCH(CancelIo) VELT_WATCH(CloseHandle) VELT_WATCH(CreateFileA) VELT_WATCH(
 VELT_WATCH(DuplicateHandle) VELT_WATCH(FlushFileBuffers) VELT_WATCH(GetFileInformationByHandle)
 VELT_WATCH(GetFileSize) VELT_WATCH(GetOverlappedResult) VELT_WATCH(ReadFile)
 VELT_WATCH(SetFilePointer) VELT_WATCH(SetFilePointerEx) VELT_WATCH(WriteFile)
+VELT_WATCH(CreateFileMappingA) VELT_WATCH(CreateFileMappingW) VELT_WATCH(CreateMailslotA)
+VELT_WATCH(CreateMailslotW) VELT_WATCH(CreateProcessA) VELT_WATCH(CreateProcessW)
+VELT_WATCH(MapViewOfFile) VELT_WATCH(OpenFileMappingA) VELT_WATCH(OpenFileMappingW)
+VELT_WATCH(TerminateProcess)
 
 namespace {
 
 using TOverlappedFile = TOverlapped<TFile>;
+
+unsigned long moved;
+BY_HANDLE_FILE_INFORMATION information;
 
 #define DUPLICATION "DuplicateHandle(process, handle, process, out, 0, 0, 2)"
 
@@ -29,70 +41,37 @@ using TOverlappedFile = TOverlapped<TFile>;
 #define OPENING GENERIC_READ, 7, OPEN_ALWAYS
 #define OPENED "2147483648, 7, none, 4, 128, none)"
 
-Construction const constructions[] = {
-    {"CreateFileA(name, " OPENED, [] { TFile(name.c_str(), OPENING); }},
-    {"CreateFileW(wide name, " OPENED, [] { TFile(wide_name.c_str(), OPENING); }},
-};
-
 Operation<TFile> const makers[] = {
     {"CreateFileA(name, " OPENED, [](TFile& f) { f.CreateFileW(name.c_str(), OPENING); }},
     {"CreateFileA(name, " OPENED, [](TFile& f) { f.OpenFile(name.c_str(), OPENING); }},
     {"CreateFileW(wide name, " OPENED, [](TFile& f) { f.OpenFile(wide_name.c_str(), OPENING); }},
+    {"CreateFileA(name, " OPENED, [](TFile&) { TFile(name.c_str(), OPENING); }},
+    {"CreateFileW(wide name, " OPENED, [](TFile&) { TFile(wide_name.c_str(), OPENING); }},
 };
 
 Operation<TFile> const uses[] = {
     {"ReadFile(handle, buffer, 3, out, none)", [](TFile& f) { f.ReadFile(buffer, 3); }},
-    {"ReadFile(handle, buffer, 3, out, none)",
-     [](TFile& f) {
-       unsigned long read;
-       f.ReadFile(buffer, 3, read);
-     }},
+    {"ReadFile(handle, buffer, 3, out, none)", [](TFile& f) { f.ReadFile(buffer, 3, moved); }},
     {"WriteFile(handle, buffer, 3, out, none)", [](TFile& f) { f.WriteFile(buffer, 3); }},
-    {"WriteFile(handle, buffer, 3, out, none)",
-     [](TFile& f) {
-       unsigned long written;
-       f.WriteFile(buffer, 3, written);
-     }},
+    {"WriteFile(handle, buffer, 3, out, none)", [](TFile& f) { f.WriteFile(buffer, 3, moved); }},
     {"SetFilePointerEx(handle, 4294967303, out, 1)",
      [](TFile& f) { f.SetFilePointerEx(0x1'0000'0007, FILE_CURRENT); }},
     {"GetFileInformationByHandle(handle, out)",
-     [](TFile& f) {
-       BY_HANDLE_FILE_INFORMATION information;
-       f.GetFileInformation(information);
-     }},
+     [](TFile& f) { f.GetFileInformation(information); }},
     {"GetFileInformationByHandle(handle, out)", [](TFile& f) { f.GetLastWriteTime(); }},
     {"FlushFileBuffers(handle)", [](TFile& f) { f.FlushFile(); }},
     {"CloseHandle(handle)", [](TFile& f) { f.CloseHandle(); }},
 };
 
-Operation<TFile> const silent_uses[] = {
-    {"SetFilePointer(handle, -3, none, 2)",
-     [](TFile& f) { EXPECT_EQ(f.SetFilePointer(-3, FILE_END), 0xFFFFFFFFu); }},
-    {"GetFileSize(handle, out)",
-     [](TFile& f) { EXPECT_EQ(f.GetFileSize() & 0xFFFFFFFF, 0xFFFFFFFFu); }},
-};
-
-Operation<TOverlappedFile> const overlapped_uses[] = {
-    {"WriteFile(handle, buffer, 3, out, record)",
-     [](TOverlappedFile& f) { f.WriteFile(buffer, 3); }},
-    {"WriteFile(handle, buffer, 3, out, record)",
-     [](TOverlappedFile& f) {
-       unsigned long written;
-       f.WriteFile(buffer, 3, written);
-     }},
-    {"ReadFile(handle, buffer, 3, out, record)",
-     [](TOverlappedFile& f) { f.ReadFile(buffer, 3); }},
-    {"ReadFile(handle, buffer, 3, out, record)",
-     [](TOverlappedFile& f) {
-       unsigned long read;
-       f.ReadFile(buffer, 3, read);
-     }},
+using O = TOverlappedFile;
+Operation<O> const overlapped_uses[] = {
+    {"WriteFile(handle, buffer, 3, out, record)", [](O& f) { f.WriteFile(buffer, 3); }},
+    {"WriteFile(handle, buffer, 3, out, record)", [](O& f) { f.WriteFile(buffer, 3, moved); }},
+    {"ReadFile(handle, buffer, 3, out, record)", [](O& f) { f.ReadFile(buffer, 3); }},
+    {"ReadFile(handle, buffer, 3, out, record)", [](O& f) { f.ReadFile(buffer, 3, moved); }},
     {"GetOverlappedResult(handle, record, out, 1)",
-     [](TOverlappedFile& f) {
-       unsigned long moved;
-       f.GetOverlappedResult(moved, true);
-     }},
-    {"CancelIo(handle)", [](TOverlappedFile& f) { f.CancelIo(); }},
+     [](O& f) { f.GetOverlappedResult(moved, true); }},
+    {"CancelIo(handle)", [](O& f) { f.CancelIo(); }},
 };
 
 // Goes with its last handle.
@@ -101,10 +80,64 @@ File scratch_file() {
   File file(DoNotInitialize);
   file.AttachHandle(CreateFileA(name.c_str(), GENERIC_READ | GENERIC_WRITE, 7, nullptr,
                                 CREATE_ALWAYS, FILE_FLAG_DELETE_ON_CLOSE, nullptr));
-  unsigned long written;
-  WriteFile(file, "contents", 8, &written, nullptr);
+  WriteFile(file, "contents", 8, &moved, nullptr);
   SetFilePointer(file, 0, nullptr, FILE_BEGIN);
   return file;
+}
+
+constexpr unsigned __int64 large = 0x2'0000'0003;
+
+void* file() {
+  static HANDLE const opened =
+      CreateFileA((name + "-mapped").c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr,
+                  CREATE_ALWAYS, FILE_FLAG_DELETE_ON_CLOSE, nullptr);
+  return opened;
+}
+
+// Instead of a file: -1, which also stands for the process.
+#define NO_FILE "process"
+
+Operation<TFileMapping> const mapping_makers[] = {
+    {"CreateFileMappingA(" NO_FILE ", none, 4, 2, 3, name)",
+     [](TFileMapping& m) { m.CreateFileMappingW(PAGE_READWRITE, large, name.c_str()); }},
+    {"CreateFileMappingW(" NO_FILE ", none, 4, 2, 3, wide name)",
+     [](TFileMapping& m) { m.CreateFileMappingW(PAGE_READWRITE, large, wide_name.c_str()); }},
+    {"CreateFileMappingA(handle, none, 2, 0, 0, name)",
+     [](TFileMapping& m) { m.CreateFileMappingW(PAGE_READONLY, file(), name.c_str()); }},
+    {"CreateFileMappingW(handle, none, 2, 0, 0, wide name)",
+     [](TFileMapping& m) { m.CreateFileMappingW(PAGE_READONLY, file(), wide_name.c_str()); }},
+    {"OpenFileMappingA(4, 0, name)",
+     [](TFileMapping& m) { m.OpenFileMappingW(name.c_str(), FILE_MAP_READ); }},
+    {"OpenFileMappingW(4, 0, wide name)",
+     [](TFileMapping& m) { m.OpenFileMappingW(wide_name.c_str(), FILE_MAP_READ); }},
+};
+
+// The constructors take the numbers the other way round.
+Operation<TMailslot> const mailslot_makers[] = {
+    {"CreateMailslotA(name, 400, 5, none)",
+     [](TMailslot& m) { m.CreateMailslotW(name.c_str(), 400, 5); }},
+    {"CreateMailslotW(wide name, 400, 5, none)",
+     [](TMailslot& m) { m.CreateMailslotW(wide_name.c_str(), 400, 5); }},
+    {"CreateMailslotA(name, 400, 5, none)", [](TMailslot&) { TMailslot(name.c_str(), 5, 400); }},
+    {"CreateMailslotW(wide name, 400, 5, none)",
+     [](TMailslot&) { TMailslot(wide_name.c_str(), 5, 400); }},
+};
+
+#define START "none, none, 0, 16, none, none, plain start, out)"
+
+Operation<TProcess> const process_uses[] = {
+    {"CreateProcessA(none, name, " START,
+     [](TProcess& p) { p.CreateProcessW(name.c_str(), CREATE_NEW_CONSOLE); }},
+    {"CreateProcessW(none, wide name, " START,
+     [](TProcess& p) { p.CreateProcessW(wide_name.c_str(), CREATE_NEW_CONSOLE); }},
+    {"TerminateProcess(handle, 4294967295)", [](TProcess& p) { p.TerminateProcess(-1); }},
+};
+
+TFileMapping no_mapping() { return TFileMapping(); }
+TProcess some_process() {
+  TProcess process;
+  process.AttachHandle(CreateEventW(nullptr, FALSE, FALSE, nullptr));
+  return process;
 }
 
 struct FileCalls : ::testing::Test {
@@ -117,38 +150,19 @@ struct FileCalls : ::testing::Test {
 
 }  // namespace
 
-TEST_F(FileCalls, FailedConstructorsThrowAndLeaveNothing) {
-  for (auto const& [call, run] : constructions) {
-    long const before = open_handles();
-    Watch watch(call_name(call), none);
-    EXPECT_EQ(system_code(run), injected_code);
-    EXPECT_EQ(watch.calls, call);
-    EXPECT_EQ(open_handles(), before);
-  }
-}
-
-TEST_F(FileCalls, OpeningIsOneCallAndItsFailureThrows) {
-  expect_calls(makers, nothing<TFile>);
+TEST_F(FileCalls, OperationsAreOneCallWhoseFailureThrows) {
   expect_failures(makers, nothing<TFile>, after_failure::minus_one);
-}
-
-TEST_F(FileCalls, OperationsAreOneCallEach) {
-  expect_calls(uses, scratch_file<TFile>);
-  expect_calls(overlapped_uses, scratch_file<TOverlappedFile>);
-}
-
-TEST_F(FileCalls, FailedOperationsThrowAndKeepTheHandle) {
   expect_failures(uses, scratch_file<TFile>, after_failure::unchanged);
   expect_failures(overlapped_uses, scratch_file<TOverlappedFile>, after_failure::unchanged);
 }
 
 TEST_F(FileCalls, PositionAndSizeDoNotReportFailure) {
-  for (auto const& [call, run] : silent_uses) {
-    TFile file = scratch_file<TFile>();
-    Watch watch(call_name(call));
-    run(file);
-    EXPECT_EQ(watch.calls, call);
-  }
+  TFile file = scratch_file<TFile>();
+  Watch watch("SetFilePointer");
+  EXPECT_EQ(file.SetFilePointer(-3, FILE_END), 0xFFFFFFFFu);
+  watch.failing = "GetFileSize";
+  EXPECT_EQ(file.GetFileSize() & 0xFFFFFFFF, 0xFFFFFFFFu);
+  EXPECT_EQ(watch.calls, "SetFilePointer(handle, -3, none, 2)GetFileSize(handle, out)");
 }
 
 TEST_F(FileCalls, EventIsDuplicatedAndClosed) {
@@ -157,18 +171,17 @@ TEST_F(FileCalls, EventIsDuplicatedAndClosed) {
   {
     TOverlappedFile file;
     Watch watch;
-    file.SetEvent(nullptr);
-    EXPECT_EQ(watch.calls, "");
-    file.SetEvent(event);
-    EXPECT_EQ(watch.calls, DUPLICATION);
+    auto const calls_of_setting = [&](void* what) {
+      watch.calls.clear();
+      file.SetEvent(what);
+      return watch.calls;
+    };
+    EXPECT_EQ(calls_of_setting(nullptr), "");
+    EXPECT_EQ(calls_of_setting(event), DUPLICATION);
     EXPECT_NE(file.hEvent, event);
+    EXPECT_EQ(calls_of_setting(event), "CloseHandle(handle)" DUPLICATION);
     EXPECT_EQ(open_handles(), before + 1);
-    watch.calls.clear();
-    file.SetEvent(event);
-    EXPECT_EQ(watch.calls, "CloseHandle(handle)" DUPLICATION);
-    watch.calls.clear();
-    file.SetEvent(nullptr);
-    EXPECT_EQ(watch.calls, "CloseHandle(handle)");
+    EXPECT_EQ(calls_of_setting(nullptr), "CloseHandle(handle)");
     EXPECT_EQ(file.hEvent, nullptr);
     file.SetEvent(event);
     watch.failing = "DuplicateHandle";
@@ -183,24 +196,57 @@ TEST_F(FileCalls, EventIsDuplicatedAndClosed) {
 
 TEST_F(FileCalls, FailedCloseOfAnEventIsIgnoredAndOneOfTheFileThrows) {
   void* const event = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-  {
-    TOverlappedFile file;
-    file.SetEvent(event);
-    CloseHandle(file.hEvent);  // so that the platform refuses
-    Watch watch;
-    EXPECT_NO_THROW(file.SetEvent(nullptr));
-    file.SetEvent(event);
-    CloseHandle(file.hEvent);
-  }
   alignas(TOverlappedFile) unsigned char place[sizeof(TOverlappedFile)];
   auto const file = new (place) TOverlappedFile(scratch_file<TOverlappedFile>());
   file->SetEvent(event);
-  void* const left[] = {*file, file->hEvent};
+  void* left[] = {event, *file, file->hEvent, nullptr};
   {
     Watch watch("CloseHandle");
+    EXPECT_EQ(system_code([&] { file->SetEvent(event); }), -1);
+    left[3] = file->hEvent;
     EXPECT_EQ(system_code([&] { file->~TOverlapped(); }), injected_code);
-    EXPECT_EQ(watch.calls, "CloseHandle(handle)CloseHandle(handle)");
+    EXPECT_TRUE(watch.calls.ends_with("CloseHandle(handle)CloseHandle(handle)")) << watch.calls;
   }
   for (auto const handle : left) EXPECT_TRUE(CloseHandle(handle));
-  CloseHandle(event);
+}
+
+TEST(ResourceCalls, FailedMakersThrowAndLeaveTheFieldAsTold) {
+  file();
+  expect_failures(mapping_makers, no_mapping, after_failure::null);
+  expect_failures(mailslot_makers, nothing<TMailslot>, after_failure::minus_one);
+  expect_failures(process_uses, some_process, after_failure::unchanged);
+}
+
+TEST(ResourceCalls, ViewHasOnlyTheLowerHalfOfAnOffset) {
+  TFileMapping mapping;
+  mapping.CreateFileMappingW(PAGE_READWRITE, 0x20000, name.c_str());
+  {
+    Watch watch;
+    UnmapViewOfFile(mapping.MapViewOfFile(FILE_MAP_READ, 0x10000, 7));
+    EXPECT_EQ(watch.calls, "MapViewOfFile(handle, 4, 0, 65536, 7)");
+  }
+  Watch watch("MapViewOfFile");
+  EXPECT_EQ(system_code([&] { mapping.MapViewOfFile(FILE_MAP_READ, 0, 0); }), injected_code);
+  EXPECT_TRUE(mapping.IsValidHandle());
+}
+
+TEST(ResourceCalls, ThreadOfAProcessIsClosedAtOnceWhateverThePlatformAnswers) {
+  TProcess process;
+  Watch watch("CloseHandle");
+  EXPECT_EQ(system_code([&] { process.CreateProcessW(L"cmd /c exit", 0); }), -1);
+  EXPECT_TRUE(watch.calls.ends_with(")CloseHandle(handle)")) << watch.calls;
+  EXPECT_TRUE(process.IsValidHandle());
+}
+
+TEST(ResourceCalls, StreamOfAFileThrowsWhenItsOwnHandleIsNotClosed) {
+  wchar_t const* const null_device = L"NUL";
+  Watch watch("CloseHandle");
+  EXPECT_EQ(system_code([&] {
+              CComFileStream::OpenFileStream(null_device, GENERIC_WRITE, 0, OPEN_EXISTING);
+            }),
+            injected_code);
+  EXPECT_EQ(watch.calls,
+            "CreateFileW(unknown name, 1073741824, 0, none, 3, 128, none)"
+            "DuplicateHandle(process, handle, process, out, 0, 0, 2)"
+            "CloseHandle(handle)CloseHandle(handle)");
 }

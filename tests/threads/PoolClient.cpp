@@ -1,5 +1,4 @@
-#include "tests/threads/PoolClient.h"
-
+// A DLL that uses pools, for programs that load and unload it.
 #include <windows.h>
 
 #include "velt/locks/Event.h"
@@ -18,7 +17,8 @@ struct OwnPool {
 
 extern "C" {
 
-// The code of the job must not be needed any more when this module is unloaded.
+// Runs a job on the shared pool and drops it, as its code must not be needed any
+// more when this module is unloaded; the worker is idle then.
 __declspec(dllexport) void run_job() {
   auto const task = GetSystemThreadPool()->AddJob([] {});
   task->WaitForFinish(-1);
@@ -27,9 +27,10 @@ __declspec(dllexport) void run_job() {
 
 __declspec(dllexport) void stop() { GetSystemThreadPool()->Stop(); }
 
-__declspec(dllexport) void start_jobs(int count) {
+// On a pool that the static destructor stops.
+__declspec(dllexport) void wait_for_ever() {
   static TEvent& never = *new TEvent(true, false);
   own.pool = CreateNewThreadPool();
-  for (int i = 0; i < count; ++i) own.pool->AddJob([] { never.WaitForSignal(); })->WaitForStart(-1);
+  own.pool->AddJob([] { never.WaitForSignal(); })->WaitForStart(-1);
 }
 }

@@ -4,9 +4,9 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
+#include <array>
 #include <atomic>
 #include <functional>
-#include <ostream>
 #include <string>
 #include <utility>
 
@@ -50,34 +50,16 @@ inline int count_of(SmartPtr<IThreadPool> const& pool, std::string const& word) 
   return place == line.npos ? -1 : std::stoi(line.substr(place + word.size() + 2));
 }
 
-struct PoolCounts {
-  int jobs, threads, queue, idle;
-  friend bool operator==(PoolCounts const&, PoolCounts const&) = default;
-  friend std::ostream& operator<<(std::ostream& stream, PoolCounts const& counts) {
-    return stream << counts.jobs << " jobs, " << counts.threads << " threads, " << counts.queue
-                  << " queued, " << counts.idle << " idle";
-  }
-};
+using PoolCounts = std::array<int, 4>;  // running jobs, threads, queued jobs, idle threads
 
 inline PoolCounts counts_of(SmartPtr<IThreadPool> const& pool) {
   return {count_of(pool, "RunningJobs"), count_of(pool, "Threads"), count_of(pool, "Queue"),
           count_of(pool, "Idle")};
 }
 
-// For what other threads are about to bring about.
-template <class Condition>
-bool eventually(Condition condition) {
-  ULONGLONG const end = GetTickCount64() + patience;
-  while (!condition()) {
-    if (GetTickCount64() > end) return false;
-    ::Sleep(1);
-  }
-  return true;
-}
-
 inline ::testing::AssertionResult become(SmartPtr<IThreadPool> const& pool, PoolCounts expected) {
   if (eventually([&] { return counts_of(pool) == expected; })) return ::testing::AssertionSuccess();
-  return ::testing::AssertionFailure() << counts_of(pool) << " instead of " << expected;
+  return ::testing::AssertionFailure() << pool->describe();
 }
 
 // Stops its pool, after which nobody else refers to it.

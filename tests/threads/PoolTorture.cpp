@@ -139,7 +139,9 @@ private:
     auto const what =
         allowed(static_cast<kind>(random() % static_cast<unsigned>(kind::count)), calm);
     switch (random() % 16) {
-      case 0: set_limits(random); break;
+      case 0:
+        pool->SetLimits(static_cast<int>(random() % 7), static_cast<int>(random() % 3), 0);
+        break;
       case 1: pool->WaitForIdle(static_cast<int>(random() % 3)); break;
       case 2: expect(!state().empty(), "no text"); break;
       case 3: calm ? add(what) : pool->ClearQueue(); break;
@@ -148,10 +150,6 @@ private:
       case 8: case 9: calm ? add(what) : cancel(random, tasks); break;
       default: add(what);
     }
-  }
-
-  void set_limits(std::mt19937& random) {
-    pool->SetLimits(static_cast<int>(random() % 7), static_cast<int>(random() % 3), 0);
   }
 
   void stop() {

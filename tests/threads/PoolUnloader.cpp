@@ -1,14 +1,12 @@
 // Loads the client of pools, has it do something, and unloads it: the library
-// must go with it, but not before its workers. Ends with 0 if all was so.
+// must go with it, but not before its workers. Ends with 7 if all was so.
 //
-//   pool_unloader again|idle|running CLIENT LIBRARY
+//   pool_unloader again|idle|running|ending CLIENT LIBRARY
 #include <windows.h>
 
 #include <cstdio>
 #include <stdexcept>
 #include <string>
-
-#include "tests/threads/PoolClient.h"
 
 namespace {
 
@@ -16,28 +14,28 @@ void expect(bool is_so, char const* fault) {
   if (!is_so) throw std::runtime_error(fault);
 }
 
-template <class Call>
-Call entry(HMODULE module, char const* name) {
-  return reinterpret_cast<Call>(reinterpret_cast<void*>(GetProcAddress(module, name)));
-}
-
 struct unloader {
   char const *client_name, *library;
   HMODULE client = nullptr;
 
-  void load() {
+  void load_and(char const* name) {
     client = LoadLibraryA(client_name);
     expect(client, "the client cannot be loaded");
+    call(name);
   }
 
-  // The milliseconds that it took.
-  ULONGLONG unload() {
+  void call(char const* name) {
+    reinterpret_cast<void (*)()>(reinterpret_cast<void*>(GetProcAddress(client, name)))();
+  }
+
+  void unload_within(ULONGLONG milliseconds) {
     ULONGLONG const begin = GetTickCount64();
     FreeLibrary(client);
     expect(!GetModuleHandleA(client_name), "the client stays");
-    return GetTickCount64() - begin;
+    expect(GetTickCount64() - begin < milliseconds, "unloading waits");
   }
 
+  // The milliseconds that it took.
   ULONGLONG wait_for_library() {
     ULONGLONG const begin = GetTickCount64();
     while (GetModuleHandleA(library)) {
@@ -49,39 +47,34 @@ struct unloader {
 
   void again() {
     for (int round = 0; round < 200; ++round) {
-      load();
-      entry<run_job_call>(client, "run_job")();
-      entry<stop_call>(client, "stop")();
-      expect(unload() < 5'000, "unloading waits");
+      load_and("run_job");
+      call("stop");
+      unload_within(5'000);
       wait_for_library();
     }
   }
 
   void idle() {
-    load();
-    entry<run_job_call>(client, "run_job")();
-    expect(unload() < 5'000, "unloading waits");
-    expect(GetModuleHandleA(library), "the library leaves its worker behind");
+    load_and("run_job");
+    unload_within(5'000);
     expect(wait_for_library() > 5'000, "the idle worker leaves early");
   }
 
-  // Its threads cannot end while the static destructor that stops them runs.
-  void running() {
-    load();
-    entry<start_jobs_call>(client, "start_jobs")(1);
-    expect(unload() < 20'000, "unloading does not kill the worker");
+  void run(std::string const& way) {
+    if (way == "again") return again();
+    if (way == "idle") return idle();
+    load_and("wait_for_ever");
+    // The threads cannot end while the static destructor that stops them runs.
+    if (way == "running") unload_within(20'000);
   }
 };
 
 }  // namespace
 
-int main(int count, char** arguments) {
-  if (count != 4) return 2;
-  std::string const way = arguments[1];
-  unloader test{arguments[2], arguments[3]};
+int main(int, char** arguments) {
   try {
-    way == "again" ? test.again() : way == "idle" ? test.idle() : test.running();
-    return 0;
+    unloader{arguments[2], arguments[3]}.run(arguments[1]);
+    return 7;
   } catch (std::exception const& fault) {
     std::puts(fault.what());
     return 1;

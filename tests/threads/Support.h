@@ -3,7 +3,6 @@
 
 #include <windows.h>
 
-#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
@@ -24,6 +23,17 @@ inline bool signaled_within(void* handle, DWORD milliseconds) {
   return ::WaitForSingleObject(handle, milliseconds) == WAIT_OBJECT_0;
 }
 
+// For what other threads are about to bring about.
+template <class Condition>
+bool eventually(Condition condition) {
+  ULONGLONG const end = GetTickCount64() + patience;
+  while (!condition()) {
+    if (GetTickCount64() > end) return false;
+    ::Sleep(1);
+  }
+  return true;
+}
+
 // A thread whose body is a function of the test's.
 class Worker final : public TThreadClass {
 public:
@@ -38,8 +48,7 @@ public:
     std::_Exit(1);
   }
 
-  // From now on new threads wait, not alertably, before their entry looks at the
-  // state.
+  // New threads wait there, not alertably, before they look at the state.
   void close_entrance() { entrance.Reset(); }
   void open_entrance() { entrance.Set(); }
 

@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <set>
 #include <string>
-#include <vector>
+#include <utility>
 
 #include "tests/support/OpenHandles.h"
 #include "tests/support/SystemCode.h"
@@ -41,61 +41,32 @@ public:
   TEvent taken, go_on;
 };
 
-int occurrences(std::string const& part, std::string const& text) {
-  int count = 0;
-  for (auto place = text.find(part); place != text.npos; place = text.find(part, place + 1))
-    ++count;
-  return count;
-}
-
-std::string text_of(SmartPtr<IThreadTask> const& task) {
-  try {
-    if (task->IsException()) task->RethrowException();
-  } catch (EGeneric const& error) {
-    return error["Text"];
-  }
-  return {};
-}
-
 }  // namespace
 
-TEST(ThreadPool, NewPoolIsIdleAndHasNoThreads) {
+TEST(ThreadPool, NewPoolIsIdleAndHasNoThreadsAndItsLimits) {
   TestPool const pool(CreateNewThreadPool());
-  std::string const line = pool->describe();
   SmartPtr<IThreadPool> const& handle = pool;
   auto const address = static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(handle.get()));
-  EXPECT_EQ(line, "Thread Pool 0x" + itoa(static_cast<int>(address), 16) +
-                      " RunningJobs=0 Threads=0 Queue=0 Idle=0 MaxTotalThreads=50"
-                      " MinIdleThreads=0");
+  EXPECT_EQ(pool->describe(), "Thread Pool 0x" + itoa(static_cast<int>(address), 16) +
+                                  " RunningJobs=0 Threads=0 Queue=0 Idle=0 MaxTotalThreads=50"
+                                  " MinIdleThreads=0");
   EXPECT_TRUE(pool->WaitForIdle(0));
-}
+  EXPECT_EQ(GetSystemThreadPool(), GetSystemThreadPool());
 
-TEST(ThreadPool, FactoriesSetTheLimits) {
-  TestPool const two(CreateNewThreadPool(7, 3)), three(CreateNewThreadPool(-1, 2, 1));
-  EXPECT_EQ(count_of(two, "MaxTotalThreads"), 7);
-  EXPECT_EQ(count_of(two, "MinIdleThreads"), 3);
-  EXPECT_EQ(count_of(three, "MaxTotalThreads"), -1);
+  TestPool const other(CreateNewThreadPool(-1, 2, 1));
+  EXPECT_EQ(count_of(other, "MaxTotalThreads"), -1);
+  EXPECT_EQ(count_of(other, "MinIdleThreads"), 2);
   for (int const limit : {0, -1})
     EXPECT_EQ(system_code([&] { CreateNewThreadPool(1, 0, 0, limit); }), ERROR_INVALID_PARAMETER);
 }
 
 TEST(ThreadPool, RunsJobsInTheOrderTheyCame) {
   TestPool const pool(CreateNewThreadPool(1, 0));
-  Gate gate;
-  pool->AddJob(gate.job());
-  std::vector<int> order;
-  std::set<DWORD> threads;
-  for (int i = 0; i < 100; ++i)
-    pool->AddJob(job([&, i] {
-      order.push_back(i);
-      threads.insert(GetCurrentThreadId());
-    }));
-  gate.open.Set();
+  std::string order;
+  for (char c = '!'; c < '~'; ++c) pool->AddJob(job([&, c] { order += c; }));
   ASSERT_TRUE(pool->WaitForIdle(patience));
-  ASSERT_EQ(order.size(), 100u);
-  for (int i = 0; i < 100; ++i) EXPECT_EQ(order[static_cast<std::size_t>(i)], i);
-  EXPECT_EQ(threads.size(), 1u);
-  EXPECT_FALSE(threads.contains(GetCurrentThreadId()));
+  EXPECT_EQ(order.size(), std::size_t{'~' - '!'});
+  EXPECT_TRUE(std::is_sorted(order.begin(), order.end())) << order;
 }
 
 // A worker that cannot wake counts as idle and takes its job later.
@@ -117,54 +88,36 @@ TEST(ThreadPool, WorkerIsAddedOnlyIfMoreJobsWaitThanWorkersAreIdle) {
   worker.context.reset();
 }
 
-TEST(ThreadPool, BacklogIsToldWhenItExceedsTheMaximum) {
-  TestPool const pool(CreateNewThreadPool());
+TEST(ThreadPool, BacklogIsToldAndAFullQueueRefusesAJob) {
+  TestPool const pool(CreateNewThreadPool(1, 0, 0, 2));
   Gate gate;
-  for (int i = 1; i <= 51; ++i) {
-    EXPECT_TRUE(pool->AddJob(gate.job())) << i;
-    ASSERT_TRUE(become(pool, {i, std::min(i, 50), i / 51, 0}));
-  }
-  gate.open.Set();
-  EXPECT_TRUE(pool->WaitForIdle(patience));
-
-  TestPool const single(CreateNewThreadPool(1, 0));
-  Gate other;
-  EXPECT_TRUE(single->AddJob(other.job()));
-  ASSERT_TRUE(become(single, {1, 1, 0, 0}));
-  EXPECT_TRUE(single->AddJob(other.job()));
-  EXPECT_FALSE(single->AddJob(other.job()));
-  EXPECT_EQ(counts_of(single), (PoolCounts{3, 1, 2, 0}));
-  other.open.Set();
-  EXPECT_TRUE(single->WaitForIdle(patience));
-}
-
-TEST(ThreadPool, FullQueueRefusesAJob) {
-  TestPool const pool(CreateNewThreadPool(1, 0, 0, 1));
-  Gate gate;
-  pool->AddJob(gate.job());
+  EXPECT_TRUE(pool->AddJob(gate.job()));
   ASSERT_TRUE(become(pool, {1, 1, 0, 0}));
-  pool->AddJob(gate.job());
+  EXPECT_TRUE(pool->AddJob(gate.job()));
+  EXPECT_FALSE(pool->AddJob(gate.job())) << "more than the maximum wait";
   auto const refused = gate.job();
   try {
     pool->AddJob(refused);
     ADD_FAILURE() << "did not throw";
   } catch (EGeneric const& error) {
     EXPECT_STREQ(error.what(),
-                 "Text: Thread pool overflowed\nJobQueueSize: 1 (0x1)\nThreadsSize: 1 (0x1)");
+                 "Text: Thread pool overflowed\nJobQueueSize: 2 (0x2)\nThreadsSize: 1 (0x1)");
   }
   EXPECT_EQ(refused.use_count(), 1);
-  EXPECT_EQ(counts_of(pool), (PoolCounts{2, 1, 1, 0}));
+  EXPECT_EQ(counts_of(pool), (PoolCounts{3, 1, 2, 0}));
   gate.open.Set();
   ASSERT_TRUE(pool->WaitForIdle(patience));
-  EXPECT_EQ(gate.inside, 2);
+  EXPECT_EQ(gate.inside, 3);
   pool->AddJob(refused);
   EXPECT_TRUE(pool->WaitForIdle(patience));
 }
 
-TEST(ThreadPool, LowerMaximumEndsWorkersAsTheyFinishAJob) {
-  TestPool const pool(CreateNewThreadPool(3, 0));
+TEST(ThreadPool, HigherMaximumStartsWorkersAndALowerOneEndsThemAsTheyFinishAJob) {
+  TestPool const pool(CreateNewThreadPool(0, 0));
   Gate gate, last;
-  for (int i = 0; i < 3; ++i) pool->AddJob(gate.job());
+  for (int i = 0; i < 3; ++i) EXPECT_FALSE(pool->AddJob(gate.job()));
+  EXPECT_EQ(counts_of(pool), (PoolCounts{3, 0, 3, 0}));
+  pool->SetLimits(3, 0, 0);
   ASSERT_TRUE(become(pool, {3, 3, 0, 0}));
   pool->SetLimits(1, 0, 0);
   EXPECT_EQ(counts_of(pool), (PoolCounts{3, 3, 0, 0}));
@@ -177,17 +130,6 @@ TEST(ThreadPool, LowerMaximumEndsWorkersAsTheyFinishAJob) {
   ASSERT_TRUE(become(pool, {1, 1, 0, 0}));
   last.open.Set();
   EXPECT_TRUE(become(pool, {0, 0, 0, 0}));
-}
-
-TEST(ThreadPool, HigherMaximumStartsWorkersForTheJobsThatWait) {
-  TestPool const pool(CreateNewThreadPool(0, 0));
-  Gate gate;
-  for (int i = 0; i < 4; ++i) EXPECT_FALSE(pool->AddJob(gate.job()));
-  EXPECT_EQ(counts_of(pool), (PoolCounts{4, 0, 4, 0}));
-  pool->SetLimits(3, 0, 0);
-  EXPECT_TRUE(become(pool, {4, 3, 1, 0}));
-  gate.open.Set();
-  EXPECT_TRUE(pool->WaitForIdle(patience));
 }
 
 TEST(ThreadPool, PriorityIsGivenToNewWorkersOnly) {
@@ -209,35 +151,27 @@ TEST(ThreadPool, PriorityIsGivenToNewWorkersOnly) {
 
 TEST(ThreadPool, ClearedQueueLeavesThePoolBusyUntilTheNextJobHasFinished) {
   TestPool const pool(CreateNewThreadPool(0, 0));
-  Gate gate;
-  auto const dropped = gate.job();
+  auto const dropped = job([] { ADD_FAILURE() << "ran"; });
   for (int i = 0; i < 3; ++i) pool->AddJob(dropped);
   EXPECT_FALSE(pool->WaitForIdle(0));
   pool->ClearQueue();
   EXPECT_EQ(counts_of(pool), (PoolCounts{0, 0, 0, 0}));
   EXPECT_EQ(dropped.use_count(), 1);
   EXPECT_FALSE(pool->WaitForIdle(0));
-
   pool->SetLimits(1, 0, 0);
-  int runs = 0;
-  pool->AddJob(job([&] { ++runs; }));
+  pool->AddJob(job([] {}));
   EXPECT_TRUE(pool->WaitForIdle(patience));
-  EXPECT_EQ(runs, 1);
-  EXPECT_EQ(gate.inside, 0);
 }
 
 TEST(ThreadPool, DroppedJobMayUseThePool) {
   struct Avenger : IThreadJob {
-    Avenger(IThreadPool& its_pool, SmartPtr<IThreadJob> its_heir)
-        : pool(its_pool), heir(std::move(its_heir)) {}
-    ~Avenger() override { pool.AddJob(heir); }
+    explicit Avenger(IThreadPool& its_pool) : pool(its_pool) {}
+    ~Avenger() override { pool.AddJob(job([] {})); }
     void Run(SmartPtr<IThreadContext> const&) override {}
     IThreadPool& pool;
-    SmartPtr<IThreadJob> heir;
   };
   TestPool const pool(CreateNewThreadPool(0, 0));
-  Gate gate;
-  for (int i = 0; i < 3; ++i) pool->AddJob(MakeCounted<Avenger>(*pool.operator->(), gate.job()));
+  for (int i = 0; i < 3; ++i) pool->AddJob(MakeCounted<Avenger>(*pool.operator->()));
   pool->ClearQueue();
   EXPECT_EQ(counts_of(pool), (PoolCounts{3, 0, 3, 0}));
 }
@@ -248,13 +182,16 @@ TEST(ThreadPool, JobThatThrowsCostsItsWorker) {
   Gate gate;
   pool->AddJob(gate.job());
   ASSERT_TRUE(become(pool, {1, 1, 0, 0}));
-  pool->AddJob(job([] { throw EGeneric({"Text", "No room"}); }));
+  pool->AddJob(job(read_through_bad_pointer));
   // Not replaced as long as there are others.
   ASSERT_TRUE(become(pool, {1, 1, 0, 0}));
   gate.open.Set();
   EXPECT_TRUE(pool->WaitForIdle(patience));
   pool->Stop();
-  EXPECT_EQ(debug.text(), "(!) Thread runaway with exception EGeneric:No room\n");
+  EXPECT_TRUE(debug.text().starts_with(
+      "(!) Thread runaway with exception EStructuredException:\n"
+      "Text: Access Violation (read from 0x0)\nCode: -1073741819 (0xc0000005)\nAddress: "))
+      << debug.text();
 }
 
 TEST(ThreadPool, ServesOnAfterAThousandFaults) {
@@ -265,13 +202,8 @@ TEST(ThreadPool, ServesOnAfterAThousandFaults) {
     ASSERT_TRUE(task->WaitForFinish(patience)) << i;
     ASSERT_TRUE(task->IsException()) << i;
   }
-  EXPECT_EQ(debug.text(), "");
-
   for (int i = 0; i < 1'000; ++i) pool->AddJob(job(read_through_bad_pointer));
   ASSERT_TRUE(pool->WaitForIdle(patience));
-  std::string const line = "(!) Thread runaway with exception EStructuredException:";
-  EXPECT_TRUE(eventually([&] { return occurrences(line, debug.text()) == 1'000; }));
-
   bool ran = false;
   pool->AddJob(job([&] { ran = true; }));
   EXPECT_TRUE(pool->WaitForIdle(patience));
@@ -288,26 +220,23 @@ TEST(ThreadPool, WorkerOverflowsItsStackAgainAndAgain) {
       overflow_stack();
     });
     ASSERT_TRUE(task->WaitForFinish(patience));
-    EXPECT_EQ(text_of(task), "Stack Overflow");
+    EXPECT_TRUE(task->IsException());
   }
   EXPECT_EQ(threads.size(), 1u);
   pool->AddJob(job([] { overflow_stack(); }));
   EXPECT_TRUE(become(pool, {0, 0, 0, 0}));
-  EXPECT_TRUE(
-      eventually([&] { return occurrences("EStackOverflowException", debug.text()) == 1; }));
+  pool->Stop();
+  EXPECT_NE(debug.text().find("EStackOverflowException"), std::string::npos);
 }
 
 TEST(ThreadPool, LastWorkerIsReplacedWhileJobsWait) {
   DebugText debug;
   TestPool const pool(CreateNewThreadPool(1, 0));
   Gate gate;
-  pool->AddJob(job([&] {
-    gate.open.WaitForSignal();
-    throw 5;
-  }));
   int runs = 0;
   for (int i = 0; i < 3; ++i)
     pool->AddJob(job([&] {
+      gate.open.WaitForSignal();
       ++runs;
       throw 5;
     }));
@@ -335,55 +264,22 @@ TEST(ThreadPool, CancelledTaskGivesItsWorkerBack) {
   long const before = open_handles();
   {
     TestPool const pool(CreateNewThreadPool(1, 0));
-    Gate gate;
-    auto const task = pool->AddJob([&] {
-      ++gate.inside;
-      gate.open.WaitForSignal();
-    });
-    bool ran = false;
-    auto const next = pool->AddJob([&] { ran = true; });
+    TEvent never_set;
+    auto const task = pool->AddJob([&] { never_set.WaitForSignal(); });
+    auto const next = pool->AddJob([] {});
     auto const never = pool->AddJob([&] { ADD_FAILURE() << "was cancelled"; });
     ASSERT_TRUE(task->WaitForStart(patience));
-    EXPECT_FALSE(task->WaitForFinish(0));
     never->Cancel();
-    EXPECT_TRUE(never->IsFinished());
-    EXPECT_FALSE(never->IsStarted());
     task->Cancel();
-    EXPECT_TRUE(task->IsFinished());
-    EXPECT_FALSE(task->IsException());
+    EXPECT_TRUE(task->IsFinished() && !task->IsException());
     EXPECT_TRUE(next->WaitForFinish(patience));
-    EXPECT_TRUE(ran);
     // The price: the cancelled task counts as running for good.
     EXPECT_TRUE(become(pool, {1, 1, 0, 1}));
     EXPECT_FALSE(pool->WaitForIdle(0));
   }
   // The handle of the thread that was interrupted stays open.
-  EXPECT_EQ(open_handles(), before + 1);
-}
-
-TEST(ThreadPool, TaskIsSuspendedAndResumedWithItsWorker) {
-  TestPool const pool(CreateNewThreadPool());
-  std::atomic<int> rounds = 0;
-  std::atomic<bool> stop = false;
-  auto const task = pool->AddJob([&] {
-    while (!stop) {
-      ++rounds;
-      ::Sleep(1);
-    }
-  });
-  ASSERT_TRUE(eventually([&] { return rounds > 2; }));
-  task->Suspend();
-  int found = 0;
-  EXPECT_TRUE(eventually([&] {
-    found = rounds;
-    ::Sleep(20);
-    return rounds == found;
-  }));
-  EXPECT_TRUE(task->IsRunning());
-  task->Resume();
-  EXPECT_TRUE(eventually([&] { return rounds > found + 2; }));
-  stop = true;
-  EXPECT_TRUE(task->WaitForFinish(patience));
+  EXPECT_TRUE(open_handles_fall_to(before + 1));
+  EXPECT_GT(open_handles(), before);
 }
 
 TEST(ThreadPool, StopEndsIdleAndBusyWorkersAndDropsTheQueue) {
@@ -392,37 +288,24 @@ TEST(ThreadPool, StopEndsIdleAndBusyWorkersAndDropsTheQueue) {
   {
     TestPool const pool(CreateNewThreadPool(2, 2));
     HeldWorker idle(pool), busy(pool);
-    HANDLE threads[2] = {};
-    for (int i = 0; i < 2; ++i) {
-      auto const& worker = dynamic_cast<TThreadClass&>(*(i ? busy : idle).context);
-      DuplicateHandle(GetCurrentProcess(), worker, GetCurrentProcess(), &threads[i], 0, FALSE,
-                      DUPLICATE_SAME_ACCESS);
-    }
-    idle.context.reset();
-    busy.context.reset();
+    auto const thread_of = [](HeldWorker& worker) -> THandle {
+      return dynamic_cast<TThreadClass&>(*std::exchange(worker.context, nullptr));
+    };
+    THandle const threads[] = {thread_of(idle), thread_of(busy)};
     idle.go_on.Set();
     ASSERT_TRUE(become(pool, {1, 2, 0, 1}));
     pool->Stop();
-    for (HANDLE const thread : threads) {
-      EXPECT_TRUE(signaled_within(thread, 0));
-      DWORD code = 1;
-      GetExitCodeThread(thread, &code);
-      EXPECT_EQ(code, 0u);
-      CloseHandle(thread);
-    }
+    for (auto const& thread : threads) EXPECT_TRUE(signaled_within(thread, 0));
     // What was interrupted stays counted.
     EXPECT_EQ(counts_of(pool), (PoolCounts{1, 0, 0, 0}));
 
-    bool ran = false;
-    auto const late = job([&] { ran = true; });
-    EXPECT_FALSE(pool->AddJob(late));
+    EXPECT_FALSE(pool->AddJob(job([] {})));
     EXPECT_EQ(counts_of(pool), (PoolCounts{2, 0, 1, 0}));
     pool->SetLimits(1, 0, 0);
     EXPECT_TRUE(become(pool, {1, 1, 0, 1}));
-    EXPECT_TRUE(ran);
   }
   EXPECT_EQ(debug.text(), "");
-  EXPECT_EQ(open_handles(), before);
+  EXPECT_TRUE(open_handles_fall_to(before));
 }
 
 TEST(ThreadPool, JobThatStopsItsOwnPoolIsInterruptedThere) {
@@ -439,13 +322,4 @@ TEST(ThreadPool, JobThatStopsItsOwnPoolIsInterruptedThere) {
   }));
   EXPECT_TRUE(eventually([&] { return left.load(); }));
   EXPECT_EQ(debug.text(), "");
-}
-
-TEST(ThreadPool, SystemPoolIsOneForAll) {
-  auto const pool = GetSystemThreadPool();
-  EXPECT_EQ(pool, GetSystemThreadPool());
-  bool ran = false;
-  auto const task = pool->AddJob([&] { ran = true; });
-  EXPECT_TRUE(task->WaitForFinish(patience));
-  EXPECT_TRUE(ran);
 }
