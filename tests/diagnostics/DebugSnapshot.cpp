@@ -6,15 +6,11 @@
 
 #include <winternl.h>
 
-#include <algorithm>
 #include <atomic>
-#include <cstdlib>
 #include <map>
-#include <memory>
 #include <regex>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "tests/support/OpenHandles.h"
 #include "velt/diagnostics/Symbols.h"
@@ -136,20 +132,19 @@ long suspensions(HANDLE thread) {
 }  // namespace
 
 TEST_F(DebugSnapshot, ShowsWhereEachThreadIs) {
-  Agent waiting(wait_for_event), computing(compute), stopped(compute), in_heap(work_in_heap);
+  Agent waiting(wait_for_event), stopped(compute), in_heap(work_in_heap);
   SuspendThread(stopped.handle());
+  auto const handles = open_handles();
   auto const stacks = blocks_of(call_for_snapshot());
-  EXPECT_GE(stacks.size(), 5u);
+  EXPECT_TRUE(velt_test::open_handles_fall_to(handles));
   EXPECT_THAT(stacks.at(waiting.id()),
               AllOf(StartsWith("\n-> ntdll!"), HasSubstr("\n-> diagnostics_tests!"),
                     HasSubstr("wait_for_event+"), HasSubstr("[DebugSnapshot.cpp#")));
-  EXPECT_THAT(stacks.at(computing.id()), HasSubstr("compute+"));
   EXPECT_THAT(stacks.at(stopped.id()), HasSubstr("compute+"));
   EXPECT_THAT(stacks.at(in_heap.id()), HasSubstr("work_in_heap+"));
   EXPECT_THAT(stacks.at(GetCurrentThreadId()), HasSubstr("call_for_snapshot"));
 
   EXPECT_EQ(suspensions(waiting.handle()), 0);
-  EXPECT_EQ(suspensions(computing.handle()), 0);
   EXPECT_EQ(suspensions(stopped.handle()), 1);
   ResumeThread(stopped.handle());
 }
@@ -159,42 +154,10 @@ TEST_F(DebugSnapshot, ThreadThatHangsInTheLoaderIsShown) {
   EXPECT_THAT(blocks_of(TakeDebugSnapshot()).at(in_loader.id()), HasSubstr("sleep_in_loader+"));
 }
 
-// VELT_THREADS=1100 in the environment makes more threads than are shown.
-TEST_F(DebugSnapshot, ManyThreadsAreShownAndRunOn) {
-  char const* const wanted = std::getenv("VELT_THREADS");
-  std::size_t const count = wanted ? std::strtoul(wanted, nullptr, 10) : 30;
-  std::vector<std::unique_ptr<Agent>> agents;
-  while (agents.size() != count) agents.push_back(std::make_unique<Agent>(wait_for_event));
-  auto const stacks = blocks_of(TakeDebugSnapshot());
-  EXPECT_GE(stacks.size(), std::min<std::size_t>(count + 1, 1024));
-  EXPECT_LE(stacks.size(), 1024u);
-  for (auto const& agent : agents) {
-    EXPECT_EQ(suspensions(agent->handle()), 0);
-    EXPECT_TRUE(stacks.size() == 1024 || stacks.contains(agent->id()));
-  }
-}
-
-TEST_F(DebugSnapshot, LosesNoHandle) {
-  auto const handles = open_handles();
-  TakeDebugSnapshot();
-  EXPECT_TRUE(velt_test::open_handles_fall_to(handles));
-}
-
-TEST_F(DebugSnapshot, TwoThreadsTakeTurns) {
-  std::string texts[2];
-  {
-    std::jthread const first([&] { texts[0] = TakeDebugSnapshot(); });
-    std::jthread const second([&] { texts[1] = TakeDebugSnapshot(); });
-  }
-  for (auto const& text : texts) EXPECT_GE(blocks_of(text).size(), 2u);
-}
-
-TEST(DebugSnapshotWithoutEngine, EngineIsLoadedForTheSnapshotOnly) {
-  EXPECT_NE(TakeDebugSnapshot(), "");
-  EXPECT_EQ(GetModuleHandleW(L"dbghelp"), nullptr);
-}
-
 TEST(DebugSnapshotWithoutEngine, IsEmptyWhileTheLoaderHangs) {
-  Agent in_loader(sleep_in_loader);
-  EXPECT_EQ(TakeDebugSnapshot(), "");
+  {
+    Agent in_loader(sleep_in_loader);
+    EXPECT_EQ(TakeDebugSnapshot(), "");
+  }
+  EXPECT_EQ(GetModuleHandleW(L"dbghelp"), nullptr);
 }
