@@ -43,7 +43,7 @@ protected:
   ~DumpFile() override {
     SkipModulesForError = skipped;
     set(false);
-    std::filesystem::current_path(folder.path().parent_path());
+    std::filesystem::current_path(before);
   }
 
   static void expect_all(EGeneric& error, std::string const& values, std::string const& file,
@@ -76,6 +76,7 @@ private:
     VeltDebugSetup(on);
   }
 
+  std::filesystem::path const before = std::filesystem::current_path();
   velt_test::scratch_folder folder;
   std::string const skipped = SkipModulesForError;
 };
