@@ -2,7 +2,6 @@
 
 #include <windows.h>
 
-#include <cstdlib>
 #include <exception>
 
 #include "velt/diagnostics/StructuredException.h"
@@ -20,7 +19,6 @@ using Address = int volatile*;
 
 // What nothing is known about at compile time.
 Address volatile nowhere = reinterpret_cast<Address>(0x10);
-int volatile zero = 0;
 int volatile result;
 
 class Note {
@@ -136,18 +134,6 @@ void past_frames_and_other_handlers(Log& log) {
   catch_something_else(log);
 }
 
-void by_a_write(Log& log) {
-  Note const note(log, "object");
-  *nowhere = 1;
-  nothing();
-}
-
-void by_a_division(Log& log) {
-  Note const note(log, "object");
-  result = 1 / zero;
-  nothing();
-}
-
 void by_a_call_of_nothing(Log& log) {
   auto volatile const function = reinterpret_cast<void (*)()>(0x20);
   Note const note(log, "object");
@@ -162,16 +148,6 @@ void thrown_on(Log& log) {
     Note const note(log, "second");
     throw;
   }
-}
-
-void kept_and_thrown_again(Log&) {
-  std::exception_ptr kept;
-  try {
-    read(nowhere);
-  } catch (...) {
-    kept = std::current_exception();
-  }
-  std::rethrow_exception(kept);
 }
 
 void in_a_handler(Log& log) {
@@ -213,20 +189,6 @@ void in_a_destructor_of_its_unwinding(Log& log) {
   nothing();
 }
 
-Log* log_of_callback;
-
-int __cdecl compare(void const*, void const*) {
-  Note const note(*log_of_callback, "callback");
-  return read(nowhere);
-}
-
-void in_a_callback_of_the_run_time(Log& log) {
-  log_of_callback = &log;
-  Note const note(log, "caller");
-  int values[2] = {};
-  std::qsort(values, 2, sizeof *values, compare);
-}
-
 BOOL CALLBACK see_once(INIT_ONCE*, void* log, void**) {
   Note const note(*static_cast<Log*>(log), "callback");
   return read(nowhere);
@@ -243,11 +205,6 @@ void under_a_nearer_handler(Log& log) {
   log += IsBadReadPtr(const_cast<int*>(nowhere), 4) ? "bad " : "good ";
   OutputDebugStringA("text for a debugger");
   log += "undisturbed";
-}
-
-void by_the_platform_on_request(Log& log) {
-  Note const note(log, "object");
-  RaiseException(0xC0000094, 0, 0, nullptr);
 }
 
 // Those that are to end by a fault, which the log then tells.
@@ -271,21 +228,15 @@ FaultScenario const scenarios[] = {
     {"InTurnWithThrows", in_turn_with_throws, "17 50 0"},
     {"PastFramesAndOtherHandlers", guarded<past_frames_and_other_handlers>,
      "~inner ~outer " VELT_BAD_READ},
-    {"ByAWrite", guarded<by_a_write>, "~object Access Violation (write to 0x10)"},
-    {"ByADivision", guarded<by_a_division>, "~object Divide by Zero"},
     {"ByACallOfNothing", guarded<by_a_call_of_nothing>, "~object Access Violation (write to 0x20)"},
     {"ThrownOn", guarded<thrown_on>, "~first ~second " VELT_BAD_READ},
-    {"KeptAndThrownAgain", guarded<kept_and_thrown_again>, VELT_BAD_READ},
     {"InAHandler", guarded<in_a_handler>, "~in handler " VELT_BAD_READ},
     {"InTheHandlerOfAFault", guarded<in_the_handler_of_a_fault>, "20 " VELT_BAD_READ},
     {"InADestructorOfItsUnwinding", guarded<in_a_destructor_of_its_unwinding>,
      "~object 20 " VELT_BAD_READ},
-    {"InACallbackOfTheRunTime", guarded<in_a_callback_of_the_run_time>,
-     "~callback ~caller " VELT_BAD_READ},
     {"InACallbackOfTheSystem", guarded<in_a_callback_of_the_system>,
      "~callback ~caller " VELT_BAD_READ},
     {"UnderANearerHandler", guarded<under_a_nearer_handler>, "bad undisturbed"},
-    {"ByThePlatformOnRequest", guarded<by_the_platform_on_request>, "~object Divide by Zero"},
 };
 
 }  // namespace
