@@ -71,7 +71,6 @@ void fault_without_try() {
 
 void break_without_try() {
   redirect_structured_exceptions();
-  Note const note;
   DebugBreak();
 }
 
@@ -113,25 +112,6 @@ struct FaultsAtItsEnd {
 struct MayThrowAtItsEnd {
   ~MayThrowAtItsEnd() noexcept(false) { read(nowhere); }
 };
-
-void fault_below_noexcept() {
-  guarded([] { call_noexcept(); });
-}
-void fault_in_noexcept() {
-  guarded([] { read_noexcept(nowhere); });
-}
-void fault_in_destructor() {
-  guarded([] { FaultsAtItsEnd const object; });
-}
-void fault_in_unwinding() {
-  guarded([] {
-    MayThrowAtItsEnd const object;
-    throw 1;
-  });
-}
-void fault_without_the_option() {
-  guarded([] { read_without_the_option(nowhere); });
-}
 
 [[gnu::noipa]] int recurse(int depth) {
   char volatile room[200];
@@ -180,11 +160,17 @@ constexpr struct {
     {"fault_without_try", fault_without_try},
     {"break_without_try", break_without_try},
     {"fault_under_other_handlers", fault_under_other_handlers},
-    {"fault_below_noexcept", fault_below_noexcept},
-    {"fault_in_noexcept", fault_in_noexcept},
-    {"fault_in_destructor", fault_in_destructor},
-    {"fault_in_unwinding", fault_in_unwinding},
-    {"fault_without_the_option", fault_without_the_option},
+    {"fault_below_noexcept", [] { guarded([] { call_noexcept(); }); }},
+    {"fault_in_noexcept", [] { guarded([] { read_noexcept(nowhere); }); }},
+    {"fault_in_destructor", [] { guarded([] { FaultsAtItsEnd const object; }); }},
+    {"fault_in_unwinding",
+     [] {
+       guarded([] {
+         MayThrowAtItsEnd const object;
+         throw 1;
+       });
+     }},
+    {"fault_without_the_option", [] { guarded([] { read_without_the_option(nowhere); }); }},
     {"overflow_twice_without_reset", overflow_twice_without_reset},
     {"overflow_on_main_thread_with_guarantee", overflow_on_main_thread_with_guarantee},
 };

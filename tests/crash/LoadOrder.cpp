@@ -20,7 +20,11 @@ namespace {
 std::string failing;
 int calls_until_failure = 0;
 
-bool fails(char const* call) { return failing == call && --calls_until_failure == 0; }
+bool fails(char const* call) {
+  if (failing != call || --calls_until_failure != 0) return false;
+  SetLastError(1234);
+  return true;
+}
 
 void note(char const* call) { std::printf("%s\n", call); }
 
@@ -28,9 +32,10 @@ void note(char const* call) { std::printf("%s\n", call); }
 // time's own are not looked at.
 std::vector<void const*> objects;
 
-void note_made(char const* call, void const* object) {
+void* made(char const* call, void* object) {
   objects.push_back(object);
   std::printf("%s: %zu\n", call, objects.size());
+  return object;
 }
 void note_gone(char const* call, void const* object) {
   auto const found = std::find(objects.rbegin(), objects.rend(), object);
@@ -42,65 +47,8 @@ Function* as(FARPROC entry) {
   return reinterpret_cast<Function*>(reinterpret_cast<void*>(entry));
 }
 template <class Function>
-FARPROC entry_of(Function* function) {
-  return reinterpret_cast<FARPROC>(reinterpret_cast<void*>(function));
-}
-
-HANDLE WINAPI create_mutex(SECURITY_ATTRIBUTES* security, BOOL owned, wchar_t const* name) {
-  if (fails("CreateMutexW")) return SetLastError(1234), nullptr;
-  HANDLE const made = CreateMutexW(security, owned, name);
-  note_made("mutex", made);
-  return made;
-}
-
-HANDLE WINAPI create_event(SECURITY_ATTRIBUTES* security, BOOL manual, BOOL set,
-                           wchar_t const* name) {
-  if (fails("CreateEventW")) return SetLastError(1234), nullptr;
-  HANDLE const made = CreateEventW(security, manual, set, name);
-  note_made("event", made);
-  return made;
-}
-
-DWORD WINAPI allocate_slot() {
-  if (fails("TlsAlloc")) return SetLastError(1234), TLS_OUT_OF_INDEXES;
-  note("TlsAlloc");
-  return TlsAlloc();
-}
-
-BOOL WINAPI free_slot(DWORD slot) {
-  note("TlsFree");
-  return TlsFree(slot);
-}
-
-BOOL WINAPI close_handle(HANDLE handle) {
-  note_gone("closed", handle);
-  return CloseHandle(handle);
-}
-
-BOOL WINAPI query_frequency(LARGE_INTEGER* result) {
-  note("QueryPerformanceFrequency");
-  return QueryPerformanceFrequency(result);
-}
-
-HANDLE WINAPI process_heap() {
-  note("GetProcessHeap");
-  return GetProcessHeap();
-}
-
-BOOL WINAPI make_section(CRITICAL_SECTION* section, DWORD spins, DWORD flags) {
-  note_made("section", section);
-  return InitializeCriticalSectionEx(section, spins, flags);
-}
-
-void WINAPI delete_section(CRITICAL_SECTION* section) {
-  note_gone("deleted", section);
-  DeleteCriticalSection(section);
-}
-
-BOOL WINAPI set_heap_information(HANDLE heap, HEAP_INFORMATION_CLASS kind, void* value,
-                                 SIZE_T size) {
-  std::printf("HeapSetInformation %d %lu\n", kind, *static_cast<ULONG*>(value));
-  return HeapSetInformation(heap, kind, value, size);
+FARPROC entry_of(Function function) {
+  return reinterpret_cast<FARPROC>(reinterpret_cast<void*>(+function));
 }
 
 BOOL WINAPI ask_version(OSVERSIONINFOW* result) {
@@ -111,16 +59,19 @@ BOOL WINAPI ask_version(OSVERSIONINFOW* result) {
   return result->dwOSVersionInfoSize == 276;
 }
 
-ULONG WINAPI remove_handler(void* handler) {
-  note("RemoveVectoredExceptionHandler");
-  return RemoveVectoredExceptionHandler(handler);
-}
-
 FARPROC WINAPI find_entry(HMODULE module, char const* name) {
   if (reinterpret_cast<UINT_PTR>(name) >> 16 == 0) return GetProcAddress(module, name);
   if (std::strcmp(name, "RtlDllShutdownInProgress")) note(name);
-  if (!std::strcmp(name, "HeapSetInformation")) return entry_of(set_heap_information);
-  if (!std::strcmp(name, "RemoveVectoredExceptionHandler")) return entry_of(remove_handler);
+  if (!std::strcmp(name, "HeapSetInformation"))
+    return entry_of([](HANDLE heap, HEAP_INFORMATION_CLASS kind, void* value, SIZE_T size) {
+      std::printf("HeapSetInformation %d %lu\n", kind, *static_cast<ULONG*>(value));
+      return HeapSetInformation(heap, kind, value, size);
+    });
+  if (!std::strcmp(name, "RemoveVectoredExceptionHandler"))
+    return entry_of([](void* handler) {
+      note("RemoveVectoredExceptionHandler");
+      return RemoveVectoredExceptionHandler(handler);
+    });
   return GetProcAddress(module, name);
 }
 
@@ -128,17 +79,45 @@ struct Replacement {
   char const* name;
   FARPROC entry;
 } const replacements[] = {
-    {"CloseHandle", entry_of(close_handle)},
-    {"CreateEventW", entry_of(create_event)},
-    {"CreateMutexW", entry_of(create_mutex)},
-    {"DeleteCriticalSection", entry_of(delete_section)},
+    {"CloseHandle", entry_of([](HANDLE handle) {
+       note_gone("closed", handle);
+       return CloseHandle(handle);
+     })},
+    {"CreateEventW",
+     entry_of([](SECURITY_ATTRIBUTES* security, BOOL manual, BOOL set, wchar_t const* name) {
+       return fails("CreateEventW") ? nullptr
+                                    : made("event", CreateEventW(security, manual, set, name));
+     })},
+    {"CreateMutexW", entry_of([](SECURITY_ATTRIBUTES* security, BOOL owned, wchar_t const* name) {
+       return fails("CreateMutexW") ? nullptr : made("mutex", CreateMutexW(security, owned, name));
+     })},
+    {"DeleteCriticalSection", entry_of([](CRITICAL_SECTION* section) {
+       note_gone("deleted", section);
+       DeleteCriticalSection(section);
+     })},
     {"GetProcAddress", entry_of(find_entry)},
-    {"GetProcessHeap", entry_of(process_heap)},
+    {"GetProcessHeap", entry_of([] {
+       note("GetProcessHeap");
+       return GetProcessHeap();
+     })},
     {"GetVersionExW", entry_of(ask_version)},
-    {"InitializeCriticalSectionEx", entry_of(make_section)},
-    {"QueryPerformanceFrequency", entry_of(query_frequency)},
-    {"TlsAlloc", entry_of(allocate_slot)},
-    {"TlsFree", entry_of(free_slot)},
+    {"InitializeCriticalSectionEx", entry_of([](CRITICAL_SECTION* section, DWORD spins, DWORD flags) {
+       made("section", section);
+       return InitializeCriticalSectionEx(section, spins, flags);
+     })},
+    {"QueryPerformanceFrequency", entry_of([](LARGE_INTEGER* result) {
+       note("QueryPerformanceFrequency");
+       return QueryPerformanceFrequency(result);
+     })},
+    {"TlsAlloc", entry_of([] {
+       if (fails("TlsAlloc")) return TLS_OUT_OF_INDEXES;
+       note("TlsAlloc");
+       return TlsAlloc();
+     })},
+    {"TlsFree", entry_of([](DWORD slot) {
+       note("TlsFree");
+       return TlsFree(slot);
+     })},
 };
 
 void replace(char const* name, ULONG_PTR& slot) {

@@ -254,8 +254,13 @@ TEST(DiagnosticsDocExamples, FaultInALog) {
   EXPECT_THAT(log, testing::EndsWith("Parameter0: 0 (0x0)\nParameter1: 16 (0x10)"));
 }
 
-TEST(DiagnosticsDocExamples, OverflowOnAnyThread) {
+TEST(DiagnosticsDocExamples, LogsOfStacksAndOfOverflows) {
   std::string log;
+  read_packet(7, log);
+  EXPECT_THAT(log, testing::StartsWith("unexpected packet\n-> ntdll!"));
+  log.clear();
+  watch(TEvent(true, true), log);
+  EXPECT_EQ(log, "");
   int parsed = 0;
   std::thread([&] {
     make_room_for_overflow();
@@ -264,12 +269,6 @@ TEST(DiagnosticsDocExamples, OverflowOnAnyThread) {
   }).join();
   EXPECT_EQ(parsed, 1);
   EXPECT_TRUE(log.starts_with("Text: Stack Overflow\nCode: -1073741571 (0xc00000fd)\n")) << log;
-}
-
-TEST(DiagnosticsDocExamples, StackInALog) {
-  std::string log;
-  read_packet(7, log);
-  EXPECT_THAT(log, testing::StartsWith("unexpected packet\n-> ntdll!"));
 }
 
 TEST(DiagnosticsDocExamples, BlameAndNames) {
@@ -289,17 +288,12 @@ TEST(DiagnosticsDocExamples, SettingsHaveTheseDefaults) {
   EXPECT_EQ(table, settings_at_start);
 }
 
-TEST(DiagnosticsDocExamples, Setup) {
+TEST_F(FirstSteps, Setup) {
   auto const excluded = MiniDumpExcludedTypes;
-  auto const skipped = SkipModulesForError;
   set_up_diagnostics();
-  EXPECT_TRUE(ExtendDebugInformationFromException);
-  EXPECT_EQ(MiniDumpType, 1u);
   EXPECT_EQ(MiniDumpExcludedTypes, excluded + ";ETimeout");
-  VeltDebugSetup(false);
   MiniDumpType = 0;
   MiniDumpExcludedTypes = excluded;
-  SkipModulesForError = skipped;
 }
 
 TEST(DiagnosticsDocExamples, HarmlessException) {
@@ -307,13 +301,6 @@ TEST(DiagnosticsDocExamples, HarmlessException) {
   EXPECT_EQ(setting_or(5), 5);
   EXPECT_FALSE(std::filesystem::exists(folder.path() / "a.dmp"));
   SaveMiniDumpOnCppException = dumps;
-}
-
-TEST(DiagnosticsDocExamples, Watch) {
-  TEvent progress(true, true);
-  std::string log;
-  watch(progress, log);
-  EXPECT_EQ(log, "");
 }
 
 TEST(DiagnosticsDocExamples, LeakIsCounted) {

@@ -24,8 +24,6 @@ namespace velt_test {
 
 namespace {
 
-constexpr char default_format[] = "Dumps\\%s_%s_%04hd_%02hd_%02hd_%02hd_%02hd_%02hd_%03hd.dmp";
-
 void called(char const* name) {
   auto& calls = fakes().calls;
   calls.append(calls.empty() ? "" : " ").append(name);
@@ -43,31 +41,6 @@ struct ListedMutex : TMutex {
     TMutex::Unlock();
   }
 };
-
-LONG NTAPI lock_loader(ULONG flags, ULONG* state, ULONG_PTR* cookie) {
-  called(flags == 2 ? "loader" : "waiting for the loader");
-  *state = fakes().loader_state;
-  *cookie = 77;
-  return fakes().loader_status;
-}
-LONG NTAPI unlock_loader(ULONG flags, ULONG_PTR cookie) {
-  called(flags == 0 && cookie == 77 ? "~loader" : "a wrong end of the loader's lock");
-  return 0;
-}
-void NTAPI acquire_peb() { called("waiting for the PEB"); }
-BOOLEAN NTAPI try_peb() {
-  called("PEB");
-  return fakes().peb_is_free;
-}
-void NTAPI release_peb() { called("~PEB"); }
-BOOLEAN NTAPI lock_heap(HANDLE heap) {
-  called(heap == heap_header ? "heap" : "another heap");
-  return fakes().heap_locks;
-}
-BOOLEAN NTAPI unlock_heap(HANDLE) {
-  called("~heap");
-  return TRUE;
-}
 
 BOOL WINAPI write_dump(HANDLE process, DWORD id, HANDLE file, MINIDUMP_TYPE type,
                        MINIDUMP_EXCEPTION_INFORMATION const* exception,
@@ -87,14 +60,32 @@ BOOL WINAPI write_dump(HANDLE process, DWORD id, HANDLE file, MINIDUMP_TYPE type
 
 // Null for another name.
 void (*fake_entry(std::string_view name))() {
+  auto const as = [](auto function) { return reinterpret_cast<void (*)()>(+function); };
   static std::map<std::string_view, void (*)()> const entries = {
-      {"LdrLockLoaderLock", reinterpret_cast<void (*)()>(lock_loader)},
-      {"LdrUnlockLoaderLock", reinterpret_cast<void (*)()>(unlock_loader)},
-      {"RtlAcquirePebLock", acquire_peb},
-      {"RtlTryAcquirePebLock", reinterpret_cast<void (*)()>(try_peb)},
-      {"RtlReleasePebLock", release_peb},
-      {"RtlLockHeap", reinterpret_cast<void (*)()>(lock_heap)},
-      {"RtlUnlockHeap", reinterpret_cast<void (*)()>(unlock_heap)},
+      {"LdrLockLoaderLock", as([](ULONG flags, ULONG* state, ULONG_PTR* cookie) -> LONG {
+         called(flags == 2 ? "loader" : "waiting for the loader");
+         *state = fakes().loader_state;
+         *cookie = 77;
+         return fakes().loader_status;
+       })},
+      {"LdrUnlockLoaderLock", as([](ULONG flags, ULONG_PTR cookie) -> LONG {
+         called(flags == 0 && cookie == 77 ? "~loader" : "a wrong end of the loader's lock");
+         return 0;
+       })},
+      {"RtlAcquirePebLock", as([] { called("waiting for the PEB"); })},
+      {"RtlTryAcquirePebLock", as([]() -> BOOLEAN {
+         called("PEB");
+         return fakes().peb_is_free;
+       })},
+      {"RtlReleasePebLock", as([] { called("~PEB"); })},
+      {"RtlLockHeap", as([](HANDLE heap) -> BOOLEAN {
+         called(heap == heap_header ? "heap" : "another heap");
+         return fakes().heap_locks;
+       })},
+      {"RtlUnlockHeap", as([](HANDLE) -> BOOLEAN {
+         called("~heap");
+         return TRUE;
+       })},
   };
   auto const found = entries.find(name);
   return found == entries.end() ? nullptr : found->second;
@@ -104,7 +95,7 @@ void restore_settings() {
   SaveMiniDumpOnStructuredException = SaveMiniDumpOnCppException = UseVEH = true;
   ExtendDebugInformationFromException = false;
   MiniDumpType = 0;
-  std::strcpy(dump_format, default_format);
+  std::strcpy(dump_format, "Dumps\\%s_%s_%04hd_%02hd_%02hd_%02hd_%02hd_%02hd_%03hd.dmp");
 }
 
 }  // namespace
@@ -211,46 +202,30 @@ bool throws_are_watched() noexcept { return fakes().throws_are_watched; }
 
 // Replaced at link time. The first two are called at load, when no object of
 // this file may be in use yet that needs making.
-namespace {
+extern "C" {
+extern decltype(&GetProcAddress) __real___imp_GetProcAddress;
+extern decltype(&CreateFileA) __real___imp_CreateFileA;
 
-HANDLE WINAPI fake_process_heap() {
+constinit decltype(&GetProcessHeap) __wrap___imp_GetProcessHeap = []() -> HANDLE {
   using namespace velt_test;
   auto const section = static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(heap_section()));
   heap_section()->OwningThread = ULongToHandle(GetCurrentThreadId());
   std::memcpy(heap_header + 540, &section, sizeof section);
   return heap_header;
-}
+};
 
-FARPROC WINAPI fake_address(HMODULE module, char const* name);
-HANDLE WINAPI fake_file(char const* name, DWORD access, DWORD share, SECURITY_ATTRIBUTES* security,
-                        DWORD disposition, DWORD attributes, HANDLE model);
-
-// The 5th of March 2024, 9:07:03.042.
-void WINAPI fake_time(SYSTEMTIME* now) { *now = {2024, 3, 2, 5, 9, 7, 3, 42}; }
-
-}  // namespace
-
-extern "C" {
-extern decltype(&GetProcAddress) __real___imp_GetProcAddress;
-extern decltype(&CreateFileA) __real___imp_CreateFileA;
-
-decltype(&GetProcessHeap) __wrap___imp_GetProcessHeap = fake_process_heap;
-decltype(&GetProcAddress) __wrap___imp_GetProcAddress = fake_address;
-decltype(&GetLocalTime) __wrap___imp_GetLocalTime = fake_time;
-decltype(&CreateFileA) __wrap___imp_CreateFileA = fake_file;
-}
-
-namespace {
-
-FARPROC WINAPI fake_address(HMODULE module, char const* name) {
+constinit decltype(&GetProcAddress) __wrap___imp_GetProcAddress = [](HMODULE module,
+                                                                     char const* name) {
   auto const fake = module == GetModuleHandleW(L"ntdll") ? velt_test::fake_entry(name) : nullptr;
   return fake ? reinterpret_cast<FARPROC>(fake) : __real___imp_GetProcAddress(module, name);
-}
+};
 
-HANDLE WINAPI fake_file(char const* name, DWORD access, DWORD share, SECURITY_ATTRIBUTES* security,
-                        DWORD disposition, DWORD attributes, HANDLE model) {
-  return fakes().made_file = __real___imp_CreateFileA(name, access, share, security, disposition,
-                                                      attributes, model);
-}
+// The 5th of March 2024, 9:07:03.042.
+decltype(&GetLocalTime) __wrap___imp_GetLocalTime = [](SYSTEMTIME* now) {
+  *now = {2024, 3, 2, 5, 9, 7, 3, 42};
+};
 
-}  // namespace
+decltype(&CreateFileA) __wrap___imp_CreateFileA = [](auto... arguments) {
+  return fakes().made_file = __real___imp_CreateFileA(arguments...);
+};
+}

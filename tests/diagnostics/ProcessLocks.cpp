@@ -18,89 +18,43 @@ bool takes_heap() {
   return HeapLockGuard().held();
 }
 
-// Words of the heap's header.
-class Header {
-public:
-  Header() { std::memcpy(before, velt_test::heap_header, sizeof before); }
-  ~Header() { std::memcpy(velt_test::heap_header, before, sizeof before); }
-
-  void put(std::size_t offset, void const* address) {
-    auto const word = static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(address));
-    std::memcpy(velt_test::heap_header + offset, &word, sizeof word);
-  }
-  void clear() { std::memset(velt_test::heap_header, 0, sizeof velt_test::heap_header); }
-
-private:
-  std::byte before[sizeof velt_test::heap_header];
-};
-
-// A section that the calling thread seems to hold, at the end of writable memory
-// below 4 GB that is followed by a page that is not.
-class Candidate {
-public:
-  Candidate() {
-    for (std::uintptr_t at = 0x30000000; !pages; at += 0x100000)
-      pages = static_cast<std::byte*>(
-          VirtualAlloc(reinterpret_cast<void*>(at), 2 * page, MEM_RESERVE, PAGE_READWRITE));
-    VirtualAlloc(pages, page, MEM_COMMIT, PAGE_READWRITE);
-    set_owner(GetCurrentThreadId());
-  }
-  ~Candidate() { VirtualFree(pages, 0, MEM_RELEASE); }
-
-  std::byte* address() const { return pages + page - sizeof(CRITICAL_SECTION); }
-  void set_owner(DWORD id) {
-    reinterpret_cast<CRITICAL_SECTION*>(address())->OwningThread = ULongToHandle(id);
-  }
-  void protect(DWORD protection) {
-    DWORD old;
-    VirtualProtect(pages, page, protection, &old);
-  }
-
-private:
-  static constexpr std::size_t page = 0x1000;
-  std::byte* pages = nullptr;
-};
-
 }  // namespace
 
-TEST(FindHeapLockSection, LooksAtAddressesOf32BitsInTheHeader) {
+TEST(FindHeapLockSection, TakesOnlyASectionInTheHeaderThatThisThreadHolds) {
   Fresh const fresh;
-  Header header;
-  Candidate const candidate;
-  for (std::size_t const offset : {92u, 96u, 300u, 540u, 544u}) {
-    header.clear();
-    header.put(offset, candidate.address());
-    bool const within = offset >= 96 && offset <= 540;
-    EXPECT_EQ(static_cast<void*>(FindHeapLockSection()), within ? candidate.address() : nullptr)
-        << offset;
-  }
-  EXPECT_EQ(fakes().calls, "heap ~heap heap ~heap heap ~heap heap ~heap heap ~heap");
-
+  auto& header = velt_test::heap_header;
+  auto const section = velt_test::heap_section();
+  std::uint32_t const word = static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(section));
+  auto const finds = [&](std::size_t offset, std::uint32_t address) {
+    std::memset(header, 0, sizeof header);
+    std::memcpy(header + offset, &address, sizeof address);
+    auto const found = reinterpret_cast<std::uintptr_t>(FindHeapLockSection());
+    EXPECT_TRUE(found == 0 || found == address);
+    return found != 0;
+  };
+  section->OwningThread = ULongToHandle(GetCurrentThreadId());
+  for (std::size_t const offset : {92u, 96u, 300u, 544u})
+    EXPECT_EQ(finds(offset, word), offset >= 96 && offset <= 540) << offset;
   fakes().heap_locks = false;
-  header.put(300, candidate.address());
-  EXPECT_EQ(FindHeapLockSection(), nullptr);
-}
+  EXPECT_FALSE(finds(540, word));
+  fakes().heap_locks = true;
 
-TEST(FindHeapLockSection, TakesOnlyASectionThatThisThreadHolds) {
-  Fresh const fresh;
-  Header header;
-  Candidate candidate;
-  header.clear();
-  header.put(300, candidate.address());
-  ASSERT_NE(FindHeapLockSection(), nullptr);
-
-  candidate.set_owner(GetCurrentThreadId() + 1);
-  EXPECT_EQ(FindHeapLockSection(), nullptr);
-  candidate.set_owner(GetCurrentThreadId());
-
-  header.put(300, candidate.address() + 4);
-  EXPECT_EQ(FindHeapLockSection(), nullptr) << "reaches out of its memory";
-  header.put(300, candidate.address());
-
-  for (DWORD const protection : {PAGE_READONLY, PAGE_READWRITE | PAGE_GUARD}) {
-    candidate.protect(protection);
-    EXPECT_EQ(FindHeapLockSection(), nullptr) << protection;
+  constexpr std::uint32_t last = 0x1000 - sizeof(CRITICAL_SECTION);
+  for (std::uint32_t const offset : {last, last + 4}) {
+    auto const bytes = reinterpret_cast<std::byte*>(section) + offset;
+    reinterpret_cast<CRITICAL_SECTION*>(bytes)->OwningThread = ULongToHandle(GetCurrentThreadId());
+    EXPECT_EQ(finds(540, word + offset), offset == last) << "reaches out of its memory";
   }
+  DWORD old;
+  for (DWORD const protection : {PAGE_READONLY, PAGE_READWRITE | PAGE_GUARD}) {
+    VirtualProtect(section, 1, protection, &old);
+    EXPECT_FALSE(finds(540, word)) << protection;
+  }
+  VirtualProtect(section, 1, PAGE_READWRITE, &old);
+  section->OwningThread = ULongToHandle(GetCurrentThreadId() + 1);
+  EXPECT_FALSE(finds(540, word));
+  section->OwningThread = ULongToHandle(GetCurrentThreadId());
+  EXPECT_TRUE(finds(540, word)) << "for the tests to come";
 }
 
 TEST(HeapLockGuard, AsksTheHeapWhetherOrNotTheSectionIsFree) {

@@ -14,21 +14,18 @@ private:
   long& count;
 };
 
+struct Uncounted {
+  explicit Uncounted(long&) {}
+};
+
 // Where in the frame the stack runs out depends on its size: in the storing of a
 // register, in a call, in the probe of a frame of more than a page.
-template <std::size_t size>
+template <std::size_t size, class Object = Uncounted>
 [[gnu::noipa]] int plain(long& objects) {
+  [[maybe_unused]] Object const object(objects);
   char volatile room[size];
   room[0] = 1;
-  return plain<size>(objects) + room[0];
-}
-
-template <std::size_t size>
-[[gnu::noipa]] int with_object(long& objects) {
-  Counted const object(objects);
-  char volatile room[size];
-  room[0] = 1;
-  return with_object<size>(objects) + room[0];
+  return plain<size, Object>(objects) + room[0];
 }
 
 [[gnu::noipa]] int of_many_sizes(long& objects, std::size_t size) {
@@ -70,10 +67,10 @@ constexpr Recursion all[] = {
     {"FramesOfHundredsOfBytes", run<plain<300>>},
     {"FramesOfNearlyAPage", run<plain<3900>>},
     {"FramesOfPages", run<plain<20'000>>},
-    {"SmallFramesWithObjects", run<with_object<16>>},
-    {"FramesOfHundredsOfBytesWithObjects", run<with_object<300>>},
-    {"FramesOfNearlyAPageWithObjects", run<with_object<3900>>},
-    {"FramesOfPagesWithObjects", run<with_object<20'000>>},
+    {"SmallFramesWithObjects", run<plain<16, Counted>>},
+    {"FramesOfHundredsOfBytesWithObjects", run<plain<300, Counted>>},
+    {"FramesOfNearlyAPageWithObjects", run<plain<3900, Counted>>},
+    {"FramesOfPagesWithObjects", run<plain<20'000, Counted>>},
     {"FramesOfManySizes", [](long& objects) { of_many_sizes(objects, 8); }},
     {"InACallee", run<calling_first>},
     {"UnderOtherHandlers", run<under_other_handlers>},

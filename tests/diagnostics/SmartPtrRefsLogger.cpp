@@ -52,6 +52,10 @@ struct RefsLogger : testing::Test {
   char references[8];
 };
 
+[[gnu::noipa]] long take_reference(SmartPtrRefsLogger const& logger, void const* reference) {
+  return logger.AddPointerRef(reference) + 1;
+}
+
 std::string block(int count, std::string const& stack) {
   return std::string(76, '-') + "\nReferences: " + std::to_string(count) + "\nStack: " + stack +
          "\n";
@@ -86,14 +90,6 @@ TEST_F(RefsLogger, CountsDistinctReferences) {
   EXPECT_EQ(logger.DelPointerRef(&references[0]), 1);
 }
 
-namespace {
-
-[[gnu::noipa]] long take_reference(SmartPtrRefsLogger const& logger, void const* reference) {
-  return logger.AddPointerRef(reference) + 1;
-}
-
-}  // namespace
-
 TEST_F(RefsLogger, WalkBeginsAtTheCaller) {
   take_reference(logger, references);
   auto const& frame = first_frame;
@@ -101,8 +97,6 @@ TEST_F(RefsLogger, WalkBeginsAtTheCaller) {
   EXPECT_LE(frame.AddrPC.Offset - caller, 100u);
   EXPECT_EQ(in_slot, frame.AddrPC.Offset);
   EXPECT_EQ(frame.AddrStack.Offset, 0u);
-  for (auto const mode : {frame.AddrPC.Mode, frame.AddrFrame.Mode, frame.AddrStack.Mode})
-    EXPECT_EQ(mode, AddrModeFlat);
 }
 
 TEST_F(RefsLogger, ThreeFramesAreLeftOutAndFourKept) {
@@ -128,11 +122,6 @@ TEST_F(RefsLogger, OnlyAFailureOfTheThirdStepEndsTheWalk) {
   EXPECT_EQ(report(), block(1, "stack of"));
 }
 
-TEST_F(RefsLogger, StackOfOneFrameIsToldInOneLine) {
-  add(&references[0], {7});
-  EXPECT_EQ(report(), "Refs: 1, Stack: stack of 7\n");
-}
-
 TEST_F(RefsLogger, GroupsGoFromTheFewToTheMany) {
   add(&references[0], {1, 2});
   add(&references[1], {1, 2});
@@ -142,19 +131,9 @@ TEST_F(RefsLogger, GroupsGoFromTheFewToTheMany) {
   add(&references[5], {5, 6, 7, 8});
   EXPECT_EQ(report(), "Refs: 1, Stack: stack of 9\n" + block(2, "stack of 5 6 7 8") +
                           block(3, "stack of 1 2"));
+  add(&references[3], {2});  // the first stack of a reference stays
   EXPECT_EQ(logger.GetObjectReferences(&references[3]),
             block(2, "stack of 5 6 7 8") + block(3, "stack of 1 2"));
-}
-
-TEST_F(RefsLogger, OwnReferenceIsNotReported) {
-  add(&references[0], {1});
-  EXPECT_EQ(logger.GetObjectReferences(&references[0]), "");
-}
-
-TEST_F(RefsLogger, FirstStackOfAReferenceStays) {
-  add(&references[0], {1});
-  add(&references[0], {2});
-  EXPECT_EQ(report(), "Refs: 1, Stack: stack of 1\n");
 }
 
 TEST_F(RefsLogger, StacksThatAgreeInTheFirstHalfAreOne) {
@@ -175,14 +154,6 @@ TEST_F(RefsLogger, StacksThatAgreeInTheFirstHalfAreOne) {
   EXPECT_THAT(text, HasSubstr(block(2, "stack of 1 140733193388034 3")));
 }
 
-TEST_F(RefsLogger, DisabledLoggerDoesNothing) {
-  SmartPtrRefsLogger const disabled;
-  EXPECT_EQ(disabled.AddPointerRef(references), 0);
-  EXPECT_EQ(disabled.DelPointerRef(references), 0);
-  EXPECT_EQ(disabled.GetObjectReferences(nullptr), "");
-  EXPECT_EQ(walked, 0u);
-}
-
 TEST_F(RefsLogger, HoldsTheEngineFromItsEnablingToItsEnd) {
   {
     SmartPtrRefsLogger other;
@@ -190,6 +161,9 @@ TEST_F(RefsLogger, HoldsTheEngineFromItsEnablingToItsEnd) {
     fakes().engine_is_there = false;
     EXPECT_FALSE(other.EnableSmartPtrRefsLogger());
     EXPECT_EQ(other.AddPointerRef(references), 0);
+    EXPECT_EQ(other.DelPointerRef(references), 0);
+    EXPECT_EQ(other.GetObjectReferences(nullptr), "");
+    EXPECT_EQ(walked, 0u);
     fakes().engine_is_there = true;
     EXPECT_TRUE(other.EnableSmartPtrRefsLogger());
     EXPECT_TRUE(other.EnableSmartPtrRefsLogger());

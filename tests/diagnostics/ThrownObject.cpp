@@ -50,39 +50,22 @@ namespace {
 
 // Calls `look` with the records of the throws that `thrower` makes, which ends
 // by one.
-class Throw {
-public:
-  Throw(std::function<void()> const& thrower, std::function<void(EXCEPTION_POINTERS*)> look)
-      : observer(std::move(look)), handler(AddVectoredExceptionHandler(1, observe)) {
-    current = this;
-    try {
-      thrower();
-    } catch (...) {
-    }
-    RemoveVectoredExceptionHandler(handler);
-  }
-
-private:
-  static LONG CALLBACK observe(EXCEPTION_POINTERS* pointers) {
+void at_throws(std::function<void()> const& thrower, std::function<void(EXCEPTION_POINTERS*)> look) {
+  static std::function<void(EXCEPTION_POINTERS*)> observer;
+  observer = std::move(look);
+  auto const handler = AddVectoredExceptionHandler(1, [](EXCEPTION_POINTERS* pointers) -> LONG {
     // The unwinding raises codes of its own.
-    if (pointers->ExceptionRecord->ExceptionCode == 0x20474343) current->observer(pointers);
+    if (pointers->ExceptionRecord->ExceptionCode == 0x20474343) observer(pointers);
     return EXCEPTION_CONTINUE_SEARCH;
+  });
+  try {
+    thrower();
+  } catch (...) {
   }
-  static inline Throw* current;
-
-  std::function<void(EXCEPTION_POINTERS*)> observer;
-  void* handler;
-};
-
-struct Answer {
-  bool is = false;
-  void const* as = nullptr;
-  bool operator==(Answer const&) const = default;
-};
-
-std::ostream& operator<<(std::ostream& stream, Answer const& answer) {
-  return stream << answer.is << " " << answer.as;
+  RemoveVectoredExceptionHandler(handler);
 }
+
+using Answer = std::pair<bool, void const*>;
 
 template <class T>
 void const* seen_by_handler(T& caught) {
@@ -104,7 +87,7 @@ void expect_as_a_handler(std::function<void()> const& thrower) {
       happened = {true, seen_by_handler(caught)};
     }
   };
-  Throw(thrower_with_handler, [&](EXCEPTION_POINTERS* pointers) {
+  at_throws(thrower_with_handler, [&](EXCEPTION_POINTERS* pointers) {
     EXPECT_TRUE(is_typed_throw(pointers));
     foretold = {ThrownTypeIs(pointers, typeid(T)), ThrownObjectAs(pointers, typeid(T))};
   });
@@ -118,13 +101,13 @@ void expect_as_handlers(std::function<void()> const& thrower) {
 
 std::string name_at_throw(std::function<void()> const& thrower) {
   std::string name;
-  Throw(thrower, [&](EXCEPTION_POINTERS* pointers) { name = ThrownTypeName(pointers); });
+  at_throws(thrower, [&](EXCEPTION_POINTERS* pointers) { name = ThrownTypeName(pointers); });
   return name;
 }
 
 }  // namespace
 
-TEST(ThrownObject, IsFoundAsAHandlerWouldFindIt) {
+TEST(ThrownObject, IsFoundAsAHandlerWouldFindItAndNamed) {
   auto const kept = std::make_exception_ptr(EMany());
   auto const throw_anew = [] { throw EMany(); };
   auto const throw_kept = [&] { std::rethrow_exception(kept); };
@@ -140,22 +123,16 @@ TEST(ThrownObject, IsFoundAsAHandlerWouldFindIt) {
     expect_as_handlers<EMany, EFirst, EGeneric, std::exception, Second, Left, VirtualBase,
                        Unreachable, Twice, OneTwice, int, EMany*>(thrower);
   EXPECT_EQ(name_at_throw(throw_again), "EMany");
+  EXPECT_EQ(name_at_throw(throw_kept), "EMany");
+  EXPECT_EQ(name_at_throw([] { throw std::bad_alloc(); }), "bad_alloc");
+  EXPECT_EQ(name_at_throw([] { throw TFoo<int>(); }), "TFoo<int>");
+  EXPECT_EQ(name_at_throw([] { throw "text"; }), "char const*");
 
   static EMany thrown;
   expect_as_handlers<EMany*, EGeneric*, Second*, VirtualBase*, Twice*, EMany const*, void*, EMany>(
       [] { throw &thrown; });
   expect_as_handlers<EGeneric*, EMany*>([] { throw static_cast<EMany*>(nullptr); });
   expect_as_handlers<int, unsigned, EGeneric>([] { throw 5; });
-}
-
-TEST(ThrownObject, HasACleanName) {
-  EXPECT_EQ(name_at_throw([] { throw EMany(); }), "EMany");
-  EXPECT_EQ(name_at_throw([] { throw std::bad_alloc(); }), "bad_alloc");
-  EXPECT_EQ(name_at_throw([] { throw TFoo<int>(); }), "TFoo<int>");
-  EXPECT_EQ(name_at_throw([] { throw 5; }), "int");
-  EXPECT_EQ(name_at_throw([] { throw "text"; }), "char const*");
-  EXPECT_EQ(name_at_throw([] { std::rethrow_exception(std::make_exception_ptr(EMany())); }),
-            "EMany");
 }
 
 namespace {
@@ -221,17 +198,6 @@ private:
   EXCEPTION_POINTERS both{&record, nullptr};
 };
 
-std::string name_of_foreign(char const* decorated) {
-  ForeignThrow thrown({{decorated}}, true);
-  return ThrownTypeName(thrown.pointers());
-}
-
-template <class T>
-bool is_same_type(char const* decorated) {
-  ForeignThrow thrown({{decorated}}, true);
-  return ThrownTypeIs(thrown.pointers(), typeid(T));
-}
-
 }  // namespace
 
 TEST(ForeignThrownObject, IsFoundByTheListOfItsTypes) {
@@ -258,40 +224,27 @@ TEST(ForeignThrownObject, IsFoundByTheListOfItsTypes) {
   }
 }
 
-TEST(ForeignThrownObject, IsNoObjectWithoutADescriptor) {
-  ForeignThrow thrown({{".?AVEMany@@"}}, false);
-  auto const expect_nothing = [&] {
-    EXPECT_TRUE(is_typed_throw(thrown.pointers()));
-    EXPECT_FALSE(ThrownTypeIs(thrown.pointers(), typeid(EMany)));
-    EXPECT_EQ(ThrownObjectAs(thrown.pointers(), typeid(EMany)), nullptr);
-    EXPECT_EQ(ThrownTypeName(thrown.pointers()), "");
+TEST(ForeignThrownObject, HasACleanNameAndTheTypeOfOursThatReadsAlike) {
+  struct {
+    char const *decorated, *name;
+    std::type_info const* same = nullptr;
+    std::type_info const* other = nullptr;
+  } const rows[] = {
+      {".?AVUnreachable@@", "Unreachable", &typeid(Unreachable)},
+      {".?AVbad_alloc@std@@", "bad_alloc", &typeid(std::bad_alloc)},
+      {".?AUSFoo@@", "struct SFoo"},
+      {".?AU?$TFoo@USecond@@@@", "struct TFoo<struct Second>", &typeid(TFoo<Second>)},
+      {".?AV?$TFoo@H@@", "TFoo<int>", &typeid(TFoo<int>), &typeid(TFoo<Second>)},
+      {".PEAVEMany@@", "EMany * __ptr64", &typeid(EMany*), &typeid(EMany)},
+      {".?AULeftOfTwo@@", "struct LeftOfTwo", &typeid(LeftOfTwo), &typeid(Left)},
+      {".K", "unsigned long", &typeid(unsigned long)},
   };
-  thrown.record.NumberParameters = 2;
-  expect_nothing();
-  thrown.record.NumberParameters = 3;
-  thrown.record.ExceptionInformation[2] = 0;  // as in a throw without operand
-  expect_nothing();
-  ForeignThrow without_types({}, true);
-  EXPECT_EQ(ThrownTypeName(without_types.pointers()), "");
-}
-
-TEST(ForeignThrownObject, HasACleanName) {
-  EXPECT_EQ(name_of_foreign(".?AVEFoo@@"), "EFoo");
-  EXPECT_EQ(name_of_foreign(".?AVbad_alloc@std@@"), "bad_alloc");
-  EXPECT_EQ(name_of_foreign(".?AUSFoo@@"), "struct SFoo");
-  EXPECT_EQ(name_of_foreign(".?AV?$TFoo@H@@"), "TFoo<int>");
-  EXPECT_EQ(name_of_foreign(".H"), "int");
-}
-
-TEST(ForeignThrownObject, HasOneOfOurTypesIfTheNamesReadAlike) {
-  EXPECT_TRUE(is_same_type<Unreachable>(".?AVUnreachable@@"));
-  EXPECT_TRUE(is_same_type<std::bad_alloc>(".?AVbad_alloc@std@@"));
-  EXPECT_TRUE(is_same_type<TFoo<Second>>(".?AU?$TFoo@USecond@@@@"));
-  EXPECT_TRUE(is_same_type<EMany*>(".PEAVEMany@@"));
-  EXPECT_TRUE(is_same_type<unsigned long>(".K"));
-  EXPECT_FALSE(is_same_type<EMany>(".PEAVEMany@@"));
-  EXPECT_FALSE(is_same_type<Left>(".?AULeftOfTwo@@"));
-  EXPECT_FALSE(is_same_type<TFoo<Second>>(".?AU?$TFoo@H@@"));
+  for (auto const& row : rows) {
+    ForeignThrow thrown({{row.decorated}}, true);
+    EXPECT_EQ(ThrownTypeName(thrown.pointers()), row.name);
+    EXPECT_TRUE(!row.same || ThrownTypeIs(thrown.pointers(), *row.same)) << row.name;
+    EXPECT_FALSE(row.other && ThrownTypeIs(thrown.pointers(), *row.other)) << row.name;
+  }
 }
 
 TEST(ThrownObject, IsOnlyInTheRecordsOfThrows) {
@@ -315,4 +268,12 @@ TEST(ThrownObject, IsOnlyInTheRecordsOfThrows) {
   record.NumberParameters = 1;
   record.ExceptionInformation[0] = reinterpret_cast<std::uintptr_t>(of_another_language);
   expect_nothing(&pointers);
+
+  ForeignThrow foreign({{".?AVEMany@@"}}, false), without_types({}, true);
+  expect_nothing(without_types.pointers());
+  foreign.record.NumberParameters = 2;
+  expect_nothing(foreign.pointers());
+  foreign.record.NumberParameters = 3;
+  foreign.record.ExceptionInformation[2] = 0;  // as in a throw without operand
+  expect_nothing(foreign.pointers());
 }

@@ -138,59 +138,18 @@ TEST(Translator, MayCatchFaultsOfItsOwn) {
 }
 
 // Frames without a call site at the place of the fault, written by hand.
-extern "C" int velt_test_read_in_prologue(int const volatile* address);
-extern "C" int velt_test_read_below_prologue(int const volatile* address);
-extern "C" int velt_test_read_uncovered(int const volatile* address);
-asm(R"(
-  .text
-  .def velt_test_read_in_prologue; .scl 2; .type 32; .endef
-  .seh_proc velt_test_read_in_prologue
-velt_test_read_in_prologue:
-  subq $40, %rsp
-  .seh_stackalloc 40
-  movl (%rcx), %eax
-  nop
-  .seh_endprologue
-  addq $40, %rsp
-  ret
-  .seh_handler __gxx_personality_seh0, @unwind, @except
-  .seh_handlerdata
-  .byte 0xff, 0xff, 1, 0
-  .text
-  .seh_endproc
-
-  .def velt_test_read_below_prologue; .scl 2; .type 32; .endef
-  .seh_proc velt_test_read_below_prologue
-velt_test_read_below_prologue:
-  subq $40, %rsp
-  .seh_stackalloc 40
-  call velt_test_read_in_prologue
-  nop
-  .seh_endprologue
-  addq $40, %rsp
-  ret
-  .seh_handler __gxx_personality_seh0, @unwind, @except
-  .seh_handlerdata
-  .byte 0xff, 0xff, 1, 0
-  .text
-  .seh_endproc
-
-  .def velt_test_read_uncovered; .scl 2; .type 32; .endef
-  .seh_proc velt_test_read_uncovered
-velt_test_read_uncovered:
-  subq $40, %rsp
-  .seh_stackalloc 40
-  .seh_endprologue
-  movl (%rcx), %eax
-  nop
-  addq $40, %rsp
-  ret
-  .seh_handler __gxx_personality_seh0, @unwind, @except
-  .seh_handlerdata
-  .byte 0xff, 0xff, 1, 0
-  .text
-  .seh_endproc
-)");
+#define VELT_FRAME(NAME, IN_PROLOGUE, BEHIND)                    \
+  extern "C" int NAME(int const volatile* address);              \
+  asm(".text\n.def " #NAME "; .scl 2; .type 32; .endef\n"        \
+      ".seh_proc " #NAME "\n" #NAME ":\n"                        \
+      "subq $40, %rsp\n.seh_stackalloc 40\n" IN_PROLOGUE         \
+      "\nnop\n.seh_endprologue\n" BEHIND                         \
+      "\nnop\naddq $40, %rsp\nret\n"                            \
+      ".seh_handler __gxx_personality_seh0, @unwind, @except\n"  \
+      ".seh_handlerdata\n.byte 0xff, 0xff, 1, 0\n.text\n.seh_endproc\n")
+VELT_FRAME(velt_test_read_in_prologue, "movl (%rcx), %eax", "");
+VELT_FRAME(velt_test_read_below_prologue, "call velt_test_read_in_prologue", "");
+VELT_FRAME(velt_test_read_uncovered, "", "movl (%rcx), %eax");
 
 namespace {
 
@@ -212,10 +171,8 @@ private:
   void* const handler;
 };
 
-void throw_code(unsigned int code, EXCEPTION_POINTERS*) { throw code; }
-
 unsigned int code_thrown_for(int (*read)(int const volatile*)) {
-  Translated const translated(throw_code);
+  Translated const translated([](unsigned int code, EXCEPTION_POINTERS*) { throw code; });
   try {
     read(nowhere);
   } catch (unsigned int code) {
@@ -226,12 +183,9 @@ unsigned int code_thrown_for(int (*read)(int const volatile*)) {
 
 }  // namespace
 
+// The second as from a probe of the stack.
 TEST(Translator, ThrowsPastAPrologue) {
   EXPECT_EQ(code_thrown_for(velt_test_read_in_prologue), EXCEPTION_ACCESS_VIOLATION);
-}
-
-// As from a probe of the stack.
-TEST(Translator, ThrowsPastAPrologueThatCalled) {
   EXPECT_EQ(code_thrown_for(velt_test_read_below_prologue), EXCEPTION_ACCESS_VIOLATION);
 }
 
