@@ -4,6 +4,7 @@
 
 #include <windows.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -70,9 +71,18 @@ public:
   }
 
   // Queues a call, which runs when the step next waits alertably.
-  void queue(PAPCFUNC call) { QueueUserAPC(call, handle, 0); }
+  void queue(PAPCFUNC call) { QueueUserAPC(call, handle, reinterpret_cast<ULONG_PTR>(this)); }
   void interrupt() {
-    queue([](ULONG_PTR) { throw Interrupted(); });
+    interrupted = false;
+    queue([](ULONG_PTR agent) {
+      reinterpret_cast<Agent*>(agent)->interrupted = true;
+      throw Interrupted();
+    });
+  }
+  // Until the call of interrupt() throws. False if it never does.
+  bool is_interrupted_soon() const {
+    for (unsigned long passed = 0; passed < patience && !interrupted; ++passed) Sleep(1);
+    return interrupted;
   }
 
   unsigned long id() const { return thread_id; }
@@ -111,6 +121,7 @@ private:
   HANDLE begin, end, handle = nullptr;
   unsigned long thread_id = 0;
   bool stopping = false;
+  std::atomic<bool> interrupted = false;
   std::function<void()> step;
   std::exception_ptr failure;
   std::thread thread;

@@ -206,6 +206,7 @@ TEST_F(MultiLockWithNotify, FirstReaderThatIsInterruptedAfterItsNotificationHold
   while (!held) Sleep(1);
   EXPECT_TRUE(a.waits());
   a.interrupt();
+  ASSERT_TRUE(a.is_interrupted_soon());
   EXPECT_TRUE(a.waits());
   lock.let_inner_go();
   EXPECT_THROW(a.finish(), Interrupted);
