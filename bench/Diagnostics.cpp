@@ -13,10 +13,10 @@
 #include "velt/diagnostics/DebugSnapshot.h"
 #include "velt/diagnostics/Settings.h"
 #include "velt/diagnostics/SmartPtrRefsLogger.h"
-#include "velt/diagnostics/StackOverflowException.h"
-#include "velt/diagnostics/StructuredException.h"
-#include "velt/diagnostics/Symbols.h"
 #include "velt/exceptions/EGeneric.h"
+#include "velt/faults/StackOverflowException.h"
+#include "velt/faults/StructuredException.h"
+#include "velt/symbols/Symbols.h"
 #include "velt/threads/ThreadClass.h"
 
 namespace bench {

@@ -1,7 +1,7 @@
-#include "velt/LoadOrderInternal.h"
+#include "velt/base/LoadOrderInternal.h"
 
-#include "velt/diagnostics/SymbolsInternal.h"
 #include "velt/diagnostics/ThrowWatchingInternal.h"
+#include "velt/symbols/SymbolsInternal.h"
 #include "velt/threads/SystemThreadPoolInternal.h"
 #include "velt/value/HolderCacheInternal.h"
 

@@ -6,7 +6,7 @@
 #include <boost/smart_ptr/intrusive_ptr.hpp>
 #include <boost/smart_ptr/intrusive_ref_counter.hpp>
 
-#include "velt/value/SmartPtr.h"
+#include "velt/base/SmartPtr.h"
 
 #if defined(BOUNDARY_BUILDING)
 #define BOUNDARY_API __declspec(dllexport)

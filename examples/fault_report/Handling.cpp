@@ -10,8 +10,8 @@
 #include <typeinfo>
 
 #include "examples/typed_values/Terminal.h"
-#include "velt/diagnostics/Symbols.h"
 #include "velt/exceptions/EGeneric.h"
+#include "velt/symbols/Symbols.h"
 #include "velt/text/Encoding.h"
 
 namespace {

@@ -13,8 +13,8 @@
 #include "Service.h"
 #include "examples/typed_values/Terminal.h"
 #include "velt/diagnostics/Settings.h"
-#include "velt/diagnostics/StructuredException.h"
 #include "velt/exceptions/ExceptionFamily.h"
+#include "velt/faults/StructuredException.h"
 #include "velt/text/Encoding.h"
 #include "velt/text/Numbers.h"
 

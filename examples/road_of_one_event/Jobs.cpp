@@ -3,7 +3,7 @@
 #include <filesystem>
 
 #include "velt/debug/DebugStream.h"
-#include "velt/diagnostics/StructuredException.h"
+#include "velt/faults/StructuredException.h"
 
 namespace {
 

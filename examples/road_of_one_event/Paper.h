@@ -4,8 +4,8 @@
 
 #include <string>
 
+#include "velt/base/SmartPtr.h"
 #include "velt/os/File.h"
-#include "velt/value/SmartPtr.h"
 #include "velt/value/Value.h"
 
 class paper : public SmartPtrObj {

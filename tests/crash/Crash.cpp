@@ -10,8 +10,8 @@
 
 #include "tests/crash/Crash.h"
 #include "velt/diagnostics/Settings.h"
-#include "velt/diagnostics/StackOverflowException.h"
-#include "velt/diagnostics/StructuredException.h"
+#include "velt/faults/StackOverflowException.h"
+#include "velt/faults/StructuredException.h"
 #include "velt/threads/ThreadClass.h"
 
 namespace crash {

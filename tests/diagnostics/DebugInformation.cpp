@@ -5,8 +5,8 @@
 
 #include "tests/diagnostics/Fakes.h"
 #include "velt/diagnostics/Settings.h"
-#include "velt/diagnostics/StructuredException.h"
 #include "velt/exceptions/EGeneric.h"
+#include "velt/faults/StructuredException.h"
 
 using velt_test::fakes;
 using velt_test::Fresh;

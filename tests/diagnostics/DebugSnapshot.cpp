@@ -17,8 +17,8 @@
 #include <vector>
 
 #include "tests/support/OpenHandles.h"
-#include "velt/diagnostics/Symbols.h"
 #include "velt/locks/Event.h"
+#include "velt/symbols/Symbols.h"
 
 using testing::AllOf;
 using testing::HasSubstr;

@@ -12,7 +12,7 @@
 
 #include "tests/diagnostics/Fakes.h"
 #include "velt/diagnostics/DebugSnapshot.h"
-#include "velt/diagnostics/EngineIsolationInternal.h"
+#include "velt/symbols/EngineIsolationInternal.h"
 
 using testing::EndsWith;
 using testing::HasSubstr;

@@ -1,4 +1,4 @@
-// The examples and tables of docs/diagnostics.md, run.
+// The examples and tables of docs/diagnostics.md, docs/faults.md and docs/symbols.md, run.
 #include "tests/support/DocExamples.h"
 
 #include <gmock/gmock.h>
@@ -17,15 +17,15 @@
 
 #include "tests/support/ChildProcess.h"
 #include "tests/support/DocTables.h"
+#include "velt/base/SmartPtr.h"
 #include "velt/diagnostics/DebugSnapshot.h"
 #include "velt/diagnostics/Settings.h"
 #include "velt/diagnostics/SmartPtrRefsLogger.h"
-#include "velt/diagnostics/StackOverflowException.h"
-#include "velt/diagnostics/StructuredException.h"
-#include "velt/diagnostics/Symbols.h"
 #include "velt/exceptions/EGeneric.h"
+#include "velt/faults/StackOverflowException.h"
+#include "velt/faults/StructuredException.h"
 #include "velt/locks/Event.h"
-#include "velt/value/SmartPtr.h"
+#include "velt/symbols/Symbols.h"
 
 namespace {
 
@@ -240,7 +240,8 @@ TEST_F(FirstSteps, StandardExceptionsBecomeComplete) {
 }
 
 TEST(DiagnosticsDocExamples, StandOnThePageAsTheyRunHere) {
-  velt_test::expect_doc_examples_run("diagnostics.md", __FILE__);
+  for (auto const page : {"diagnostics.md", "faults.md", "symbols.md"})
+    velt_test::expect_doc_examples_run(page, __FILE__);
 }
 
 TEST(DiagnosticsDocExamples, FaultInALog) {

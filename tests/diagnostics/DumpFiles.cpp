@@ -11,7 +11,7 @@
 
 #include "tests/support/ChildProcess.h"
 #include "velt/diagnostics/Settings.h"
-#include "velt/diagnostics/StructuredException.h"
+#include "velt/faults/StructuredException.h"
 
 using testing::EndsWith;
 using testing::HasSubstr;

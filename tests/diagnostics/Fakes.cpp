@@ -7,11 +7,11 @@
 #include <thread>
 
 #include "velt/diagnostics/Settings.h"
-#include "velt/diagnostics/StructuredException.h"
-#include "velt/diagnostics/Symbols.h"
-#include "velt/diagnostics/SymbolsInternal.h"
-#include "velt/diagnostics/TranslatorInternal.h"
+#include "velt/faults/StructuredException.h"
+#include "velt/faults/TranslatorInternal.h"
 #include "velt/locks/Mutex.h"
+#include "velt/symbols/Symbols.h"
+#include "velt/symbols/SymbolsInternal.h"
 
 bool SaveMiniDumpOnStructuredException;
 bool SaveMiniDumpOnCppException;

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "tests/diagnostics/Fakes.h"
-#include "velt/diagnostics/SymbolsInternal.h"
+#include "velt/symbols/SymbolsInternal.h"
 
 using testing::ElementsAre;
 using testing::HasSubstr;

@@ -24,8 +24,8 @@
 #include "velt/debug/DebugStream.h"
 #include "velt/diagnostics/DebugSnapshot.h"
 #include "velt/diagnostics/Settings.h"
-#include "velt/diagnostics/Symbols.h"
 #include "velt/exceptions/ExceptionFamily.h"
+#include "velt/symbols/Symbols.h"
 #include "velt/threads/ThreadClass.h"
 
 namespace {
@@ -62,7 +62,7 @@ Deed const deeds[] = {
     [] { CoTaskMemFree(keep(CoTaskMemAlloc(100))); },
     [] { HeapFree(GetProcessHeap(), 0, keep(HeapAlloc(GetProcessHeap(), 0, 70'000))); },
     [] { FreeLibrary(LoadLibraryW(L"shlwapi")); },
-    [] { FreeLibrary(LoadLibraryW(L"diagnostics_late_module")); },
+    [] { FreeLibrary(LoadLibraryW(L"symbols_late_module")); },
     [] {
       try {
         throw ENotImplemented("SnapshotTorture", 1, "nothing");

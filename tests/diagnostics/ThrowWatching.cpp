@@ -9,11 +9,11 @@
 #include <vector>
 
 #include "velt/diagnostics/Settings.h"
-#include "velt/diagnostics/StructuredException.h"
-#include "velt/diagnostics/Symbols.h"
 #include "velt/diagnostics/ThrowWatchingInternal.h"
-#include "velt/diagnostics/TranslatorInternal.h"
 #include "velt/exceptions/ExceptionFamily.h"
+#include "velt/faults/StructuredException.h"
+#include "velt/faults/TranslatorInternal.h"
+#include "velt/symbols/Symbols.h"
 
 extern "C" decltype(&GetProcAddress) __real___imp_GetProcAddress;
 extern "C" decltype(&GetProcAddress) __wrap___imp_GetProcAddress;

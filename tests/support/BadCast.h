@@ -7,8 +7,8 @@
 #include <string>
 #include <typeinfo>
 
+#include "velt/base/TypeName.h"
 #include "velt/exceptions/EGeneric.h"
-#include "velt/exceptions/TypeName.h"
 
 namespace velt_test {
 

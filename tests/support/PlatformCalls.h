@@ -14,7 +14,7 @@
 
 #include "tests/support/OpenHandles.h"
 #include "tests/support/SystemCode.h"
-#include "velt/value/DoNotInitialize.h"
+#include "velt/base/DoNotInitialize.h"
 
 namespace velt_test {
 

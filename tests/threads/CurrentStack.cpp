@@ -5,7 +5,7 @@
 #include <string>
 
 #include "tests/threads/Support.h"
-#include "velt/diagnostics/Symbols.h"
+#include "velt/symbols/Symbols.h"
 
 using namespace velt_test;
 

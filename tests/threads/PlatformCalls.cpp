@@ -12,9 +12,9 @@
 #include "tests/support/OpenHandles.h"
 #include "tests/support/SystemCode.h"
 #include "tests/threads/Support.h"
-#include "velt/diagnostics/StructuredException.h"
-#include "velt/diagnostics/SymbolsInternal.h"
+#include "velt/faults/StructuredException.h"
 #include "velt/locks/Mutex.h"
+#include "velt/symbols/SymbolsInternal.h"
 
 using namespace velt_test;
 

@@ -2,7 +2,7 @@
 // output that was redirected to a file or a pipe gets nothing.
 #pragma once
 
-#include "velt/Export.h"
+#include "velt/base/Export.h"
 #include "velt/debug/StreamWriter.h"
 
 class VELT_API TConsoleWriter : public TStreamWriter {

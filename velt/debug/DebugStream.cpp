@@ -10,7 +10,8 @@
 #include <new>
 #include <stdexcept>
 
-#include "velt/LoadOrderInternal.h"
+#include "velt/base/LastErrorInternal.h"
+#include "velt/base/LoadOrderInternal.h"
 #include "velt/debug/ConsoleWriter.h"
 #include "velt/debug/DebugWriter.h"
 #include "velt/debug/FileWriter.h"
@@ -105,7 +106,7 @@ std::string TDebugStream::stamped(char const* text, unsigned __int64 size) {
 // looked at anew. The debugger's channel, for one, changes the last error.
 void TDebugStream::send(char const* text, unsigned __int64 size) {
   TLock guard(Lock);
-  DWORD const error = GetLastError();
+  velt::detail::last_error_keeper const error;
   auto count = Writers.size();
   for (std::size_t index = 0; index < std::min(count, Writers.size()); ++index) {
     auto const writer = Writers[index];
@@ -117,7 +118,6 @@ void TDebugStream::send(char const* text, unsigned __int64 size) {
       --count;
     }
   }
-  SetLastError(error);
 }
 
 void TDebugStream::drop(std::size_t index, SmartPtr<TStreamWriter> const& writer) {

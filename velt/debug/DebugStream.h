@@ -15,12 +15,12 @@
 #include <string>
 #include <vector>
 
-#include "velt/Export.h"
+#include "velt/base/ConstString.h"
+#include "velt/base/Export.h"
+#include "velt/base/SmartPtr.h"
 #include "velt/debug/StreamLock.h"
 #include "velt/debug/StreamWriter.h"
 #include "velt/time/Time.h"
-#include "velt/value/ConstString.h"
-#include "velt/value/SmartPtr.h"
 #include "velt/value/Value.h"
 
 class _bstr_t;

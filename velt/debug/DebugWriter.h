@@ -2,7 +2,7 @@
 // of debug messages shows.
 #pragma once
 
-#include "velt/Export.h"
+#include "velt/base/Export.h"
 #include "velt/debug/StreamWriter.h"
 
 class VELT_API TDebugWriter : public TStreamWriter {

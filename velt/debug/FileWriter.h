@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "velt/Export.h"
+#include "velt/base/Export.h"
 #include "velt/debug/StreamWriter.h"
 
 class VELT_API TFileWriter : public TStreamWriter {

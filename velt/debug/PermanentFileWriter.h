@@ -2,7 +2,7 @@
 // read and delete it meanwhile, but not write to it.
 #pragma once
 
-#include "velt/Export.h"
+#include "velt/base/Export.h"
 #include "velt/debug/StreamWriter.h"
 
 // No flush, no rotation, no limit of size. A copy shares the handle with its

@@ -1,8 +1,6 @@
 #include "velt/debug/StreamLock.h"
 
-#include <windows.h>
-
-#include <utility>
+#include "velt/base/ThreadSlotInternal.h"
 
 namespace velt::detail {
 namespace {
@@ -12,27 +10,20 @@ namespace {
 // one left behind.
 class thread_numbers {
 public:
-  thread_numbers() noexcept : slot(TlsAlloc()) {}
-  thread_numbers(thread_numbers const&) = delete;
-  ~thread_numbers() { TlsFree(std::exchange(slot, TLS_OUT_OF_INDEXES)); }
-
   // 0 if there is no slot. Leaves the thread's last error alone, which is what
   // a statement may be about to write.
   std::uintptr_t of_this_thread() noexcept {
-    DWORD const error = GetLastError();
-    auto number = reinterpret_cast<std::uintptr_t>(TlsGetValue(slot));
-    if (number == 0) number = give_number();
-    SetLastError(error);
-    return number;
+    auto const number = reinterpret_cast<std::uintptr_t>(slot.read());
+    return number != 0 ? number : give_number();
   }
 
 private:
   std::uintptr_t give_number() noexcept {
     auto const number = ++last;
-    return TlsSetValue(slot, reinterpret_cast<void*>(number)) ? number : 0;
+    return slot.write(reinterpret_cast<void*>(number)) ? number : 0;
   }
 
-  DWORD slot;
+  owned_slot slot;
   std::atomic<std::uintptr_t> last = 0;
 };
 

@@ -5,7 +5,7 @@
 #include <atomic>
 #include <cstdint>
 
-#include "velt/Export.h"
+#include "velt/base/Export.h"
 #include "velt/locks/Mutex.h"
 
 namespace velt::detail {

@@ -3,8 +3,8 @@
 // derive from it for another.
 #pragma once
 
-#include "velt/Export.h"
-#include "velt/value/SmartPtr.h"
+#include "velt/base/Export.h"
+#include "velt/base/SmartPtr.h"
 
 // A counted object that streams hold by SmartPtr. A writer has no lock of its
 // own: a stream calls it from one thread at a time, but two streams may call a

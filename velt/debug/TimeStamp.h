@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "velt/Export.h"
+#include "velt/base/Export.h"
 
 // "29.02.04 12:30:45 ": day, month, year of two digits.
 VELT_API std::string now();

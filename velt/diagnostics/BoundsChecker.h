@@ -3,8 +3,8 @@
 
 #include <cstddef>
 
-#include "velt/Export.h"
-#include "velt/value/SmartPtr.h"
+#include "velt/base/Export.h"
+#include "velt/base/SmartPtr.h"
 
 // The library has none and calls none: this is the interface on which a program
 // and its checker agree. Held by SmartPtr. Whether threads may share a checker is

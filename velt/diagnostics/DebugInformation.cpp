@@ -3,10 +3,10 @@
 #include <optional>
 
 #include "velt/diagnostics/Settings.h"
-#include "velt/diagnostics/StructuredException.h"
-#include "velt/diagnostics/SymbolsInternal.h"
-#include "velt/diagnostics/TranslatorInternal.h"
 #include "velt/exceptions/EGeneric.h"
+#include "velt/faults/StructuredException.h"
+#include "velt/faults/TranslatorInternal.h"
+#include "velt/symbols/SymbolsInternal.h"
 
 namespace {
 

@@ -6,11 +6,11 @@
 
 #include <optional>
 
-#include "velt/diagnostics/EngineIsolationInternal.h"
 #include "velt/diagnostics/ProcessLocksInternal.h"
-#include "velt/diagnostics/Symbols.h"
-#include "velt/diagnostics/SymbolsInternal.h"
 #include "velt/locks/Mutex.h"
+#include "velt/symbols/EngineIsolationInternal.h"
+#include "velt/symbols/Symbols.h"
+#include "velt/symbols/SymbolsInternal.h"
 #include "velt/time/Time.h"
 
 namespace {

@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "velt/Export.h"
+#include "velt/base/Export.h"
 
 // Stops all other threads, and lets each go on as soon as its stack is walked.
 // For each of the first 1024 threads of the process the text has a block,

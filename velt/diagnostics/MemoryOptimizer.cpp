@@ -6,21 +6,15 @@
 
 #include <initializer_list>
 
-#include "velt/LoadOrderInternal.h"
+#include "velt/base/EntryInternal.h"
+#include "velt/base/LoadOrderInternal.h"
 
 namespace {
-
-template <class Function>
-Function* look_up(wchar_t const* module_name, char const* name) noexcept {
-  HMODULE const module = GetModuleHandleW(module_name);
-  if (!module) return nullptr;
-  return reinterpret_cast<Function*>(reinterpret_cast<void*>(GetProcAddress(module, name)));
-}
 
 HANDLE heap_of_run_time() noexcept { return reinterpret_cast<HANDLE>(_get_heap_handle()); }
 
 void use_low_fragmentation_heaps() {
-  auto const set = look_up<decltype(HeapSetInformation)>(L"kernel32.dll", "HeapSetInformation");
+  auto const set = velt::detail::find_entry<decltype(HeapSetInformation)>(L"kernel32.dll", "HeapSetInformation");
   if (!set) return;
   ULONG low_fragmentation = 2;
   for (HANDLE const heap : {GetProcessHeap(), heap_of_run_time()})
@@ -29,7 +23,7 @@ void use_low_fragmentation_heaps() {
 
 void turn_off_small_block_heap() {
   using set_threshold = int __cdecl(std::size_t);
-  if (auto const set = look_up<set_threshold>(L"msvcrt", "_set_sbh_threshold")) set(0);
+  if (auto const set = velt::detail::find_entry<set_threshold>(L"msvcrt", "_set_sbh_threshold")) set(0);
 }
 
 VELT_LOAD_STEP(heaps_tuned) MemoryOptimizer const optimizer;

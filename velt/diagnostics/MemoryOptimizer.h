@@ -1,7 +1,7 @@
 // Tuning of the process's heaps, done when the library is loaded.
 #pragma once
 
-#include "velt/Export.h"
+#include "velt/base/Export.h"
 
 // One object of the library's own does its work; clients need none. Nothing
 // fails: what the platform does not offer is left out.

@@ -8,13 +8,13 @@
 #include <cstdio>
 #include <string_view>
 
-#include "velt/LoadOrderInternal.h"
+#include "velt/base/LoadOrderInternal.h"
 #include "velt/diagnostics/ProcessLocksInternal.h"
 #include "velt/diagnostics/Settings.h"
-#include "velt/diagnostics/SymbolsInternal.h"
-#include "velt/diagnostics/ThrownObjectInternal.h"
 #include "velt/exceptions/EGeneric.h"
+#include "velt/faults/ThrownObjectInternal.h"
 #include "velt/locks/Mutex.h"
+#include "velt/symbols/SymbolsInternal.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "velt/Export.h"
+#include "velt/base/Export.h"
 
 struct _EXCEPTION_POINTERS;
 

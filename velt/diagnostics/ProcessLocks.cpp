@@ -4,7 +4,8 @@
 #include <cstdint>
 #include <cstring>
 
-#include "velt/LoadOrderInternal.h"
+#include "velt/base/EntryInternal.h"
+#include "velt/base/LoadOrderInternal.h"
 #include "velt/diagnostics/ProcessLocksInternal.h"
 
 namespace velt::detail {
@@ -14,8 +15,7 @@ template <class Function>
 class entry {
 public:
   entry(HMODULE module, char const* name) noexcept
-      : function(reinterpret_cast<Function*>(
-            reinterpret_cast<void (*)()>(GetProcAddress(module, name)))) {}
+      : function(find_entry<Function>(module, name)) {}
 
   explicit operator bool() const noexcept { return function; }
   template <class... Arguments>

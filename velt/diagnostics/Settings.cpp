@@ -1,6 +1,6 @@
 #include "velt/diagnostics/Settings.h"
 
-#include "velt/LoadOrderInternal.h"
+#include "velt/base/LoadOrderInternal.h"
 
 bool SaveMiniDumpOnStructuredException = true;
 bool SaveMiniDumpOnCppException = true;

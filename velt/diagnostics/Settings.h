@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "velt/Export.h"
+#include "velt/base/Export.h"
 
 // Write a dump when a fault becomes an exception.
 extern VELT_API bool SaveMiniDumpOnStructuredException;

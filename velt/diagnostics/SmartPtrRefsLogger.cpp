@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "velt/diagnostics/SymbolsInternal.h"
+#include "velt/symbols/SymbolsInternal.h"
 
 namespace {
 

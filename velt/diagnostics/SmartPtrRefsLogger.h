@@ -7,7 +7,7 @@
 #include <map>
 #include <string>
 
-#include "velt/Export.h"
+#include "velt/base/Export.h"
 #include "velt/locks/CriticalSection.h"
 
 struct _tagSTACKFRAME64;

@@ -4,15 +4,17 @@
 #include <string>
 #include <utility>
 
-#include "velt/LoadOrderInternal.h"
+#include "velt/base/EntryInternal.h"
+#include "velt/base/LastErrorInternal.h"
+#include "velt/base/LoadOrderInternal.h"
+#include "velt/base/ThreadSlotInternal.h"
 #include "velt/diagnostics/Settings.h"
-#include "velt/diagnostics/StructuredException.h"
-#include "velt/diagnostics/SymbolsInternal.h"
-#include "velt/diagnostics/ThreadSlotInternal.h"
 #include "velt/diagnostics/ThrowWatchingInternal.h"
-#include "velt/diagnostics/ThrownObjectInternal.h"
-#include "velt/diagnostics/TranslatorInternal.h"
 #include "velt/exceptions/ExceptionFamily.h"
+#include "velt/faults/StructuredException.h"
+#include "velt/faults/ThrownObjectInternal.h"
+#include "velt/faults/TranslatorInternal.h"
+#include "velt/symbols/SymbolsInternal.h"
 
 namespace velt::detail {
 
@@ -72,24 +74,13 @@ private:
   VELT_LOAD_STEP(handler_active_slot) static inline thread_slot<active_scope> HandlerActiveSlot;
 };
 
-// A throw between a failed call and the question for its error.
-class last_error_keeper {
-public:
-  last_error_keeper() = default;
-  ~last_error_keeper() { SetLastError(error); }
-  last_error_keeper(last_error_keeper const&) = delete;
-  last_error_keeper& operator=(last_error_keeper const&) = delete;
-
-private:
-  DWORD const error = GetLastError();
-};
-
 // Looked up by name: not every platform has them.
 struct platform_entries {
   decltype(&::AddVectoredExceptionHandler) AddVectoredExceptionHandler = nullptr;
   decltype(&::RemoveVectoredExceptionHandler) RemoveVectoredExceptionHandler = nullptr;
 };
 constinit platform_entries platform;
+constexpr wchar_t kernel32[] = L"kernel32.dll";
 constinit void* VectoredHandlerHandle = nullptr;
 
 bool is_for_debuggers(DWORD code) noexcept { return (code & 0xFFFF0000) == 0x40010000; }
@@ -118,19 +109,15 @@ LONG WINAPI WatchExceptions(_EXCEPTION_POINTERS* pointers) {
   return EXCEPTION_CONTINUE_SEARCH;
 }
 
-template <class Entry>
-void look_up(Entry& entry, HMODULE module, char const* name) noexcept {
-  entry = reinterpret_cast<Entry>(reinterpret_cast<void (*)()>(GetProcAddress(module, name)));
-}
-
 }  // namespace
 
 bool throws_are_watched() noexcept { return VectoredHandlerHandle != nullptr; }
 
 void start_watching_throws() {
-  HMODULE const kernel = GetModuleHandleA("kernel32.dll");
-  look_up(platform.AddVectoredExceptionHandler, kernel, "AddVectoredExceptionHandler");
-  look_up(platform.RemoveVectoredExceptionHandler, kernel, "RemoveVectoredExceptionHandler");
+  platform = {
+      find_entry<decltype(::AddVectoredExceptionHandler)>(kernel32, "AddVectoredExceptionHandler"),
+      find_entry<decltype(::RemoveVectoredExceptionHandler)>(kernel32, "RemoveVectoredExceptionHandler"),
+  };
   constexpr ULONG first = 1;
   if (platform.AddVectoredExceptionHandler && platform.RemoveVectoredExceptionHandler)
     VectoredHandlerHandle = platform.AddVectoredExceptionHandler(first, WatchExceptions);

@@ -4,7 +4,7 @@
 // "SourceLine" and "SourceFunction", in this order.
 #pragma once
 
-#include "velt/Export.h"
+#include "velt/base/Export.h"
 
 namespace velt::detail {
 

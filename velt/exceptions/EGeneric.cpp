@@ -4,7 +4,7 @@
 #include <initializer_list>
 #include <stdexcept>
 
-#include "velt/exceptions/TypeName.h"
+#include "velt/base/TypeName.h"
 
 namespace {
 

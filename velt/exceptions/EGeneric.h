@@ -13,7 +13,7 @@
 #include <utility>
 #include <vector>
 
-#include "velt/Export.h"
+#include "velt/base/Export.h"
 #include "velt/value/Value.h"
 
 struct _CONTEXT;

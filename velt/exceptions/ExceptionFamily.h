@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <string>
 
-#include "velt/Export.h"
+#include "velt/base/Export.h"
 #include "velt/exceptions/EGeneric.h"
 
 class _com_error;

@@ -2,9 +2,10 @@
 
 #include <windows.h>
 
-#include "velt/exceptions/ExceptionFamily.h"
+#include "velt/base/CheckInternal.h"
 #include "velt/locks/NamedObjectInternal.h"
 
+using velt::detail::check;
 using velt::detail::access_list;
 using velt::detail::named_object_security;
 using velt::detail::store_or_throw;
@@ -37,13 +38,13 @@ void TEvent::OpenEventW(wchar_t const* name, unsigned long access) {
 }
 
 void TEvent::SetEvent() {
-  if (!::SetEvent(handle)) ThrowSystemException();
+  check(::SetEvent(handle));
 }
 void TEvent::ResetEvent() {
-  if (!::ResetEvent(handle)) ThrowSystemException();
+  check(::ResetEvent(handle));
 }
 void TEvent::PulseEvent() {
-  if (!::PulseEvent(handle)) ThrowSystemException();
+  check(::PulseEvent(handle));
 }
 
 bool TEvent::Signaled(int time) const {

@@ -1,9 +1,9 @@
 // TEvent: the kernel's event, on which one thread waits until another signals.
 #pragma once
 
-#include "velt/Export.h"
+#include "velt/base/DoNotInitialize.h"
+#include "velt/base/Export.h"
 #include "velt/locks/Handle.h"
-#include "velt/value/DoNotInitialize.h"
 
 // A manual event stays signalled until it is reset; the other kind lets one
 // waiter through and resets itself. Failed platform calls throw

@@ -4,7 +4,9 @@
 
 #include <utility>
 
-#include "velt/exceptions/ExceptionFamily.h"
+#include "velt/base/CheckInternal.h"
+
+using velt::detail::check;
 
 THandle::THandle(void* h) : handle(none()) { share(h); }
 THandle::THandle(THandle const& other) : handle(none()) { share(other.handle); }
@@ -24,7 +26,7 @@ THandle& THandle::operator=(THandle const& other) {
 }
 
 void THandle::CloseHandle() {
-  if (!::CloseHandle(handle)) ThrowSystemException();
+  check(::CloseHandle(handle));
   handle = none();
 }
 
@@ -37,7 +39,7 @@ void* THandle::DetachHandle() noexcept { return std::exchange(handle, none()); }
 
 unsigned long THandle::WaitForSingleObject(unsigned long time, int alertable) const {
   DWORD const result = ::WaitForSingleObjectEx(handle, time, alertable);
-  if (result == WAIT_FAILED) ThrowSystemException();
+  check(result != WAIT_FAILED);
   return result;
 }
 
@@ -55,7 +57,6 @@ void THandle::share(void* h) {
   }
   HANDLE const process = GetCurrentProcess();
   HANDLE duplicate;
-  if (!DuplicateHandle(process, h, process, &duplicate, 0, FALSE, DUPLICATE_SAME_ACCESS))
-    ThrowSystemException();
+  check(DuplicateHandle(process, h, process, &duplicate, 0, FALSE, DUPLICATE_SAME_ACCESS));
   handle = duplicate;
 }

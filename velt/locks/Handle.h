@@ -3,7 +3,7 @@
 // The classes of the objects themselves derive from it.
 #pragma once
 
-#include "velt/Export.h"
+#include "velt/base/Export.h"
 
 // Two values mean that no handle is held: all bits set, and null. A handle is
 // pointer-sized and named void* here as by the platform.

@@ -4,7 +4,7 @@
 // processes share, or a read/write lock.
 #pragma once
 
-#include "velt/Export.h"
+#include "velt/base/Export.h"
 
 // In all interfaces a timeout is in milliseconds, 0 asks without waiting, and
 // 0xFFFFFFFF means no limit. The operations with a timeout return true when the

@@ -17,7 +17,7 @@
 #include <atomic>
 #include <string>
 
-#include "velt/Export.h"
+#include "velt/base/Export.h"
 #include "velt/locks/Lock.h"
 #include "velt/locks/MultiLockLayers.h"
 

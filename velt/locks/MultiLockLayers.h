@@ -11,7 +11,7 @@
 
 #include <atomic>
 
-#include "velt/Export.h"
+#include "velt/base/Export.h"
 
 class VELT_API _ml_common {
 public:

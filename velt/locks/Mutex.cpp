@@ -2,9 +2,10 @@
 
 #include <windows.h>
 
-#include "velt/exceptions/ExceptionFamily.h"
+#include "velt/base/CheckInternal.h"
 #include "velt/locks/NamedObjectInternal.h"
 
+using velt::detail::check;
 using velt::detail::access_list;
 using velt::detail::named_object_security;
 using velt::detail::store_or_throw;
@@ -39,7 +40,7 @@ void TMutex::OpenMutexW(wchar_t const* name, unsigned long access) {
 }
 
 void TMutex::ReleaseMutex() {
-  if (!::ReleaseMutex(handle)) ThrowSystemException();
+  check(::ReleaseMutex(handle));
 }
 
 bool TMutex::Lock(unsigned int timeout) { return acquired(WaitForSingleObject(timeout, TRUE)); }

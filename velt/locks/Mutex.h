@@ -3,10 +3,10 @@
 // of this is needed, TCriticalSection is far cheaper.
 #pragma once
 
-#include "velt/Export.h"
+#include "velt/base/DoNotInitialize.h"
+#include "velt/base/Export.h"
 #include "velt/locks/Handle.h"
 #include "velt/locks/Lock.h"
-#include "velt/value/DoNotInitialize.h"
 
 // Recursive: the owner may lock it again and unlocks it as often. An abandoned
 // mutex, whose owner ended without unlocking, counts as acquired without a

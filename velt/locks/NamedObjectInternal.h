@@ -4,6 +4,7 @@
 
 #include <windows.h>
 
+#include "velt/base/CheckInternal.h"
 #include "velt/exceptions/ExceptionFamily.h"
 
 namespace velt::detail {
@@ -32,7 +33,7 @@ private:
 // Stores what a call that makes or opens an object answers; null throws.
 inline void store_or_throw(void*& handle, HANDLE answer) {
   handle = answer;
-  if (!answer) ThrowSystemException();
+  check(answer);
 }
 
 }  // namespace velt::detail

@@ -2,9 +2,10 @@
 
 #include <windows.h>
 
-#include "velt/exceptions/ExceptionFamily.h"
+#include "velt/base/CheckInternal.h"
 #include "velt/locks/NamedObjectInternal.h"
 
+using velt::detail::check;
 using velt::detail::access_list;
 using velt::detail::named_object_security;
 using velt::detail::store_or_throw;
@@ -39,7 +40,7 @@ void TSemaphore::OpenSemaphoreW(wchar_t const* name, unsigned long access) {
 
 long TSemaphore::ReleaseSemaphore(long count) {
   LONG previous;
-  if (!::ReleaseSemaphore(handle, count, &previous)) ThrowSystemException();
+  check(::ReleaseSemaphore(handle, count, &previous));
   return previous;
 }
 

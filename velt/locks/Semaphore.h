@@ -2,10 +2,10 @@
 // or processes, may hold at once.
 #pragma once
 
-#include "velt/Export.h"
+#include "velt/base/DoNotInitialize.h"
+#include "velt/base/Export.h"
 #include "velt/locks/Handle.h"
 #include "velt/locks/Lock.h"
-#include "velt/value/DoNotInitialize.h"
 
 // Lock takes one from the count and Unlock gives one back; any thread may do
 // either. Failed platform calls throw ESystemException. For Create... and

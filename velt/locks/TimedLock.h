@@ -7,7 +7,7 @@
 #include <atomic>
 #include <cstdint>  // __int64
 
-#include "velt/Export.h"
+#include "velt/base/Export.h"
 #include "velt/locks/Lock.h"
 
 // The wrapped lock is not owned. Operations that it does not have, such as

@@ -2,9 +2,10 @@
 
 #include <windows.h>
 
-#include "velt/exceptions/ExceptionFamily.h"
+#include "velt/base/CheckInternal.h"
 #include "velt/locks/NamedObjectInternal.h"
 
+using velt::detail::check;
 using velt::detail::access_list;
 using velt::detail::named_object_security;
 
@@ -34,23 +35,23 @@ void TWaitableTimer::OpenTimer(wchar_t const* name, unsigned long access) {
 // Compares with what the platform does not answer, see the header.
 void TWaitableTimer::store(void* answer) {
   handle = answer;
-  if (answer == INVALID_HANDLE_VALUE) ThrowSystemException();
+  check(answer != INVALID_HANDLE_VALUE);
 }
 
 void TWaitableTimer::SetTimer(unsigned long milliseconds, long period) {
   constexpr __int64 relative_ticks = -10'000;  // of 100 ns, in a millisecond
   LARGE_INTEGER due;
   due.QuadPart = milliseconds * relative_ticks;
-  if (!SetWaitableTimer(handle, &due, period, nullptr, nullptr, FALSE)) ThrowSystemException();
+  check(SetWaitableTimer(handle, &due, period, nullptr, nullptr, FALSE));
 }
 
 void TWaitableTimer::SetTimer(_FILETIME const& moment) {
   LARGE_INTEGER due;
   due.LowPart = moment.dwLowDateTime;
   due.HighPart = static_cast<LONG>(moment.dwHighDateTime);
-  if (!SetWaitableTimer(handle, &due, 0, nullptr, nullptr, FALSE)) ThrowSystemException();
+  check(SetWaitableTimer(handle, &due, 0, nullptr, nullptr, FALSE));
 }
 
 void TWaitableTimer::CancelTimer() {
-  if (!CancelWaitableTimer(handle)) ThrowSystemException();
+  check(CancelWaitableTimer(handle));
 }

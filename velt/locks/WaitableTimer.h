@@ -3,9 +3,9 @@
 // pass the handle to a wait for several.
 #pragma once
 
-#include "velt/Export.h"
+#include "velt/base/DoNotInitialize.h"
+#include "velt/base/Export.h"
 #include "velt/locks/Handle.h"
-#include "velt/value/DoNotInitialize.h"
 
 struct _FILETIME;
 

@@ -10,7 +10,7 @@
 // with `class` in front the class. Write `class` everywhere.
 #pragma once
 
-#include "velt/Export.h"
+#include "velt/base/Export.h"
 
 // Both throw the COM error of the platform's call, 0x80010106 if the thread is in
 // an apartment of the other kind. To enter the same kind again is no failure: the

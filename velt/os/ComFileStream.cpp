@@ -2,9 +2,10 @@
 
 #include <comdef.h>
 
+#include "velt/base/CheckInternal.h"
 #include "velt/debug/DebugStream.h"
-#include "velt/exceptions/ExceptionFamily.h"
 
+using velt::detail::check;
 using velt::detail::com_stream;
 
 namespace {
@@ -91,6 +92,6 @@ com_stream::stream_ptr CComFileStream::OpenFileStream(wchar_t const* name, unsig
   auto const stream = MakeCounted<CComFileStream>(file);
   stream_ptr result = stream.get();
   // Detached, so that a failure does not meet with another one on its way out.
-  if (!::CloseHandle(file.DetachHandle())) ThrowSystemException();
+  check(::CloseHandle(file.DetachHandle()));
   return result;
 }

@@ -2,7 +2,7 @@
 // speaks COM. CComStringStream does it for text in memory.
 #pragma once
 
-#include "velt/Export.h"
+#include "velt/base/Export.h"
 #include "velt/os/ComStream.h"
 #include "velt/os/File.h"
 

@@ -15,8 +15,8 @@
 #pragma pop_macro("RPC_NO_WINDOWS_H")
 #pragma pop_macro("COM_NO_WINDOWS_H")
 
-#include "velt/Export.h"
-#include "velt/value/SmartPtr.h"
+#include "velt/base/Export.h"
+#include "velt/base/SmartPtr.h"
 
 template <class Identity>
 class _com_ptr_t;

@@ -4,7 +4,7 @@
 
 #include <sstream>
 
-#include "velt/Export.h"
+#include "velt/base/Export.h"
 #include "velt/os/ComStream.h"
 
 // The contents are bytes in a std::stringstream, with one position to read at and

@@ -4,7 +4,9 @@
 
 #include <type_traits>
 
-#include "velt/exceptions/ExceptionFamily.h"
+#include "velt/base/CheckInternal.h"
+
+using velt::detail::check;
 
 namespace {
 
@@ -19,7 +21,7 @@ void open(void*& handle, Char const* name, DWORD access, DWORD share, DWORD disp
       return &::CreateFileW;
   }();
   handle = call(name, access, share, nullptr, disposition, FILE_ATTRIBUTE_NORMAL, nullptr);
-  if (handle == INVALID_HANDLE_VALUE) ThrowSystemException();
+  check(handle != INVALID_HANDLE_VALUE);
 }
 
 }  // namespace
@@ -57,7 +59,7 @@ unsigned long TFile::ReadFile(void* buffer, unsigned long size) {
   return read;
 }
 void TFile::ReadFile(void* buffer, unsigned long size, unsigned long& read) {
-  if (!::ReadFile(handle, buffer, size, &read, nullptr)) ThrowSystemException();
+  check(::ReadFile(handle, buffer, size, &read, nullptr));
 }
 
 unsigned long TFile::WriteFile(void const* buffer, unsigned long size) {
@@ -66,7 +68,7 @@ unsigned long TFile::WriteFile(void const* buffer, unsigned long size) {
   return written;
 }
 void TFile::WriteFile(void const* buffer, unsigned long size, unsigned long& written) {
-  if (!::WriteFile(handle, buffer, size, &written, nullptr)) ThrowSystemException();
+  check(::WriteFile(handle, buffer, size, &written, nullptr));
 }
 
 unsigned long TFile::SetFilePointer(long distance, unsigned long method) noexcept {
@@ -76,7 +78,7 @@ unsigned long TFile::SetFilePointer(long distance, unsigned long method) noexcep
 unsigned __int64 TFile::SetFilePointerEx(__int64 distance, unsigned long method) {
   LARGE_INTEGER by, position;
   by.QuadPart = distance;
-  if (!::SetFilePointerEx(handle, by, &position, method)) ThrowSystemException();
+  check(::SetFilePointerEx(handle, by, &position, method));
   return static_cast<unsigned __int64>(position.QuadPart);
 }
 
@@ -87,7 +89,7 @@ unsigned __int64 TFile::GetFileSize() const noexcept {
 }
 
 void TFile::GetFileInformation(_BY_HANDLE_FILE_INFORMATION& information) const {
-  if (!GetFileInformationByHandle(handle, &information)) ThrowSystemException();
+  check(GetFileInformationByHandle(handle, &information));
 }
 
 _FILETIME TFile::GetLastWriteTime() const {
@@ -97,5 +99,5 @@ _FILETIME TFile::GetLastWriteTime() const {
 }
 
 void TFile::FlushFile() {
-  if (!FlushFileBuffers(handle)) ThrowSystemException();
+  check(FlushFileBuffers(handle));
 }

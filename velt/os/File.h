@@ -5,9 +5,9 @@
 
 #include <cstdint>  // __int64
 
-#include "velt/Export.h"
+#include "velt/base/DoNotInitialize.h"
+#include "velt/base/Export.h"
 #include "velt/locks/Handle.h"
-#include "velt/value/DoNotInitialize.h"
 
 struct _BY_HANDLE_FILE_INFORMATION;
 struct _FILETIME;

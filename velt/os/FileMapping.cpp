@@ -4,9 +4,10 @@
 
 #include <type_traits>
 
-#include "velt/exceptions/ExceptionFamily.h"
+#include "velt/base/CheckInternal.h"
 #include "velt/locks/NamedObjectInternal.h"
 
+using velt::detail::check;
 using velt::detail::store_or_throw;
 
 namespace {
@@ -52,6 +53,6 @@ void TFileMapping::OpenFileMappingW(wchar_t const* name, unsigned long access) {
 void* TFileMapping::MapViewOfFile(unsigned long access, unsigned long offset,
                                   unsigned long size) {
   void* const view = ::MapViewOfFile(handle, access, 0, offset, size);
-  if (!view) ThrowSystemException();
+  check(view);
   return view;
 }

@@ -4,7 +4,7 @@
 
 #include <cstdint>  // __int64
 
-#include "velt/Export.h"
+#include "velt/base/Export.h"
 #include "velt/locks/Handle.h"
 
 // It owns the mapping, not its views. A view keeps the memory alive by itself,

@@ -3,7 +3,7 @@
 // work was done.
 #pragma once
 
-#include "velt/Export.h"
+#include "velt/base/Export.h"
 
 // Belongs to the call that is being served and to its thread: it must go on the
 // thread that made it.

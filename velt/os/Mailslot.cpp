@@ -2,7 +2,9 @@
 
 #include <windows.h>
 
-#include "velt/exceptions/ExceptionFamily.h"
+#include "velt/base/CheckInternal.h"
+
+using velt::detail::check;
 
 TMailslot::TMailslot(char const* name, unsigned long readTimeout, unsigned long maximumSize) {
   CreateMailslotW(name, maximumSize, readTimeout);
@@ -14,10 +16,10 @@ TMailslot::TMailslot(wchar_t const* name, unsigned long readTimeout, unsigned lo
 void TMailslot::CreateMailslotW(char const* name, unsigned long maximumSize,
                                 unsigned long readTimeout) {
   handle = ::CreateMailslotA(name, maximumSize, readTimeout, nullptr);
-  if (handle == INVALID_HANDLE_VALUE) ThrowSystemException();
+  check(handle != INVALID_HANDLE_VALUE);
 }
 void TMailslot::CreateMailslotW(wchar_t const* name, unsigned long maximumSize,
                                 unsigned long readTimeout) {
   handle = ::CreateMailslotW(name, maximumSize, readTimeout, nullptr);
-  if (handle == INVALID_HANDLE_VALUE) ThrowSystemException();
+  check(handle != INVALID_HANDLE_VALUE);
 }

@@ -2,9 +2,9 @@
 // a TFile that is opened by the same name.
 #pragma once
 
-#include "velt/Export.h"
+#include "velt/base/DoNotInitialize.h"
+#include "velt/base/Export.h"
 #include "velt/os/Overlapped.h"
-#include "velt/value/DoNotInitialize.h"
 
 // Each read takes one message, for which the buffer must have room. Reads are those
 // of TOverlapped: one may still run on return. When the time to wait is over it

@@ -2,13 +2,16 @@
 
 #include <windows.h>
 
+#include "velt/base/CheckInternal.h"
 #include "velt/exceptions/ExceptionFamily.h"
+
+using velt::detail::check;
 
 namespace {
 
 // To have ended at once and to have started are both well.
 void expect_started(BOOL ended) {
-  if (!ended && GetLastError() != ERROR_IO_PENDING) ThrowSystemException();
+  check(ended || GetLastError() == ERROR_IO_PENDING);
 }
 
 }  // namespace
@@ -27,8 +30,7 @@ void TOverlapped<TFile>::SetEvent(void* event) {
   hEvent = nullptr;
   if (!event) return;
   HANDLE const process = GetCurrentProcess();
-  if (!DuplicateHandle(process, event, process, &hEvent, 0, FALSE, DUPLICATE_SAME_ACCESS))
-    ThrowSystemException();
+  check(DuplicateHandle(process, event, process, &hEvent, 0, FALSE, DUPLICATE_SAME_ACCESS));
 }
 
 unsigned long TOverlapped<TFile>::ReadFile(void* buffer, unsigned long size) {
@@ -61,5 +63,5 @@ bool TOverlapped<TFile>::HasIoCompleted() const noexcept {
 }
 
 void TOverlapped<TFile>::CancelIo() {
-  if (!::CancelIo(handle)) ThrowSystemException();
+  check(::CancelIo(handle));
 }

@@ -6,7 +6,7 @@
 #include <windef.h>
 #include <minwinbase.h>
 
-#include "velt/Export.h"
+#include "velt/base/Export.h"
 #include "velt/os/File.h"
 
 template <class File>

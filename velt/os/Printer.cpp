@@ -9,7 +9,10 @@
 #include <new>
 #include <string>
 
+#include "velt/base/CheckInternal.h"
 #include "velt/exceptions/ExceptionFamily.h"
+
+using velt::detail::check;
 
 namespace {
 
@@ -42,10 +45,6 @@ BYTE* bytes(AutoPtr<Record> const& block) {
   return reinterpret_cast<BYTE*>(block.get());
 }
 
-void expect(BOOL done) {
-  if (!done) ThrowSystemException();
-}
-
 // `call` takes the level, the block, its size and the place for the size that is
 // needed, and answers as the platform does.
 template <class Record, class Call>
@@ -54,9 +53,9 @@ void fetch(AutoPtr<Record>& block, Call const& call) {
   static_assert(level != 0, "a record whose level is not listed");
   DWORD needed = 0;
   if (call(level, nullptr, 0, &needed)) return;
-  if (GetLastError() != ERROR_INSUFFICIENT_BUFFER) ThrowSystemException();
+  check(GetLastError() == ERROR_INSUFFICIENT_BUFFER);
   block.reset(static_cast<Record*>(::operator new(needed)));
-  expect(call(level, bytes(block), needed, &needed));
+  check(call(level, bytes(block), needed, &needed));
 }
 
 // The same for calls that also take the place for the number of records.
@@ -98,12 +97,12 @@ DWORD fetch_ports(wchar_t const* server, AutoPtr<Record>& ports) {
 
 template <class Record>
 void set_printer(HANDLE printer, AutoPtr<Record> const& info) {
-  expect(::SetPrinterW(printer, level_of<Record>, bytes(info), 0));
+  check(::SetPrinterW(printer, level_of<Record>, bytes(info), 0));
 }
 
 template <class Record>
 void set_job(HANDLE printer, DWORD job, AutoPtr<Record> const& info) {
-  expect(::SetJobW(printer, job, level_of<Record>, bytes(info), 0));
+  check(::SetJobW(printer, job, level_of<Record>, bytes(info), 0));
 }
 
 // Calls for named data answer with the code itself.
@@ -140,11 +139,11 @@ void TPrinter::OpenPrinterW(wchar_t const* name, unsigned long access) {
 }
 
 void TPrinter::ControlPrinter(unsigned long command) {
-  expect(::SetPrinterW(handle, 0, nullptr, command));
+  check(::SetPrinterW(handle, 0, nullptr, command));
 }
 
 void TPrinter::ControlJob(unsigned long jobId, unsigned long command) {
-  expect(ControlJobSilent(jobId, command));
+  check(ControlJobSilent(jobId, command));
 }
 
 bool TPrinter::ControlJobSilent(unsigned long jobId, unsigned long command) noexcept {

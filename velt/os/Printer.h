@@ -4,10 +4,10 @@
 // platform's own calls (StartDocPrinter and its kind).
 #pragma once
 
-#include "velt/Export.h"
+#include "velt/base/AutoPtr.h"
+#include "velt/base/DoNotInitialize.h"
+#include "velt/base/Export.h"
 #include "velt/locks/Handle.h"
-#include "velt/value/AutoPtr.h"
-#include "velt/value/DoNotInitialize.h"
 #include "velt/value/Value.h"
 
 struct _PRINTER_INFO_1W;

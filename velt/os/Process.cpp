@@ -4,7 +4,9 @@
 
 #include <string>
 
-#include "velt/exceptions/ExceptionFamily.h"
+#include "velt/base/CheckInternal.h"
+
+using velt::detail::check;
 
 namespace {
 
@@ -14,9 +16,8 @@ void create(void*& handle, Call call, Char* commandLine, DWORD flags) {
   Startup startup = {};
   startup.cb = sizeof startup;
   PROCESS_INFORMATION made;
-  if (!call(nullptr, commandLine, nullptr, nullptr, FALSE, flags, nullptr, nullptr, &startup,
-            &made))
-    ThrowSystemException();
+  check(call(nullptr, commandLine, nullptr, nullptr, FALSE, flags, nullptr, nullptr, &startup,
+            &made));
   handle = made.hProcess;
   ::CloseHandle(made.hThread);
 }
@@ -33,5 +34,5 @@ void TProcess::CreateProcessW(wchar_t const* commandLine, unsigned long flags) {
 }
 
 void TProcess::TerminateProcess(int exitCode) {
-  if (!::TerminateProcess(handle, static_cast<UINT>(exitCode))) ThrowSystemException();
+  check(::TerminateProcess(handle, static_cast<UINT>(exitCode)));
 }

@@ -2,7 +2,7 @@
 // platform's GetExitCodeProcess tells how it ended.
 #pragma once
 
-#include "velt/Export.h"
+#include "velt/base/Export.h"
 #include "velt/locks/Handle.h"
 
 // Destroying the object closes its handle, and the process goes on. Failed

@@ -11,7 +11,7 @@
 
 #include <string>
 
-#include "velt/Export.h"
+#include "velt/base/Export.h"
 
 VELT_API bool isdigit(std::string const& text);
 VELT_API bool isxdigit(std::string const& text);

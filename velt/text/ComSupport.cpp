@@ -4,8 +4,8 @@
 #include <exception>
 #include <new>
 
-#include "velt/Export.h"
-#include "velt/LoadOrderInternal.h"
+#include "velt/base/Export.h"
+#include "velt/base/LoadOrderInternal.h"
 #include "velt/text/ComStringInternal.h"
 
 using velt::detail::raise_com_error;

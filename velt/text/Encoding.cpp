@@ -5,7 +5,9 @@
 #include <cassert>
 #include <climits>
 
-#include "velt/exceptions/ExceptionFamily.h"
+#include "velt/base/CheckInternal.h"
+
+using velt::detail::check;
 
 namespace {
 
@@ -18,9 +20,9 @@ std::basic_string<Target> converted(basic_const_string<Source> source, Convert c
   if (source.length > INT_MAX) ThrowSystemException(ERROR_INVALID_PARAMETER);
   auto const length = static_cast<int>(source.length);
   int const size = convert(source.data, length, nullptr, 0);
-  if (size == 0) ThrowSystemException();
+  check(size);
   std::basic_string<Target> result(static_cast<std::size_t>(size), Target());
-  if (convert(source.data, length, result.data(), size) == 0) ThrowSystemException();
+  check(convert(source.data, length, result.data(), size));
   return result;
 }
 

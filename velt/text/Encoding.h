@@ -13,8 +13,8 @@
 
 #include <string>
 
-#include "velt/Export.h"
-#include "velt/value/ConstString.h"
+#include "velt/base/ConstString.h"
+#include "velt/base/Export.h"
 
 VELT_API std::string as_string(basic_const_string<wchar_t> source, int code_page = 0);
 VELT_API std::wstring as_wstring(basic_const_string<char> source, int code_page = 0);

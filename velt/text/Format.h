@@ -16,8 +16,8 @@
 
 #include <string>
 
-#include "velt/Export.h"
-#include "velt/value/ConstString.h"
+#include "velt/base/ConstString.h"
+#include "velt/base/Export.h"
 
 class _bstr_t;
 

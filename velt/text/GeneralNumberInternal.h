@@ -12,7 +12,7 @@
 #include <cstddef>
 #include <string>
 
-#include "velt/Export.h"
+#include "velt/base/Export.h"
 
 namespace velt::detail {
 

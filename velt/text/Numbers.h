@@ -7,7 +7,7 @@
 
 #include <string>
 
-#include "velt/Export.h"
+#include "velt/base/Export.h"
 
 // The digits of `value` in `radix`, from 2 to 36, letters in lower case. In
 // radix 10 a negative value has a sign; in any other it is written as the bit

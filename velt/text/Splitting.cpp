@@ -9,8 +9,8 @@
 #include <string_view>
 #include <utility>
 
+#include "velt/base/ConstString.h"
 #include "velt/text/ComStringInternal.h"
-#include "velt/value/ConstString.h"
 
 namespace {
 

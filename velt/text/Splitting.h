@@ -24,7 +24,7 @@
 #include <type_traits>
 #include <vector>
 
-#include "velt/Export.h"
+#include "velt/base/Export.h"
 
 class _bstr_t;
 

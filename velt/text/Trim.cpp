@@ -6,8 +6,8 @@
 #include <cassert>
 #include <string_view>
 
+#include "velt/base/ConstString.h"
 #include "velt/text/ComStringInternal.h"
-#include "velt/value/ConstString.h"
 
 namespace {
 

@@ -12,7 +12,7 @@
 #include <concepts>
 #include <string>
 
-#include "velt/Export.h"
+#include "velt/base/Export.h"
 
 class _bstr_t;
 

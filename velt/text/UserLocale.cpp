@@ -6,7 +6,7 @@
 #include <array>
 #include <stdexcept>
 
-#include "velt/LoadOrderInternal.h"
+#include "velt/base/LoadOrderInternal.h"
 
 namespace {
 

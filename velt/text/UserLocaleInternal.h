@@ -4,7 +4,7 @@
 
 #include <locale>
 
-#include "velt/Export.h"
+#include "velt/base/Export.h"
 
 namespace velt::detail {
 

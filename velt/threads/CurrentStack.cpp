@@ -3,9 +3,9 @@
 #include <optional>
 
 #include "velt/diagnostics/ProcessLocksInternal.h"
-#include "velt/diagnostics/SymbolsInternal.h"
 #include "velt/locks/Lock.h"
 #include "velt/locks/Mutex.h"
+#include "velt/symbols/SymbolsInternal.h"
 #include "velt/threads/ThreadClass.h"
 
 namespace {

@@ -4,7 +4,7 @@
 
 #include <atomic>
 
-#include "velt/exceptions/ExceptionFamily.h"
+#include "velt/base/CheckInternal.h"
 
 namespace velt::detail {
 namespace {
@@ -25,7 +25,7 @@ HMODULE own_module_as_it_is() noexcept {
 }  // namespace
 
 void hold_library() {
-  if (!own_module(0)) ThrowSystemException();
+  check(own_module(0));
 }
 
 void release_library() noexcept { FreeLibrary(own_module_as_it_is()); }

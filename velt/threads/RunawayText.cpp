@@ -3,8 +3,8 @@
 #include <string>
 #include <typeinfo>
 
+#include "velt/base/TypeName.h"
 #include "velt/debug/DebugStream.h"
-#include "velt/exceptions/TypeName.h"
 
 namespace velt::detail {
 

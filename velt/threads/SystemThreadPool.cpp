@@ -1,6 +1,6 @@
 #include "velt/threads/SystemThreadPoolInternal.h"
 
-#include "velt/threads/HandleCopies.h"
+#include "velt/base/HandleCopies.h"
 #include "velt/threads/LibraryReferenceInternal.h"
 #include "velt/threads/ThreadPool.h"
 

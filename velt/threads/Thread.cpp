@@ -3,13 +3,11 @@
 #include <process.h>
 #include <windows.h>
 
-#include "velt/exceptions/ExceptionFamily.h"
+#include "velt/base/CheckInternal.h"
+
+using velt::detail::check;
 
 namespace {
-
-void check(bool success) {
-  if (!success) ThrowSystemException();
-}
 
 constexpr DWORD failed = 0xFFFFFFFF;
 

@@ -6,9 +6,9 @@
 
 #include <cstdint>  // __int64
 
-#include "velt/Export.h"
+#include "velt/base/DoNotInitialize.h"
+#include "velt/base/Export.h"
 #include "velt/locks/Handle.h"
-#include "velt/value/DoNotInitialize.h"
 
 // The handle is kept as by THandle: a copy refers to the same thread, and the
 // end of the object closes the handle and leaves the thread alone. Operations go

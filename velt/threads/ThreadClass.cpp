@@ -6,10 +6,10 @@
 #include <exception>
 
 #include "velt/debug/DebugStream.h"
-#include "velt/diagnostics/StructuredException.h"
 #include "velt/exceptions/ExceptionFamily.h"
+#include "velt/faults/StackGuaranteeInternal.h"
+#include "velt/faults/StructuredException.h"
 #include "velt/threads/RunawayTextInternal.h"
-#include "velt/threads/StackGuaranteeInternal.h"
 
 TThreadClass::TThreadClass() noexcept : TThread(DoNotInitialize) {}
 

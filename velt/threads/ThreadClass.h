@@ -11,7 +11,7 @@
 #include <atomic>
 #include <string>
 
-#include "velt/Export.h"
+#include "velt/base/Export.h"
 #include "velt/threads/Thread.h"
 
 // Times are milliseconds, 0xFFFFFFFF meaning no limit. Failed platform calls

@@ -7,7 +7,7 @@
 #include <atomic>
 #include <string>
 
-#include "velt/Export.h"
+#include "velt/base/Export.h"
 #include "velt/locks/MultiLock.h"
 #include "velt/threads/ThreadClass.h"
 #include "velt/threads/ThreadJob.h"

@@ -7,8 +7,8 @@
 // IThreadOwner to give workers jobs by other rules than a pool's.
 #pragma once
 
-#include "velt/Export.h"
-#include "velt/value/SmartPtr.h"
+#include "velt/base/Export.h"
+#include "velt/base/SmartPtr.h"
 
 // A worker: one thread that asks its owner for jobs.
 //

@@ -6,7 +6,7 @@
 #include <utility>
 #include <vector>
 
-#include "velt/LoadOrderInternal.h"
+#include "velt/base/LoadOrderInternal.h"
 #include "velt/exceptions/ExceptionFamily.h"
 #include "velt/text/Numbers.h"
 #include "velt/threads/ThreadContext.h"

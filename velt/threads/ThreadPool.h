@@ -11,7 +11,7 @@
 #include <type_traits>
 #include <utility>
 
-#include "velt/Export.h"
+#include "velt/base/Export.h"
 #include "velt/threads/ThreadJob.h"
 #include "velt/threads/ThreadTask.h"
 

@@ -5,10 +5,10 @@
 #include <memory>
 #include <typeinfo>
 
-#include "velt/diagnostics/StackOverflowException.h"
+#include "velt/base/TypeName.h"
 #include "velt/exceptions/EGeneric.h"
 #include "velt/exceptions/ExceptionFamily.h"
-#include "velt/exceptions/TypeName.h"
+#include "velt/faults/StackOverflowException.h"
 
 namespace {
 

@@ -10,10 +10,10 @@
 #include <type_traits>
 #include <utility>
 
-#include "velt/Export.h"
+#include "velt/base/Export.h"
+#include "velt/base/HandleCopies.h"
 #include "velt/locks/Event.h"
 #include "velt/locks/MultiLock.h"
-#include "velt/threads/HandleCopies.h"
 #include "velt/threads/ThreadJob.h"
 
 class EGeneric;

@@ -2,7 +2,7 @@
 
 #include <windows.h>
 
-#include "velt/LoadOrderInternal.h"
+#include "velt/base/LoadOrderInternal.h"
 
 namespace {
 

@@ -16,8 +16,8 @@
 
 #include <cstdint>  // __int64
 
-#include "velt/Export.h"
-#include "velt/value/DoNotInitialize.h"
+#include "velt/base/DoNotInitialize.h"
+#include "velt/base/Export.h"
 
 union _LARGE_INTEGER;
 struct _FILETIME;

@@ -8,7 +8,7 @@
 #include <concepts>
 #include <string>
 
-#include "velt/Export.h"
+#include "velt/base/Export.h"
 
 struct tm;
 struct _SYSTEMTIME;

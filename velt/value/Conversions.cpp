@@ -2,9 +2,9 @@
 #include <cstring>
 #include <string_view>
 
+#include "velt/base/ConstString.h"
 #include "velt/text/ComStringInternal.h"
 #include "velt/text/Encoding.h"
-#include "velt/value/ConstString.h"
 #include "velt/value/ConversionsInternal.h"
 
 namespace velt::detail {

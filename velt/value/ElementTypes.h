@@ -7,8 +7,8 @@
 #include <string>
 #include <type_traits>
 
+#include "velt/base/SmartPtr.h"
 #include "velt/time/Time.h"
-#include "velt/value/SmartPtr.h"
 
 class _bstr_t;
 

@@ -6,9 +6,9 @@
 #include <new>
 #include <utility>
 
+#include "velt/base/ThreadSlotInternal.h"
 #include "velt/value/HolderCacheInternal.h"
 #include "velt/value/HolderCount.h"
-#include "velt/value/ThreadSlotInternal.h"
 
 namespace velt::detail {
 namespace {

@@ -4,7 +4,7 @@
 
 #include <cstdint>  // __int64
 
-#include "velt/Export.h"
+#include "velt/base/Export.h"
 
 namespace velt::detail {
 

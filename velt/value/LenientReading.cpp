@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "velt/exceptions/TypeName.h"
+#include "velt/base/TypeName.h"
 #include "velt/text/Encoding.h"
 #include "velt/text/GeneralNumberInternal.h"
 #include "velt/text/Numbers.h"

@@ -5,7 +5,7 @@
 #include <map>
 #include <vector>
 
-#include "velt/Export.h"
+#include "velt/base/Export.h"
 #include "velt/locks/MultiLock.h"
 #include "velt/value/Value.h"
 

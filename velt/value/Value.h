@@ -16,11 +16,11 @@
 #include <typeinfo>
 #include <vector>
 
-#include "velt/Export.h"
-#include "velt/value/ConstArray.h"
-#include "velt/value/ConstString.h"
+#include "velt/base/ConstArray.h"
+#include "velt/base/ConstString.h"
+#include "velt/base/Export.h"
+#include "velt/base/SmartPtr.h"
 #include "velt/value/ElementTypes.h"
-#include "velt/value/SmartPtr.h"
 #include "velt/value/ValueData.h"
 
 class _value_t;

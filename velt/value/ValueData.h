@@ -8,9 +8,9 @@
 #include <string>
 #include <typeinfo>
 
-#include "velt/Export.h"
+#include "velt/base/Export.h"
+#include "velt/base/SmartPtr.h"
 #include "velt/value/ElementTypes.h"
-#include "velt/value/SmartPtr.h"
 
 class _value_t;
 

@@ -1,0 +1,23 @@
+#include <comutil.h>
+#include <gtest/gtest.h>
+
+#include "velt/base/ConstArray.h"
+#include "velt/base/ConstString.h"
+
+static_assert(offsetof(basic_const_string<char>, data) == 0);
+static_assert(offsetof(basic_const_string<char>, length) == 8);
+static_assert(offsetof(const_array<int>, count) == 0);
+static_assert(offsetof(const_array<int>, data) == 8);
+
+TEST(ConstString, OnlyTerminatedTextHasAnEnd) {
+  std::string const text("abc\0def", 7);
+  EXPECT_EQ(basic_const_string<char>(text).c_str(), text.data());
+  EXPECT_EQ(basic_const_string<char>(text).length, 7u);
+  EXPECT_EQ(basic_const_string<char>("abc").length, 3u);
+  try {
+    (void)basic_const_string<char>("abcdef", 3).c_str();
+    FAIL() << "did not throw";
+  } catch (std::logic_error const& error) {
+    EXPECT_STREQ(error.what(), "Invalid _data of const_string for c_str()");
+  }
+}

@@ -1,0 +1,397 @@
+// Faults in frames that GCC compiled. For each of its frames that has handlers
+// or destructors the platform's dispatcher asks the run time's personality
+// routine, which lets faults pass: it knows C++ throws only. Here is a routine
+// that is asked in its place. Every module that wants its faults translated is
+// linked with --wrap=__gxx_personality_seh0, which puts it there.
+//
+// The order of a fault that is translated:
+// 1. The dispatcher searches from the fault outwards for a frame that takes it.
+//    Frames of other languages decide for themselves. The first frame of ours
+//    whose catch clauses cover the place calls the translator.
+// 2. The translator throws, on top of the stack that faulted. A second search
+//    begins, this time for a C++ exception, and comes past the fault's frame,
+//    where what the real routine takes for granted does not hold: that each
+//    frame it is asked about has called something.
+// 3. The frames are unwound, the one with the fault among them.
+//
+// After an overflow there is no room for two searches on top of each other, with
+// a record of all registers for every step. So the first one ends with step 1:
+// the records are copied to where there is room, and the thread goes on in a
+// function of ours just below the fault, which calls the translator.
+//
+// A vectored handler could not do it: it sees a fault before the handlers that
+// the frames of other languages have for it, and its throw would come from
+// nowhere, as far as the frame with the fault is concerned.
+#include <windows.h>
+
+#include <bit>
+#include <cstring>
+#include <exception>
+#include <optional>
+
+#include "velt/base/LoadOrderInternal.h"
+#include "velt/base/ThreadSlotInternal.h"
+#include "velt/faults/ThrownObjectInternal.h"
+#include "velt/faults/TranslatorInternal.h"
+
+using personality_routine = EXCEPTION_DISPOSITION(EXCEPTION_RECORD*, void*, CONTEXT*,
+                                                  DISPATCHER_CONTEXT*);
+extern "C" personality_routine __real___gxx_personality_seh0;
+extern "C" VELT_API personality_routine __wrap___gxx_personality_seh0;
+extern "C" personality_routine velt_leave_translator;
+extern "C" void velt_enter_translator(unsigned int code, _EXCEPTION_POINTERS* pointers,
+                                      structured_exception_translator translator);
+namespace velt::detail {
+struct overflow_report;
+}
+extern "C" void velt_land_below_fault(velt::detail::overflow_report*, ULONG64 rip, ULONG64 rsp);
+extern "C" void velt_translate_overflow(velt::detail::overflow_report* report);
+
+// The frame of the translator's caller has a handler that is told when it is
+// unwound, for whatever reason; a destructor would be run by some of the
+// reasons only, and costs a second dispatch. The compiler has no way to say so.
+asm(R"(
+  .text
+  .def velt_enter_translator; .scl 3; .type 32; .endef
+  .seh_proc velt_enter_translator
+velt_enter_translator:
+  subq $40, %rsp
+  .seh_stackalloc 40
+  .seh_endprologue
+  .seh_handler velt_leave_translator, @unwind
+  call *%r8
+  nop
+  addq $40, %rsp
+  ret
+  .seh_endproc
+)");
+
+// To an unwinder the function looks as if the processor had called it amid the
+// instruction with the fault: what lies above its frame is a place and a stack
+// pointer to go on with, and the other registers are as they were.
+asm(R"(
+  .text
+  .def velt_land_below_fault; .scl 3; .type 32; .endef
+  .seh_proc velt_land_below_fault
+velt_land_below_fault:
+  .seh_pushframe
+  subq $40, %rsp
+  .seh_stackalloc 40
+  .seh_endprologue
+  movq %rdx, 40(%rsp)
+  movq %r8, 64(%rsp)
+  cld
+  call velt_translate_overflow
+  ud2
+  .seh_endproc
+)");
+
+namespace velt::detail {
+
+// What the platform tells of an overflow, in pages of its own.
+struct overflow_report {
+  EXCEPTION_RECORD record;
+  CONTEXT context;
+};
+
+namespace {
+
+// A fault whose translator is running or was left by a throw that has not come
+// past the fault's frame yet. Lives in the frame of call_translator.
+struct open_fault {
+  open_fault* outer;
+  DWORD code;
+  CONTEXT* context;
+  bool frame_is_ours;       // a search for the handler of the throw came past it
+  overflow_report* report;  // null unless the context is in it
+};
+
+VELT_LOAD_STEP(translator_slots) thread_slot<void(unsigned int, _EXCEPTION_POINTERS*)> translators;
+VELT_LOAD_STEP(translator_slots) thread_slot<open_fault> open_faults;
+
+void close(open_fault const& fault) noexcept {
+  open_faults.set(fault.outer);
+  if (fault.report) VirtualFree(fault.report, 0, MEM_RELEASE);
+}
+
+// Reads the numbers of the compiler's exception tables, which are those of the
+// DWARF format.
+class table_reader {
+public:
+  static constexpr BYTE omitted = 0xFF;
+
+  explicit table_reader(BYTE const* position) noexcept : at(position) {}
+
+  BYTE const* position() const noexcept { return at; }
+
+  BYTE byte() noexcept { return *at++; }
+
+  ULONG64 unsigned_number() noexcept { return leb128(nullptr); }
+
+  LONG64 signed_number() noexcept {
+    unsigned bits = 0;
+    ULONG64 number = leb128(&bits);
+    bool const negative = at[-1] & 0x40;
+    if (negative && bits < 64) number |= ~ULONG64{0} << bits;
+    return static_cast<LONG64>(number);
+  }
+
+  // A number in one of the formats that an encoding byte names.
+  ULONG64 number(BYTE encoding) noexcept {
+    switch (encoding & 0x0F) {
+      case 0x01:
+      case 0x09:
+        return unsigned_number();
+      case 0x02:
+      case 0x0A:
+        return fixed<USHORT>();
+      case 0x03:
+      case 0x0B:
+        return fixed<ULONG>();
+      default:
+        return fixed<ULONG64>();
+    }
+  }
+
+private:
+  template <class Number>
+  Number fixed() noexcept {
+    Number number;
+    std::memcpy(&number, at, sizeof number);
+    at += sizeof number;
+    return number;
+  }
+
+  ULONG64 leb128(unsigned* bits) noexcept {
+    ULONG64 number = 0;
+    unsigned shift = 0;
+    BYTE next;
+    do {
+      next = byte();
+      number |= static_cast<ULONG64>(next & 0x7F) << shift;
+      shift += 7;
+    } while (next & 0x80);
+    if (bits) *bits = shift;
+    return number;
+  }
+
+  BYTE const* at;
+};
+
+struct call_site {
+  bool has_landing_pad;
+  BYTE const* actions;  // null if there is only cleaning up to be done
+};
+
+// The entry of the frame's table that covers the address. None for prologues,
+// and for what the compiler believes not to throw or knows must not.
+std::optional<call_site> find_call_site(DISPATCHER_CONTEXT const& frame, ULONG64 address) noexcept {
+  if (!frame.HandlerData) return {};
+  ULONG64 const offset = address - frame.ImageBase - frame.FunctionEntry->BeginAddress;
+
+  table_reader header(static_cast<BYTE const*>(frame.HandlerData));
+  if (BYTE const encoding = header.byte(); encoding != table_reader::omitted)
+    header.number(encoding);
+  if (header.byte() != table_reader::omitted) header.unsigned_number();
+  BYTE const encoding = header.byte();
+  ULONG64 const size = header.unsigned_number();
+  BYTE const* const actions = header.position() + size;
+
+  for (table_reader sites(header.position()); sites.position() < actions;) {
+    ULONG64 const start = sites.number(encoding);
+    ULONG64 const length = sites.number(encoding);
+    ULONG64 const landing_pad = sites.number(encoding);
+    ULONG64 const action = sites.unsigned_number();
+    if (offset - start < length)
+      return call_site{landing_pad != 0, action ? actions + action - 1 : nullptr};
+  }
+  return {};
+}
+
+// Whether the actions are those of a try block, whatever it catches.
+bool has_catch(BYTE const* actions) noexcept {
+  while (actions) {
+    table_reader record(actions);
+    if (record.signed_number() > 0) return true;
+    BYTE const* const link = record.position();
+    LONG64 const distance = record.signed_number();
+    actions = distance ? link + distance : nullptr;
+  }
+  return false;
+}
+
+bool has_catch_for(DISPATCHER_CONTEXT const& frame, ULONG64 address) noexcept {
+  auto const site = find_call_site(frame, address);
+  return site && site->has_landing_pad && has_catch(site->actions);
+}
+
+// The answer of the dispatcher itself, for functions that keep a frame pointer.
+// Not inlined for the sake of its large record.
+[[gnu::noinline]] bool is_frame_of(CONTEXT const& fault, void* establisher,
+                                   DISPATCHER_CONTEXT const& frame) noexcept {
+  CONTEXT context = fault;
+  void* handler_data;
+  ULONG64 found;
+  RtlVirtualUnwind(UNW_FLAG_NHANDLER, frame.ImageBase, frame.ControlPc, frame.FunctionEntry,
+                   &context, &handler_data, &found, nullptr);
+  return found == reinterpret_cast<ULONG64>(establisher);
+}
+
+// Whether the fault happened in this very frame. The address alone does not
+// tell: when the instruction behind a call faults, it is the return address in
+// the other frames of a recursion.
+bool is_faulting_frame(CONTEXT const& fault, void* establisher,
+                       DISPATCHER_CONTEXT const& frame) noexcept {
+  if (frame.ControlPc != fault.Rip) return false;
+  return reinterpret_cast<ULONG64>(establisher) == fault.Rsp ||
+         is_frame_of(fault, establisher, frame);
+}
+
+// The first bytes of the platform's description of a function.
+struct unwind_info {
+  BYTE version_and_flags;
+  BYTE prologue_size;
+};
+
+// Nothing in a prologue is covered by a call site, and nothing needs to be: what
+// faults there is the stack, directly or in the probe that it calls.
+bool is_in_prologue(DISPATCHER_CONTEXT const& frame) noexcept {
+  auto const info =
+      std::bit_cast<unwind_info const*>(frame.ImageBase + frame.FunctionEntry->UnwindData);
+  return frame.ControlPc - frame.ImageBase - frame.FunctionEntry->BeginAddress <
+         info->prologue_size;
+}
+
+// The throw comes past the frame with the fault. The real routine looks up the
+// address before the one it is given, since that of a call lies before its
+// return address.
+EXCEPTION_DISPOSITION pass_faulting_frame(open_fault const& fault, EXCEPTION_RECORD* record,
+                                          void* establisher, CONTEXT* context,
+                                          DISPATCHER_CONTEXT const& frame) {
+  // The stack may run out at any instruction, so that having no call site does
+  // not mean here that the function must not throw.
+  if (fault.code == EXCEPTION_STACK_OVERFLOW && !find_call_site(frame, frame.ControlPc))
+    return ExceptionContinueSearch;
+  DISPATCHER_CONTEXT behind = frame;
+  ++behind.ControlPc;
+  return __real___gxx_personality_seh0(record, establisher, context, &behind);
+}
+
+void call_translator(structured_exception_translator translator, EXCEPTION_RECORD* record,
+                     CONTEXT* context, overflow_report* report = nullptr) {
+  open_fault fault{open_faults.get(), record->ExceptionCode, context, false, report};
+  EXCEPTION_POINTERS pointers{record, context};
+  open_faults.set(&fault);
+  velt_enter_translator(record->ExceptionCode, &pointers, translator);
+  close(fault);
+}
+
+// Null if there is no memory. What lies behind the context, the halves of wide
+// registers, is not copied.
+overflow_report* report_of(EXCEPTION_RECORD const& record, CONTEXT const& context) noexcept {
+  auto const report = static_cast<overflow_report*>(
+      VirtualAlloc(nullptr, sizeof(overflow_report), MEM_COMMIT, PAGE_READWRITE));
+  if (!report) return nullptr;
+  report->record = record;
+  report->context = context;
+  constexpr DWORD extended_state = 0x40;
+  report->context.ContextFlags &= ~extended_state;
+  return report;
+}
+
+// Makes the context one that goes on in velt_land_below_fault. False if it must
+// not go on, or if the report cannot be made.
+bool redirect_below_fault(EXCEPTION_RECORD const& record, CONTEXT& context) noexcept {
+  if (record.ExceptionFlags & EXCEPTION_NONCONTINUABLE) return false;
+  auto const report = report_of(record, context);
+  if (!report) return false;
+  constexpr ULONG64 machine_frame = 40;
+  context.Rcx = reinterpret_cast<ULONG64>(report);
+  context.Rdx = context.Rip;
+  context.R8 = context.Rsp;
+  context.Rip = reinterpret_cast<ULONG64>(&velt_land_below_fault);
+  context.Rsp = (context.Rsp & ~ULONG64{15}) - machine_frame;
+  return true;
+}
+
+bool is_unwinding(EXCEPTION_RECORD const& record) noexcept {
+  return record.ExceptionFlags & (EXCEPTION_UNWINDING | EXCEPTION_EXIT_UNWIND);
+}
+
+// Of the codes of the run time's throws and steps of unwinding, and of other
+// compilers' throws.
+bool is_fault(EXCEPTION_RECORD const& record) noexcept {
+  return (record.ExceptionCode & 0x20FFFFFF) != own_throw_code &&
+         record.ExceptionCode != foreign_throw_code;
+}
+
+// A fault in a translator gets no translator of its own on its way past the
+// first fault: the same would happen again, and again, until the stack is used
+// up.
+bool is_beyond(open_fault const* fault, void* establisher) noexcept {
+  return fault && static_cast<void const*>(fault) < establisher;
+}
+
+EXCEPTION_DISPOSITION search(EXCEPTION_RECORD* record, void* establisher, CONTEXT* context,
+                             DISPATCHER_CONTEXT const& frame) {
+  auto const translator = translators.get();
+  if (!translator || is_beyond(open_faults.get(), establisher)) return ExceptionContinueSearch;
+  bool const faulted = is_faulting_frame(*context, establisher, frame);
+  if (!has_catch_for(frame, faulted ? frame.ControlPc : frame.ControlPc - 1))
+    return ExceptionContinueSearch;
+  if (record->ExceptionCode == EXCEPTION_STACK_OVERFLOW && redirect_below_fault(*record, *context))
+    return ExceptionContinueExecution;
+  call_translator(translator, record, context);
+  return ExceptionContinueSearch;
+}
+
+EXCEPTION_DISPOSITION pass(EXCEPTION_RECORD* record, void* establisher, CONTEXT* context,
+                           DISPATCHER_CONTEXT* frame) {
+  auto const fault = open_faults.get();
+  bool const faulted = fault && is_faulting_frame(*fault->context, establisher, *frame);
+  if (faulted) {
+    fault->frame_is_ours = true;
+    if (is_unwinding(*record)) close(*fault);
+  }
+  if (record->ExceptionCode == own_throw_code) {
+    if (is_in_prologue(*frame)) return ExceptionContinueSearch;
+    if (faulted) return pass_faulting_frame(*fault, record, establisher, context, *frame);
+  }
+  return __real___gxx_personality_seh0(record, establisher, context, frame);
+}
+
+}  // namespace
+
+structured_exception_translator set_translator(
+    structured_exception_translator translator) noexcept {
+  auto const previous = translators.get();
+  translators.set(translator);
+  return previous;
+}
+
+}  // namespace velt::detail
+
+EXCEPTION_DISPOSITION __wrap___gxx_personality_seh0(EXCEPTION_RECORD* record, void* establisher,
+                                                    CONTEXT* context, DISPATCHER_CONTEXT* frame) {
+  using namespace velt::detail;
+  if (!is_fault(*record) || is_unwinding(*record)) return pass(record, establisher, context, frame);
+  if (auto const answer = search(record, establisher, context, *frame);
+      answer != ExceptionContinueSearch)
+    return answer;
+  return __real___gxx_personality_seh0(record, establisher, context, frame);
+}
+
+// There is no way back into the search.
+void velt_translate_overflow(velt::detail::overflow_report* report) {
+  using namespace velt::detail;
+  call_translator(translators.get(), &report->record, &report->context, report);
+  std::terminate();
+}
+
+// The fault stays open if its own frame is about to be asked: see pass().
+EXCEPTION_DISPOSITION velt_leave_translator(EXCEPTION_RECORD*, void*, CONTEXT*,
+                                            DISPATCHER_CONTEXT*) {
+  using namespace velt::detail;
+  if (auto const fault = open_faults.get(); fault && !fault->frame_is_ours) close(*fault);
+  return ExceptionContinueSearch;
+}

@@ -1,0 +1,70 @@
+#include "velt/faults/StackOverflowException.h"
+
+#include <process.h>
+#include <windows.h>
+
+#include <malloc.h>
+
+#include "velt/base/CheckInternal.h"
+#include "velt/base/LoadOrderInternal.h"
+#include "velt/faults/TranslatorInternal.h"
+#include "velt/locks/CriticalSection.h"
+#include "velt/locks/Handle.h"
+
+using velt::detail::check;
+
+namespace {
+
+// One overflow at a time. What the thread that overflowed hands to the one that
+// makes the exception, and how it learns of the end.
+VELT_LOAD_STEP(stack_overflow_lock) TCriticalSection StackOverflowLock;
+VELT_LOAD_STEP(stack_overflow_thread) THandle StackOverflowThread;
+_EXCEPTION_POINTERS* StackOverflowPointers = nullptr;
+unsigned long StackOverflowThreadId = 0;
+
+VELT_LOAD_STEP(stack_overflow_done) struct done_event : THandle {
+  done_event() { AttachHandle(check(CreateEventW(nullptr, FALSE, FALSE, nullptr))); }
+} StackOverflowDone;
+
+void throw_copy(void* target) {
+  throw EStackOverflowException(*static_cast<EStackOverflowException*>(target));
+}
+
+// Calls that are queued meanwhile are run.
+void wait_until_done() {
+  while (StackOverflowDone.WaitForSingleObject(INFINITE, TRUE) != WAIT_OBJECT_0) {
+  }
+}
+
+}  // namespace
+
+EStackOverflowException::EStackOverflowException() = default;
+
+EStackOverflowException::EStackOverflowException(_EXCEPTION_POINTERS* pointers,
+                                                 unsigned long thread_id)
+    : EStructuredException(EXCEPTION_STACK_OVERFLOW, pointers, thread_id) {}
+
+// Every byte of this frame and of those below counts.
+void EStackOverflowException::Throw(_EXCEPTION_POINTERS* pointers, unsigned long thread_id) {
+  TLock const guard(StackOverflowLock);
+  EStackOverflowException target;
+  StackOverflowPointers = pointers;
+  StackOverflowThreadId = thread_id;
+  unsigned int id;
+  auto const thread = _beginthreadex(nullptr, 0, ThrowThread, &target, 0, &id);
+  StackOverflowThread.AttachHandle(check(reinterpret_cast<void*>(thread)));
+  wait_until_done();
+  StackOverflowThread.CloseHandle();
+  velt::detail::throw_leanly(throw_copy, &target);
+}
+
+unsigned int EStackOverflowException::ThrowThread(void* target) {
+  {
+    EStackOverflowException const made(StackOverflowPointers, StackOverflowThreadId);
+    *static_cast<EStackOverflowException*>(target) = made;
+  }
+  check(SetEvent(StackOverflowDone));
+  return 0;
+}
+
+bool EStackOverflowException::ResetStack() { return _resetstkoflw() != 0; }

@@ -1,0 +1,86 @@
+#include "velt/symbols/SymbolEngineInternal.h"
+
+#undef StackWalk
+
+using namespace velt::detail;
+
+namespace {
+
+bool is_calling_thread(HANDLE thread) {
+  return thread == GetCurrentThread() || GetThreadId(thread) == GetCurrentThreadId();
+}
+
+// From a function to its caller.
+void leave_function(CONTEXT& context) {
+  DWORD64 base, frame;
+  void* data;
+  auto const function = RtlLookupFunctionEntry(context.Rip, &base, nullptr);
+  RtlVirtualUnwind(UNW_FLAG_NHANDLER, base, context.Rip, function, &context, &data, &frame,
+                   nullptr);
+}
+
+ADDRESS64 flat(DWORD64 offset) { return {offset, 0, AddrModeFlat}; }
+
+STACKFRAME64 start_of_walk(CONTEXT const& context) {
+  STACKFRAME64 frame{};
+  frame.AddrPC = flat(context.Rip);
+  frame.AddrFrame = flat(context.Rbp);
+  frame.AddrStack = flat(context.Rsp);
+  return frame;
+}
+
+// The engine stops in front of a module that it does not know. The return
+// address of a frame is that of the next one, and there is none at the start.
+bool step(STACKFRAME64& frame, CONTEXT& context, HANDLE thread) {
+  return ask_engine([&](symbol_engine& engine) {
+    engine.ensure_module(frame.AddrReturn.Offset ? frame.AddrReturn.Offset : frame.AddrPC.Offset);
+    return engine.walk(IMAGE_FILE_MACHINE_AMD64, thread, frame, &context);
+  });
+}
+
+unsigned int walk(unsigned __int64* frames, CONTEXT& context, HANDLE thread, unsigned int skip,
+                  unsigned int max) {
+  unsigned int count = 0;
+  try {
+    engine_hold const hold;
+    if (!hold) return 0;
+    auto frame = start_of_walk(context);
+    while (count != max && step(frame, context, thread)) {
+      if (skip != 0)
+        --skip;
+      else
+        frames[count++] = frame.AddrPC.Offset;
+    }
+  } catch (...) {
+  }
+  return count;
+}
+
+}  // namespace
+
+// Not inlined anywhere, in whole or in part: callers count the frames.
+[[gnu::noipa]] unsigned int StackWalk(unsigned __int64* frames, _CONTEXT* context, void* thread,
+                                      unsigned int skip, unsigned int max) {
+  CONTEXT own;  // the walk changes it
+  if (context) {
+    own = *context;
+  } else {
+    if (!is_calling_thread(thread)) return 0;
+    RtlCaptureContext(&own);
+    leave_function(own);
+  }
+  return walk(frames, own, thread, skip, max);
+}
+
+bool velt::detail::StackWalkStep(_tagSTACKFRAME64* frame, _CONTEXT* context, void* thread) {
+  return try_asking_engine([=](symbol_engine& engine) {
+    return engine.walk(IMAGE_FILE_MACHINE_I386, thread, *frame, context);
+  });
+}
+
+[[gnu::noipa]] std::string GetMyDebugStack() {
+  engine_hold const hold;  // for both the walk and the names
+  unsigned __int64 frames[64] = {};
+  auto const count = StackWalk(frames, nullptr, GetCurrentThread(), 1, 64);
+  return SymGetStackTrace(frames, count);
+}

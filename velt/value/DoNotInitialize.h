@@ -1,9 +1,0 @@
-// Tag for the constructors that build a resource wrapper without acquiring its
-// resource, or a stopwatch without reading its clock.
-#pragma once
-
-#include "velt/Export.h"
-
-struct _DoNotInitialize {};
-
-extern VELT_API const _DoNotInitialize DoNotInitialize;
