@@ -1,18 +1,35 @@
+#include <windows.h>
+
 #include <charconv>
 #include <cstdint>
+#include <mutex>
 #include <string>
 #include <typeinfo>
 
 #include "velt/exceptions/EGeneric.h"
-#include "velt/locks/CriticalSection.h"
-#include "velt/locks/Lock.h"
 #include "velt/value/HoldersInternal.h"
 
 namespace {
 
+// The platform's own section, since the locks of the library stand on exceptions.
+// It is recursive: the text of a value may be made of what() of another exception.
+class buffer_lock {
+public:
+  buffer_lock() noexcept { InitializeCriticalSection(&section); }
+  ~buffer_lock() { DeleteCriticalSection(&section); }
+  buffer_lock(buffer_lock const&) = delete;
+  buffer_lock& operator=(buffer_lock const&) = delete;
+
+  void lock() noexcept { EnterCriticalSection(&section); }
+  void unlock() noexcept { LeaveCriticalSection(&section); }
+
+private:
+  CRITICAL_SECTION section;
+};
+
 // The one text of all exceptions, so that an exception carries none itself.
 struct shared_text {
-  TCriticalSection lock;
+  buffer_lock lock;
   std::string buffer;
 };
 
@@ -61,7 +78,7 @@ std::string text_or_nothing(_value_t const& value) {
 
 char const* EGeneric::what() const noexcept try {
   auto& text = the_text();
-  TLock const guard(text.lock);
+  std::lock_guard const guard(text.lock);
   auto& buffer = text.buffer;
   if (list.size() == 1 && list.front().first == "Text") {
     buffer = text_or_nothing(list.front().second);
