@@ -59,7 +59,7 @@ struct SymbolsOfThisProgram : testing::Test {
 TEST_F(SymbolsOfThisProgram, OwnStackBeginsAtTheCallerOfTheWalk) {
   auto const stack = walk_outer(0);
   ASSERT_GT(stack.frames.size(), 4u);
-  EXPECT_THAT(name_of_frame(stack, 0), AllOf(StartsWith("diagnostics_tests!"),
+  EXPECT_THAT(name_of_frame(stack, 0), AllOf(StartsWith("symbols_tests!"),
                                              HasSubstr("walk_inner+"), EndsWith(stack.source)));
   EXPECT_THAT(name_of_frame(stack, 1), HasSubstr("walk_outer+"));
   EXPECT_THAT(name_of_frame(stack, 2), HasSubstr("[Symbols.cpp#"));
