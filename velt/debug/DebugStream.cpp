@@ -9,6 +9,7 @@
 #include <cstring>
 #include <new>
 #include <stdexcept>
+#include <string_view>
 
 #include "velt/base/LastErrorInternal.h"
 #include "velt/base/LoadOrderInternal.h"
@@ -81,23 +82,16 @@ TDebugStream& TDebugStream::WriteString(char const* text, unsigned __int64 size)
   return *this;
 }
 
+// Only appends: inserting the stamps would move the rest of the text at each line.
 std::string TDebugStream::stamped(char const* text, unsigned __int64 size) {
-  std::string result(text, size);
-  std::size_t position = 0;
-  auto const insert_stamp = [&] {
-    auto const stamp = now2(LastDay);
-    result.insert(position, stamp);
-    // A stamp has a line feed of its own when it carries the date.
-    position += stamp.size();
-  };
-  if (AtLineStart) insert_stamp();
-  AtLineStart = false;
-  while ((position = result.find('\n', position)) != result.npos) {
-    if (++position == result.size()) {
-      AtLineStart = true;
-      break;
-    }
-    insert_stamp();
+  std::string result;
+  for (std::string_view rest(text, size); !rest.empty();) {
+    if (AtLineStart) result += now2(LastDay);
+    auto const end = rest.find('\n');
+    AtLineStart = end != rest.npos;
+    auto const line = rest.substr(0, AtLineStart ? end + 1 : rest.npos);
+    result += line;
+    rest.remove_prefix(line.size());
   }
   return result;
 }
