@@ -8,7 +8,7 @@
 
 #include "Loading.h"
 #include "TerminalWriter.h"
-#include "velt/debug/PermanentFileWriter.h"
+#include "velt/debug/Writers.h"
 #include "velt/text/Format.h"
 #include "velt/text/Numbers.h"
 

@@ -4,7 +4,7 @@
 #include <string>
 
 #include "examples/typed_values/Terminal.h"
-#include "velt/debug/StreamWriter.h"
+#include "velt/debug/Writers.h"
 #include "velt/text/Encoding.h"
 
 // Unlike a TConsoleWriter it also writes where standard output is a pipe. If that
