@@ -183,8 +183,8 @@ public:
 
   TDebugStreamSession& operator<<(_time_t const& time);  // as _time_t::ctime()
 
-  // The text of _value_t::as_string() up to its first NUL, cut as by printf. "<void>"
-  // for the empty value and for a sequence without elements.
+  // The text of _value_t::as_string() up to its first zero byte, cut as by printf.
+  // "<void>" for the empty value and for a sequence without elements.
   TDebugStreamSession& operator<<(_value_t const& value);
 
   // The text of SmartPtrObj::describe(); "<NULL>" for null.

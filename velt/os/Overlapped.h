@@ -45,10 +45,10 @@ public:
   void SetEvent(void* event);
 
   // These start an operation, which may already have ended on return: ask
-  // HasIoCompleted or GetOverlappedResult. The count is 0 while the operation runs. An
-  // operation that fails at once throws here; one that fails later throws when its
-  // result is asked for. Reading at the end of the file is a failure, unlike in TFile:
-  // code 38.
+  // HasIoCompleted or GetOverlappedResult. The count is the number of bytes moved so
+  // far: 0 while the operation runs. An operation that fails at once throws here; one
+  // that fails later throws when its result is asked for. Unlike in TFile, reading at
+  // the end of the file is a failure: code 38.
   unsigned long ReadFile(void* buffer, unsigned long size);
   void ReadFile(void* buffer, unsigned long size, unsigned long& read);
   unsigned long WriteFile(void const* buffer, unsigned long size);
