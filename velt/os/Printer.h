@@ -32,8 +32,8 @@ struct _PORT_INFO_2W;
 //
 // Failures throw ESystemException with the spooler's code. Copying, assignment,
 // CloseHandle and AttachHandle are THandle's: they duplicate and close kernel handles,
-// and the platform normally refuses that for a handle of the spooler. So do nothing with
-// an open printer but use and destroy it. Not synchronised.
+// and the platform normally refuses that for a handle of the spooler. So do not copy,
+// assign or close an open printer; destroy it. Not synchronised.
 class VELT_API TPrinter : public THandle {
 public:
   TPrinter(_DoNotInitialize const&) noexcept {}
