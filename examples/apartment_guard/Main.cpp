@@ -1,5 +1,5 @@
-// Enters a COM apartment of the kind that is asked for, and shows what the thread
-// is in before, meanwhile and afterwards, and that the other kind is refused.
+// Enters a COM apartment of the given kind. Shows which apartment the thread is in
+// before, inside and afterwards, and that the other kind is refused.
 //
 // Status: 0, or 1 if the platform did something else, or 2 if the command was wrong.
 #include <windows.h>
@@ -24,7 +24,7 @@ void tell(std::wstring const& when) {
                             L'\n');
 }
 
-// Both guards end on the way out, the inner one without having been entered.
+// The last guard throws, and unwinding ends the two before it.
 template <class Guard, class Other>
 void enter() {
   Guard const apartment;

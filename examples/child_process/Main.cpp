@@ -1,7 +1,7 @@
 // Runs a program, and ends it if it takes too long.
 //
-// Status: 0 if the program ended with 0, 1 if it ended otherwise or had to be
-// ended, 2 if it could not be started or the command was wrong.
+// Status: 0 if the program ended with 0, 1 if it ended with another code or took too
+// long, 2 if it could not be started or the command was wrong.
 #include <windows.h>
 
 #include <string>
@@ -48,7 +48,7 @@ int run(int milliseconds, std::wstring const& command) {
 }  // namespace
 
 int wmain(int count, wchar_t** arguments) {
-  SaveMiniDumpOnCppException = false;  // a line tells enough
+  SaveMiniDumpOnCppException = false;  // one line of text is enough
   try {
     int const milliseconds = count > 2 ? wtoi(arguments[1]) : 0;
     if (milliseconds > 0 && arguments[1] == itow(milliseconds))

@@ -1,5 +1,5 @@
-// Prints the elements of an XML document, which the platform's reader reads out
-// of a file or, without one, out of a text in memory.
+// Prints the elements of an XML document, which the platform's reader reads from a
+// file or, if none is named, from a text in memory.
 //
 // Status: 0, or 1 if the document is malformed, or 2 if it could not be opened or
 // the command was wrong.
@@ -23,7 +23,7 @@ namespace {
 
 char const built_in[] = "<menu><soup/><main><fish/><rice/></main></menu>";
 
-// The compiler has no import library for the platform's XML.
+// The compiler has no import library for the platform's XML reader.
 IXmlReaderPtr new_reader() {
   auto const library = LoadLibraryW(L"xmllite.dll");
   auto const make = reinterpret_cast<decltype(&CreateXmlReader)>(
@@ -61,7 +61,7 @@ int print_file(wchar_t const* name) {
 }  // namespace
 
 int wmain(int count, wchar_t** arguments) {
-  SaveMiniDumpOnCppException = false;  // a line tells enough
+  SaveMiniDumpOnCppException = false;  // one line of text is enough
   try {
     if (count == 2) return print_file(arguments[1]);
     if (count == 1)

@@ -18,7 +18,7 @@ namespace {
 
 void say(std::wstring const& text) { write(stream::output, text + L'\n'); }
 
-// All that an exception has to say: an EGeneric its values, any other a text.
+// Everything that an exception tells: the values of an EGeneric, or the text of another.
 void say(std::exception const& error) { say(as_wstring(std::string(error.what()))); }
 
 std::wstring type_of(std::exception const& error) {

@@ -1,4 +1,4 @@
-// What a handler sees of a failure, and what it can do.
+// A handler that prints everything it can find out about a failure.
 #pragma once
 
 #include <string>
@@ -7,11 +7,11 @@
 struct piece_of_work {
   wchar_t const* failure;  // for people
   std::string (*run)();
-  bool is_needed;  // or can the service go on without it?
+  bool is_needed;  // false if the service can go on without it
 };
 
-// Runs it and prints its failure. False if there is none.
+// Runs the work and prints its failure. False if it does not fail.
 bool attempt(piece_of_work const& work);
 
-// Paths of the dumps below the current folder, sorted.
+// The sorted paths of the dumps below the current folder.
 std::vector<std::string> dumps();

@@ -1,9 +1,9 @@
 // Lets five things go wrong and prints what a handler sees of each: the values of
-// the exception, with the stack and the path of the dump. Service.cpp holds what
-// goes wrong, Handling.cpp the handler.
+// the exception, with the stack and the path of the dump. The functions that fail are
+// in Service.cpp, the handler is in Handling.cpp.
 //
 // Status: 0, or 1 if something did not go wrong, or 2 if the folder could not be
-// used, the report not be written, or the command was wrong.
+// used, the report could not be written, or the command was wrong.
 #include <windows.h>
 
 #include <string>
@@ -44,7 +44,7 @@ constexpr piece_of_work works[] = {
 
 void set_up_diagnostics() {
   VeltDebugSetup(true);
-  // The run-time modules of the compiler throw and fail on behalf of others.
+  // The compiler's run time throws and fails on behalf of its callers.
   SkipModulesForError += ";libgcc_s_seh-1;libstdc++-6;msvcrt";
   redirect_structured_exceptions();
 }
@@ -60,7 +60,7 @@ bool enter(std::wstring const& folder) {
   return SetCurrentDirectoryW(folder.c_str());
 }
 
-// Inlined, it would stand in the stacks under the name and a line of its caller.
+// Not inlined, or the stacks would show the name and a line of its caller.
 [[gnu::noinline]] int run(std::vector<std::wstring> const& arguments) {
   if (arguments.size() > 1) return mistake(L"more than one folder");
   std::wstring const folder = arguments.empty() ? L"fault_report" : arguments[0];

@@ -1,5 +1,5 @@
-// Functions of a service. None knows anything of diagnostics, and each goes wrong
-// for what it was not written for.
+// Functions of a service. They contain no diagnostics, and each fails for input that
+// it does not expect.
 #pragma once
 
 #include <string>
@@ -11,17 +11,17 @@ struct article {
   int stock;
 };
 
-// Null if there is none of this name.
+// Null if there is no article with this name.
 article const* find_article(std::string const& name);
 int stock_of(article const* found);
 
 int pages(int lines, int lines_of_a_page);
 
-// Of a file, in bytes.
+// The size of a file in bytes.
 unsigned __int64 size_of(wchar_t const* path);
 
-// The one behind the port of the setting.
+// The port after the one in the setting.
 int second_port(_value_t const& setting);
 
-// Of a name such as "list-2026.txt".
+// The year in a name such as "list-2026.txt".
 std::string year_in(std::string const& file_name);

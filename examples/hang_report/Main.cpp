@@ -1,6 +1,6 @@
-// Lets two threads wait for each other's lock for ever while a third computes,
-// notices that nothing is done, prints what every thread is doing, and interrupts
-// them. Work.cpp holds the mistake.
+// Lets two threads dead-lock while a third one computes, notices that there is no
+// progress, prints what every thread is doing, and interrupts the threads. The mistake
+// is in Work.cpp.
 //
 // Status: 0, or 1 if the threads did not hang or could not be interrupted, or 2 if
 // the report could not be written or the command was wrong.
@@ -28,7 +28,7 @@ wchar_t const help[] =
     L"Lets two threads wait for each other's lock for ever while a third computes, and\n"
     L"prints after a second what every thread is doing. Then all are interrupted.\n";
 
-constexpr unsigned int patience = 1000;       // before it counts as a hang
+constexpr unsigned int patience = 1000;       // milliseconds without progress are a hang
 constexpr unsigned int time_to_end = 10'000;  // milliseconds
 
 class worker final : public TThreadClass {
@@ -55,8 +55,8 @@ public:
     }
   }
 
-  // Does nothing if the thread has ended. What it still waits for then, it waited
-  // for deaf, and it is killed.
+  // Does nothing if the thread has ended. Kills a thread that does not reach an
+  // alertable wait in time.
   void interrupt() { InterruptThread(0, time_to_end); }
 
   wchar_t const* const name;
@@ -69,8 +69,8 @@ private:
   TEvent begun;
 };
 
-// For the length of the program. To load the engine when it hangs already might
-// mean to wait for one of the threads that hang.
+// Holds the engine for as long as the program runs. Loading it during a hang might wait
+// for one of the threads that hang.
 struct engine_from_the_start {
   bool const held = SymInitialize();
   ~engine_from_the_start() {

@@ -1,7 +1,7 @@
 #include "Work.h"
 
-// Functions that became parts of their callers would not be found in the stacks
-// under their own names and lines.
+// Not inlined, or the stacks would not show these functions under their own names and
+// lines.
 
 namespace {
 
@@ -10,8 +10,8 @@ namespace {
   ++count;
 }
 
-// Waits until the other thread has its first lock too: otherwise the two would
-// seldom get into each other's way.
+// Waits until the other thread has its first lock too: otherwise the two would seldom
+// dead-lock.
 [[gnu::noinline]] void meet(TEvent& mine, TEvent const& others) {
   mine.Set();
   others.WaitForSignal();

@@ -1,7 +1,7 @@
 // Collects the lines of several processes in one mailslot and prints them as they
-// come in. The processes are this program again.
+// arrive. The processes run this program too.
 //
-// Status: 0, or 2 if the command was wrong or a line did not come in time.
+// Status: 0, or 2 if the command was wrong or a line did not arrive in time.
 #include <windows.h>
 
 #include <string>
@@ -43,7 +43,7 @@ int collect(int processes) {
   wchar_t program[MAX_PATH];
   GetModuleFileNameW(nullptr, program, MAX_PATH);
   for (int i = 0; i < processes; ++i) {
-    TProcess sender;  // goes on without its handle
+    TProcess sender;  // the process runs on without it
     sender.CreateProcessW((L'"' + std::wstring(program) + L"\" --send " + name).c_str(), 0);
   }
   for (int i = 0; i < processes * lines; ++i) write(stream::output, next_line(log));
@@ -53,7 +53,7 @@ int collect(int processes) {
 }  // namespace
 
 int wmain(int count, wchar_t** arguments) {
-  SaveMiniDumpOnCppException = false;  // a line tells enough
+  SaveMiniDumpOnCppException = false;  // one line of text is enough
   try {
     if (count == 3 && arguments[1] == std::wstring(L"--send")) return send(arguments[2]);
     int const processes = count == 2 ? wtoi(arguments[1]) : 0;

@@ -1,4 +1,4 @@
-// Lists the printers of this machine, or tells more of the one that is named.
+// Lists the printers of this machine, or tells more about the one that is named.
 //
 // Status: 0, or 2 if there is no such printer or nothing could be written.
 #include <windows.h>
@@ -15,7 +15,7 @@
 
 namespace {
 
-// What a record lacks is null.
+// A record has null for a text that it lacks.
 std::wstring text_of(wchar_t const* text) { return text ? text : L""; }
 
 void list_all() {
@@ -46,7 +46,7 @@ void tell_of(std::wstring const& name) {
 }  // namespace
 
 int wmain(int count, wchar_t** arguments) {
-  SaveMiniDumpOnCppException = false;  // an unknown printer is no fault of the program
+  SaveMiniDumpOnCppException = false;  // an unknown printer is not a defect
   try {
     if (count > 2)
       return complain(L"printer_list: more than one printer; usage: printer_list [PRINTER]"), 2;

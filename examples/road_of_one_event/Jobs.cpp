@@ -11,7 +11,7 @@ void log_worth(paper const& content, _value_t const& worth) {
   Debug << content.name << ": " << money(worth) << '\n';
 }
 
-// One statement: nothing else comes between.
+// One statement, so no other text comes in between.
 void log_fault(paper const& content, EGeneric const& fault) {
   auto const size = std::filesystem::file_size(fault["MiniDump"].as_string());
   Debug << content.name << ": EStructuredException\n"

@@ -4,14 +4,14 @@
 #include "Paper.h"
 #include "velt/threads/ThreadTask.h"
 
-// Somebody waits for an order, so an exception is kept for him. A fault is logged
-// where it happens, with the size of its dump.
+// Somebody waits for an order, so the task keeps its exception. A fault is logged where
+// it happens, with the size of its dump.
 class order final : public TThreadTask {
 public:
   explicit order(SmartPtr<paper> its_content) : content(std::move(its_content)) {}
   void Run(SmartPtr<IThreadContext> const& context) override;
 
-  // Logs what the order came to, or what RethrowException() throws. Waits for it.
+  // Waits for the order. Logs what it came to, or what RethrowException() throws.
   void log_result();
 
 private:
@@ -21,7 +21,7 @@ private:
   _value_t worth;
 };
 
-// Stock is counted for the log alone. What goes wrong in it nobody catches.
+// Stock is counted for the log only. Nobody catches its exceptions.
 class count_of_stock final : public IThreadJob {
 public:
   explicit count_of_stock(SmartPtr<paper> its_content) : content(std::move(its_content)) {}

@@ -1,10 +1,10 @@
-// A service on a pool: the papers of a folder are its jobs. One of them makes its
-// job read through a bad pointer, another cannot be read as it is meant; the log
-// tells what becomes of both, and the service goes on. Paper.cpp holds the
-// mistake, Jobs.cpp who hears of it.
+// A service on a pool: the papers of a folder are its jobs. One paper makes its job
+// read through a bad pointer, and another is malformed. The log tells what becomes of
+// both, and the service goes on. The mistake is in Paper.cpp; the code that learns of
+// it is in Jobs.cpp.
 //
-// Status: 0 if every job has run, good or bad, or 2 if a folder or a paper could
-// not be opened, the log not be written, or the command was wrong.
+// Status: 0 if every job has run, good or bad, or 2 if a folder or a paper could not
+// be opened, the log could not be written, or the command was wrong.
 #include <windows.h>
 
 #include <algorithm>
@@ -60,7 +60,7 @@ std::vector<std::wstring> names_of_papers(std::wstring const& folder) {
   return names;
 }
 
-// All are opened before the first is worked on.
+// Opens all papers before the first job begins.
 std::vector<SmartPtr<paper>> open_papers(std::wstring const& folder) {
   std::vector<SmartPtr<paper>> papers;
   for (auto const& name : names_of_papers(folder))
@@ -74,14 +74,14 @@ void enter(std::wstring const& folder) {
   if (!SetCurrentDirectoryW(folder.c_str())) throw refusal(folder);
 }
 
-// Faults get a dump and a stack, the service's own exceptions a stack.
+// Faults get a dump and a stack, and the service's own exceptions get a stack.
 void set_up_diagnostics() {
   VeltDebugSetup(true);
   SaveMiniDumpOnCppException = false;
   SkipModulesForError += ";libgcc_s_seh-1;libstdc++-6;msvcrt";
 }
 
-// One worker, so that the log has an order. It begins when all jobs are there.
+// One worker, so that the log has an order. It begins when all jobs are queued.
 void work_on(std::vector<SmartPtr<paper>> const& papers) {
   auto const pool = CreateNewThreadPool(0, 0);
   std::vector<SmartPtr<order>> orders;

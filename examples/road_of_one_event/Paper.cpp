@@ -16,7 +16,7 @@ namespace {
 
 std::string trimmed(std::string const& text) { return trim(text, " \t\r"); }
 
-// Inlined, these two would stand in the stacks under the name of their caller.
+// Not inlined, or the stacks would show these two under the name of their caller.
 [[gnu::noinline]] _value_t quantity_in(std::string const& text) {
   int quantity = 0;
   auto const end = text.data() + text.size();

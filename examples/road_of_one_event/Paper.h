@@ -1,5 +1,5 @@
-// A paper is a small text file with lines of the form "goods = quantity". What it
-// is worth is the sum of the quantities, each times the price of its goods.
+// A paper is a small text file with lines of the form "goods = quantity". Its worth is
+// the sum of the quantities, each times the price of its goods.
 #pragma once
 
 #include <string>
@@ -10,13 +10,13 @@
 
 class paper : public SmartPtrObj {
 public:
-  // Opens it. Throws ESystemException, with the path as "File".
+  // Opens the file. Throws ESystemException, with the path as "File".
   paper(std::wstring const& folder, std::wstring const& its_name);
   ~paper() noexcept override {}
 
-  // Reads it to its end; what it is worth, in cents. Throws EGeneric, with "File"
-  // and "Line", if a quantity is no number. Goods without a price are a mistake
-  // that nobody has thought of.
+  // Reads the file to its end and returns the worth in cents. Throws EGeneric, with
+  // "File" and "Line", if a quantity is not a number. Does not handle goods without a
+  // price: this is the mistake.
   _value_t worth();
 
   std::string const name;
@@ -25,5 +25,5 @@ private:
   TFile file;
 };
 
-// As 1234.50.
+// For example "1234.50".
 std::string money(_value_t const& cents);

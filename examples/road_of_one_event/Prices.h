@@ -1,4 +1,4 @@
-// What goods cost.
+// The prices of goods.
 #pragma once
 
 #include <string>
@@ -8,6 +8,6 @@ struct price {
   int cents;
 };
 
-// Null if the goods have none.
+// Null if the goods have no price.
 price const* find_price(std::string const& goods);
 int cents_of(price const* found);

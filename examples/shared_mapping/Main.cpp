@@ -1,6 +1,6 @@
-// Puts a text into memory that it shares with a second process, which raises it
-// to upper case, and prints what became of it. The second process is this program
-// again.
+// Puts a text into memory that it shares with a second process, which converts it to
+// upper case. Then prints the text from that memory. The second process runs this
+// program too.
 //
 // Status: 0, or 1 if the second process failed, or 2 if the command was wrong or
 // the memory could not be shared.
@@ -57,7 +57,7 @@ std::wstring own_path() {
 }  // namespace
 
 int wmain(int count, wchar_t** arguments) {
-  SaveMiniDumpOnCppException = false;  // a line tells enough
+  SaveMiniDumpOnCppException = false;  // one line of text is enough
   try {
     if (count == 3 && arguments[1] == std::wstring(L"--raise")) return raise(arguments[2]);
     if (count == 2) return share(arguments[1], own_path());

@@ -9,10 +9,10 @@
 
 namespace {
 
-// And the mark that some editors begin a file with.
+// Includes the byte order mark that some editors put at the beginning of a file.
 constexpr wchar_t line_ends[] = L"\r\n\xFEFF";
 
-// Bytes that stand for nothing do not come back as they were.
+// Bytes that are not UTF-8 do not survive the conversion there and back.
 std::wstring decoded(std::string const& bytes) {
   auto const text = as_wstring(bytes, CP_UTF8);
   if (as_string(text, CP_UTF8) != bytes || text.find(L'\0') != text.npos)
@@ -20,7 +20,7 @@ std::wstring decoded(std::string const& bytes) {
   return text;
 }
 
-// Between two double quotes a line end is none.
+// Between double quotes, divide_string does not divide at a line end.
 bool holds_line_end(std::wstring const& line) { return line.find_first_of(line_ends) != line.npos; }
 
 bool is_skipped(std::wstring const& line) {

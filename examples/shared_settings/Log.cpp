@@ -8,13 +8,13 @@
 
 #include "Loading.h"
 #include "TerminalWriter.h"
-#include "velt/debug/PermanentFileWriter.h"
+#include "velt/debug/Writers.h"
 #include "velt/text/Format.h"
 #include "velt/text/Numbers.h"
 
 namespace {
 
-// Is the line whole, and its number higher than the last of its thread?
+// Is the line whole, and is its number higher than the thread's last one?
 bool follows(std::string const& line, line_counts& last) {
   std::string const behind_name = " line ";
   auto const place = line.find(behind_name);
@@ -28,7 +28,7 @@ bool follows(std::string const& line, line_counts& last) {
 
 }  // namespace
 
-// A writer tells nobody that it could not open its file, a TFile does.
+// A writer does not report that it cannot open its file, so a TFile opens it first.
 TDebugStream new_log(std::wstring const& path) {
   open_file(path, GENERIC_WRITE, CREATE_ALWAYS);
   return TDebugStream(MakeCounted<TPermanentFileWriter>(path.c_str()),

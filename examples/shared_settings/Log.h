@@ -1,5 +1,5 @@
-// The log of the threads: a stream that writes to a file and to standard output,
-// and the test that no line was broken on the way.
+// The log of the threads: a stream that writes to a file and to standard output, and a
+// check that no line is broken.
 #pragma once
 
 #include <map>
@@ -7,10 +7,10 @@
 
 #include "velt/debug/DebugStream.h"
 
-// How many lines each thread has written, by its name.
+// The number of lines that each thread has written, by the thread's name.
 using line_counts = std::map<std::string, int>;
 
-// Empties the file first. Throws ESystemException, with the path as "File", if it
+// Empties the file first. Throws ESystemException, with the path as "File", if the file
 // cannot be written.
 TDebugStream new_log(std::wstring const& path);
 
@@ -18,6 +18,6 @@ TDebugStream new_log(std::wstring const& path);
 // have a line end.
 void log_line(TDebugStream& log, std::string const& name, int number, std::wstring const& text);
 
-// How many lines in a log's content are not whole, or not in the order of their
-// thread, or missing.
+// The number of lines in a log's content that are broken, out of their thread's order,
+// or missing.
 int broken_lines(std::string const& content, line_counts const& written);

@@ -1,9 +1,9 @@
-// Loads a settings file into a property list, lets threads read and write it
-// side by side while they log, and tells how busy its lock was. The parts to
-// look at are Loading.cpp, Work.cpp and Log.cpp.
+// Loads a settings file into a property list, lets threads read and write the list at
+// the same time while they log, and tells how busy its lock was. Look at Loading.cpp,
+// Work.cpp and Log.cpp.
 //
-// Status: 0 if all is as it should be, 1 if a write was lost or a line of the log
-// broken, 2 if a file was bad, nothing could be written, or the command was wrong.
+// Status: 0 if all is well, 1 if a write was lost or a line of the log is broken, 2 if a
+// file was bad, output could not be written, or the command was wrong.
 #include <windows.h>
 
 #include <future>
@@ -77,7 +77,7 @@ options parse(std::vector<std::wstring> const& arguments) {
   return result;
 }
 
-// A thread that fails throws here, when the others have ended too.
+// If a thread fails, throws its exception after all threads have ended.
 std::vector<worker> run_workers(std::vector<setting> const& items, shared_settings& settings,
                                 double seconds) {
   std::vector<std::future<worker>> running;
@@ -128,7 +128,7 @@ int run(std::vector<std::wstring> const& arguments) {
   auto const chosen = parse(arguments);
   if (chosen.help) return write(stream::output, std::wstring(usage) + help), 0;
 
-  // Open to the end, so that the log cannot be the same file.
+  // The file stays open, so that the log cannot be the same file.
   auto file = open_file(chosen.file, GENERIC_READ, OPEN_EXISTING);
   auto const items = load_settings(file, chosen.file);
   shared_settings settings;
@@ -151,7 +151,7 @@ int run(std::vector<std::wstring> const& arguments) {
 }  // namespace
 
 int wmain(int count, wchar_t** arguments) {
-  // What goes wrong is a matter of the files and the command.
+  // Failures come from the files and the command, not from defects.
   SaveMiniDumpOnCppException = false;
   try {
     return run({arguments + 1, arguments + count});

@@ -11,11 +11,11 @@
 
 namespace {
 
-// A prime, so that each setting has its turn in the log.
+// A prime number, so that the log shows each setting at some time.
 constexpr int operations_for_a_line = 19;
 constexpr int longest_text = 30;
 
-// No setting of a file has a name with a colon.
+// Contains a colon, which no name of a setting can contain.
 constexpr wchar_t revision_name[] = L":revision";
 
 // TLock takes a lock for writing; this is its counterpart for reading.
@@ -74,7 +74,7 @@ worker work(worker self, std::vector<setting> items, shared_settings& settings, 
     auto const seen = operate(item, settings);
     if (self.operations++ % operations_for_a_line == 0)
       log_line(settings.log, self.name, ++self.lines, line_of(item, seen));
-    Sleep(1);  // the threads of a service have other things to do, too
+    Sleep(1);  // the threads of a service have other work too
   }
   return self;
 }

@@ -1,5 +1,5 @@
-// Threads that look settings up and threads that store them anew, as in a
-// service that reloads its settings while it works.
+// Threads that look settings up and threads that store them again, as in a service that
+// reloads its settings while it works.
 #pragma once
 
 #include <string>
@@ -14,17 +14,17 @@
 
 struct shared_settings {
   TPropertyList list;
-  // The list locks each of its operations by itself. This lock holds several
-  // together: a setting and the revision of the list that it was seen in.
+  // The list locks each of its operations by itself. This lock covers two operations
+  // together: on a setting, and on the revision of the list.
   TMultiLock lock;
   TTimedLock timed_lock{lock};
   TDebugStream log;
 };
 
-// Puts the items into the list, as its revision 0.
+// Puts the items into the list, which then has revision 0.
 void fill(shared_settings& settings, std::vector<setting> const& items);
 
-// How often a thread has stored a setting since then.
+// The number of times that a thread has stored a setting since then.
 int revision(shared_settings const& settings);
 
 enum class task { read, write };
@@ -36,7 +36,7 @@ struct worker {
   int lines = 0;  // in the log
 };
 
-// Goes through the items until the watch shows these seconds, and logs some
-// of the operations. Throws what locks and streams throw.
+// Goes through the items until the watch shows these seconds, and logs some of the
+// operations. Throws what locks and streams throw.
 worker work(worker self, std::vector<setting> items, shared_settings& settings, _pcounter_t watch,
             double seconds);

@@ -1,8 +1,8 @@
-// Reads a settings file into typed values and shows how each of them reads as
-// every other type. Settings.h says what the file looks like.
+// Reads a settings file into typed values and shows how each value reads as every other
+// type. Settings.h describes the file.
 //
-// Status: 0 if all lines were good, 1 if some were malformed, 2 if the file
-// could not be read, the report not be written, or the command was wrong.
+// Status: 0 if all lines were good, 1 if some were malformed, 2 if the file could not
+// be read, the report could not be written, or the command was wrong.
 #include <string>
 #include <vector>
 
@@ -71,7 +71,7 @@ int run(std::vector<std::wstring> const& arguments) {
 }  // namespace
 
 int wmain(int count, wchar_t** arguments) {
-  // What a value refuses is reported, by the hundred.
+  // The report shows hundreds of exceptions of refused conversions.
   SaveMiniDumpOnCppException = false;
   try {
     return run({arguments + 1, arguments + count});

@@ -22,8 +22,8 @@ std::wstring trimmed(std::wstring const& text) { return trim(text, L" \t\r"); }
 
 EGeneric malformed(std::wstring const& reason) { return EGeneric({"Reason", reason}); }
 
-// The text in the ANSI code page; empty if that lacks a character of it, even if
-// it has one that looks like it.
+// The text in the ANSI code page; empty if that lacks one of its characters, even if it
+// has a similar one.
 std::string narrowed(std::wstring const& text) {
   auto const narrow = as_string(text);
   return as_wstring(narrow) == text ? narrow : std::string();
@@ -48,20 +48,20 @@ _value_t read_number(std::wstring const& text) {
   return number;
 }
 
-// The library reads generously and carries fields beyond their range over. What
-// prints as it was written is in the right form and a day of the calendar.
+// The library accepts other forms too, and carries over fields beyond their range. A time
+// that prints as it was written has the right form and exists in the calendar.
 _value_t read_utc_time(std::wstring const& text) {
   auto const written = narrowed(text);
   auto const time = _time_t::mktime(written);
   return time.iso8601time() == written + ".000" ? _value_t(time) : _value_t();
 }
 
-// The hour that a zone leaves out when summer begins comes back as another one.
+// The hour that a zone skips when daylight saving begins comes back as another hour.
 _value_t read_local_time(std::wstring const& text) {
   auto const utc = read_utc_time(text);
   if (utc.empty()) return utc;
   tm fields = utc.as_time().gmtime();
-  fields.tm_isdst = -1;  // the zone knows
+  fields.tm_isdst = -1;  // the run time decides
   _time_t const time(fields);
   return _time_t::mkgmtime(time.localtime()) == utc.as_time() ? _value_t(time) : _value_t();
 }
@@ -115,7 +115,7 @@ _value_t read_value(std::wstring const& type, std::wstring const& text) {
   return read_list(type_of(trimmed(type.substr(list.size()))), text);
 }
 
-// Bytes that stand for nothing do not come back as they were.
+// Bytes that are not UTF-8 do not survive the conversion there and back.
 std::wstring decoded(std::string const& line) {
   auto const text = as_wstring(line, CP_UTF8);
   if (as_string(text, CP_UTF8) != line || text.find(L'\0') != text.npos)

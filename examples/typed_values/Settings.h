@@ -3,13 +3,13 @@
 //
 //   name: type = value
 //
-// A name ends at the first colon, a type at the first equals sign behind it, and
-// a value at the end of the line; white space around each is dropped. Blank
-// lines and lines that begin with # are passed over.
+// The name ends at the first colon, the type at the first equals sign after it, and the
+// value at the end of the line. White space around each is dropped. Blank lines and
+// lines that begin with # are ignored.
 //
-// The type words, and what each accepts, are setting_types(). "list of" and a
-// type word makes a sequence, its elements separated by commas. As everywhere
-// with push_back, one element alone is a scalar and none are the empty value.
+// setting_types() lists the type words and the text that each accepts. "list of" and a
+// type word makes a sequence with its elements separated by commas. As always with
+// push_back, one element gives a scalar, and no element gives the empty value.
 #pragma once
 
 #include <span>
@@ -32,17 +32,17 @@ struct settings_file {
 
 struct setting_type {
   wchar_t const* word;
-  wchar_t const* accepts;  // for people, fits behind "not"
-  // The value, or the empty one if this type does not accept the text.
+  wchar_t const* accepts;  // for people; completes "not ..."
+  // The value; the empty value if this type does not accept the text.
   _value_t (*read)(std::wstring const& text);
 };
 
 std::span<setting_type const> setting_types();
 
-// A line that is neither blank nor a comment. Throws EGeneric, with "Reason" (wide),
-// if it is malformed.
+// Reads a line that is neither blank nor a comment. Throws EGeneric, with "Reason"
+// (wide), if the line is malformed.
 setting read_line(std::wstring const& line);
 
-// Throws ERuntimeException, with the path as "File", if there is no such file or
-// it cannot be read.
+// Throws ERuntimeException, with the path as "File", if the file does not exist or
+// cannot be read.
 settings_file read_settings(std::wstring const& path);

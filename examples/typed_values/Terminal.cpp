@@ -43,7 +43,7 @@ struct extent {
   int columns;
 };
 
-// As much of the beginning of the text as takes at most `width` columns.
+// The longest beginning of the text that takes at most `width` columns.
 extent fitting(std::wstring const& text, int width) {
   extent sum{};
   while (sum.units < text.size()) {
@@ -56,11 +56,11 @@ extent fitting(std::wstring const& text, int width) {
 }
 
 wchar_t visible(wchar_t c) {
-  if (c < 0x20) return static_cast<wchar_t>(0x2400 + c);  // the pictures of the control codes
+  if (c < 0x20) return static_cast<wchar_t>(0x2400 + c);  // symbols for control codes
   return c >= 0x7F && c < 0xA0 ? L'\xFFFD' : c;
 }
 
-// What the exception has under a name, with an end behind it, or nothing.
+// The exception's value of this name, followed by `end`; nothing if it has none.
 std::wstring known(EGeneric const& error, char const* name, wchar_t const* end) {
   auto const value = error[name];
   return value.empty() ? std::wstring() : value.as_wstring() + end;

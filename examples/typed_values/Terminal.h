@@ -1,36 +1,36 @@
-// Text for a terminal: laid out by the columns that characters take on a
-// screen, and written so that all of it shows.
+// Text for a terminal: laid out by the columns that characters take on a screen, with
+// every character visible.
 #pragma once
 
 #include <string>
 
 #include "velt/exceptions/EGeneric.h"
 
-// The columns of the text, two for a character of East Asia.
+// The number of columns of the text. An East Asian character takes two.
 int columns(std::wstring const& text);
 
 // The text, shortened to at most `width` columns with an ellipsis at the end.
 // Control characters become visible and have no effect on the terminal.
 std::wstring clipped(std::wstring const& text, int width);
 
-// The text clipped, or filled up with blanks, to exactly `width` columns.
+// The text, clipped or padded with blanks to exactly `width` columns.
 std::wstring padded(std::wstring const& text, int width);
 
-// No report is wider, so that it fits a terminal of 80 columns.
+// The width of a report, so that it fits a terminal of 80 columns.
 inline constexpr int report_width = 79;
 
-// A line of that width: what a part is about at the left end of a rule, clipped if
-// need be, and more at its right one.
+// A heading of that width: a rule with one text at its left end, clipped if necessary,
+// and another at its right end.
 std::wstring heading(std::wstring const& about, std::wstring const& more);
 
 enum class stream { output, error };
 
-// Writes to a console as it is, to a file or a pipe in UTF-8. Throws
+// Writes wide text to a console, and UTF-8 to a file or a pipe. Throws
 // ESystemException, with the stream as "File".
 void write(stream target, std::wstring const& text);
 
-// One line on standard error, whatever the message holds. Where it cannot be
-// written, the status of the program must tell.
+// Writes one line on standard error, whatever the message contains. A failure to write
+// it is not reported; the status of the program must tell.
 void complain(std::wstring const& message);
-// The same with what the exception has as "File" and as "Text".
+// The same, with the exception's "File" and "Text" as the message.
 void complain(std::wstring const& program, EGeneric const& error);

@@ -1,6 +1,6 @@
-# Sourced by the commands of this folder: the steps that they share. Each step
-# says what it does in one line, keeps its output in build/<step>.log, shows the
-# end of that only if it fails, and does nothing where nothing is to be done.
+# Sourced by the commands of this folder: the steps that they share. Each step prints
+# what it does in one line, and does nothing if nothing is left to do. Its output goes
+# to build/<step>.log; only if it fails, the end of that is shown.
 set -uo pipefail
 # shellcheck source=scripts/lib/wine.bash
 . "$(dirname "${BASH_SOURCE[0]}")/wine.bash"
@@ -10,7 +10,7 @@ command_name=scripts/$(basename "$0")
 say_to=1          # where progress goes
 failure_status=1  # of a step that failed
 
-# Common to building and running anything.
+# Needed to build and run anything.
 base_packages=(cmake g++-mingw-w64-x86-64-posix ninja-build wine64)
 
 say() { printf 'velt: %s\n' "$*" >&"$say_to"; }
@@ -20,26 +20,26 @@ fail() {
   exit "$failure_status"
 }
 
-# For a command whose output and status are those of a program that it runs.
+# For a command that passes on the output and the status of a program.
 output_is_a_programs() {
   say_to=2
   failure_status=3
 }
 
-# A mistake in the command line: one line, before anything is done.
+# Reports a mistake in the command line in one line, before anything is done.
 usage_error() {
   printf '%s: %s (see %s --help)\n' "$command_name" "$*" "$command_name" >&2
   exit 2
 }
 
-# Ends with a message that shows the last lines of a step's log.
+# Ends the command, after the last lines of a step's log and a message.
 fail_with_log() {
   tail -n 15 "$1" >&2
   fail "$2 (log: ${1#"$root"/})"
 }
 
-# begin PACKAGE...: checks the machine, makes sure that no other command works in
-# the build folder, and installs what is missing.
+# begin PACKAGE...: checks the machine, waits until no other command works in the build
+# folder, and installs the packages that are missing.
 begin() {
   check_machine
   mkdir -p "$velt_build" 2>/dev/null && [ -w "$velt_build" ] ||
@@ -61,14 +61,14 @@ check_machine() {
     name=$(. /etc/os-release && printf %s "${PRETTY_NAME:-$name}")
   fi
   [ "$id" = debian ] ||
-    fail "this command sets up a Debian 12 machine, and this is $name; README.md tells how to build elsewhere"
+    fail "this command needs Debian 12, and this is $name; README.md tells how to build elsewhere"
   [ "$(dpkg --print-architecture)" = amd64 ] ||
-    fail "64-bit Windows programs run under Wine on amd64 only, and this is $(dpkg --print-architecture)"
+    fail "Wine runs 64-bit Windows programs on amd64 only, and this is $(dpkg --print-architecture)"
   [ "$version" = 12 ] || say "made for Debian 12; trying it on $name"
 }
 
-# Descriptor 9 is the lock. Whatever may leave a Wine server behind is started
-# without it.
+# Descriptor 9 is the lock. Commands that may leave a Wine server running are started
+# without it, since the server would keep the lock.
 take_turn() {
   exec 9>"$velt_build/lock" || fail "cannot write to $velt_build"
   flock -n 9 && return
@@ -91,20 +91,20 @@ install_packages() {
   as_root=()
   if [ "$(id -u)" != 0 ]; then
     command -v sudo >/dev/null ||
-      fail "not root and no sudo: have these packages installed first: ${missing[*]}"
+      fail "not root, and no sudo: install these packages first: ${missing[*]}"
     as_root=(sudo)
   fi
   say "installing Debian packages: ${missing[*]}"
-  # Asks for the password, if it must, where the user sees it.
+  # If sudo needs the password, it asks here, where the user sees the question.
   "${as_root[@]}" env true 9>&- ||
-    fail "sudo refused: have these packages installed first: ${missing[*]}"
+    fail "sudo refused: install these packages first: ${missing[*]}"
   local log=$velt_build/packages.log
   : >"$log"
-  # Lists that are missing or out of date are the common reason for a failure.
+  # The usual reason for a failure is that package lists are missing or out of date.
   if apt-cache show "${missing[@]}" >/dev/null 2>&1 && apt_get install "${missing[@]}"; then
     return
   fi
-  say "bringing the package lists up to date"
+  say "updating the package lists"
   apt_get update && apt_get install "${missing[@]}" && return
   if grep -qE 'Temporary failure resolving|Could not (resolve|connect)|Unable to connect|Connection (failed|timed out)' "$log"; then
     fail "could not install the packages: no network (log: ${log#"$root"/})"
@@ -120,9 +120,9 @@ apt_get() {
 
 prepare_wine() {
   wine_prefix_is_ready && return
-  say "making the Wine prefix build/wine"
+  say "creating the Wine prefix build/wine"
   local log=$velt_build/wine.log
-  start_wine >"$log" 2>&1 9>&- || fail_with_log "$log" "could not make the Wine prefix"
+  start_wine >"$log" 2>&1 9>&- || fail_with_log "$log" "could not create the Wine prefix"
 }
 
 # configure PRESET [-DNAME=VALUE...]
@@ -133,8 +133,8 @@ configure() {
     fail_with_log "$log" "could not configure $preset"
 }
 
-# The same for a command that needs no tests. A folder that has them keeps them:
-# what is switched off would be built anew when it comes back.
+# The same for a command that needs no tests. A build folder that has them keeps them:
+# switched off, they would have to be built again later.
 configure_without_tests() {
   [ -e "$velt_build/$1/CMakeCache.txt" ] || set -- "$@" -DVELT_TESTS=OFF
   configure "$@"
@@ -148,7 +148,7 @@ build() {
   (cd "$root" && NINJA_STATUS='[%f/%t] ' cmake --build --preset "$preset" ${*:+--target "$@"}) \
     2>&1 9>&- | show_progress "$log"
   [ "${PIPESTATUS[0]}" = 0 ] && return
-  # From the first failed step on, or the end if it was no step that failed.
+  # Shows the log from the first failed step on, or its end if no step failed.
   if grep -q '^FAILED:' "$log"; then
     sed -n '/^FAILED:/,$p' "$log" | head -n 60 >&2
     fail "could not build $preset (log: ${log#"$root"/})"
@@ -156,8 +156,8 @@ build() {
   fail_with_log "$log" "could not build $preset"
 }
 
-# Keeps Ninja's output in a log; shows one changing line on a terminal, and a
-# line for every quarter of a long build elsewhere.
+# Writes Ninja's output to a log. Shows one changing line on a terminal; elsewhere, one
+# line for every quarter of a long build.
 show_progress() {
   local line percent quarter=0 terminal=
   [ -t "$say_to" ] && terminal=1
@@ -175,8 +175,8 @@ show_progress() {
   [ ! "$terminal" ] || printf '\r\033[K' >&"$say_to"
 }
 
-# Runs a program of the build under Wine, with the line ends of this system, and
-# gives its status.
+# Runs a program of the build under Wine and returns its status. Its output gets the
+# line ends of this system.
 run_program() {
   "$root/scripts/run-under-wine" "$@" 9>&- </dev/null | sed -u 's/\r$//'
   return "${PIPESTATUS[0]}"

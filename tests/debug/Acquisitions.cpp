@@ -1,7 +1,9 @@
 // Built with the sources of the stream in the program itself, so that its calls
-// of the kernel can be counted.
+// of the kernel, and the bytes that it copies, can be counted.
 #include <gtest/gtest.h>
 #include <windows.h>
+
+#include <atomic>
 
 #include "Support.h"
 #include "velt/debug/DebugStream.h"
@@ -11,6 +13,7 @@ namespace {
 
 int waits = 0;
 int releases = 0;
+std::atomic<std::size_t> bytes_moved = 0;
 
 template <class Statement>
 void expect_pairs(int pairs, Statement statement) {
@@ -54,6 +57,31 @@ BOOL(WINAPI* __wrap___imp_ReleaseMutex)(HANDLE) = [](HANDLE handle) WINAPI -> BO
   return __real___imp_ReleaseMutex(handle);
 };
 
+void* __real_memcpy(void*, void const*, std::size_t);
+void* __real_memmove(void*, void const*, std::size_t);
+void* __wrap_memcpy(void* to, void const* from, std::size_t size) {
+  bytes_moved += size;
+  return __real_memcpy(to, from, size);
+}
+void* __wrap_memmove(void* to, void const* from, std::size_t size) {
+  bytes_moved += size;
+  return __real_memmove(to, from, size);
+}
+
+}
+
+// If each stamp moved the text behind it, these lines would move a thousand times
+// their bytes.
+TEST_F(Acquisitions, TimeStampsMoveALongTextOnlyAFewTimes) {
+  std::string text;
+  for (int line = 0; line < 2000; ++line) text += "line of text\n";
+  stream.TimeStamps = true;
+  bytes_moved = 0;
+  stream.WriteString(text.data(), text.size());
+  auto const written = writer->all().size();
+  EXPECT_GE(written, 2 * text.size());
+  EXPECT_GT(bytes_moved, written);  // counts at all
+  EXPECT_LT(bytes_moved, 12 * written);
 }
 
 TEST_F(Acquisitions, StatementCostsOnePairHoweverLongItIs) {

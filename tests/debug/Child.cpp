@@ -8,10 +8,8 @@
 #include <string_view>
 #include <thread>
 
-#include "velt/debug/ConsoleWriter.h"
 #include "velt/debug/DebugStream.h"
-#include "velt/debug/FileWriter.h"
-#include "velt/debug/PermanentFileWriter.h"
+#include "velt/debug/Writers.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <string_view>
 
 #include "Support.h"
-#include "velt/debug/DebugWriter.h"
+#include "velt/debug/Writers.h"
 
 using namespace std::string_view_literals;
 

@@ -4,7 +4,7 @@
 #include "Support.h"
 #include "tests/support/DocExamples.h"
 #include "velt/debug/DebugStream.h"
-#include "velt/debug/PermanentFileWriter.h"
+#include "velt/debug/Writers.h"
 
 namespace {
 

@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "velt/debug/StreamWriter.h"
+#include "velt/debug/Writers.h"
 
 // Keeps every text that it is given.
 class RecordingWriter : public TStreamWriter {

@@ -4,9 +4,7 @@
 
 #include "Support.h"
 #include "velt/debug/DebugStream.h"
-#include "velt/debug/DebugWriter.h"
-#include "velt/debug/FileWriter.h"
-#include "velt/debug/PermanentFileWriter.h"
+#include "velt/debug/Writers.h"
 
 namespace {
 

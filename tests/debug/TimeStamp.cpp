@@ -1,4 +1,4 @@
-#include "velt/debug/TimeStamp.h"
+#include "velt/debug/DebugStream.h"
 
 #include <gtest/gtest.h>
 #include <windows.h>

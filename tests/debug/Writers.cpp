@@ -2,10 +2,7 @@
 
 #include "ChildProcess.h"
 #include "Support.h"
-#include "velt/debug/ConsoleWriter.h"
-#include "velt/debug/DebugWriter.h"
-#include "velt/debug/FileWriter.h"
-#include "velt/debug/PermanentFileWriter.h"
+#include "velt/debug/Writers.h"
 
 using namespace std::string_view_literals;
 

@@ -2,6 +2,7 @@
 
 #include <comdef.h>
 #include <stdio.h>
+#include <time.h>
 #include <windows.h>
 
 #include <algorithm>
@@ -9,20 +10,18 @@
 #include <cstring>
 #include <new>
 #include <stdexcept>
+#include <string_view>
 
 #include "velt/base/LastErrorInternal.h"
 #include "velt/base/LoadOrderInternal.h"
-#include "velt/debug/ConsoleWriter.h"
-#include "velt/debug/DebugWriter.h"
-#include "velt/debug/FileWriter.h"
-#include "velt/debug/TimeStamp.h"
 #include "velt/text/Encoding.h"
+#include "velt/text/Format.h"
 
 namespace {
 
 using writer_list = std::vector<SmartPtr<TStreamWriter>>;
 
-// Leaves the list to the end of the process, without a call to the heap.
+// Moves the list to where nothing destroys it, without a call of the heap.
 void abandon(writer_list& writers) {
   alignas(writer_list) static unsigned char grave[sizeof(writer_list)];
   new (grave) writer_list(std::move(writers));
@@ -30,34 +29,53 @@ void abandon(writer_list& writers) {
 
 }  // namespace
 
-TDebugStream::TDebugStream(SmartPtr<TStreamWriter> a) : Writers{a} {}
+std::string now() {
+  auto const seconds = _time64(nullptr);
+  tm local = {};
+  _localtime64_s(&local, &seconds);
+  char text[260];
+  return {text, strftime(text, sizeof text, "%d.%m.%y %H:%M:%S ", &local)};
+}
+
+std::string now2(unsigned short& lastDay) {
+  SYSTEMTIME time;
+  GetLocalTime(&time);
+  auto const clock = format_string("%02hd:%02hd:%02hd.%03hd ", time.wHour, time.wMinute,
+                                   time.wSecond, time.wMilliseconds);
+  if (time.wDay == lastDay) return clock;
+  lastDay = time.wDay;
+  return format_string("%02hd.%02hd.%04hd\n", time.wDay, time.wMonth, time.wYear) + clock;
+}
+
+TDebugStream::TDebugStream(SmartPtr<TStreamWriter> a) : writers{a} {}
 TDebugStream::TDebugStream(SmartPtr<TStreamWriter> a, SmartPtr<TStreamWriter> b)
-    : Writers{a, b} {}
+    : writers{a, b} {}
 TDebugStream::TDebugStream(SmartPtr<TStreamWriter> a, SmartPtr<TStreamWriter> b,
                            SmartPtr<TStreamWriter> c)
-    : Writers{a, b, c} {}
+    : writers{a, b, c} {}
 
-// When the process ends, the platform has already stopped the threads that
-// wrote, perhaps amid a change of the heap that a release would trip over.
+// At the end of the process the platform has already stopped the writing threads,
+// perhaps in the middle of a change to the heap. Releasing the writers needs a heap
+// that is whole.
 TDebugStream::~TDebugStream() noexcept(false) {
-  if (velt::detail::process_ends()) abandon(Writers);
+  if (velt::detail::process_ends()) abandon(writers);
 }
 
 void TDebugStream::AddWriter(SmartPtr<TStreamWriter> writer) {
-  TLock guard(Lock);
-  Writers.push_back(std::move(writer));
+  TLock guard(lock);
+  writers.push_back(std::move(writer));
 }
 
 void TDebugStream::RemoveWriter(SmartPtr<TStreamWriter> writer) {
-  TLock guard(Lock);
-  auto const found = std::find(Writers.begin(), Writers.end(), writer);
-  assert(found != Writers.end());
-  Writers.erase(found);
+  TLock guard(lock);
+  auto const found = std::find(writers.begin(), writers.end(), writer);
+  assert(found != writers.end());
+  writers.erase(found);
 }
 
 void TDebugStream::ClearWriters() {
-  TLock guard(Lock);
-  Writers.clear();
+  TLock guard(lock);
+  writers.clear();
 }
 
 void TDebugStream::ChangeWriter(SmartPtr<TStreamWriter> writer) {
@@ -67,7 +85,7 @@ void TDebugStream::ChangeWriter(SmartPtr<TStreamWriter> writer) {
 
 void TDebugStream::SetEnabled(char classLetter, bool enabled) {
   if (!is_class(classLetter)) throw std::out_of_range("invalid bitset<N> position");
-  EnabledClasses.set(class_index(classLetter), enabled);
+  enabled_classes.set(class_index(classLetter), enabled);
 }
 
 TDebugStream& TDebugStream::WriteString(char const* text, unsigned __int64 size) {
@@ -81,35 +99,28 @@ TDebugStream& TDebugStream::WriteString(char const* text, unsigned __int64 size)
   return *this;
 }
 
+// Only appends: inserting the stamps would move the rest of the text at each line.
 std::string TDebugStream::stamped(char const* text, unsigned __int64 size) {
-  std::string result(text, size);
-  std::size_t position = 0;
-  auto const insert_stamp = [&] {
-    auto const stamp = now2(LastDay);
-    result.insert(position, stamp);
-    // A stamp has a line feed of its own when it carries the date.
-    position += stamp.size();
-  };
-  if (AtLineStart) insert_stamp();
-  AtLineStart = false;
-  while ((position = result.find('\n', position)) != result.npos) {
-    if (++position == result.size()) {
-      AtLineStart = true;
-      break;
-    }
-    insert_stamp();
+  std::string result;
+  for (std::string_view rest(text, size); !rest.empty();) {
+    if (at_line_start) result += now2(last_day);
+    auto const end = rest.find('\n');
+    at_line_start = end != rest.npos;
+    auto const line = rest.substr(0, at_line_start ? end + 1 : rest.npos);
+    result += line;
+    rest.remove_prefix(line.size());
   }
   return result;
 }
 
-// A writer may change the list itself, so it is kept alive, and its place is
-// looked at anew. The debugger's channel, for one, changes the last error.
+// A writer may change the list, so the loop keeps the writer alive and checks its
+// place again. Some writers change the last error, TDebugWriter for one.
 void TDebugStream::send(char const* text, unsigned __int64 size) {
-  TLock guard(Lock);
+  TLock guard(lock);
   velt::detail::last_error_keeper const error;
-  auto count = Writers.size();
-  for (std::size_t index = 0; index < std::min(count, Writers.size()); ++index) {
-    auto const writer = Writers[index];
+  auto count = writers.size();
+  for (std::size_t index = 0; index < std::min(count, writers.size()); ++index) {
+    auto const writer = writers[index];
     try {
       writer->StreamWriteString(text, size);
     } catch (...) {
@@ -121,8 +132,8 @@ void TDebugStream::send(char const* text, unsigned __int64 size) {
 }
 
 void TDebugStream::drop(std::size_t index, SmartPtr<TStreamWriter> const& writer) {
-  if (index < Writers.size() && Writers[index] == writer)
-    Writers.erase(Writers.begin() + static_cast<std::ptrdiff_t>(index));
+  if (index < writers.size() && writers[index] == writer)
+    writers.erase(writers.begin() + static_cast<std::ptrdiff_t>(index));
 }
 
 TDebugStream& TDebugStream::printf(char const* format, ...) {
@@ -133,7 +144,7 @@ TDebugStream& TDebugStream::printf(char const* format, ...) {
   return *this;
 }
 
-// Cleared, since all of it goes out when the run time fails.
+// The buffer is cleared because all of it is sent if the run time fails.
 TDebugStream& TDebugStream::print(char const* format, va_list arguments) {
   char buffer[4096] = {};
   int const length = _vsnprintf_s(buffer, sizeof buffer, sizeof buffer - 1, format, arguments);
@@ -155,23 +166,23 @@ TDebugStreamSession TDebugStream::Dump(void const* data, int size) {
 }
 
 TDebugStream& TDebugStream::operator+=(TDebugStream const& other) {
-  TLock guard(Lock);
-  TLock guard_of_other(other.Lock);
-  // By index, and counted before: a stream may be added to itself.
-  auto const count = other.Writers.size();
-  Writers.reserve(Writers.size() + count);
-  for (std::size_t index = 0; index < count; ++index) Writers.push_back(other.Writers[index]);
+  TLock guard(lock);
+  TLock guard_of_other(other.lock);
+  // By index, and counted first, because a stream may be added to itself.
+  auto const count = other.writers.size();
+  writers.reserve(writers.size() + count);
+  for (std::size_t index = 0; index < count; ++index) writers.push_back(other.writers[index]);
   return *this;
 }
 
 TDebugStreamSession::TDebugStreamSession(TDebugStream& owned) : stream(&owned) {
-  stream->Lock.Lock();
+  stream->lock.Lock();
 }
 
 TDebugStreamSession::TDebugStreamSession(TDebugStreamSession const& other)
     : TDebugStreamSession(*other.stream) {}
 
-TDebugStreamSession::~TDebugStreamSession() noexcept(false) { stream->Lock.Unlock(); }
+TDebugStreamSession::~TDebugStreamSession() noexcept(false) { stream->lock.Unlock(); }
 
 TDebugStreamSession& TDebugStreamSession::operator<<(bool value) {
   return *this << (value ? "true" : "false");
@@ -256,8 +267,8 @@ TDebugStreamSession& TDebugStreamSession::operator<<(_time_t const& time) {
   return *this << time.ctime();
 }
 
-// Whether an empty sequence is void or empty is asked in this order, so it is
-// "<empty>" only if another thread emptied it between the two questions.
+// In this order an empty sequence is "<void>". It is "<empty>" only if another thread
+// empties it between the two tests.
 TDebugStreamSession& TDebugStreamSession::operator<<(_value_t const& value) {
   if (value.size() == 0)
     stream->printf("<void>");

@@ -2,11 +2,11 @@
 //
 //   Debug << "(!) " << count << " jobs lost\n";
 //
-// From the first << to the semicolon the statement owns the stream, so the lines
-// of several threads never mix as long as each is one statement. Text goes to
-// the writers at once and nothing is buffered: what was written before a crash
-// is there after it. There are no levels; a caller may ask GetEnabled() before
-// it composes a message.
+// A statement owns the stream from its first << to its semicolon, so the lines of
+// several threads never mix as long as each line is one statement. The stream has no
+// buffer: each << goes to the writers at once, so text written before a crash is
+// there after it. There are no levels; a caller may ask GetEnabled() before it
+// composes a message.
 #pragma once
 
 #include <bitset>
@@ -19,88 +19,101 @@
 #include "velt/base/Export.h"
 #include "velt/base/SmartPtr.h"
 #include "velt/debug/StreamLock.h"
-#include "velt/debug/StreamWriter.h"
+#include "velt/debug/Writers.h"
 #include "velt/time/Time.h"
 #include "velt/value/Value.h"
 
 class _bstr_t;
 class TDebugStreamSession;
 
-// The lock of a stream is a recursive mutex of the kernel. It is taken by every
-// operation that is said to lock, once for all of them within a statement, in an
-// alertable wait without limit; so what a queued call throws, an
-// EThreadInterrupt for one, can come out of them, and ESystemException if the
-// wait fails. Code that a statement calls may write to the same stream.
+// Time stamps: the current local time as the beginning of a line, with a blank
+// behind it. For times that programs read, use _time_t::iso8601time().
+
+// "29.02.04 12:30:45 ": day, month and a year of two digits, then the time.
+VELT_API std::string now();
+
+// "12:30:45.678 ". If the day of the month differs from `lastDay`, puts the date on a
+// line of its own in front, "29.02.2004\n12:30:45.678 ", and stores the day in
+// `lastDay`. Start with 0, which is no day.
+VELT_API std::string now2(unsigned short& lastDay);
+
+// The lock of a stream is a recursive mutex of the kernel. Each operation marked
+// "Locks" takes it; all operations within one statement or session take it once
+// together. The wait is alertable and has no limit. It throws ESystemException if it
+// fails, and whatever a queued call throws, such as EThreadInterrupt. Code that a
+// statement calls may write to the same stream.
 //
-// A writer that throws is dropped from the stream. The other writers still get
-// the text, and the caller learns nothing. Writers leave the thread's last error
-// as it was, so that a statement can write it at its end.
+// A stream drops a writer that throws. The other writers still get the text, and the
+// caller is not told. Writing does not change the thread's last error, so that a
+// statement can write it at its end.
 class VELT_API TDebugStream {
 public:
-  // Without writers everything is swallowed. Throw ESystemException.
+  // A stream without writers discards all text. These constructors throw
+  // ESystemException if the lock cannot be created.
   TDebugStream() = default;
   TDebugStream(SmartPtr<TStreamWriter> a);
   TDebugStream(SmartPtr<TStreamWriter> a, SmartPtr<TStreamWriter> b);
   TDebugStream(SmartPtr<TStreamWriter> a, SmartPtr<TStreamWriter> b, SmartPtr<TStreamWriter> c);
 
-  // The copy has a list of its own of the same writers, and shares the lock: a
-  // statement on the one keeps statements on the other waiting. Does not lock,
-  // so nobody may change the source meanwhile. Throws ESystemException.
+  // The copy has its own list of the same writers, and shares the lock: a statement
+  // on one of the streams makes statements on the other wait. Does not lock, so no
+  // other thread may change the source meanwhile. Throws ESystemException.
   TDebugStream(TDebugStream const&) = default;
 
-  // The same, in place of what the stream had. No session on it may be alive.
-  // Assigned to itself a stream loses its lock: THandle's assignment.
+  // Like the copy constructor; replaces what the stream had. No session on it may be
+  // alive. A stream that is assigned to itself loses its lock, as any THandle does.
   TDebugStream& operator=(TDebugStream const&) = default;
 
   // Throws ESystemException if the mutex cannot be closed.
   virtual ~TDebugStream() noexcept(false);
 
-  // Lock. A writer may be in the list several times, and then gets every text as
-  // often; null must not be. The writer to remove must be in the list, and the
-  // first occurrence of it goes.
+  // Each of these locks. A writer that was added several times gets every text as
+  // often. A writer must not be null. RemoveWriter removes the first occurrence of
+  // the writer, which must be in the list.
   void AddWriter(SmartPtr<TStreamWriter> writer);
   void RemoveWriter(SmartPtr<TStreamWriter> writer);
   void ClearWriters();
 
-  // ClearWriters(), then AddWriter(): the lock is free in between, and text
-  // written there is lost.
+  // ClearWriters(), then AddWriter(). The lock is free in between, and text that
+  // another thread writes then is lost.
   void ChangeWriter(SmartPtr<TStreamWriter> writer);
 
   // Is there any writer? Does not lock.
-  bool GetEnabled() const { return !Writers.empty(); }
+  bool GetEnabled() const { return !writers.empty(); }
 
-  // A bit for each class of messages, named by the letters from A to Z and clear
-  // at first. They are for the clients to agree on: the stream writes whatever
-  // it is given. Reading gives false for other letters and while there is no
-  // writer; setting throws std::out_of_range for other letters. Neither locks.
-  // To ask for a class that is off costs a load and a branch that is not taken.
+  // A bit for each class of messages, named by the letters from A to Z and clear at
+  // first. Clients agree on the meaning of the classes; the stream itself writes
+  // whatever it is given. Reading gives false for any other letter, and while there
+  // is no writer; setting throws std::out_of_range for any other letter. Neither
+  // locks. Asking for a class that is off costs one load and one branch that is not
+  // taken.
   bool GetEnabled(char classLetter) const {
-    if (is_class(classLetter) && EnabledClasses[class_index(classLetter)]) [[unlikely]]
+    if (is_class(classLetter) && enabled_classes[class_index(classLetter)]) [[unlikely]]
       return GetEnabled();
     return false;
   }
   void SetEnabled(char classLetter, bool enabled);
 
-  // Locks, and sends the bytes to all writers in their order. A null `text` and
-  // a `size` of 0 write nothing. A TDebugWriter needs a zero byte behind them.
-  // Time stamps are inserted before locking: with those, several threads should
-  // write by statements only.
+  // Locks, and sends the bytes to all writers in their order. Writes nothing if
+  // `text` is null or `size` is 0. A TDebugWriter needs a zero byte behind the text.
+  // Time stamps are inserted before locking: with TimeStamps set, several threads
+  // should write by statements only.
   TDebugStream& WriteString(char const* text, unsigned __int64 size);
 
-  // By the formats of the platform's run time. Text of more than 4095 characters
-  // is cut to these, and a zero byte goes out behind them as the 4096th; so it
-  // does when an argument cannot be formatted.
+  // Locks. Uses the formats of the platform's run time. Longer text is cut to 4095
+  // characters, with a zero byte sent as the 4096th; 4096 bytes are also sent if an
+  // argument cannot be formatted.
   TDebugStream& printf(char const* format, ...);
 
-  // As "%g", and as the beginning of a statement.
+  // Writes the number as "%g", and begins a statement.
   TDebugStreamSession WriteDouble(double value);
 
-  // Bytes as pairs of upper-case hexadecimal digits with blanks between: "01 02
-  // FF". Nothing for a `size` of 0 or below. The beginning of a statement.
+  // Writes bytes as pairs of upper-case hexadecimal digits with blanks between, such
+  // as "01 02 FF", and begins a statement. Writes nothing for a `size` of 0 or below.
   TDebugStreamSession Dump(void const* data, int size);
 
-  // Adds the writers of the other stream. Locks this stream, then the other one:
-  // two threads that do it crosswise wait for ever.
+  // Adds the writers of the other stream. Locks this stream, then the other one: two
+  // threads that add two streams to each other dead-lock.
   TDebugStream& operator+=(TDebugStream const& other);
 
 private:
@@ -114,31 +127,31 @@ private:
   void send(char const* text, unsigned __int64 size);
   void drop(std::size_t index, SmartPtr<TStreamWriter> const& writer);
 
-  std::vector<SmartPtr<TStreamWriter>> Writers;
-  velt::detail::stream_lock Lock;
-  bool AtLineStart = true;
+  std::vector<SmartPtr<TStreamWriter>> writers;
+  velt::detail::stream_lock lock;
+  bool at_line_start = true;
 
 public:
-  // Does every line begin with what now2() gives? Not guarded by the lock.
+  // If set, every line begins with the text of now2(). The lock does not guard it.
   bool TimeStamps = false;
 
 private:
-  std::bitset<26> EnabledClasses;
-  unsigned short LastDay = 0;
+  std::bitset<26> enabled_classes;
+  unsigned short last_day = 0;
 };
 
-// Holds a stream for a statement, or for a scope if it is given a name: the
-// lines of several statements then stay together. Belongs to the thread that
-// made it, and the stream must outlive it.
+// Holds a stream for a statement, or for a scope if it has a name: the lines of
+// several statements then stay together. Only the thread that made a session may use
+// it, and the stream must outlive it.
 //
-// Numbers are written by the run time's formats. Texts are written as they are,
-// wide ones in the system's ANSI code page. Writing throws what locking a stream
-// throws, std::bad_alloc, and ESystemException if wide text cannot be converted.
+// Numbers are written in the run time's formats. Text is written as it is, and wide
+// text in the system's ANSI code page. Writing throws what locking a stream throws,
+// std::bad_alloc, and ESystemException if wide text cannot be converted.
 class VELT_API TDebugStreamSession {
 public:
   TDebugStreamSession(TDebugStream& owned);
 
-  // A second hold, which ends by itself.
+  // A second hold, independent of the first.
   TDebugStreamSession(TDebugStreamSession const& other);
   TDebugStreamSession& operator=(TDebugStreamSession const&) = delete;
   ~TDebugStreamSession() noexcept(false);
@@ -161,23 +174,23 @@ public:
   TDebugStreamSession& operator<<(std::string const& text);
   TDebugStreamSession& operator<<(std::wstring const& text);
 
-  // A TDebugWriter needs a zero byte behind the view of narrow text.
+  // A TDebugWriter needs a zero byte behind a view of narrow text.
   TDebugStreamSession& operator<<(basic_const_string<char> const& text);
   TDebugStreamSession& operator<<(basic_const_string<wchar_t> const& text);
 
-  // Up to its first NUL. Null and empty write nothing.
+  // Up to its first NUL. Nothing for null and for empty text.
   TDebugStreamSession& operator<<(_bstr_t const& text);
 
   TDebugStreamSession& operator<<(_time_t const& time);  // as _time_t::ctime()
 
-  // As _value_t::as_string(), cut as by printf and up to its first NUL. "<void>"
-  // for the empty value and for a sequence of no elements.
+  // The text of _value_t::as_string() up to its first zero byte, cut as by printf.
+  // "<void>" for the empty value and for a sequence without elements.
   TDebugStreamSession& operator<<(_value_t const& value);
 
-  // As SmartPtrObj::describe(); "<NULL>" for null.
+  // The text of SmartPtrObj::describe(); "<NULL>" for null.
   TDebugStreamSession& operator<<(SmartPtrObj const* object);
 
-  // Any other pointer would silently be written as a bool.
+  // Any other pointer would be written as a bool.
   template <velt::detail::foreign_object T>
   TDebugStreamSession& operator<<(T* pointer) = delete;
 
@@ -185,8 +198,8 @@ private:
   TDebugStream* stream;
 };
 
-// Begins a statement at the stream with anything that a session writes. The
-// result lives, and holds the stream, to the end of the full expression.
+// Begins a statement on the stream with anything that a session can write. The
+// result lives to the end of the full expression and holds the stream until then.
 template <class T>
 TDebugStreamSession operator<<(TDebugStream& stream, T const& value) {
   TDebugStreamSession session(stream);
@@ -194,8 +207,8 @@ TDebugStreamSession operator<<(TDebugStream& stream, T const& value) {
   return session;
 }
 
-// The ready streams. They live from the loading of the library to its unloading,
-// so the static objects of its clients may use them too.
+// The ready streams. They live from the load of the library to its unload, so static
+// objects of clients may use them.
 extern VELT_API TDebugStream Debug;    // to the debugger
 extern VELT_API TDebugStream Error;    // to the debugger, the console and c:\error.log
 extern VELT_API TDebugStream Console;  // to the console

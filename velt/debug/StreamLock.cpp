@@ -5,13 +5,13 @@
 namespace velt::detail {
 namespace {
 
-// Numbers the threads. The platform's thread identifiers will not do: they are
-// used again, and a new thread would find itself the holder of what a killed
-// one left behind.
+// Numbers the threads. The platform's thread identifiers will not do, since it gives
+// them out again: a new thread could take itself for the holder of a lock that a
+// killed thread left behind.
 class thread_numbers {
 public:
-  // 0 if there is no slot. Leaves the thread's last error alone, which is what
-  // a statement may be about to write.
+  // 0 if there is no slot. Does not change the thread's last error, which the
+  // statement may be about to write.
   std::uintptr_t of_this_thread() noexcept {
     auto const number = reinterpret_cast<std::uintptr_t>(slot.read());
     return number != 0 ? number : give_number();
@@ -57,7 +57,7 @@ void stream_lock::Unlock() {
     if (--depth != 0) return;
     holder.store(0, std::memory_order_relaxed);
   }
-  // What is not held fails here.
+  // Throws if this thread does not hold the mutex.
   TMutex::Unlock();
 }
 

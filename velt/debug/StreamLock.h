@@ -1,5 +1,5 @@
-// The lock of a debug stream: a TMutex whose owner need not ask the kernel
-// again.
+// The lock of a debug stream: a TMutex that its holder locks again without asking
+// the kernel.
 #pragma once
 
 #include <atomic>
@@ -10,19 +10,18 @@
 
 namespace velt::detail {
 
-// A thread that holds the lock locks and unlocks it further by counting, so only
-// its first Lock() and its last Unlock() are calls of the platform. Otherwise as
-// TMutex.
+// The holder counts its further locks and unlocks, so only its first Lock() and its
+// last Unlock() are calls of the platform. Otherwise as TMutex.
 //
-// A copy shares the kernel's mutex but has a record of its own, which starts
-// with no holder: whoever holds the one asks the kernel once more for the other,
-// and the kernel counts too. So the records cannot contradict each other.
+// A copy shares the kernel's mutex but has its own record of the holder, which
+// starts empty. So a thread that holds one copy asks the kernel once more for the
+// other, and the kernel counts too: the two records cannot contradict each other.
 class VELT_API stream_lock : public TMutex {
 public:
   stream_lock() = default;
   stream_lock(stream_lock const& other) : TMutex(other) {}
 
-  // Nobody may hold the lock.
+  // No thread may hold this lock.
   stream_lock& operator=(stream_lock const& other) {
     TMutex::operator=(other);
     return *this;
@@ -33,9 +32,9 @@ public:
   void Unlock() override;
 
 private:
-  // Both are written by the holder alone. A thread finds its own number in
-  // `holder` only if it put it there, so other threads may read it meanwhile.
-  std::atomic<std::uintptr_t> holder = 0;  // number of the thread; 0 is nobody
+  // Only the holder writes these two. A thread finds its own number in `holder`
+  // only if it put it there itself, so a thread without the lock may read it.
+  std::atomic<std::uintptr_t> holder = 0;  // number of the thread; 0 means none
   unsigned depth = 0;
 };
 

@@ -1,15 +1,15 @@
-// The check of a condition whose failure is a defect of the caller or of the
-// platform. A true expression does nothing; a false one throws a plain EGeneric
-// with the values "Text" ("Condition not meet"), "Condition", "SourceFile",
-// "SourceLine" and "SourceFunction", in this order.
+// VELT_CONDITION: a check that fails only through a defect of the caller or of the
+// platform. A true expression does nothing. A false one throws a plain EGeneric with
+// the values "Text" ("Condition not meet"), "Condition", "SourceFile", "SourceLine"
+// and "SourceFunction", in this order.
 #pragma once
 
 #include "velt/base/Export.h"
 
 namespace velt::detail {
 
-// `file` may have directories in front; `function` may be a whole signature, as
-// __PRETTY_FUNCTION__ gives it, of which the qualified name is taken.
+// Drops the folders of `file`. `function` may be a whole signature, such as
+// __PRETTY_FUNCTION__ gives; only its qualified name is kept.
 [[noreturn]] VELT_API void throw_condition(char const* condition, char const* file, int line,
                                            char const* function);
 

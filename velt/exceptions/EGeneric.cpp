@@ -8,7 +8,7 @@
 
 namespace {
 
-// The most values that a list is meant to take.
+// The most values that a list takes.
 constexpr std::size_t list_limit = 0x555555555555555;
 
 char folded(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; }
@@ -19,7 +19,8 @@ bool same_name(std::string const& a, std::string const& b) {
 
 template <class List>
 auto find_in(List& list, std::string const& name) {
-  return std::ranges::find_if(list, [&](auto const& value) { return same_name(value.first, name); });
+  return std::ranges::find_if(
+      list, [&](auto const& value) { return same_name(value.first, name); });
 }
 
 }  // namespace
@@ -47,10 +48,10 @@ void EGeneric::append_all(std::initializer_list<P const*> values) {
   for (auto const value : values) append(value->first, value->second);
 }
 
-// A list grows by half, unlike the standard library's own growth.
+// The list grows by half, where the standard library would double it.
 void EGeneric::append(std::string const& name, _value_t const& value) {
   if (list.size() >= list_limit) throw std::length_error("vector<T> too long");
-  P item(name, value);  // first: either may lie in the list, which moves as it grows
+  P item(name, value);  // copied first: both may lie in the list, which moves as it grows
   if (list.size() == list.capacity())
     list.reserve(std::max(list.size() + 1, list.capacity() + list.capacity() / 2));
   list.push_back(std::move(item));

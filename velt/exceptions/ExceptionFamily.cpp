@@ -10,7 +10,6 @@
 #include <memory>
 #include <string>
 
-
 namespace {
 
 constexpr DWORD system_message = FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM;
@@ -47,9 +46,9 @@ std::string hexadecimal(long code) {
 
 std::wstring text_of(wchar_t const* text) { return text ? text : L""; }
 
-// What _com_error::ErrorMessage() is documented to give. Asking the object does
-// not do: its text is narrow or wide as its user was compiled, and here it is
-// formatted without ignoring inserts, so that messages with inserts are lost.
+// The text that _com_error::ErrorMessage() is documented to give. The object itself
+// is no use: its text is narrow or wide depending on how its user was compiled, and
+// this compiler's version does not ignore inserts, so it loses messages that have any.
 std::wstring com_text(HRESULT code) {
   auto text = formatted_message(FORMAT_MESSAGE_IGNORE_INSERTS, static_cast<DWORD>(code));
   if (text.ends_with(L'\n')) text.pop_back();
@@ -68,7 +67,7 @@ std::wstring com_text(HRESULT code) {
   return buffer.data();
 }
 
-// Puts what one of the questions of IErrorInfo answers, if it answers.
+// Adds the answer to a question of IErrorInfo, if there is one.
 void put_answer(EGeneric& exception, char const* name, IErrorInfo* info,
                 HRESULT (STDMETHODCALLTYPE IErrorInfo::*question)(BSTR*)) {
   BSTR answer = nullptr;

@@ -1,7 +1,7 @@
-// The exceptions that the library throws, one class for each source of
-// failure. Each only adds constructors to EGeneric: what it knows stands in the
-// list of named values, in the order given here, which is the order in which
-// what() prints them. Texts that come from the platform are wide values.
+// The exceptions that the library throws, one class for each source of failure. A
+// class only adds constructors to EGeneric. They fill the list with the named values
+// given here, in this order, in which what() prints them too. Texts of the platform
+// are wide values.
 #pragma once
 
 #include <cerrno>
@@ -20,8 +20,8 @@ VELT_API int last_error() noexcept;
 
 }  // namespace velt::detail
 
-// A failed platform call. "Code", "Text" (the system's text without its line
-// ends, empty if there is none), then the caller's values.
+// A failed call of the platform. "Code", "Text" (the system's text without its line
+// ends; empty if there is none), then the caller's values.
 class VELT_API ESystemException : public EGeneric {
 public:
   ESystemException(int code = velt::detail::last_error());
@@ -29,8 +29,8 @@ public:
   ESystemException(int code, P const& a, P const& b);
 };
 
-// A failed call of the run-time library. "Code", the caller's values, then
-// "Text", which is left out if the run time has none.
+// A failed call of the run-time library. "Code", the caller's values, then "Text",
+// which is left out if the run time has no text.
 class VELT_API ERuntimeException : public EGeneric {
 public:
   ERuntimeException(int code = errno);
@@ -45,14 +45,14 @@ public:
   ELegacyException(char const* type, char const* text, int code);
 };
 
-// A COM result. The two forms differ in what they store.
+// A COM result. The two constructors store different values.
 class VELT_API EComException : public EGeneric {
 public:
   // "HRESULT" as a number, "Text", "Description" (both wide, possibly empty).
   EComException(_com_error& error);
-  // "Code" as a number, "HRESULT" as eight or fewer hexadecimal digits, then
-  // those of "Text", "Description" and "Source" that are to be had. `info` may
-  // be null; its reference stays the caller's.
+  // "Code" as a number, "HRESULT" as up to eight hexadecimal digits, then "Text",
+  // "Description" and "Source" as far as they are available. `info` may be null; the
+  // caller keeps its reference.
   EComException(long code, IErrorInfo* info);
 };
 
@@ -62,28 +62,28 @@ public:
   EPurecallException();
 };
 
-// A function that has no implementation was reached. "Text", "SourceFile",
+// A function without an implementation was called. "Text", "SourceFile",
 // "SourceLine", "Function". The texts must not be null.
 class VELT_API ENotImplemented : public EGeneric {
 public:
   ENotImplemented(char const* file, int line, char const* function);
 };
 
-// Thrown to end a thread. It is no error and has no base, so that no handler of
-// errors stops it on its way.
+// Thrown to end a thread. It is not an error and has no base class, so no handler of
+// errors catches it.
 class EThreadInterrupt {};
 
-// Throw ESystemException for GetLastError(), or for the code.
+// These throw ESystemException with GetLastError(), or with the code.
 [[noreturn]] VELT_API void ThrowSystemException();
 [[noreturn]] VELT_API void ThrowSystemException(unsigned long code);
 
-// Throws EComException(code, info). Takes over the caller's reference to
-// `info`, which may be null.
+// Throws EComException(code, info), and releases the caller's reference to `info`,
+// which may be null.
 [[noreturn]] VELT_API void throw_EGeneric_from_com_error(long code, IErrorInfo* info);
 
-// Entry for an older library to raise its errors through.
+// An older library raises its errors through this function: throws ELegacyException.
 [[noreturn]] VELT_API void OnSysLibExc(char const* type, char const* text, int code);
 
-// Throws EPurecallException. In the form that the run time's hook of pure calls
-// takes; a client installs it, the library does not.
+// Throws EPurecallException. Has the signature of the run time's handler for pure
+// calls; the client installs it, the library does not.
 [[noreturn]] VELT_API void _my_purecall_translator();

@@ -12,7 +12,8 @@
 namespace {
 
 // The platform's own section, since the locks of the library stand on exceptions.
-// It is recursive: the text of a value may be made of what() of another exception.
+// It is recursive, since the text of a value may come from what() of another
+// exception.
 class buffer_lock {
 public:
   buffer_lock() noexcept { InitializeCriticalSection(&section); }
@@ -27,7 +28,7 @@ private:
   CRITICAL_SECTION section;
 };
 
-// The one text of all exceptions, so that an exception carries none itself.
+// The one buffer of all exceptions: an exception carries no text of its own.
 struct shared_text {
   buffer_lock lock;
   std::string buffer;
@@ -46,7 +47,7 @@ void append_hexadecimal(std::string& text, std::uint32_t pattern) {
 
 void append_value(std::string& text, _value_t const& value) {
   if (auto const held = velt::detail::own_element<std::string>(value.holder())) {
-    text += *held;  // as as_string() gives it, without a copy
+    text += *held;  // the same text as as_string(), without a copy
     return;
   }
   if (value.size() == 0) return;
@@ -55,8 +56,7 @@ void append_value(std::string& text, _value_t const& value) {
     append_hexadecimal(text, static_cast<std::uint32_t>(value.get<int>()));
 }
 
-// what() must not throw, so a value that cannot be printed leaves its place
-// empty.
+// what() must not throw, so a value that cannot be printed leaves its place empty.
 void append_value_or_nothing(std::string& text, _value_t const& value) {
   auto const length = text.size();
   try {

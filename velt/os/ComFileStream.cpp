@@ -10,7 +10,7 @@ using velt::detail::com_stream;
 
 namespace {
 
-// An exception must not come out of an interface of COM.
+// No exception may cross a COM interface.
 template <class Operation>
 HRESULT result_of(Operation const& operation) {
   try {
@@ -39,8 +39,8 @@ CComFileStream::CComFileStream(wchar_t const* name, unsigned long access, unsign
 
 CComFileStream::CComFileStream(TFile const& file) : TFile(file) {}
 
-// The destructor of a counted object throws nothing, so it leaves nothing to
-// THandle's.
+// THandle's destructor may throw, that of a counted object must not: so nothing is left
+// to THandle.
 CComFileStream::~CComFileStream() noexcept {
   if (IsValidHandle()) ::CloseHandle(DetachHandle());
 }
@@ -91,7 +91,7 @@ com_stream::stream_ptr CComFileStream::OpenFileStream(wchar_t const* name, unsig
   }
   auto const stream = MakeCounted<CComFileStream>(file);
   stream_ptr result = stream.get();
-  // Detached, so that a failure does not meet with another one on its way out.
+  // Detached first: after a failure here, the destructor must not fail once more.
   check(::CloseHandle(file.DetachHandle()));
   return result;
 }

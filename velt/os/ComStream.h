@@ -1,8 +1,8 @@
-// What the library's COM streams have in common. Clients use CComFileStream and
+// The common base of the library's COM streams. Clients use CComFileStream and
 // CComStringStream.
 #pragma once
 
-// Only the interface is needed, not the whole of the platform.
+// Only IStream is needed, not all of the platform's headers.
 #pragma push_macro("COM_NO_WINDOWS_H")
 #pragma push_macro("RPC_NO_WINDOWS_H")
 #undef COM_NO_WINDOWS_H
@@ -25,20 +25,20 @@ class _com_IIID;
 
 namespace velt::detail {
 
-// Objects that COM and SmartPtr count together: both work on the one count.
+// An object with one reference count, which both COM and SmartPtr use.
 class VELT_API com_stream : public virtual SmartPtrObj, public IStream {
 public:
-  // A pointer of COM; whoever uses one includes <comdef.h>.
+  // A COM smart pointer. Code that uses one includes <comdef.h>.
   using stream_ptr = _com_ptr_t<_com_IIID<IStream, &IID_IStream>>;
 
-  // For IUnknown, ISequentialStream and IStream. Otherwise E_NOINTERFACE, and
-  // `out` keeps what it holds.
+  // Knows IUnknown, ISequentialStream and IStream. For any other interface, returns
+  // E_NOINTERFACE and leaves `out` unchanged.
   HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** out) override;
 
-  // Answers the new count.
+  // Returns the new count.
   ULONG STDMETHODCALLTYPE AddRef() override;
 
-  // Do nothing and answer E_NOTIMPL.
+  // These do nothing and return E_NOTIMPL.
   HRESULT STDMETHODCALLTYPE SetSize(ULARGE_INTEGER size) override;
   HRESULT STDMETHODCALLTYPE CopyTo(IStream* target, ULARGE_INTEGER size, ULARGE_INTEGER* read,
                                    ULARGE_INTEGER* written) override;

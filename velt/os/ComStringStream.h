@@ -1,5 +1,5 @@
-// CComStringStream: text in memory as the platform's IStream, to hand it to code
-// that speaks COM. CComFileStream does it for files.
+// CComStringStream: text in memory as the platform's IStream, for code that reads or
+// writes through COM. CComFileStream does the same for files.
 #pragma once
 
 #include <sstream>
@@ -7,50 +7,47 @@
 #include "velt/base/Export.h"
 #include "velt/os/ComStream.h"
 
-// The contents are bytes in a std::stringstream, with one position to read at and
-// another to write at. What that stream does not do, it does not do here either:
-// behind a read that came short, it reads, writes and moves no more.
+// The contents are the bytes of a std::stringstream, which has a read position and a
+// write position. Its error state applies here too: after a short read the stream
+// no longer reads, writes or seeks.
 //
-// One object is counted by COM and by SmartPtr alike, but only SmartPtr deletes
-// it: hold one besides the pointers of COM, or the object stays. Nothing here
-// throws but OpenStringStream. The count is atomic, all else is for one thread at
-// a time.
+// COM and SmartPtr share one reference count, but only SmartPtr deletes the object: an
+// object that is held through COM alone stays allocated. Only OpenStringStream throws.
+// The count is atomic; everything else is for one thread at a time.
 class VELT_API CComStringStream : public velt::detail::com_stream {
 public:
-  // Empty, and not counted yet.
+  // An empty stream. The count starts at 0.
   CComStringStream();
   ~CComStringStream() override;
 
-  // Answers the new count, and never deletes.
+  // Returns the new count. Never deletes the object.
   ULONG STDMETHODCALLTYPE Release() override;
 
-  // S_FALSE if the stream has failed, as it has when fewer bytes were left than
-  // asked for. The count may be null.
+  // S_OK; S_FALSE if the stream has failed, as it does when fewer bytes are left than
+  // asked for. The pointer to the count may be null.
   HRESULT STDMETHODCALLTYPE Read(void* buffer, ULONG size, ULONG* read) override;
 
-  // Always S_OK and all of `size`. The count may be null.
+  // Always S_OK, and always stores `size` as the count, whose pointer may be null.
   HRESULT STDMETHODCALLTYPE Write(void const* buffer, ULONG size, ULONG* written) override;
 
-  // Always S_OK. Moves both positions: to a place counted from the start, by a
-  // distance each from where it is, or to a place counted from the end; does
-  // nothing for an unknown origin. `position`, which may be null, gets the one to
-  // read at: all bits set once the stream has failed.
+  // Always S_OK. Moves both positions: relative to the start, each relative to itself,
+  // or relative to the end. Does nothing for an unknown origin. Stores the read position
+  // in `position`, which may be null: all bits set once the stream has failed.
   HRESULT STDMETHODCALLTYPE Seek(LARGE_INTEGER distance, DWORD origin,
                                  ULARGE_INTEGER* position) override;
 
-  // S_OK for no flags, else E_NOTIMPL.
+  // S_OK if `flags` is 0, otherwise E_NOTIMPL.
   HRESULT STDMETHODCALLTYPE Commit(DWORD flags) override;
 
-  // Type and size, where the size is the distance from the position to read at to
-  // the one to write at: what was written and not read yet. All else is 0, with
-  // every flag.
+  // Stores type and size; all other fields are 0. The size is the write position minus
+  // the read position: the bytes written and not read yet. The flags are ignored.
   HRESULT STDMETHODCALLTYPE Stat(STATSTG* stat, DWORD flags) override;
 
-  // A stream with a copy of all of the text in `source`, whatever was read of it.
-  // Both positions are at its start. The object stays unless a SmartPtr takes it
-  // too. Throws std::bad_alloc.
+  // A stream with a copy of all text in `source`, including text already read from it.
+  // Both positions are at the start. The object stays allocated unless a SmartPtr
+  // takes it too. Throws std::bad_alloc.
   static stream_ptr OpenStringStream(std::stringstream const& source);
 
 private:
-  std::stringstream Contents;
+  std::stringstream contents;
 };

@@ -2,24 +2,16 @@
 
 #include <windows.h>
 
-#include <type_traits>
-
 #include "velt/base/CheckInternal.h"
 
 using velt::detail::check;
 
 namespace {
 
-// What the two forms of a name, the constructors, CreateFileW and OpenFile have
-// in common.
-template <class Char>
-void open(void*& handle, Char const* name, DWORD access, DWORD share, DWORD disposition) {
-  auto const call = [] {
-    if constexpr (std::is_same_v<Char, char>)
-      return &::CreateFileA;
-    else
-      return &::CreateFileW;
-  }();
+// The forms with a narrow and with a wide name differ in the platform's call alone.
+template <class Call, class Char>
+void create(void*& handle, Call call, Char const* name, DWORD access, DWORD share,
+            DWORD disposition) {
   handle = call(name, access, share, nullptr, disposition, FILE_ATTRIBUTE_NORMAL, nullptr);
   check(handle != INVALID_HANDLE_VALUE);
 }
@@ -28,29 +20,29 @@ void open(void*& handle, Char const* name, DWORD access, DWORD share, DWORD disp
 
 TFile::TFile(char const* name, unsigned long access, unsigned long share,
              unsigned long disposition) {
-  open(handle, name, access, share, disposition);
+  CreateFileW(name, access, share, disposition);
 }
 TFile::TFile(wchar_t const* name, unsigned long access, unsigned long share,
              unsigned long disposition) {
-  open(handle, name, access, share, disposition);
+  CreateFileW(name, access, share, disposition);
 }
 
 void TFile::CreateFileW(char const* name, unsigned long access, unsigned long share,
                         unsigned long disposition) {
-  open(handle, name, access, share, disposition);
+  create(handle, &::CreateFileA, name, access, share, disposition);
 }
 void TFile::CreateFileW(wchar_t const* name, unsigned long access, unsigned long share,
                         unsigned long disposition) {
-  open(handle, name, access, share, disposition);
+  create(handle, &::CreateFileW, name, access, share, disposition);
 }
 
 void TFile::OpenFile(char const* name, unsigned long access, unsigned long share,
                      unsigned long disposition) {
-  open(handle, name, access, share, disposition);
+  CreateFileW(name, access, share, disposition);
 }
 void TFile::OpenFile(wchar_t const* name, unsigned long access, unsigned long share,
                      unsigned long disposition) {
-  open(handle, name, access, share, disposition);
+  CreateFileW(name, access, share, disposition);
 }
 
 unsigned long TFile::ReadFile(void* buffer, unsigned long size) {

@@ -2,8 +2,6 @@
 
 #include <windows.h>
 
-#include <type_traits>
-
 #include "velt/base/CheckInternal.h"
 #include "velt/locks/NamedObjectInternal.h"
 
@@ -12,35 +10,32 @@ using velt::detail::store_or_throw;
 
 namespace {
 
-// A size of 0 is that of the file.
-template <class Char>
-void create(void*& handle, HANDLE file, DWORD protect, ULONGLONG size, Char const* name) {
-  auto const call = [] {
-    if constexpr (std::is_same_v<Char, char>)
-      return &::CreateFileMappingA;
-    else
-      return &::CreateFileMappingW;
-  }();
+// The forms with a narrow and with a wide name differ in the platform's call alone.
+template <class Call, class Char>
+void create(void*& handle, Call call, HANDLE file, DWORD protect, ULONGLONG size,
+            Char const* name) {
   store_or_throw(handle, call(file, nullptr, protect, static_cast<DWORD>(size >> 32),
                               static_cast<DWORD>(size), name));
 }
+
+constexpr ULONGLONG size_of_file = 0;
 
 }  // namespace
 
 void TFileMapping::CreateFileMappingW(unsigned long protect, unsigned __int64 size,
                                       char const* name) {
-  create(handle, INVALID_HANDLE_VALUE, protect, size, name);
+  create(handle, &::CreateFileMappingA, INVALID_HANDLE_VALUE, protect, size, name);
 }
 void TFileMapping::CreateFileMappingW(unsigned long protect, unsigned __int64 size,
                                       wchar_t const* name) {
-  create(handle, INVALID_HANDLE_VALUE, protect, size, name);
+  create(handle, &::CreateFileMappingW, INVALID_HANDLE_VALUE, protect, size, name);
 }
 
 void TFileMapping::CreateFileMappingW(unsigned long protect, void* file, char const* name) {
-  create(handle, file, protect, 0, name);
+  create(handle, &::CreateFileMappingA, file, protect, size_of_file, name);
 }
 void TFileMapping::CreateFileMappingW(unsigned long protect, void* file, wchar_t const* name) {
-  create(handle, file, protect, 0, name);
+  create(handle, &::CreateFileMappingW, file, protect, size_of_file, name);
 }
 
 void TFileMapping::OpenFileMappingW(char const* name, unsigned long access) {

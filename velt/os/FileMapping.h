@@ -1,5 +1,5 @@
-// TFileMapping: memory that processes share by name, or a file that is read and
-// written as memory.
+// TFileMapping: memory that processes share by name, or a file that is read and written
+// as memory.
 #pragma once
 
 #include <cstdint>  // __int64
@@ -7,29 +7,30 @@
 #include "velt/base/Export.h"
 #include "velt/locks/Handle.h"
 
-// It owns the mapping, not its views. A view keeps the memory alive by itself,
-// and the caller ends it with the platform's UnmapViewOfFile.
+// The object owns the mapping, not its views. A view keeps the memory alive by itself;
+// the caller ends it with the platform's UnmapViewOfFile.
 //
-// Create... and Open... store the new handle over the old one, which they do not
-// close; when they fail, they throw ESystemException and the object holds null.
-// Protection and access are the platform's numbers. Names follow the platform's
-// rules for kernel objects, null makes a mapping without one, and a name that
-// exists already opens that mapping. Not synchronised.
+// In CreateFileMappingW and OpenFileMappingW the new handle overwrites the old one,
+// which is not closed. If they fail, they throw ESystemException and the object holds
+// null. The values of `protect` and `access` are the platform's. Names follow the
+// platform's rules for kernel objects: null creates a mapping without a name, and a
+// name that already exists opens that mapping. Not synchronised.
 class VELT_API TFileMapping : public THandle {
 public:
-  // Memory of `size` bytes, which starts as zero.
+  // Memory of `size` bytes, filled with zeros.
   void CreateFileMappingW(unsigned long protect, unsigned __int64 size, char const* name);
   void CreateFileMappingW(unsigned long protect, unsigned __int64 size, wchar_t const* name);
 
-  // All of the file as it is now, by its handle; an empty one cannot be mapped.
+  // The whole file behind the handle, at its present size. An empty file cannot be
+  // mapped.
   void CreateFileMappingW(unsigned long protect, void* file, char const* name);
   void CreateFileMappingW(unsigned long protect, void* file, wchar_t const* name);
 
   void OpenFileMappingW(char const* name, unsigned long access);
   void OpenFileMappingW(wchar_t const* name, unsigned long access);
 
-  // A view of `size` bytes from `offset` on; of all that follows if `size` is 0.
-  // The offset must be a multiple of the platform's granularity of allocations,
-  // and lies below 4 GiB. Throws ESystemException.
+  // Returns a view of `size` bytes from `offset` on, or of the whole rest if `size`
+  // is 0. The offset must be a multiple of the platform's allocation granularity; it
+  // is always below 4 GiB. Throws ESystemException.
   void* MapViewOfFile(unsigned long access, unsigned long offset, unsigned long size);
 };

@@ -27,8 +27,8 @@ void write_level(HANDLE token) {
   if (Debug.GetEnabled()) Debug << name_of(level);
 }
 
-// The block is not given back: the report is made once, on the way out of what
-// may be the end of the process.
+// The block is never freed: the report is rare, and it may be made shortly before the
+// end of the process.
 TOKEN_USER const* user_of(HANDLE token, DWORD& size) {
   GetTokenInformation(token, TokenUser, nullptr, 0, &size);
   auto const block = ::operator new(std::max<std::size_t>(size, sizeof(TOKEN_USER)));
@@ -41,8 +41,8 @@ void write_account(HANDLE token) {
   wchar_t name[256] = L"", domain[256] = L"";
   DWORD size = 0;
   auto const user = user_of(token, size);
-  // One number for both buffers: a record of some bytes is longer than the names
-  // have characters.
+  // One number is the size of both buffers. It holds the bytes of the record, which
+  // are more than the names have characters.
   SID_NAME_USE use;
   if (user->User.Sid)
     LookupAccountSidW(nullptr, user->User.Sid, name, &size, domain, &size, &use);
@@ -61,17 +61,17 @@ void report() {
 
 CImpersonationContext::CImpersonationContext(bool raiseOnFailure) {
   HRESULT const result = CoImpersonateClient();
-  Impersonated = SUCCEEDED(result);
+  impersonated = SUCCEEDED(result);
   if (raiseOnFailure) _com_util::CheckError(result);
 }
 
 CImpersonationContext::~CImpersonationContext() {
-  if (!Impersonated) return;
+  if (!impersonated) return;
   if (std::uncaught_exceptions() > 0 && Debug.GetEnabled()) {
     try {
       report();
     } catch (...) {
-      // It must not come in the way of the exception that it is about.
+      // A failed report must not replace the exception that it is about.
     }
   }
   CoRevertToSelf();

@@ -1,35 +1,33 @@
-// CImpersonationContext: takes on the identity of the COM client for a scope. If
-// an exception leaves the scope, Debug gets a line that tells as whom the failed
-// work was done.
+// CImpersonationContext: impersonates the COM client for a scope. If an exception leaves
+// the scope, a line on Debug tells under which identity the failed work was done.
 #pragma once
 
 #include "velt/base/Export.h"
 
-// Belongs to the call that is being served and to its thread: it must go on the
-// thread that made it.
+// Use it while serving a COM call, and destroy it on the thread that made it.
 class VELT_API CImpersonationContext {
 public:
   static constexpr bool NeedImpersonation = true;
 
-  // With `raiseOnFailure`, or rather NeedImpersonation, a client whose identity
-  // is not to be had is the COM error of CoImpersonateClient; outside a call that
-  // is 0x80010117. Without, the guard then does nothing, and the work is done as
-  // whoever the thread is.
+  // With `raiseOnFailure` (pass NeedImpersonation), throws the COM error of
+  // CoImpersonateClient if the client cannot be impersonated; outside a call that is
+  // 0x80010117. Without it, the guard then does nothing, and the thread keeps its
+  // identity.
   explicit CImpersonationContext(bool raiseOnFailure);
   CImpersonationContext() : CImpersonationContext(false) {}
 
   CImpersonationContext(CImpersonationContext const&) = delete;
   CImpersonationContext& operator=(CImpersonationContext const&) = delete;
 
-  // Makes the thread itself again. While an exception is on its way, and if Debug
-  // has writers, it writes before that
+  // Gives the thread its own identity back. Before that, during the unwinding of an
+  // exception and if Debug has writers, writes to Debug
   //
   //   (!) Impersonated with level SecurityImpersonation as DOMAIN\account
   //
-  // in three statements, between which other threads' text may come. What cannot
-  // be found out is left out; nothing throws.
+  // in three statements, so other threads' text may come between them. Leaves out what
+  // is unavailable. Never throws.
   ~CImpersonationContext();
 
 private:
-  bool Impersonated = false;
+  bool impersonated = false;
 };

@@ -9,7 +9,7 @@ using velt::detail::check;
 
 namespace {
 
-// To have ended at once and to have started are both well.
+// An operation has started well if it has ended or is pending.
 void expect_started(BOOL ended) {
   check(ended || GetLastError() == ERROR_IO_PENDING);
 }

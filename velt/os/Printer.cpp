@@ -37,7 +37,7 @@ inline constexpr DWORD level_of<PORT_INFO_1W> = 1;
 template <>
 inline constexpr DWORD level_of<PORT_INFO_2W> = 2;
 
-// The spooler takes names and records for writing, and does not write.
+// The spooler's functions take pointers to non-const, but do not write through them.
 wchar_t* writable(wchar_t const* text) { return const_cast<wchar_t*>(text); }
 
 template <class Record>
@@ -45,8 +45,8 @@ BYTE* bytes(AutoPtr<Record> const& block) {
   return reinterpret_cast<BYTE*>(block.get());
 }
 
-// `call` takes the level, the block, its size and the place for the size that is
-// needed, and answers as the platform does.
+// `call` takes the level, the block, its size, and where to store the needed size. It
+// returns what the platform returns.
 template <class Record, class Call>
 void fetch(AutoPtr<Record>& block, Call const& call) {
   constexpr DWORD level = level_of<Record>;
@@ -58,7 +58,7 @@ void fetch(AutoPtr<Record>& block, Call const& call) {
   check(call(level, bytes(block), needed, &needed));
 }
 
-// The same for calls that also take the place for the number of records.
+// The same for calls that also store the number of records.
 template <class Record, class Call>
 DWORD fetch_list(AutoPtr<Record>& block, Call const& call) {
   DWORD returned = 0;
@@ -105,7 +105,7 @@ void set_job(HANDLE printer, DWORD job, AutoPtr<Record> const& info) {
   check(::SetJobW(printer, job, level_of<Record>, bytes(info), 0));
 }
 
-// Calls for named data answer with the code itself.
+// The calls for named data return the error code itself.
 void expect_success(DWORD code) {
   if (code != ERROR_SUCCESS) ThrowSystemException(code);
 }
@@ -125,7 +125,7 @@ unsigned long number_in(std::wstring const& block, DWORD size) {
 
 TPrinter::TPrinter(wchar_t const* name, unsigned long access) { OpenPrinterW(name, access); }
 
-// Null, so that no handle of the spooler reaches the close of THandle.
+// Null, so that THandle does not close a handle of the spooler.
 TPrinter::~TPrinter() noexcept {
   if (IsValidHandle()) ::ClosePrinter(handle);
   handle = nullptr;
@@ -217,7 +217,7 @@ _value_t TPrinter::GetPrinterDataW(wchar_t const* name) const {
   if (sized == ERROR_SUCCESS) return {};
   if (sized != ERROR_MORE_DATA) ThrowSystemException(sized);
 
-  // A character for each byte: a text is as long as its bytes are many.
+  // One character for each byte: the length of a text is its number of bytes.
   std::wstring block(size, L'\0');
   expect_success(call(reinterpret_cast<BYTE*>(block.data())));
   if (type == REG_DWORD) return number_in(block, size);
@@ -232,7 +232,8 @@ void TPrinter::SetPrinterDataW(wchar_t const* name, _value_t const& value) {
   switch (value.holder()->vartype()) {
     case variant_tag<std::wstring>: {
       auto const text = value.get<std::wstring>();
-      // The number of characters as that of bytes, which readers of the data expect.
+      // The number of characters goes in as the number of bytes; programs that read the
+      // data expect this.
       return store(handle, name, REG_SZ, text.data(), static_cast<DWORD>(text.size()));
     }
     case variant_tag<unsigned long>:

@@ -10,13 +10,13 @@ using velt::detail::check;
 
 namespace {
 
-// What the two forms of a command line have in common.
+// The forms with narrow and with wide text differ in these types and the call alone.
 template <class Startup, class Call, class Char>
-void create(void*& handle, Call call, Char* commandLine, DWORD flags) {
+void create(void*& handle, Call call, Char* command_line, DWORD flags) {
   Startup startup = {};
   startup.cb = sizeof startup;
   PROCESS_INFORMATION made;
-  check(call(nullptr, commandLine, nullptr, nullptr, FALSE, flags, nullptr, nullptr, &startup,
+  check(call(nullptr, command_line, nullptr, nullptr, FALSE, flags, nullptr, nullptr, &startup,
             &made));
   handle = made.hProcess;
   ::CloseHandle(made.hThread);
@@ -25,7 +25,7 @@ void create(void*& handle, Call call, Char* commandLine, DWORD flags) {
 }  // namespace
 
 void TProcess::CreateProcessW(char const* commandLine, unsigned long flags) {
-  // The platform converts narrow text into a copy and does not write to it.
+  // The platform makes a wide copy of narrow text and does not write to the original.
   create<STARTUPINFOA>(handle, &::CreateProcessA, const_cast<char*>(commandLine), flags);
 }
 void TProcess::CreateProcessW(wchar_t const* commandLine, unsigned long flags) {

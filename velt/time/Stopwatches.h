@@ -1,17 +1,18 @@
-// Stopwatches: small values that remember a point on a clock and tell how much
-// has passed since.
+// Stopwatches: small values that store a reading of a clock and tell how much time has
+// passed since.
 //
+//   Class                   Clock            Unit       Use
 //   _ticks_t                tick count       1 ms       cheapest; wraps after 49.7 days
-//   _pcounter_t             performance      under 1 us the one for measuring
+//   _pcounter_t             performance      under 1 us for measuring
 //   _thread_user_times_t    CPU time of the  100 ns     work in the program's own code
 //   _thread_kernel_times_t  calling thread   100 ns     work of the system for it
 //   _thread_times_t                          100 ns     both
 //
-// All have one vocabulary: the default constructor and restart() start the
-// watch, get_elapsed_ticks() answers in the units of the clock, get_elapsed()
-// in seconds. A watch made with DoNotInitialize reads no clock and holds
-// whatever was there before: restart() comes first. Nothing fails, throws or
-// allocates. A watch belongs to one thread at a time.
+// All classes have the same operations. The default constructor and restart() start the
+// watch. get_elapsed_ticks() returns the time in units of the clock, get_elapsed() in
+// seconds. A watch made with DoNotInitialize reads no clock and holds an indeterminate
+// value: call restart() first. Nothing fails, throws or allocates. Only one thread at a
+// time may use a watch.
 #pragma once
 
 #include <cstdint>  // __int64
@@ -22,7 +23,7 @@
 union _LARGE_INTEGER;
 struct _FILETIME;
 
-// Counts of the performance counter in one second; read once, at load.
+// Counts of the performance counter per second; read once, at load.
 extern VELT_API _LARGE_INTEGER _PerformanceCounterFrequency;
 
 namespace velt::detail {
@@ -39,16 +40,16 @@ public:
 
   void restart() noexcept { start = velt::detail::tick_count(); }
 
-  // Right across a wrap of the tick count, as long as less than 2^32 ms passed.
+  // Correct across a wrap of the tick count, if less than 2^32 ms have passed.
   unsigned long get_elapsed_ticks() const noexcept { return velt::detail::tick_count() - start; }
   double get_elapsed() const noexcept { return get_elapsed_ticks() / 1000.0; }
 
   bool operator==(_ticks_t const& other) const noexcept { return start == other.start; }
-  // The order of the stored counts, nothing more: of two starts on either side
-  // of a wrap the later one is the smaller.
+  // Compares the stored counts only: if the tick count wraps between two starts, the
+  // later one is the smaller.
   bool operator<(_ticks_t const& other) const noexcept { return start < other.start; }
-  // Milliseconds from the other start to this one. Right across a wrap, up to
-  // 2^31 ms either way.
+  // Milliseconds from the other start to this one. Correct across a wrap, for up to
+  // 2^31 ms in either direction.
   int operator-(_ticks_t const& other) const noexcept {
     return static_cast<int>(start - other.start);
   }
@@ -59,7 +60,7 @@ private:
 
 class _pcounter_t {
 public:
-  // Counts in one second.
+  // Counts per second.
   VELT_API static const double frequency;
 
   _pcounter_t() noexcept { restart(); }
@@ -70,8 +71,8 @@ public:
   __int64 get_elapsed_ticks() const noexcept { return velt::detail::performance_count() - start; }
   double get_elapsed() const noexcept { return to_seconds(get_elapsed_ticks()); }
 
-  // One reading of the clock ends a lap and begins the next, so that laps add
-  // up to the whole.
+  // One reading of the clock ends a lap and starts the next, so the laps add up to the
+  // whole time.
   __int64 get_elapsed_ticks_and_restart() noexcept {
     __int64 const previous = start;
     restart();
@@ -90,20 +91,20 @@ private:
   __int64 start;
 };
 
-// What the thread stopwatches share.
+// Shared by the thread stopwatches.
 struct VELT_API _thread_common_times_t {
-  // Ticks of 100 ns in one second.
+  // Ticks of 100 ns per second.
   static const double frequency;
-  // The pseudo-handle that means the calling thread, whichever that is.
+  // The pseudo-handle of the calling thread.
   static void* const current_thread;
-  // For results of GetThreadTimes that nobody wants. All threads write here at
-  // once and none reads.
+  // Takes results of GetThreadTimes that nobody needs. All threads may write here at the
+  // same time; no thread reads it.
   static _FILETIME dummy_time;
 };
 
 namespace velt::detail {
 
-// Readings of the CPU clocks of the calling thread, in ticks of 100 ns.
+// Readings of the CPU time of the calling thread, in ticks of 100 ns.
 struct user_time {
   __int64 user;
   VELT_API void read() noexcept;
@@ -122,8 +123,8 @@ struct both_times {
   __int64 total() const noexcept { return kernel + user; }
 };
 
-// CPU time of the calling thread since the start. A watch that was started on
-// another thread answers the difference of two unrelated clocks.
+// CPU time of the calling thread since the start. A watch that was started on another
+// thread gives the difference of two unrelated clocks.
 template <class Reading>
 class thread_stopwatch {
 public:

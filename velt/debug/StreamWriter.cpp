@@ -1,3 +1,0 @@
-#include "velt/debug/StreamWriter.h"
-
-TStreamWriter::~TStreamWriter() = default;

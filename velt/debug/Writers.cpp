@@ -1,0 +1,72 @@
+#include "velt/debug/Writers.h"
+
+#include <stdio.h>
+#include <windows.h>
+
+#include <algorithm>
+
+namespace {
+
+HANDLE open_for_appending(auto create_file, auto file_name) {
+  return create_file(file_name, FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_DELETE, nullptr,
+                     OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL | FILE_FLAG_SEQUENTIAL_SCAN, nullptr);
+}
+
+std::string with_carriage_returns(char const* text, unsigned __int64 size) {
+  std::string result;
+  result.reserve(size + static_cast<std::size_t>(std::count(text, text + size, '\n')));
+  for (char const* each = text; each != text + size; ++each) {
+    if (*each == '\n') result += '\r';
+    result += *each;
+  }
+  return result;
+}
+
+}  // namespace
+
+TStreamWriter::~TStreamWriter() = default;
+
+void TDebugWriter::StreamWriteString(char const* text, unsigned __int64) {
+  OutputDebugStringA(text);
+}
+
+TConsoleWriter::TConsoleWriter(bool allocate) {
+  if (allocate) AllocConsole();
+  console = GetStdHandle(STD_OUTPUT_HANDLE);
+}
+
+void TConsoleWriter::StreamWriteString(char const* text, unsigned __int64 size) {
+  std::string converted(text, size);
+  CharToOemA(converted.c_str(), converted.data());
+  DWORD written = 0;
+  WriteConsoleA(console, converted.data(), static_cast<DWORD>(converted.size()), &written, nullptr);
+}
+
+void TFileWriter::StreamWriteString(char const* text, unsigned __int64 size) {
+  FILE* opened = nullptr;
+  if (fopen_s(&opened, file_name.c_str(), "a+") != 0) return;
+  fwrite(text, size, 1, opened);
+  fclose(opened);
+}
+
+TPermanentFileWriter::TPermanentFileWriter(char const* fileName)
+    : TPermanentFileWriter(open_for_appending(CreateFileA, fileName)) {}
+
+TPermanentFileWriter::TPermanentFileWriter(wchar_t const* fileName)
+    : TPermanentFileWriter(open_for_appending(CreateFileW, fileName)) {}
+
+TPermanentFileWriter::TPermanentFileWriter(void* opened) noexcept
+    : file(opened == INVALID_HANDLE_VALUE ? nullptr : opened) {
+  if (file) SetFilePointer(file, 0, nullptr, FILE_END);
+}
+
+TPermanentFileWriter::~TPermanentFileWriter() {
+  if (file) CloseHandle(file);
+}
+
+void TPermanentFileWriter::StreamWriteString(char const* text, unsigned __int64 size) {
+  if (!file) return;
+  auto const lines = with_carriage_returns(text, size);
+  DWORD written = 0;
+  WriteFile(file, lines.data(), static_cast<DWORD>(lines.size()), &written, nullptr);
+}
