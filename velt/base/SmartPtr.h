@@ -114,9 +114,10 @@ public:
     requires std::convertible_to<U*, T*>
   SmartPtr(SmartPtr<U>&& other) noexcept : ptr(other.detach()) {}
 
-  // No other thread may use a handle that is being destroyed, so this needs no
-  // exchange; reset() does it for handles that are shared.
-  ~SmartPtr() { release(get()); }
+  // Null before the object is released: its destructor may look at the handle.
+  // No other thread may use a handle that is being destroyed, so a plain store
+  // does; reset() exchanges, for handles that several threads use.
+  ~SmartPtr() { release(detach()); }
 
   SmartPtr& operator=(T* object) noexcept {
     // The new object first: it may be the old one, or be kept alive by it.
