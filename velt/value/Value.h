@@ -217,6 +217,8 @@ public:
   friend bool operator<(T const& a, _value_t const& b) { return _value_t(a).less(b); }
 
 private:
+  using holder_handle = SmartPtr<_value_t_data>;
+
   template <class Collection>
   _value_t& replace(Collection const& elements) {
     data = velt::detail::new_sequence(elements);
@@ -235,10 +237,11 @@ private:
   _value_t& assign(T const& value);
   template <class T>
   void append(T const& value);
-  void make_private();
+  [[nodiscard]] holder_handle make_private();
+  [[nodiscard]] holder_handle make_private_sequence();
 
   VELT_API bool equal(_value_t const& other) const;
   VELT_API bool less(_value_t const& other) const;
 
-  SmartPtr<_value_t_data> data;
+  holder_handle data;
 };
