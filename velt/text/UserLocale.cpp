@@ -71,13 +71,22 @@ private:
   wchar_t name[LOCALE_NAME_MAX_LENGTH];
 };
 
+// UTF-8 and GB18030 have every character. The platform refuses to be asked
+// whether one of theirs was replaced.
+bool has_every_character(UINT code_page) {
+  constexpr UINT gb18030 = 54936;
+  return code_page == CP_UTF8 || code_page == gb18030;
+}
+
 // The byte of the system's code page for a character; `otherwise` if that has
 // none or needs several.
 char narrowed(wchar_t character, char otherwise) {
+  static bool const never_replaced = has_every_character(GetACP());
   char bytes[8];
   BOOL replaced = FALSE;
-  int const count = WideCharToMultiByte(CP_ACP, WC_NO_BEST_FIT_CHARS, &character, 1, bytes,
-                                        sizeof bytes, nullptr, &replaced);
+  int const count =
+      WideCharToMultiByte(CP_ACP, never_replaced ? 0 : WC_NO_BEST_FIT_CHARS, &character, 1, bytes,
+                          sizeof bytes, nullptr, never_replaced ? nullptr : &replaced);
   return count == 1 && !replaced ? bytes[0] : otherwise;
 }
 
