@@ -11,9 +11,9 @@ using velt::detail::check;
 
 namespace {
 
-// Not every refusal leaves a code, and the thread may hold an older one: `measure`
-// is called once more without that. Of a result of 2 GB or more the size wraps on
-// some platforms.
+// On some platforms the size of a result of 2 GB or more wraps. And not every refusal
+// leaves a code, while the thread may hold an older one: `measure` asks again with
+// that one cleared.
 template <class Measure>
 [[noreturn, gnu::noinline]] void throw_refusal(int size, Measure measure) {
   if (size < 0) ThrowSystemException(ERROR_INVALID_PARAMETER);

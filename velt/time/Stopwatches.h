@@ -1,5 +1,5 @@
-// Stopwatches: small values that remember a point on a clock and tell how much
-// has passed since.
+// Stopwatches: small values that remember a point on a clock and tell how much time
+// has passed since then.
 //
 //   _ticks_t                tick count       1 ms       cheapest; wraps after 49.7 days
 //   _pcounter_t             performance      under 1 us the one for measuring
@@ -7,11 +7,10 @@
 //   _thread_kernel_times_t  calling thread   100 ns     work of the system for it
 //   _thread_times_t                          100 ns     both
 //
-// All have one vocabulary: the default constructor and restart() start the
-// watch, get_elapsed_ticks() answers in the units of the clock, get_elapsed()
-// in seconds. A watch made with DoNotInitialize reads no clock and holds
-// whatever was there before: restart() comes first. Nothing fails, throws or
-// allocates. A watch belongs to one thread at a time.
+// All have the same operations: the default constructor and restart() start the
+// watch, get_elapsed_ticks() gives units of the clock, get_elapsed() seconds. A watch
+// made with DoNotInitialize reads no clock and holds nothing until restart().
+// Nothing fails, throws or allocates. A watch belongs to one thread at a time.
 #pragma once
 
 #include <cstdint>  // __int64
@@ -39,16 +38,15 @@ public:
 
   void restart() noexcept { start = velt::detail::tick_count(); }
 
-  // Right across a wrap of the tick count, as long as less than 2^32 ms passed.
+  // Correct across a wrap of the tick count, if less than 2^32 ms have passed.
   unsigned long get_elapsed_ticks() const noexcept { return velt::detail::tick_count() - start; }
   double get_elapsed() const noexcept { return get_elapsed_ticks() / 1000.0; }
 
   bool operator==(_ticks_t const& other) const noexcept { return start == other.start; }
-  // The order of the stored counts, nothing more: of two starts on either side
-  // of a wrap the later one is the smaller.
+  // Compares the stored counts: around a wrap the later start is the smaller one.
   bool operator<(_ticks_t const& other) const noexcept { return start < other.start; }
-  // Milliseconds from the other start to this one. Right across a wrap, up to
-  // 2^31 ms either way.
+  // Milliseconds from the other start to this one. Correct across a wrap, up to 2^31
+  // ms in either direction.
   int operator-(_ticks_t const& other) const noexcept {
     return static_cast<int>(start - other.start);
   }
@@ -70,8 +68,8 @@ public:
   __int64 get_elapsed_ticks() const noexcept { return velt::detail::performance_count() - start; }
   double get_elapsed() const noexcept { return to_seconds(get_elapsed_ticks()); }
 
-  // One reading of the clock ends a lap and begins the next, so that laps add
-  // up to the whole.
+  // One reading of the clock ends a lap and begins the next: laps add up to the
+  // whole.
   __int64 get_elapsed_ticks_and_restart() noexcept {
     __int64 const previous = start;
     restart();
@@ -90,14 +88,13 @@ private:
   __int64 start;
 };
 
-// What the thread stopwatches share.
+// Shared by the thread stopwatches.
 struct VELT_API _thread_common_times_t {
   // Ticks of 100 ns in one second.
   static const double frequency;
   // The pseudo-handle that means the calling thread, whichever that is.
   static void* const current_thread;
-  // For results of GetThreadTimes that nobody wants. All threads write here at
-  // once and none reads.
+  // For unwanted results of GetThreadTimes. All threads write here and none reads.
   static _FILETIME dummy_time;
 };
 
@@ -122,8 +119,8 @@ struct both_times {
   __int64 total() const noexcept { return kernel + user; }
 };
 
-// CPU time of the calling thread since the start. A watch that was started on
-// another thread answers the difference of two unrelated clocks.
+// CPU time of the calling thread since the start. A watch that another thread started
+// gives the difference of two unrelated clocks.
 template <class Reading>
 class thread_stopwatch {
 public:

@@ -40,7 +40,7 @@ void convert_text(std::wstring const& from, _bstr_t& to) { to = adopt_bstr(new_b
 void convert_text(_bstr_t const& from, std::wstring& to) { to = wide_view(from); }
 
 void convert_text(_bstr_t const& from, std::string& to) {
-  // Not by the string's own narrow text: it is made on first use without a lock
+  // Not by the string's own narrow copy: it is made on first use, without a lock,
   // and ends at the first NUL.
   to = as_string(from, ansi_code_page);
   if (to.size() > from.length()) to.resize(from.length());

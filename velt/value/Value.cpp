@@ -10,8 +10,8 @@ namespace {
 
 template <class T>
 SmartPtr<_value_t_data> make_scalar(T&& value) {
-  using Holder = _value_t_data_t<std::remove_cvref_t<T>>;
-  return SmartPtr<_value_t_data>::adopt_new(new Holder(std::forward<T>(value)));
+  using holder = _value_t_data_t<std::remove_cvref_t<T>>;
+  return SmartPtr<_value_t_data>::adopt_new(new holder(std::forward<T>(value)));
 }
 
 template <class Char>
@@ -21,9 +21,9 @@ std::basic_string<Char> string_of(basic_const_string<Char> const& text) {
 
 }  // namespace
 
-// Copy-on-write: what other values share is not written to. Both of these return
-// the holder that they replaced, if they did, for the caller to keep until the
-// write is done: what is written may lie in that holder.
+// Copy-on-write: shared content is copied before it is written. Both return the
+// holder that they replaced, or null. The caller keeps it until the write is done,
+// since the new element may lie in it.
 _value_t::holder_handle _value_t::make_private() {
   if (data.use_count() == 1) return nullptr;
   return data.exchange(data->clone());
