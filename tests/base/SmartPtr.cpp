@@ -31,6 +31,21 @@ TEST(SmartPtr, AssigningAnObjectThatOnlyTheOldOneKeepsAliveIsSafe) {
   EXPECT_EQ(head->count(), 1);
 }
 
+TEST(SmartPtr, IsNullForTheDestructorOfItsObject) {
+  struct Curious : virtual SmartPtrObj {
+    SmartPtr<Curious>* own = nullptr;
+    bool* found_itself = nullptr;
+    ~Curious() override { *found_itself = static_cast<bool>(*own); }
+  };
+  bool found_itself = true;
+  {
+    SmartPtr<Curious> const handle(new Curious);
+    handle->own = const_cast<SmartPtr<Curious>*>(&handle);
+    handle->found_itself = &found_itself;
+  }
+  EXPECT_FALSE(found_itself);
+}
+
 TEST(SmartPtr, CopiedObjectStartsWithoutReferencesAndAssignedOneTakesTheCount) {
   SmartPtr<Probe> first(new Probe), second = first;
   Probe copy(*first);

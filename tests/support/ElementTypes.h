@@ -53,10 +53,8 @@ struct element_operations {
   _value_t (*scalar)();
   _value_t (*sequence)();
   void (*read)(_value_t const& value);            // strictly
-  void (*read_all)(_value_t const& value);        // into a collection
   void (*write)(_value_t& value);                 // the sample
   void (*push_back)(_value_t& value);             // the sample
-  void const* (*address)(_value_t const& value);  // getp
 };
 
 inline std::vector<element_operations> const& all_element_types() {
@@ -69,12 +67,8 @@ inline std::vector<element_operations> const& all_element_types() {
           [] { return _value_t(element<T>::sample()); },
           [] { return _value_t(std::vector<T>{element<T>::sample()}); },
           [](_value_t const& value) { static_cast<void>(static_cast<T>(value)); },
-          [](_value_t const& value) { static_cast<void>(static_cast<std::vector<T>>(value)); },
           [](_value_t& value) { value = element<T>::sample(); },
           [](_value_t& value) { value.push_back(element<T>::sample()); },
-          [](_value_t const& value) -> void const* {
-            return value.holder()->getp(static_cast<T const*>(nullptr));
-          },
       });
     });
     return list;

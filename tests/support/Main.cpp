@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "velt/diagnostics/Settings.h"
-#include "velt/value/HolderCount.h"
+#include "velt/value/HolderCacheInternal.h"
 
 namespace {
 

@@ -1,11 +1,9 @@
 #include "velt/text/Case.h"
 
 #include <algorithm>
-#include <locale>
 
 #include "TextTypes.h"
 #include "velt/text/CharacterClasses.h"
-#include "velt/text/UserLocaleInternal.h"
 
 using namespace std::string_literals;
 using namespace std::string_view_literals;
@@ -44,15 +42,6 @@ TEST(Case, NarrowTextIsInTheSystemsCodePage) {
 
 TEST(Case, NullComStringStaysNull) {
   EXPECT_TRUE(!strupper(_bstr_t()) && !strlower(_bstr_t()));
-}
-
-TEST(Case, GlobalLocaleHasNoEffect) {
-  struct Deaf : std::ctype<char> {
-    char const* do_toupper(char*, char const* last) const override { return last; }
-  };
-  auto const before = std::locale::global(std::locale(std::locale(), new Deaf));
-  EXPECT_EQ(strupper("abc"), "ABC");
-  std::locale::global(before);
 }
 
 // The blocks are laid out by the library and freed by the platform, which puts
@@ -101,23 +90,11 @@ TEST(CharacterClasses, KnowTheLettersOfTheSystemsCodePage) {
   EXPECT_TRUE(isdigit("\xB2"s));
 }
 
-TEST(UserLocale, AgreesWithTheClassicLocaleAboutPlainCharacters) {
-  auto const& narrow = std::use_facet<std::ctype<char>>(velt::detail::user_locale());
-  auto const& wide = std::use_facet<std::ctype<wchar_t>>(velt::detail::user_locale());
-  auto const& classic = std::use_facet<std::ctype<char>>(std::locale::classic());
-  using base = std::ctype_base;
-  for (int code = 0; code < 128; ++code) {
-    auto const letter = static_cast<char>(code);
-    auto const wide_letter = static_cast<wchar_t>(code);
-    for (auto const mask : {base::upper, base::lower, base::alpha, base::digit, base::xdigit,
-                            base::space, base::print, base::cntrl, base::punct, base::blank}) {
-      bool const expected = classic.is(mask, letter);
-      EXPECT_EQ(narrow.is(mask, letter), expected) << code << " of class " << mask;
-      EXPECT_EQ(wide.is(mask, wide_letter), expected) << code << " of class " << mask;
-    }
-    EXPECT_EQ(narrow.tolower(letter), classic.tolower(letter)) << code;
-    EXPECT_EQ(narrow.toupper(letter), classic.toupper(letter)) << code;
-    EXPECT_EQ(wide.tolower(wide_letter), classic.tolower(letter)) << code;
-    EXPECT_EQ(wide.toupper(wide_letter), classic.toupper(letter)) << code;
-  }
+TEST(ComSupport, NarrowTextBecomesAComStringAndBackWithItsNuls) {
+  if (GetACP() != 1252) GTEST_SKIP() << "needs code page 1252";
+  EXPECT_STREQ(_bstr_t("a\x80"), L"a€");
+  EXPECT_FALSE(!_bstr_t(""));
+  EXPECT_EQ(std::string(make<_bstr_t>("a\0\x7f"sv), 4), "a\0\x7f\0"sv);
+  EXPECT_EQ(_com_util::ConvertStringToBSTR(nullptr), nullptr);
+  EXPECT_EQ(_com_util::ConvertBSTRToString(nullptr), nullptr);
 }

@@ -31,7 +31,7 @@
 #include "velt/locks/Event.h"
 #include "velt/threads/Thread.h"
 #include "velt/threads/ThreadPool.h"
-#include "velt/value/HolderCount.h"
+#include "velt/value/HolderCacheInternal.h"
 
 namespace {
 

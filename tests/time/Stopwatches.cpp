@@ -38,23 +38,6 @@ ThreadTimes platform_times() {
 
 }  // namespace
 
-template <class Watch>
-struct AnyStopwatch : ::testing::Test {};
-using AllStopwatches = ::testing::Types<_ticks_t, _pcounter_t, _thread_user_times_t,
-                                        _thread_kernel_times_t, _thread_times_t>;
-TYPED_TEST_SUITE(AnyStopwatch, AllStopwatches);
-
-TYPED_TEST(AnyStopwatch, CountsFromItsMakingOrRestart) {
-  TypeParam started;
-  EXPECT_GE(started.get_elapsed_ticks(), 0);
-  EXPECT_LT(started.get_elapsed(), 1.0);
-  TypeParam restarted(DoNotInitialize);
-  restarted.restart();
-  EXPECT_LT(restarted.get_elapsed(), 1.0);
-  started = restarted;
-  EXPECT_EQ(std::memcmp(&started, &restarted, sizeof started), 0);
-}
-
 TEST(Ticks, SpanAcrossAWrapOfTheCounterIsRight) {
   auto const watch = ticks_started_at(0xFFFFFF00);
   auto const before = GetTickCount();

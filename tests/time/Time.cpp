@@ -173,36 +173,6 @@ TEST(Time, DateOfAVariantIsTakenWithoutALookAtItsTagAndZeroIsNoTime) {
     EXPECT_FALSE(_time_t(_variant_t(date, VT_DATE), true).valid()) << date;
 }
 
-// The platform makes the dates, counts their seconds and takes them back.
-TEST(Time, VariantsOfTwoCenturiesGoThereAndBack) {
-  double const first = -364.0;  // 1899-01-01
-  double const last = 73'415.0;  // 2100-12-31
-  for (double day = first; day <= last && !HasFailure(); day += 3.217) {
-    SYSTEMTIME utc;
-    ASSERT_TRUE(VariantTimeToSystemTime(day, &utc));
-    double date;
-    ASSERT_TRUE(SystemTimeToVariantTime(&utc, &date));
-    FILETIME file_time;
-    ASSERT_TRUE(SystemTimeToFileTime(&utc, &file_time));
-    ULARGE_INTEGER const ticks{.u = {file_time.dwLowDateTime, file_time.dwHighDateTime}};
-    auto const seconds = static_cast<__int64>(ticks.QuadPart / 10'000'000) - 11'644'473'600;
-
-    _time_t const read(_variant_t(date, VT_DATE), true);
-    if (utc.wYear < 1970) {
-      ASSERT_EQ(read, -1 - zone_offset()) << date;
-      continue;
-    }
-    if (seconds < 24 * 3600) continue;  // it depends on the zone whether they are there
-    ASSERT_EQ(read, seconds) << date;
-    tm record = record_of(utc.wYear, utc.wMonth, utc.wDay, utc.wHour, utc.wMinute, utc.wSecond, -1);
-    ASSERT_EQ(_time_t(_variant_t(date, VT_DATE), false), _mktime64(&record)) << date;
-
-    _variant_t const back = _value_t(read).as_variant();
-    ASSERT_EQ(V_VT(&back), VT_DATE);
-    ASSERT_EQ(V_DATE(&back), date);
-  }
-}
-
 TEST(Time, LocalDaysBeginAtMidnightWhateverTheirLength) {
   std::set<__int64> lengths;
   auto const at_midnight = [](_time_t t) {

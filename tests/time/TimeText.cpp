@@ -116,14 +116,3 @@ TEST(TimeText, TextsThatPeopleWrite) {
   for (auto const& row : rows) EXPECT_EQ(_time_t::mktime(row.text), row.expected) << row.text;
   EXPECT_EQ(_time_t::mktime(std::string("2004-02-29T12:30:4\0005", 20)), 1078057804);
 }
-
-TEST(TimeText, CtimeIsTheRunTimesTextWithoutTheLineEnd) {
-  Samples samples;
-  for (int i = 0; i < 1'000; ++i) {
-    __int64 const t = samples.pick(1, last_second_of_3000 - 86400);
-    char buffer[64];
-    ASSERT_EQ(_ctime64_s(buffer, sizeof buffer, &t), 0);
-    buffer[std::strlen(buffer) - 1] = '\0';
-    ASSERT_EQ(_time_t(t).ctime(), buffer);
-  }
-}

@@ -65,6 +65,16 @@ TEST(Sequence, GrowsFromNothingThroughAScalar) {
   value.push_back(value);
   EXPECT_EQ(value.as_string(), "{9,2,3,1,9}");
   EXPECT_EQ(shared.as_string(), "{9,2,3,1}");
+  EXPECT_BAD_CAST(int, double, (void)static_cast<std::vector<double>>(shared));
+}
+
+TEST(Sequence, ScalarCanAppendWhatItHolds) {
+  std::string const text = "a text that lies on the heap";
+  _value_t by_view = text, by_address = text;
+  by_view.push_back(by_view[0]);
+  by_address.push_back(*by_address.holder()->getp(static_cast<std::string const*>(nullptr)));
+  for (std::vector<std::string> const all : {by_view, by_address})
+    EXPECT_EQ(all, (std::vector<std::string>{text, text}));
 }
 
 TEST(View, WritesThroughEvenIntoSharedContent) {
@@ -120,12 +130,4 @@ TEST(View, OfAScalarHasOneIndex) {
   }
   EXPECT_NE(value[0].holder(), value[0].holder());
   EXPECT_EQ(value[0][0].as_string(), constant[0][0].as_string());
-}
-
-TEST(View, GrowsIntoASequenceOfItsOwn) {
-  _value_t numbers = std::vector<int>{1, 2};
-  _value_t view = numbers[1];
-  view.push_back(5);
-  EXPECT_EQ(view.as_string(), "{2,5}");
-  EXPECT_EQ(numbers.as_string(), "{1,2}");
 }

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <thread>
 
 #include "tests/support/BadCast.h"
 #include "tests/support/ElementTypes.h"
@@ -108,22 +107,4 @@ TEST(Value, ScalarIsASequenceOfOneInComparisons) {
   EXPECT_BAD_CAST(double, int, (void)(pair < _value_t(std::vector<double>{1.0})));
   EXPECT_BAD_CAST(double, int,
                   (void)(_value_t(std::vector<int>()) == _value_t(std::vector<double>())));
-}
-
-TEST(Value, ThreadsMayShareTheContent) {
-  _value_t const shared = std::string(40, 'x');
-  std::vector<std::jthread> threads;
-  std::atomic<int> failures = 0;
-  for (int i = 0; i < 4; ++i)
-    threads.emplace_back([&shared, &failures, i] {
-      for (int n = 0; n < 20'000; ++n) {
-        _value_t copy = shared;
-        if (n % 3 == i % 3) copy = std::string(40, 'y');
-        _value_t const other = copy;
-        if (other.size() != 1 || shared.holder()->type() != typeid(std::string)) ++failures;
-      }
-    });
-  threads.clear();
-  EXPECT_EQ(failures, 0);
-  EXPECT_EQ(shared.get<std::string>(), std::string(40, 'x'));
 }

@@ -1,14 +1,14 @@
 // AutoPtr: the single owner of a raw block that a platform call fills with a
-// plain record and what belongs to it. For objects use std::unique_ptr; this
-// owner frees the block without running a destructor.
+// plain record and the strings behind it. It frees the block without running a
+// destructor; for objects use std::unique_ptr.
 #pragma once
 
 #include <atomic>
 #include <new>
 #include <type_traits>
 
-// `T` is a plain record. The block was allocated with operator new and is as a
-// rule larger than T: records are followed by their strings. Nothing throws.
+// `T` is a plain record. The block comes from operator new and is usually larger
+// than T. Nothing throws.
 template <class T>
 class AutoPtr {
   static_assert(std::is_trivially_destructible_v<T>, "no destructor of T runs");
@@ -23,8 +23,8 @@ public:
   }
   ~AutoPtr() { reset(); }
 
-  // Takes `block` over and frees the previous one. Two threads may reset the
-  // same owner: each block is freed once.
+  // Takes ownership of `block` and frees the previous one. Several threads may
+  // reset one owner: each block is freed once.
   void reset(T* block = nullptr) noexcept {
     if (T* const old = ptr.exchange(block)) ::operator delete(old);
   }

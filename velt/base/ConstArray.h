@@ -1,5 +1,5 @@
 // const_array: a non-owning view of consecutive elements, for handing a plain
-// array to a value. Note that the count stands before the pointer, unlike in
+// array to a value. The count comes before the pointer, unlike in
 // basic_const_string.
 #pragma once
 

@@ -1,6 +1,6 @@
 // basic_const_string: a non-owning view of text, for parameters that take a
-// literal, a string or a part of one without a copy. std::string_view does not
-// promise a terminator and cannot be asked for one; this view can.
+// literal, a string or a part of one without a copy. Unlike std::string_view it
+// can be asked whether a terminator follows its text.
 #pragma once
 
 #include <cassert>
@@ -35,15 +35,14 @@ struct basic_const_string {
       std::basic_string<CharT, std::char_traits<CharT>, Allocator> const& text) noexcept
       : data(text.data()), length(text.size()) {}
 
-  // The wide text of a COM string, its stored length, NULs included.
+  // The wide text of a COM string in its stored length, NULs included.
   template <std::same_as<_bstr_t> ComString>
     requires std::same_as<CharT, wchar_t>
   constexpr basic_const_string(ComString const& text) noexcept
       : data(static_cast<wchar_t const*>(text)), length(text.length()) {}
 
-  // The text as a terminated string. Reads the character behind the view, so
-  // it is only for views of terminated text. Throws std::logic_error if that
-  // character is not NUL.
+  // The text as a terminated string, for views of terminated text only: reads
+  // the character behind the view and throws std::logic_error if it is not NUL.
   constexpr CharT const* c_str() const {
     if (data[length] != CharT())
       throw std::logic_error("Invalid _data of const_string for c_str()");

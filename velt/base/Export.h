@@ -1,5 +1,5 @@
-// The one macro that exports a name from the library. What does not bear it is
-// not visible outside the DLL.
+// The macro that exports a name from the library. Names without it are not
+// visible outside the DLL.
 #pragma once
 
 #if defined(VELT_BUILDING)

@@ -1,5 +1,5 @@
-// Lets a handle be copied while other threads replace it, which a SmartPtr alone
-// does not allow.
+// Lets a thread copy a handle while other threads replace it, which SmartPtr
+// alone does not allow.
 #pragma once
 
 #include <atomic>
@@ -10,10 +10,9 @@
 
 namespace velt::detail {
 
-// Lies beside the handle. A copy costs no lock and never waits, so a thread may
-// be stopped or killed anywhere without keeping others from copying; to replace
-// the object waits for copies that are under way before it lets go of the old
-// one.
+// Lies beside the handle. Copying takes no lock and never waits, so that a thread
+// that is stopped or killed keeps nobody from copying. Replacing the object waits
+// for copies in progress, then releases the old one.
 class VELT_API handle_copies {
 public:
   template <class T>

@@ -1,6 +1,6 @@
 // SmartPtrObj and SmartPtr: counted objects and the handle that owns them. The
-// count lies in the object, so a handle is one pointer wide and can be made
-// anew from a raw pointer at any time, which std::shared_ptr cannot.
+// count lies in the object, so a handle is one pointer wide, and unlike a
+// std::shared_ptr it can be made from a raw pointer at any time.
 #pragma once
 
 #include <atomic>
@@ -16,8 +16,8 @@
 
 namespace velt::detail {
 
-// The count that lies in every counted object. A copy starts at 0; assignment
-// copies the number, so an object that handles refer to is never assigned to.
+// The count in every counted object. A copy starts at 0. Assignment copies the
+// number, so an object that handles refer to must not be assigned to.
 class reference_count {
 public:
   constexpr reference_count() noexcept = default;
@@ -27,11 +27,11 @@ public:
     return *this;
   }
 
-  // Answer the new count.
+  // Return the new count.
   int increment() noexcept { return count.fetch_add(1, std::memory_order_relaxed) + 1; }
   int decrement() noexcept { return count.fetch_sub(1, std::memory_order_acq_rel) - 1; }
 
-  // For a reference that an object takes on itself: false if its destruction has
+  // For a reference that an object takes to itself. False if its destruction has
   // begun.
   bool increment_unless_zero() noexcept {
     int found = value();
@@ -40,8 +40,7 @@ public:
     return found != 0;
   }
 
-  // For an object that no other thread can know of yet: saves the locked
-  // instruction.
+  // For an object that no other thread knows yet: saves the locked instruction.
   void take_first() noexcept { count.store(1, std::memory_order_relaxed); }
 
   int value() const noexcept { return count.load(std::memory_order_acquire); }
@@ -55,11 +54,10 @@ private:
 template <class T>
 class SmartPtr;
 
-// Base of the counted objects. Classes derive from it virtually, so that one
-// with two counted bases has one count. Objects are made with new; the count
-// is 0 until the first SmartPtr takes the object, and the thread that releases
-// the last handle deletes it. An object that no handle ever took belongs to
-// whoever made it.
+// Base of the counted objects. Derive from it virtually, so that a class with two
+// counted bases has one count. Make objects with new: the count is 0 until the
+// first SmartPtr takes the object, and the thread that releases the last handle
+// deletes it. Until a handle takes an object, its maker owns it.
 class VELT_API SmartPtrObj {
 public:
   SmartPtrObj() noexcept = default;
@@ -84,14 +82,14 @@ protected:
   friend class SmartPtr;
 };
 
-// The owning handle of a counted object: SmartPtrObj, a class derived from it,
-// either of them const, or another class with a `refs` of the same protocol
-// and a virtual destructor.
+// The owning handle of a counted object. T is SmartPtrObj, a class derived from
+// it, either of them const, or another class with a virtual destructor and a
+// `refs` of the same protocol.
 //
-// Several threads may assign to one handle, or reset it, at the same time:
-// every old object is released exactly once. A handle must not be copied while
-// another thread replaces it. Distinct handles on one object need no lock.
-// Nothing throws, and a null handle is not detected on dereference.
+// Several threads may assign to one handle, or reset it, at the same time: every
+// old object is released exactly once. A handle must not be copied while another
+// thread replaces it. Distinct handles to one object need no lock. Nothing throws,
+// and dereferencing does not check for null.
 template <class T>
 class SmartPtr {
 public:
@@ -114,12 +112,13 @@ public:
     requires std::convertible_to<U*, T*>
   SmartPtr(SmartPtr<U>&& other) noexcept : ptr(other.detach()) {}
 
-  // No other thread may use a handle that is being destroyed, so this needs no
-  // exchange; reset() does it for handles that are shared.
-  ~SmartPtr() { release(get()); }
+  // Null before the object is released: its destructor may look at the handle.
+  // No other thread may use a handle that is being destroyed, so a plain store
+  // does; reset() exchanges, for handles that several threads use.
+  ~SmartPtr() { release(detach()); }
 
   SmartPtr& operator=(T* object) noexcept {
-    // The new object first: it may be the old one, or be kept alive by it.
+    // First, since the new object may be the old one, or be kept alive by it.
     add_reference(object);
     release(ptr.exchange(object));
     return *this;
@@ -135,10 +134,10 @@ public:
     return *this;
   }
 
-  // Releases the object; the handle is null afterwards.
+  // Releases the object and leaves the handle null.
   void reset() noexcept { release(ptr.exchange(nullptr)); }
 
-  // Puts another object in, in one step, and returns the one that it found.
+  // Replaces the object in one step and returns the old one.
   SmartPtr exchange(SmartPtr other) noexcept {
     SmartPtr old;
     old.ptr.store(ptr.exchange(other.detach()), std::memory_order_relaxed);
@@ -153,7 +152,7 @@ public:
   }
   friend void swap(SmartPtr& a, SmartPtr& b) noexcept { a.swap(b); }
 
-  // Takes an object that was just made and that no other handle refers to.
+  // Takes a new object, to which no other handle refers yet.
   static SmartPtr adopt_new(T* object) noexcept {
     SmartPtr result;
     object->refs.take_first();
@@ -166,11 +165,10 @@ public:
   T& operator*() const noexcept { return *get(); }
   explicit operator bool() const noexcept { return get() != nullptr; }
 
-  // How many handles refer to the object; only a hint while other threads
-  // hold some of them.
+  // The number of handles to the object; a hint while other threads hold some.
   int use_count() const noexcept { return get() ? get()->refs.value() : 0; }
 
-  // Identity of the object, and the unsigned order of the addresses.
+  // Compare addresses: identity, and unsigned order.
   template <class U>
   friend bool operator==(SmartPtr const& a, SmartPtr<U> const& b) noexcept {
     return a.get() == b.get();

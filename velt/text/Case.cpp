@@ -9,24 +9,24 @@
 
 namespace {
 
-enum class Case { lower, upper };
+enum class letter_case { lower, upper };
 
-template <Case wanted, class Char>
+template <letter_case wanted, class Char>
 void change_case(Char* first, Char const* last) {
   auto const& letters = velt::detail::user_ctype<Char>();
-  if constexpr (wanted == Case::lower)
+  if constexpr (wanted == letter_case::lower)
     letters.tolower(first, last);
   else
     letters.toupper(first, last);
 }
 
-template <Case wanted, class Char>
+template <letter_case wanted, class Char>
 std::basic_string<Char> in_case(std::basic_string<Char> text) {
   change_case<wanted>(text.data(), text.data() + text.size());
   return text;
 }
 
-template <Case wanted>
+template <letter_case wanted>
 _bstr_t in_case(_bstr_t const& source) {
   auto const length = source.length();
   if (length == 0) return source;
@@ -38,19 +38,19 @@ _bstr_t in_case(_bstr_t const& source) {
 
 }  // namespace
 
-std::string strlower(std::string const& source) { return in_case<Case::lower>(source); }
-std::string strupper(std::string const& source) { return in_case<Case::upper>(source); }
+std::string strlower(std::string const& source) { return in_case<letter_case::lower>(source); }
+std::string strupper(std::string const& source) { return in_case<letter_case::upper>(source); }
 
-std::wstring strlower(std::wstring const& source) { return in_case<Case::lower>(source); }
-std::wstring strupper(std::wstring const& source) { return in_case<Case::upper>(source); }
+std::wstring strlower(std::wstring const& source) { return in_case<letter_case::lower>(source); }
+std::wstring strupper(std::wstring const& source) { return in_case<letter_case::upper>(source); }
 
 template <std::same_as<_bstr_t> ComString>
 ComString strlower(ComString const& source) {
-  return in_case<Case::lower>(source);
+  return in_case<letter_case::lower>(source);
 }
 template <std::same_as<_bstr_t> ComString>
 ComString strupper(ComString const& source) {
-  return in_case<Case::upper>(source);
+  return in_case<letter_case::upper>(source);
 }
 
 template VELT_API _bstr_t strlower(_bstr_t const&);

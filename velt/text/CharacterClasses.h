@@ -1,10 +1,10 @@
-// isdigit, isxdigit, isalpha, isalnum over a whole text: true if it is not
-// empty and every byte of it is of the class. They overload the run time's
-// functions of one character, which stay as they are.
+// isdigit, isxdigit, isalpha, isalnum for a whole text: true if it is not empty and
+// every byte of it is of the class. They overload the run time's functions for one
+// character.
 //
-// The text is in the system's ANSI code page, and the classes are those of the
-// user's locale as it was when the library was loaded, for each byte by itself:
-// in code page 1252 the superscript 2 (0xB2) is a digit, as the platform says.
+// The text is in the system's ANSI code page. Each byte is classified by itself, by
+// the user's locale at the time when the library was loaded. The platform decides:
+// in code page 1252 the superscript 2 (0xB2) is a digit.
 //
 // Safe from any thread; nothing throws.
 #pragma once

@@ -24,7 +24,7 @@ VELT_LOAD_STEP(heap_of_texts) build_now const heap_found(text_heap);
 
 void raise_com_error(long code) {
   _com_issue_error(code);
-  std::terminate();  // not reached: the declaration does not tell that it throws
+  std::terminate();  // not reached: the declaration lacks [[noreturn]]
 }
 
 _bstr_t adopt_bstr(wchar_t* text) {
@@ -40,26 +40,26 @@ _bstr_t make_bstr(std::wstring_view text) {
   return adopt_bstr(SysAllocStringLen(text.data(), static_cast<UINT>(text.size())));
 }
 
-// In front of the characters stand 32 bits that only align them, and their
-// length in bytes; the terminator follows.
+// Before the characters stand 32 bits for their alignment and 32 bits for their
+// length in bytes.
 wchar_t* new_bstr_block(unsigned length) {
-  struct Header {
+  struct header {
     std::uint32_t alignment;
     std::uint32_t bytes;
   };
   auto const bytes = std::size_t(length) * sizeof(wchar_t);
-  auto const header = static_cast<Header*>(
-      HeapAlloc(text_heap(), HEAP_GENERATE_EXCEPTIONS, sizeof(Header) + bytes + sizeof(wchar_t)));
-  *header = {0, static_cast<std::uint32_t>(bytes)};
-  auto const characters = reinterpret_cast<wchar_t*>(header + 1);
+  auto const block = static_cast<header*>(
+      HeapAlloc(text_heap(), HEAP_GENERATE_EXCEPTIONS, sizeof(header) + bytes + sizeof(wchar_t)));
+  *block = {0, static_cast<std::uint32_t>(bytes)};
+  auto const characters = reinterpret_cast<wchar_t*>(block + 1);
   characters[length] = L'\0';
   return characters;
 }
 
 }  // namespace velt::detail
 
-// The compiler's <comdef.h> calls these two and no library of its brings them,
-// so the clients of this one find them here. Text is converted whole, NULs
+// <comdef.h> calls these two functions, and the compiler's own libraries lack them,
+// so this library exports them to its clients. They convert the whole text, NULs
 // included, in the system's ANSI code page.
 namespace _com_util {
 

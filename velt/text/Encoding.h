@@ -1,14 +1,15 @@
 // as_string, as_wstring: wide text as narrow text of a code page, and back.
 //
-// `code_page` is a number of the platform's; 0 is the system's ANSI code page.
-// The view needs no terminator, and NULs in it are converted like any other
-// character. Characters that the code page lacks become its default character;
-// bytes that stand for nothing become what the platform makes of them.
+// `code_page` is a number of the platform; 0 is the system's ANSI code page. The
+// view needs no terminator, and NULs in it are converted like other characters. The
+// platform replaces characters that the code page lacks, and bytes that are no
+// character.
 //
-// An empty view gives an empty text without a call to the platform, whatever
-// the code page. Throws ESystemException if the platform refuses, as it does for
-// a code page that it does not know and for text of 2 G characters or more, and
-// std::bad_alloc. Safe from any thread.
+// An empty view gives an empty text in any code page, without a call to the
+// platform. Throws ESystemException if the platform refuses: code 87
+// (ERROR_INVALID_PARAMETER) for an unknown code page and for 2^31 characters or more
+// on either side, 1113 (ERROR_NO_UNICODE_TRANSLATION) where the platform names no
+// code, as for the UTF-7 text "+". Throws std::bad_alloc. Safe from any thread.
 #pragma once
 
 #include <string>

@@ -19,9 +19,9 @@ using velt::detail::character_of;
 constexpr auto quote = '"';
 
 template <class Char>
-class Separators {
+class separator_set {
 public:
-  explicit Separators(Char const* characters) : set(characters) {
+  explicit separator_set(Char const* characters) : set(characters) {
     assert(characters);
     for (Char const each : set)
       if (code_of(each) < low.size()) low.set(code_of(each));
@@ -39,17 +39,17 @@ private:
   static std::size_t code_of(Char character) { return std::make_unsigned_t<Char>(character); }
 
   std::basic_string_view<Char> set;
-  // Those of the lowest codes, which in narrow text are all.
+  // Those of the lowest codes: in narrow text all of them.
   std::bitset<256> low;
 };
 
-// Sources of characters. take_run() appends them to the word up to one that ends
-// the run, which it takes too, into `stop`. False if the source ends before.
+// Sources of characters. take_run() appends characters to the word until one ends
+// the run; that one goes into `stop`. False if the source ends first.
 
 template <class Char>
-class StreamSource {
+class stream_source {
 public:
-  explicit StreamSource(std::basic_istream<Char>& source) : in(source) {}
+  explicit stream_source(std::basic_istream<Char>& source) : in(source) {}
 
   template <class Ends>
   bool take_run(std::basic_string<Char>& word, Ends ends, Char& stop) {
@@ -72,9 +72,9 @@ private:
 };
 
 template <class Char>
-class TextSource {
+class text_source {
 public:
-  explicit TextSource(std::basic_string_view<Char> text) : rest(text) {}
+  explicit text_source(std::basic_string_view<Char> text) : rest(text) {}
 
   template <class Word, class Ends>
   bool take_run(Word& word, Ends ends, Char& stop) {
@@ -93,10 +93,10 @@ private:
   std::basic_string_view<Char> rest;
 };
 
-// The rules of words. Word is a string, or what takes runs of characters as one
-// does. False, and an empty word, if none was left.
+// The rules of words. Word is a string, or another class that runs of characters can
+// be appended to. False, and an empty word, if none was left.
 template <class Source, class Word, class Char>
-bool take_word(Source& source, Word& word, Separators<Char> const& separators) {
+bool take_word(Source& source, Word& word, separator_set<Char> const& separators) {
   word.clear();
   bool quoted = false;
   auto const ends = [&](Char character) {
@@ -111,8 +111,8 @@ bool take_word(Source& source, Word& word, Separators<Char> const& separators) {
   return !word.empty();
 }
 
-// A word of which only its presence counts.
-class Presence {
+// A word for counting: it only knows whether it is empty.
+class presence {
 public:
   void clear() { present = false; }
   bool empty() const { return !present; }
@@ -124,18 +124,18 @@ private:
 };
 
 template <class Char>
-std::size_t count_words(std::basic_string_view<Char> text, Separators<Char> const& separators) {
-  TextSource<Char> source(text);
+std::size_t count_words(std::basic_string_view<Char> text, separator_set<Char> const& separators) {
+  text_source<Char> source(text);
   std::size_t count = 0;
-  for (Presence word; take_word(source, word, separators);) ++count;
+  for (presence word; take_word(source, word, separators);) ++count;
   return count;
 }
 
 template <class Char>
 void take_word(std::basic_istream<Char>& in, std::basic_string<Char>& word,
                Char const* separators) {
-  StreamSource<Char> source(in);
-  take_word(source, word, Separators<Char>(separators));
+  stream_source<Char> source(in);
+  take_word(source, word, separator_set<Char>(separators));
 }
 
 template <class Char>
@@ -152,7 +152,7 @@ _bstr_t checked_bstr(std::wstring_view text) {
   return result;
 }
 
-// The finished text in the kind that was asked for.
+// The finished text, in the kind of text that the caller uses.
 template <class Text>
 Text as_text(std::basic_string<character_of<Text>>&& text) {
   if constexpr (std::same_as<Text, _bstr_t>)
@@ -161,21 +161,21 @@ Text as_text(std::basic_string<character_of<Text>>&& text) {
     return std::move(text);
 }
 
-// Into a container of its own, since the source may be one of the old words.
+// Fills a new container, since the source may be one of the old words.
 template <class Text, class Container>
 void divide(Text const& text, Container& words, character_of<Text> const* characters) {
   using Char = character_of<Text>;
   auto const view = view_of(text);
-  Separators<Char> const separators(characters);
+  separator_set<Char> const separators(characters);
   Container found;
   if constexpr (requires { found.reserve(0); }) found.reserve(count_words(view, separators));
-  TextSource<Char> source(view);
+  text_source<Char> source(view);
   for (std::basic_string<Char> word; take_word(source, word, separators);)
     found.insert(found.end(), as_text<Text>(std::move(word)));
   words = std::move(found);
 }
 
-// As long as the words can become, each with a joint and in quotes.
+// The most that the joined words can need: each with a joint and in quotes.
 template <class Container>
 std::size_t joined_size(Container const& words) {
   std::size_t size = 0;
@@ -183,7 +183,7 @@ std::size_t joined_size(Container const& words) {
   return size;
 }
 
-// Write a word, and answer where the next character goes.
+// Write a word and return the place of the next character.
 
 template <class Char>
 Char* write_quoted(std::basic_string_view<Char> word, Char* out) {
@@ -194,7 +194,8 @@ Char* write_quoted(std::basic_string_view<Char> word, Char* out) {
 }
 
 template <class Char>
-Char* write_word(std::basic_string_view<Char> word, Char* out, Separators<Char> const& separators) {
+Char* write_word(std::basic_string_view<Char> word, Char* out,
+                 separator_set<Char> const& separators) {
   auto const begin = out;
   for (Char const each : word) {
     if (separators.call_for_quotes(each)) return write_quoted(word, begin);
@@ -206,7 +207,7 @@ Char* write_word(std::basic_string_view<Char> word, Char* out, Separators<Char> 
 template <class Text, class Container>
 void consolidate(Container const& words, Text& result, character_of<Text> const* characters) {
   using Char = character_of<Text>;
-  Separators<Char> const separators(characters);
+  separator_set<Char> const separators(characters);
   std::basic_string<Char> joined(joined_size(words), Char());
   auto out = joined.data();
   bool first = true;

@@ -1,12 +1,11 @@
-// trim, triml, trimr: text without the characters of a set at both ends, at the
-// left, or at the right. The argument is left alone and a new text returned.
+// trim, triml, trimr: return a copy of the text without the characters of a set at
+// both ends, at the left, or at the right.
 //
-// `characters` is the set as a terminated text and must not be null; with an
-// empty set the whole text comes back. A text of nothing but such characters
-// gives an empty one. NULs within the text are kept.
+// `characters` is the set: a terminated text, not null. An empty set removes nothing.
+// A text of such characters alone becomes empty. NULs within the text are kept.
 //
-// Safe from any thread. Throws std::bad_alloc; the _bstr_t forms throw
-// _com_error with 0x8007000E if their data record cannot be allocated.
+// Safe from any thread. Throw std::bad_alloc; the _bstr_t forms throw _com_error with
+// 0x8007000E if their data record cannot be allocated.
 #pragma once
 
 #include <concepts>
@@ -24,9 +23,9 @@ VELT_API std::wstring trim(std::wstring const& source, wchar_t const* characters
 VELT_API std::wstring triml(std::wstring const& source, wchar_t const* characters);
 VELT_API std::wstring trimr(std::wstring const& source, wchar_t const* characters);
 
-// For _bstr_t, and for nothing that merely converts to it, so that a literal
-// goes to the forms above. The result is a string of its own, also when it is
-// empty: a null _bstr_t gives an allocated empty one.
+// For _bstr_t itself and no type that converts to it, so that a literal selects the
+// forms above. The result is always an allocated string: a null _bstr_t gives an
+// empty one.
 template <std::same_as<_bstr_t> ComString>
 VELT_API ComString trim(ComString const& source, wchar_t const* characters);
 template <std::same_as<_bstr_t> ComString>

@@ -44,15 +44,15 @@ mask class_of(wchar_t character) {
   return from_platform(type);
 }
 
-// Lower and upper case by the platform's rules for the user's locale, which is
+// Lower and upper case by the platform's rules for the user's locale, whose name is
 // looked up once.
-class UserCasing {
+class user_casing {
 public:
-  UserCasing() {
+  user_casing() {
     if (GetUserDefaultLocaleName(name, LOCALE_NAME_MAX_LENGTH) == 0) name[0] = L'\0';
   }
 
-  // In place, each character by itself. Text that the platform refuses stays.
+  // In place, each character by itself. Text that the platform refuses stays as it is.
   void change_case(DWORD flag, wchar_t* first, wchar_t const* last) const {
     constexpr std::ptrdiff_t longest = 1 << 30;
     while (first != last) {
@@ -71,20 +71,29 @@ private:
   wchar_t name[LOCALE_NAME_MAX_LENGTH];
 };
 
-// The byte of the system's code page for a character; `otherwise` if that has
-// none or needs several.
+// UTF-8 and GB18030 have every character. The platform refuses to be asked
+// whether one of theirs was replaced.
+bool has_every_character(UINT code_page) {
+  constexpr UINT gb18030 = 54936;
+  return code_page == CP_UTF8 || code_page == gb18030;
+}
+
+// The byte of the system's code page for a character; `otherwise` if it has none or
+// needs several.
 char narrowed(wchar_t character, char otherwise) {
+  static bool const never_replaced = has_every_character(GetACP());
   char bytes[8];
   BOOL replaced = FALSE;
-  int const count = WideCharToMultiByte(CP_ACP, WC_NO_BEST_FIT_CHARS, &character, 1, bytes,
-                                        sizeof bytes, nullptr, &replaced);
+  int const count =
+      WideCharToMultiByte(CP_ACP, never_replaced ? 0 : WC_NO_BEST_FIT_CHARS, &character, 1, bytes,
+                          sizeof bytes, nullptr, never_replaced ? nullptr : &replaced);
   return count == 1 && !replaced ? bytes[0] : otherwise;
 }
 
-// What the platform knows of the 256 bytes of the system's code page. A byte
-// that is no character by itself is of no class and has no other case.
-struct ByteTables {
-  explicit ByteTables(UserCasing const& casing) {
+// Classes and cases of the 256 bytes of the system's code page, as the platform tells
+// them. A byte that is no character by itself is of no class and has no other case.
+struct byte_tables {
+  explicit byte_tables(user_casing const& casing) {
     for (std::size_t index = 0; index < 256; ++index) {
       auto const byte = static_cast<char>(index);
       lower_of[index] = upper_of[index] = byte;
@@ -96,17 +105,17 @@ struct ByteTables {
     }
   }
 
-  using Bytes = std::array<char, 256>;
+  using mapping = std::array<char, 256>;
   std::array<mask, 256> classes = {};
-  Bytes lower_of;
-  Bytes upper_of;
+  mapping lower_of;
+  mapping upper_of;
 };
 
-// The tables are a base so that they stand before std::ctype is given them.
-class NarrowFacet : ByteTables, public std::ctype<char> {
+// The tables are a base class, so that they exist before std::ctype takes them.
+class narrow_facet : byte_tables, public std::ctype<char> {
 public:
-  explicit NarrowFacet(UserCasing const& casing)
-      : ByteTables(casing), std::ctype<char>(classes.data()) {}
+  explicit narrow_facet(user_casing const& casing)
+      : byte_tables(casing), std::ctype<char>(classes.data()) {}
 
 protected:
   char do_tolower(char byte) const override { return mapped(lower_of, byte); }
@@ -119,18 +128,18 @@ protected:
   }
 
 private:
-  static char mapped(Bytes const& table, char byte) {
+  static char mapped(mapping const& table, char byte) {
     return table[static_cast<unsigned char>(byte)];
   }
-  static char const* map(Bytes const& table, char* first, char const* last) {
+  static char const* map(mapping const& table, char* first, char const* last) {
     for (; first != last; ++first) *first = mapped(table, *first);
     return last;
   }
 };
 
-class WideFacet : public std::ctype<wchar_t> {
+class wide_facet : public std::ctype<wchar_t> {
 public:
-  explicit WideFacet(UserCasing const& rules) : casing(rules) {}
+  explicit wide_facet(user_casing const& rules) : casing(rules) {}
 
 protected:
   bool do_is(mask wanted, wchar_t character) const override {
@@ -169,8 +178,7 @@ private:
                                : class_of(character);
   }
 
-  // A call to the platform is only worth while from the first character that
-  // needs it.
+  // The platform is called from the first character on that needs it.
   template <wchar_t low, wchar_t high, DWORD flag>
   wchar_t const* map(wchar_t* first, wchar_t const* last) const {
     for (; first != last && is_ascii(*first); ++first)
@@ -179,11 +187,11 @@ private:
     return last;
   }
 
-  UserCasing casing;
+  user_casing casing;
 };
 
-// A standard library that knows no locales by name throws here, or gives the
-// classic one where the environment names none.
+// A standard library without named locales throws here. Others give the classic
+// locale if the environment names none.
 std::locale named_or_classic() {
   try {
     return std::locale("");
@@ -195,19 +203,19 @@ std::locale named_or_classic() {
 std::locale make_user_locale() {
   auto const named = named_or_classic();
   if (named != std::locale::classic()) return named;
-  UserCasing const casing;
-  return std::locale(std::locale(named, new NarrowFacet(casing)), new WideFacet(casing));
+  user_casing const casing;
+  return std::locale(std::locale(named, new narrow_facet(casing)), new wide_facet(casing));
 }
 
-struct UserLocale {
+struct locale_and_facets {
   std::locale const locale = make_user_locale();
   std::ctype<char> const& narrow = std::use_facet<std::ctype<char>>(locale);
   std::ctype<wchar_t> const& wide = std::use_facet<std::ctype<wchar_t>>(locale);
 };
 
-// A function, so that static objects of other sources find it built.
-UserLocale const& the_user_locale() {
-  static UserLocale const instance;
+// A function, so that static objects of other sources find the locale built.
+locale_and_facets const& the_user_locale() {
+  static locale_and_facets const instance;
   return instance;
 }
 

@@ -1,5 +1,5 @@
-// The user's locale as it was when the library was loaded: built once, never
-// changed, and no concern of std::locale::global or setlocale.
+// The user's locale at the time when the library was loaded. It is built once and
+// never changes; std::locale::global and setlocale have no effect on it.
 #pragma once
 
 #include <locale>
@@ -10,8 +10,8 @@ namespace velt::detail {
 
 VELT_API std::locale const& user_locale();
 
-// Its classes and cases of characters. Finding a facet in a locale costs more
-// than lower-casing a word, so the two are kept at hand.
+// The classes and cases of its characters. Looking up a facet in a locale costs more
+// than lower-casing a word, so both facets are looked up once.
 template <class Char>
 std::ctype<Char> const& user_ctype();
 template <>

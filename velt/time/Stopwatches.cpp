@@ -12,8 +12,7 @@ _LARGE_INTEGER performance_frequency() {
   return result;
 }
 
-// GetThreadTimes writes the number of a record whose two halves lie as those of
-// a 64-bit number do.
+// GetThreadTimes writes a record whose two halves lie as those of a 64-bit number do.
 _FILETIME* as_filetime(__int64& ticks) { return reinterpret_cast<_FILETIME*>(&ticks); }
 
 void read_thread_times(_FILETIME* kernel, _FILETIME* user) {
@@ -25,7 +24,7 @@ void read_thread_times(_FILETIME* kernel, _FILETIME* user) {
 
 VELT_LOAD_STEP(performance_frequency)
 _LARGE_INTEGER _PerformanceCounterFrequency = performance_frequency();
-// Numbers and pointers can name no step: they come behind all steps.
+// Numbers and pointers cannot name a step: they are built after all steps.
 const double _pcounter_t::frequency = static_cast<double>(_PerformanceCounterFrequency.QuadPart);
 const double _thread_common_times_t::frequency = 1e7;
 void* const _thread_common_times_t::current_thread = GetCurrentThread();

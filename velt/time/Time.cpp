@@ -23,7 +23,7 @@ fields fields_of(_SYSTEMTIME const& record) {
           record.wHour, record.wMinute, record.wSecond};
 }
 
-// Wraps where the years of a damaged text leave the range of int.
+// Wraps, since the years of a damaged text can leave the range of int.
 int minus(int a, unsigned int b) { return static_cast<int>(static_cast<unsigned int>(a) - b); }
 
 tm record_of(fields const& f, int daylight_saving) {
@@ -62,7 +62,7 @@ __int64 from_local(fields const& f) {
   return _mktime64(&record);
 }
 
-// The run time takes its records for writing.
+// The run time takes records by pointers to mutable ones.
 tm* writable(tm const& record) { return const_cast<tm*>(&record); }
 
 tm broken_down(errno_t (*convert)(tm*, __time64_t const*), __time64_t t) {
@@ -103,7 +103,7 @@ __int64 moment_of_day(tm day, int hour, int minute, int second) {
 bool is_space(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 bool is_digit(char c) { return c >= '0' && c <= '9'; }
 
-// What "%d" reads. A number too large for int wraps.
+// Reads as "%d" does. A number too large for int wraps.
 bool read_number(char const*& text, int& number) {
   while (is_space(*text)) ++text;
   bool const negative = *text == '-';
@@ -115,8 +115,8 @@ bool read_number(char const*& text, int& number) {
   return true;
 }
 
-// What "%d-%d-%dT%d:%d:%d" reads, without the cost of a format that is
-// interpreted. True if all six numbers are there.
+// Reads as "%d-%d-%dT%d:%d:%d" does, without the cost of interpreting a format. True
+// if all six numbers are there.
 bool read_fields(char const* text, fields& f) {
   auto const literal = [&text](char c) { return *text == c && (++text, true); };
   return read_number(text, f.year) && literal('-') && read_number(text, f.month) &&
@@ -158,8 +158,7 @@ _time_t _time_t::mktime(_SYSTEMTIME const& record, bool utc) {
 }
 
 _time_t _time_t::mktime(double variant, bool utc) {
-  // What compares as neither is 0.0, no time, or no number, which not every
-  // platform refuses.
+  // Zero means no time. NaN is rejected here because not every platform does.
   if (!(variant < 0.0 || variant > 0.0)) return invalid;
   SYSTEMTIME record;
   if (VariantTimeToSystemTime(variant, &record) != 1) return invalid;

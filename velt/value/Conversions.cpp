@@ -1,5 +1,3 @@
-#include <algorithm>
-#include <cstring>
 #include <string_view>
 
 #include "velt/base/ConstString.h"
@@ -42,8 +40,10 @@ void convert_text(std::wstring const& from, _bstr_t& to) { to = adopt_bstr(new_b
 void convert_text(_bstr_t const& from, std::wstring& to) { to = wide_view(from); }
 
 void convert_text(_bstr_t const& from, std::string& to) {
-  char const* const narrow = from;
-  if (narrow) to.assign(narrow, std::min<std::size_t>(std::strlen(narrow), from.length()));
+  // Not by the string's own narrow copy: it is made on first use, without a lock,
+  // and ends at the first NUL.
+  to = as_string(from, ansi_code_page);
+  if (to.size() > from.length()) to.resize(from.length());
 }
 
 bool element_equal(_bstr_t const& a, _bstr_t const& b) { return wide_view(a) == wide_view(b); }

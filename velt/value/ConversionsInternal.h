@@ -1,5 +1,5 @@
-// How one element type becomes another, for the pairs that the strict tables
-// provide, and how elements compare.
+// Conversions between the element types, for the pairs of the strict tables, and
+// comparison of elements.
 #pragma once
 
 #include <comutil.h>
@@ -17,11 +17,11 @@ void convert_text(std::wstring const& from, std::string& to);
 void convert_text(std::string const& from, _bstr_t& to);
 void convert_text(std::wstring const& from, _bstr_t& to);
 void convert_text(_bstr_t const& from, std::wstring& to);
-// The narrow text, cut to the number of the wide characters.
+// The narrow text, cut to the number of wide characters.
 void convert_text(_bstr_t const& from, std::string& to);
 
-// The same as a string of the platform's, which the caller frees with
-// SysFreeString. Throw the COM error 0x8007000E if there is no memory.
+// The same as a raw string, which the caller frees with SysFreeString. Throw the
+// COM error 0x8007000E if there is no memory.
 BSTR new_bstr(std::string const& text);
 BSTR new_bstr(std::wstring const& text);
 

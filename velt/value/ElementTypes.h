@@ -1,6 +1,6 @@
-// The eleven element types of a value: the one list from which the grid of
-// operations of a holder, the constructors, assignments and conversions of the
-// value, and the tables of the tests are made.
+// The list of the eleven element types of a value. The operations of a holder, the
+// constructors, assignments and conversions of the value, and the tables of the
+// tests are generated from it.
 #pragma once
 
 #include <concepts>
@@ -12,8 +12,8 @@
 
 class _bstr_t;
 
-// One row for each type, in the order of the operations of a holder: the type,
-// and the tag of a COM variant by which its holders are known.
+// One row for each type, in the order of the operations of a holder: the type, and
+// the tag of a COM variant that its holders report.
 #define VELT_ELEMENT_TYPES(ROW)      \
   ROW(_time_t, 7)                    \
   ROW(SmartPtr<const SmartPtrObj>, 13) \
@@ -45,7 +45,7 @@ struct without_first<type_list<First, Rest...>> {
 using element_types = without_first<type_list<void VELT_ELEMENT_TYPES(VELT_LIST_ITEM)>>::type;
 #undef VELT_LIST_ITEM
 
-// The place of T in a list; the size of the list if it is not there.
+// The index of T in a list; the size of the list if T is not in it.
 template <class T, class List>
 struct place_in;
 template <class T, class... Types>
@@ -69,7 +69,7 @@ template <class T>
 inline constexpr bool is_text = std::is_same_v<T, std::string> ||
                                 std::is_same_v<T, std::wstring> || std::is_same_v<T, _bstr_t>;
 
-// The tags by which a reader tells the kinds of holders apart.
+// The tags that tell the kinds of holders apart.
 #define VELT_TAG(T, TAG) \
   template <>            \
   inline constexpr unsigned int variant_tag<T> = TAG;

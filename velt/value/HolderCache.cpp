@@ -8,13 +8,17 @@
 
 #include "velt/base/ThreadSlotInternal.h"
 #include "velt/value/HolderCacheInternal.h"
-#include "velt/value/HolderCount.h"
 
 namespace velt::detail {
 namespace {
 
+// Holders of numbers and handles have 16 or 24 bytes, sequences 40, texts 48: few
+// sizes of blocks serve them all, and a list of blocks of one size needs no search.
 constexpr std::size_t granule = 16;       // block sizes go up in steps of this
 constexpr std::size_t bins = 4;           // so a cached block has at most 64 bytes
+
+// A batch is large enough that its lock costs little for each block, and the limits
+// keep what lies idle small: 40 KB for a thread, 1.3 MB for the depot.
 constexpr unsigned batch_size = 128;      // blocks that move between threads at once
 constexpr unsigned thread_limit = 2 * batch_size;  // blocks of one size that a thread keeps
 constexpr unsigned depot_limit = 64;      // batches of one size that the depot keeps
@@ -46,7 +50,8 @@ struct free_list {
 struct thread_cache {
   free_list lists[bins];
   // Holders made minus holders freed by this thread; negative for a thread that
-  // frees what others made. Written by this thread alone.
+  // frees what others made. Written by this thread alone, so an addition needs no
+  // locked instruction; atomic since live_holders() reads it.
   std::atomic<__int64> live = 0;
   thread_cache* next = nullptr;
 };
@@ -76,9 +81,18 @@ struct depot {
 };
 constinit depot shared;
 
-// The slot that holds the calling thread's cache. Values are made between a
-// failed call and the question for its error, which the slot leaves alone.
+// The slot that holds the calling thread's cache. Taken on the first use, since
+// values may be made before the library's own constructors run. thread_local would
+// not do: it allocates, and its destructors run before the last values are freed.
 constinit std::atomic<DWORD> slot = TLS_OUT_OF_INDEXES;
+
+// Stands in the slot of a thread whose cache is gone. Other modules that hear of the
+// thread's end later may still make and free values on it: from the heap, since
+// nobody would give another cache back. Its lists look empty to those who take and
+// full to those who free, so the quick functions need no test for it.
+constinit thread_cache no_cache = {
+    .lists = {{nullptr, thread_limit}, {nullptr, thread_limit}, {nullptr, thread_limit},
+              {nullptr, thread_limit}}};
 
 thread_cache* stored_cache(DWORD index) noexcept {
   return static_cast<thread_cache*>(read_thread_slot(index));
@@ -112,11 +126,11 @@ thread_cache* cache_at_hand() noexcept {
   return lies_in_block(index) ? static_cast<thread_cache*>(read_in_block(index)) : nullptr;
 }
 
+// Null if the thread has none and can get none.
 thread_cache* current_cache() noexcept {
   auto const cache = stored_cache(slot.load(std::memory_order_acquire));
-  if (cache) [[likely]]
-    return cache;
-  return make_cache();
+  if (!cache) return make_cache();
+  return cache != &no_cache ? cache : nullptr;
 }
 
 void count(thread_cache& cache, int change) noexcept {
@@ -146,7 +160,8 @@ bool refill(free_list& list, std::size_t bin) noexcept {
 }
 
 // Takes a batch off a full list and gives it to the depot, or to the heap if
-// the depot is full too.
+// the depot is full too. The thread keeps the other half: one that makes and frees
+// in turn does not come here again with every block.
 void hand_on(free_list& list, std::size_t bin) noexcept {
   free_block* const batch = list.first;
   free_block* last = batch;
@@ -168,8 +183,8 @@ void dissolve(thread_cache* cache) noexcept {
   delete cache;
 }
 
-// What can happen, in full. The two functions behind these deal with what nearly
-// always happens; a call from there would cost them as much as their work does.
+// All cases. The two functions behind these handle the one that is nearly always
+// met; a call from there would cost them as much as their work does.
 [[gnu::noinline]] void* allocate_in_any_case(std::size_t size) {
   std::size_t const bin = bin_of(size);
   thread_cache* const cache = current_cache();
@@ -179,6 +194,7 @@ void dissolve(thread_cache* cache) noexcept {
   else if (auto& list = cache->lists[bin]; list.first || refill(list, bin))
     block = list.pop();
   else
+    // Of the full size of its bin: it may come back as any other size of that.
     block = ::operator new((bin + 1) * granule);
   count(cache, 1);
   return block;
@@ -220,8 +236,8 @@ void free_holder(void* block, std::size_t size) noexcept {
 void end_thread_of_holder_cache() noexcept {
   DWORD const index = slot.load(std::memory_order_acquire);
   thread_cache* const cache = stored_cache(index);
-  if (!cache) return;
-  write_thread_slot(index, nullptr);
+  write_thread_slot(index, &no_cache);
+  if (!cache || cache == &no_cache) return;
   {
     std::lock_guard const guard(shared.lock);
     shared.live_elsewhere += cache->live.load(std::memory_order_relaxed);
@@ -237,6 +253,8 @@ void end_thread_of_holder_cache() noexcept {
 void close_holder_cache() noexcept {
   std::lock_guard const guard(shared.lock);
   shared.closed = true;
+  // Without a slot no thread finds its cache, so no list is used any more: whoever
+  // frees a value from now on goes to the heap.
   DWORD const index = slot.exchange(TLS_OUT_OF_INDEXES);
   if (index != TLS_OUT_OF_INDEXES) TlsFree(index);
   while (shared.caches) {

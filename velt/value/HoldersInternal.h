@@ -1,6 +1,6 @@
 // The concrete holders. All of them read, and most of them write, through a
-// pointer to an element, so the grid of operations is written once, and a
-// holder says only where its element lies:
+// pointer to an element, so the grid of operations is written once, and a holder
+// only tells where its element lies:
 //
 //   _value_t_data_t    owns one value
 //   _value_t_pdata_t   refers to an element of another holder
@@ -30,8 +30,8 @@ class _value_t_cont_t;
 
 namespace velt::detail {
 
-// What every holder of a T answers. Holder has element(), the address of the
-// element that is read, and first(), what getp gives.
+// The operations that all holders of a T share. Holder provides element(), the
+// address of the element to read, and first(), the result of getp.
 template <class Holder, class T>
 class reading_holder : public _value_t_data {
 public:
@@ -63,7 +63,7 @@ private:
   }
 };
 
-// Writing into the element, on top of any of the holders.
+// Adds writing into the element to a holder.
 template <class Base, class T>
 class writing_holder : public Base {
 public:
@@ -85,7 +85,7 @@ private:
   }
 };
 
-// What the three holders of a single element share.
+// Shared by the three holders of a single element.
 template <class Holder, class T>
 class scalar_holder : public reading_holder<Holder, T> {
 public:
@@ -128,8 +128,8 @@ public:
   }
 };
 
-// How the elements of a sequence lie. For bool not std::vector, which packs
-// bits: the holder hands out addresses of its elements.
+// The storage of a sequence's elements. std::vector<bool> would pack bits, and the
+// holder hands out the addresses of elements.
 template <class T>
 struct sequence_storage {
   using type = std::vector<T>;
@@ -170,7 +170,7 @@ private:
 template <class T>
 class _value_t_pcdata_t final : public velt::detail::scalar_holder<_value_t_pcdata_t<T>, T> {
 public:
-  // The mutable get stays refused.
+  // Keeps the refusal of the mutable get.
   using _value_t_data::get;
   using velt::detail::scalar_holder<_value_t_pcdata_t<T>, T>::get;
 
@@ -192,7 +192,7 @@ public:
   template <class Iterator>
   _value_t_cont_t(Iterator begin, Iterator end) : items(begin, end) {}
 
-  // Element 0 is not guarded: of an empty sequence only one of bool has it.
+  // Element 0 is not guarded. Of empty sequences only one of bool has it.
   T const* element() const { return items.data(); }
   T* element() { return items.data(); }
   T const* first() const {
@@ -238,9 +238,8 @@ private:
 
 namespace velt::detail {
 
-// The element of the library's own holder of one T; null for any other holder
-// and for none. Its class tells faster than its operations, and what it owns
-// need not be copied to be read.
+// The element of a _value_t_data_t<T>; null for any other holder and for none. This
+// is faster than a virtual call, and reads the element without a copy.
 template <class T>
 T const* own_element(_value_t_data const* held) {
   if (!held || &typeid(*held) != &typeid(_value_t_data_t<T>)) return nullptr;

@@ -1,5 +1,5 @@
-// The kinds of holders, by which the accessors of a value that convert nearly
-// everything, and the way out into a COM variant, choose their rules.
+// The kinds of holders. The lenient accessors and as_variant() choose their rules by
+// the kind.
 #pragma once
 
 #include <comutil.h>
@@ -9,19 +9,20 @@
 
 namespace velt::detail {
 
-// Stands for a holder of a kind that is not one of the library's own.
+// Stands for the kind of a client's own holder.
 struct unknown_kind {};
 
-// The strict reading, at once where the holder is the library's own one of a T.
+// Reads strictly, without a virtual call if the holder is a _value_t_data_t<T>.
 template <class T>
 T read(_value_t_data const& held) {
   if (auto const element = own_element<T>(&held)) return *element;
   return held.get(static_cast<T const*>(nullptr));
 }
 
-// Calls rule.operator()<Kind>(held) for the kind of the holder. All texts are
-// the one kind std::string, both handles of objects SmartPtr<const SmartPtrObj>.
-// The empty value throws EBadCastException from void to Result.
+// Calls rule.operator()<Kind>(held) for the kind of the holder. All three texts are
+// of the kind std::string, and both handles of objects of the kind
+// SmartPtr<const SmartPtrObj>. The empty value throws EBadCastException from void to
+// Result.
 template <class Result, class Rule>
 Result by_kind(_value_t const& value, Rule const& rule) {
   using object_handle = SmartPtr<const SmartPtrObj>;

@@ -20,8 +20,8 @@ using velt::detail::unknown_kind;
 
 using object_handle = SmartPtr<const SmartPtrObj>;
 
-// Toward zero with the processor's rule: what does not fit, and NaN, give the
-// lowest number. A cast in the language would leave these cases open.
+// By the processor's rule a number that does not fit, and NaN, give the lowest
+// number. A cast would be undefined for them.
 int truncated(double value) { return _mm_cvttsd_si32(_mm_set_sd(value)); }
 __int64 truncated_64(double value) { return _mm_cvttsd_si64(_mm_set_sd(value)); }
 
@@ -33,7 +33,7 @@ template <>
 unsigned long from_double(double value) {
   return static_cast<unsigned long>(truncated_64(value));
 }
-// Through 32 bits on purpose, like as_int.
+// Through 32 bits on purpose, as in as_int.
 template <>
 __int64 from_double(double value) { return truncated(value); }
 template <>
@@ -60,8 +60,8 @@ To number_in_text(_value_t_data const& held) {
   return from_text<To>(read<std::string>(held).c_str());
 }
 
-// Converting to a number is refused for objects. It is refused too for __int64
-// read as an int, though as_ulong cuts it: the asymmetry is part of the rules.
+// Refused for objects, and for __int64 read as an int, although as_ulong truncates
+// it: the asymmetry is part of the rules.
 template <class To>
 To as_number(_value_t const& value) {
   return by_kind<To>(value, []<class Kind>(_value_t_data const& held) -> To {
@@ -135,7 +135,7 @@ _time_t _value_t::as_time() const {
     if constexpr (std::is_same_v<Kind, double>)
       return _time_t::mktime(read<double>(held), true);
     else if constexpr (std::is_same_v<Kind, __int64>)
-      return _time_t(read<int>(held));  // which __int64 does not provide
+      return _time_t(read<int>(held));  // throws: __int64 does not read as int
     else if constexpr (std::is_same_v<Kind, unsigned long> || std::is_same_v<Kind, int>)
       return _time_t(read<int>(held));
     else if constexpr (std::is_same_v<Kind, _time_t> || std::is_same_v<Kind, unknown_kind>)
@@ -146,7 +146,7 @@ _time_t _value_t::as_time() const {
 }
 
 std::string _value_t::as_string() const {
-  // Ahead of the rest, whose many cases cost more than the digits of an int.
+  // First, because choosing a rule costs more than writing the digits of an int.
   if (auto const number = own_element<int>(data.get())) return std::to_string(*number);
   return container() ? list_of_elements(*this) : as_text<std::string>(*this);
 }

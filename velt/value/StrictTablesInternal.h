@@ -1,7 +1,7 @@
-// The two strict tables of the value: which types convert to which when a
-// holder is read, and when it is written. The holes are policy: a type stays
-// what it is unless a table says otherwise. docs/value.md shows the same tables,
-// and the tests hold both against what the holders do.
+// The two strict tables of the value: which types convert to which when a holder is
+// read, and when it is written. The holes are policy: a pair converts only if a
+// table says so. docs/value.md shows the same tables, and the tests compare the
+// holders with them.
 #pragma once
 
 #include <string_view>
@@ -10,8 +10,8 @@
 
 namespace velt::detail {
 
-// Rows: the type held. Columns: the type asked for, in the same order, which is
-// that of the list of element types.
+// Rows: the type held. Columns: the type asked for. Both are in the order of the
+// list of element types.
 inline constexpr std::string_view strict_read_table[element_types::size] = {
     //                     time | const object | object | _bstr_t wstring string |
     //                     double bool __int64 ulong int

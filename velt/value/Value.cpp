@@ -10,8 +10,8 @@ namespace {
 
 template <class T>
 SmartPtr<_value_t_data> make_scalar(T&& value) {
-  using Holder = _value_t_data_t<std::remove_cvref_t<T>>;
-  return SmartPtr<_value_t_data>::adopt_new(new Holder(std::forward<T>(value)));
+  using holder = _value_t_data_t<std::remove_cvref_t<T>>;
+  return SmartPtr<_value_t_data>::adopt_new(new holder(std::forward<T>(value)));
 }
 
 template <class Char>
@@ -21,9 +21,17 @@ std::basic_string<Char> string_of(basic_const_string<Char> const& text) {
 
 }  // namespace
 
-// Copy-on-write: what other values share is not written to.
-void _value_t::make_private() {
-  if (data.use_count() != 1) data = data->clone();
+// Copy-on-write: shared content is copied before it is written. Both return the
+// holder that they replaced, or null. The caller keeps it until the write is done,
+// since the new element may lie in it.
+_value_t::holder_handle _value_t::make_private() {
+  if (data.use_count() == 1) return nullptr;
+  return data.exchange(data->clone());
+}
+
+_value_t::holder_handle _value_t::make_private_sequence() {
+  if (data->container()) return make_private();
+  return data.exchange(data->to_container());
 }
 
 template <class T>
@@ -31,7 +39,7 @@ _value_t& _value_t::assign(T const& value) {
   if (empty()) {
     data = make_scalar(value);
   } else {
-    make_private();
+    holder_handle const replaced = make_private();
     data->put(value);
   }
   return *this;
@@ -39,8 +47,7 @@ _value_t& _value_t::assign(T const& value) {
 
 template <class T>
 void _value_t::append(T const& value) {
-  if (!data->container()) data = data->to_container();
-  make_private();
+  holder_handle const replaced = make_private_sequence();
   data->push_back(value);
 }
 

@@ -1,7 +1,7 @@
-// _value_t: the dynamically typed value. It holds one of eleven element types,
-// a sequence of one of them, or nothing; copies share the content until one of
-// them is written. Use std::variant where the types are known to the compiler;
-// use _value_t where names and types travel together, as in an exception.
+// _value_t: the dynamically typed value. It holds an element of one of eleven
+// types, a sequence of such elements, or nothing; copies share the content until
+// one of them is written. Use std::variant where the compiler knows the types, and
+// _value_t where they are known at run time only, as in an exception.
 //
 // Reading comes in two kinds. The conversion operators are strict: they convert
 // only where a table says so, and throw EBadCastException otherwise. The as_*
@@ -36,8 +36,7 @@ namespace velt::detail {
 template <class Collection>
 _value_t_data* new_sequence(Collection const& elements);
 
-// A pointer that is neither text nor a counted object would silently become a
-// bool.
+// Pointers that would silently become a bool: neither text nor a counted object.
 template <class T>
 concept foreign_object = !std::is_convertible_v<T*, SmartPtrObj const*> &&
                          !std::is_convertible_v<T*, char const*> &&
@@ -49,8 +48,8 @@ concept becomes_value = !std::is_same_v<T, _value_t> && std::is_constructible_v<
 
 }  // namespace velt::detail
 
-// One pointer wide. A value has no lock: distinct values may share their
-// content across threads, one value belongs to one thread at a time.
+// One pointer wide. A value has no lock: values of different threads may share
+// their content, but each value belongs to one thread at a time.
 class _value_t {
 public:
   // The empty value, which holds nothing.
@@ -61,14 +60,13 @@ public:
   _value_t& operator=(_value_t&&) noexcept = default;
   ~_value_t() = default;
 
-  // For each element type: make a value of it; write into the value, which
-  // keeps its type (an empty value takes the type); read strictly, which
-  // throws EBadCastException from void if the value is empty; append.
+  // For each element type: construction; assignment, which keeps the type that
+  // the value has (an empty value takes the new one); strict reading, which throws
+  // EBadCastException from void if the value is empty; appending.
   //
-  // Appending to an empty value makes it a scalar; to a scalar, a sequence of
-  // two; and a sequence grows. If the type of the element is not that of the
-  // sequence, EBadCastException is thrown, and a scalar stays behind as a
-  // sequence of one.
+  // Appending makes an empty value a scalar and a scalar a sequence of two. An
+  // element of another type throws EBadCastException, and a scalar stays behind
+  // as a sequence of one. The element may lie in the value itself.
 #define VELT_FRONT(T, TAG)                \
   VELT_API _value_t(T const& value);      \
   VELT_API _value_t& operator=(T const& value); \
@@ -89,8 +87,8 @@ public:
   VELT_API _value_t& operator=(basic_const_string<char> const& text);
   VELT_API _value_t& operator=(basic_const_string<wchar_t> const& text);
 
-  // An object, of which a reference is taken. Null gives a value that holds a
-  // null handle, which is not the empty value.
+  // An object, to which the value takes a reference. Null gives a value that holds
+  // a null handle, which is not the empty value.
   VELT_API _value_t(SmartPtrObj* object);
   VELT_API _value_t(SmartPtrObj const* object);
   VELT_API _value_t& operator=(SmartPtrObj* object);
@@ -107,8 +105,8 @@ public:
   template <velt::detail::foreign_object T>
   _value_t& operator=(T* pointer) = delete;
 
-  // A collection of an element type. The value becomes a sequence with copies
-  // of the elements, in iteration order; what it held before does not matter.
+  // A collection of an element type. The value becomes a sequence with copies of
+  // the elements, in iteration order, whatever it held before.
   template <velt::detail::element_type T>
   _value_t(const_array<T> const& elements) : data(velt::detail::new_sequence(elements)) {}
   template <velt::detail::element_type T>
@@ -127,7 +125,7 @@ public:
   template <velt::detail::element_type T>
   _value_t& operator=(std::vector<T> const& elements) { return replace(elements); }
 
-  // Takes a holder of the caller's own, made with new.
+  // Takes ownership of a client's own holder, made with new.
   explicit _value_t(_value_t_data* holder) noexcept : data(holder) {}
 
   // Strict reading, the same as the conversion operators.
@@ -137,9 +135,9 @@ public:
     return data->get(static_cast<T const*>(nullptr));
   }
 
-  // All elements, of exactly type T; a scalar is a collection of one. An empty
-  // value, and a sequence of no elements whatever its type, give an empty
-  // collection. Otherwise throws EBadCastException for another element type.
+  // All elements; a scalar is a collection of one. An empty value and an empty
+  // sequence of any type give an empty collection. Otherwise throws
+  // EBadCastException unless the element type is exactly T.
   template <velt::detail::element_type T>
   operator std::list<T>() const { return collect<std::list<T>, T>(); }
   template <velt::detail::element_type T>
@@ -147,17 +145,17 @@ public:
   template <velt::detail::element_type T>
   operator std::vector<T>() const { return collect<std::vector<T>, T>(); }
 
-  // A view of one element, which must not outlive the value nor the next
-  // push_back. The view of the mutable form writes through, into a shared
-  // content too, as long as no copy of the view is made. A scalar throws
-  // std::out_of_range for any index but 0; a sequence does not check the index,
-  // and the value must not be empty.
+  // A view of one element, valid until the value's end or its next push_back. The
+  // mutable form's view writes through to the element, even where other values
+  // share it, as long as the view is not copied. A scalar throws std::out_of_range
+  // for any index but 0. A sequence does not check the index. The value must not be
+  // empty.
   VELT_API const _value_t operator[](unsigned __int64 index) const;
   VELT_API _value_t operator[](unsigned __int64 index);
 
-  // Appends what another value holds; that value must not be empty. An empty
-  // value becomes a copy of it. Otherwise its first element is appended, if it
-  // reads strictly as the element type of the sequence.
+  // Appends the first element of another value, which must not be empty, read
+  // strictly as the element type of the sequence. An empty value becomes a copy of
+  // the other one.
   VELT_API void push_back(_value_t const& value);
 
   // Lenient reading. Throws EBadCastException from void if the value is empty,
@@ -173,10 +171,10 @@ public:
   VELT_API _bstr_t as_bstr() const;
   VELT_API _time_t as_time() const;
 
-  // A COM variant of what is held, by the strict reading: VT_R8, VT_DATE (UTC),
-  // VT_BSTR, VT_BOOL, VT_UI4, VT_I8 or VT_INT. An object, and what a holder of
-  // another making holds, give VT_EMPTY. The variant has a string of its own. A
-  // sequence gives its first element, which must exist; the rest is left out.
+  // The content as a COM variant, read strictly: VT_R8, VT_DATE (UTC), VT_BSTR,
+  // VT_BOOL, VT_UI4, VT_I8 or VT_INT. An object, and the content of a client's own
+  // holder, give VT_EMPTY. The variant owns a copy of a string. A sequence gives its
+  // first element, which must exist, and drops the rest.
   //
   // Throws EBadCastException from void if the value is empty, the COM error
   // 0x8007000E if there is no memory for the string, and what
@@ -200,13 +198,13 @@ public:
   friend void swap(_value_t& a, _value_t& b) noexcept { a.swap(b); }
 
   // Two empty values are equal, and an empty one is less than any other.
-  // Otherwise the holder on the left decides: the right side is read strictly
-  // as its type, so a comparison can throw EBadCastException, and can work one
-  // way round only.
+  // Otherwise the left side's type decides, and the right side is read strictly as
+  // that type: a comparison can throw EBadCastException, and can do so in one
+  // direction only.
   friend bool operator==(_value_t const& a, _value_t const& b) { return a.equal(b); }
   friend bool operator<(_value_t const& a, _value_t const& b) { return a.less(b); }
 
-  // The same with anything on one side that a value can be made of.
+  // The same with a value on one side and anything that becomes one on the other.
   template <velt::detail::becomes_value T>
   friend bool operator==(_value_t const& a, T const& b) { return a.equal(_value_t(b)); }
   template <velt::detail::becomes_value T>
@@ -217,6 +215,8 @@ public:
   friend bool operator<(T const& a, _value_t const& b) { return _value_t(a).less(b); }
 
 private:
+  using holder_handle = SmartPtr<_value_t_data>;
+
   template <class Collection>
   _value_t& replace(Collection const& elements) {
     data = velt::detail::new_sequence(elements);
@@ -235,10 +235,11 @@ private:
   _value_t& assign(T const& value);
   template <class T>
   void append(T const& value);
-  void make_private();
+  [[nodiscard]] holder_handle make_private();
+  [[nodiscard]] holder_handle make_private_sequence();
 
   VELT_API bool equal(_value_t const& other) const;
   VELT_API bool less(_value_t const& other) const;
 
-  SmartPtr<_value_t_data> data;
+  holder_handle data;
 };

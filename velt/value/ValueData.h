@@ -1,7 +1,7 @@
 // _value_t_data: the holder behind a value. Its operations form a fixed grid:
 // for each of the eleven element types one get, put, push_back and getp. The
-// base makes nearly all of them a failed conversion, and each holder overrides
-// those that it supports, so the pattern of overrides is the conversion policy.
+// base refuses nearly all of them as a failed conversion, and each holder overrides
+// those that it supports: the pattern of overrides is the conversion policy.
 #pragma once
 
 #include <cstddef>
@@ -14,9 +14,9 @@
 
 class _value_t;
 
-// Counted by the protocol of SmartPtr: a holder is made with no references.
-// Const operations may run in parallel; put and push_back need the holder to
-// themselves. "Throws A to B" means EBadCastException with From A and To B.
+// Counted by the protocol of SmartPtr: a new holder has no references. Const
+// operations may run in parallel; put and push_back must run alone. "Throws A to B"
+// means EBadCastException with "From" A and "To" B.
 class VELT_API _value_t_data {
 public:
   _value_t_data() noexcept = default;
@@ -31,8 +31,8 @@ public:
   virtual _value_t_data* clone() const = 0;
   // A new sequence holder with copies of the elements.
   virtual _value_t_data* to_container() const = 0;
-  // Compare under the strict reading of this holder's type; may throw if the
-  // other's type does not convert to it.
+  // Read the other holder strictly as this one's type, and so throw if its type
+  // does not convert to it.
   virtual bool equal(_value_t_data const& other) const = 0;
   virtual bool less(_value_t_data const& other) const = 0;
 
@@ -40,7 +40,7 @@ public:
   virtual bool container() const;         // is it a sequence? false
   virtual bool object() const;            // is the element an object handle? false
 
-  // Strict reading. The pointer only selects the overload and is never read.
+  // Strict reading. The pointer selects the overload and is never dereferenced.
   // Throws type() to T.
 #define VELT_GET(T, TAG) virtual T get(T const*) const;
   VELT_ELEMENT_TYPES(VELT_GET)
@@ -71,7 +71,7 @@ public:
   VELT_ELEMENT_TYPES(VELT_GETP)
 #undef VELT_GETP
 
-  // Holders are small and short-lived: they come from a cache of each thread.
+  // Holders are small and short-lived, so each thread keeps a cache of blocks.
   static void* operator new(std::size_t size);
   static void operator delete(void* block, std::size_t size) noexcept;
 

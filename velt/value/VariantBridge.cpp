@@ -7,7 +7,7 @@ using velt::detail::new_bstr;
 using velt::detail::own_element;
 using velt::detail::read;
 
-// Without the record that a _bstr_t would put around the string on its way.
+// Makes the string directly, without the counted record of a _bstr_t.
 BSTR text_of(_value_t_data const& held) {
   if (auto const wide = own_element<std::wstring>(&held)) return new_bstr(*wide);
   if (auto const narrow = own_element<std::string>(&held)) return new_bstr(*narrow);
@@ -23,8 +23,8 @@ _variant_t variant_of(BSTR text) {
 
 }  // namespace
 
-// The tags of the results are those of the holders: _variant_t gives each type
-// the tag by which the type's holders are known, but for a date.
+// _variant_t gives each type the tag that its holders report, except a date, whose
+// tag has to be named.
 _variant_t _value_t::as_variant() const {
   return by_kind<_variant_t>(*this, []<class Kind>(_value_t_data const& held) -> _variant_t {
     if constexpr (std::is_same_v<Kind, velt::detail::unknown_kind> ||
