@@ -10,7 +10,7 @@
 #include "tests/debug/Support.h"
 #include "tests/os/ScratchFile.h"
 #include "tests/support/OpenHandles.h"
-#include "tests/support/SystemCode.h"
+#include "tests/support/Expect.h"
 #include "velt/debug/DebugStream.h"
 #include "velt/os/ComFileStream.h"
 #include "velt/os/ComStringStream.h"

@@ -4,7 +4,7 @@
 #include <windows.h>
 
 #include "tests/os/ScratchFile.h"
-#include "tests/support/SystemCode.h"
+#include "tests/support/Expect.h"
 
 TEST(File, SizesAndPositionsBeyondFourGigabytes) {
   velt_test::ScratchFile const scratch;

@@ -8,7 +8,7 @@
 #include <string>
 
 #include "tests/os/ScratchFile.h"
-#include "tests/support/SystemCode.h"
+#include "tests/support/Expect.h"
 #include "velt/os/File.h"
 
 using velt_test::system_code;

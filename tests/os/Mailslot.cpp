@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "tests/support/SystemCode.h"
+#include "tests/support/Expect.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 
 #include "tests/os/ScratchFile.h"
 #include "tests/support/OpenHandles.h"
-#include "tests/support/SystemCode.h"
+#include "tests/support/Expect.h"
 #include "velt/locks/Event.h"
 #include "velt/os/Overlapped.h"
 

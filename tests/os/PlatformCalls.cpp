@@ -5,11 +5,12 @@
 
 #include <comdef.h>
 
+#include <cstring>
 #include <string>
 
+#include "tests/support/Expect.h"
+#include "tests/support/Imports.h"
 #include "tests/support/OpenHandles.h"
-#include "tests/support/PlatformCalls.h"
-#include "tests/support/SystemCode.h"
 #include "velt/os/ComFileStream.h"
 #include "velt/os/File.h"
 #include "velt/os/FileMapping.h"
@@ -30,6 +31,49 @@ VELT_WATCH(TerminateProcess)
 
 namespace {
 
+void* const none = INVALID_HANDLE_VALUE;
+
+// Operations of a class: what they are run on is made by `subject`.
+template <class Object>
+struct Operation {
+  char const* call;
+  void (*run)(Object&);
+};
+
+// What the field holds after a call failed. A call that makes a handle answers
+// failure by the same value.
+enum class after_failure { null, minus_one, unchanged };
+
+// Each throws the platform's code when its call fails, leaves the field as said
+// and loses no handle.
+template <class Object, std::size_t count>
+void expect_failures(Operation<Object> const (&operations)[count], Object (*subject)(),
+                     after_failure field) {
+  for (auto const& [call, run] : operations) {
+    SCOPED_TRACE(call);
+    long const before = open_handles();
+    {
+      Object object(subject());
+      void* const expected = field == after_failure::null        ? nullptr
+                             : field == after_failure::minus_one ? none
+                                                                 : static_cast<void*>(object);
+      {
+        Watch watch(std::string(call, std::strcspn(call, "(")));
+        if (field != after_failure::unchanged) watch.answer = expected;
+        EXPECT_EQ(system_code([&] { run(object); }), injected_code);
+        EXPECT_EQ(watch.calls, call);
+      }
+      EXPECT_EQ(static_cast<void*>(object), expected);
+    }
+    EXPECT_TRUE(open_handles_fall_to(before));
+  }
+}
+
+template <class Object>
+Object nothing() {
+  return Object(DoNotInitialize);
+}
+
 using TOverlappedFile = TOverlapped<TFile>;
 
 unsigned long moved;
@@ -42,11 +86,11 @@ BY_HANDLE_FILE_INFORMATION information;
 #define OPENED "2147483648, 7, none, 4, 128, none)"
 
 Operation<TFile> const makers[] = {
-    {"CreateFileA(name, " OPENED, [](TFile& f) { f.CreateFileW(name.c_str(), OPENING); }},
-    {"CreateFileA(name, " OPENED, [](TFile& f) { f.OpenFile(name.c_str(), OPENING); }},
-    {"CreateFileW(wide name, " OPENED, [](TFile& f) { f.OpenFile(wide_name.c_str(), OPENING); }},
-    {"CreateFileA(name, " OPENED, [](TFile&) { TFile(name.c_str(), OPENING); }},
-    {"CreateFileW(wide name, " OPENED, [](TFile&) { TFile(wide_name.c_str(), OPENING); }},
+    {"CreateFileA(name, " OPENED, [](TFile& f) { f.CreateFileW("name", OPENING); }},
+    {"CreateFileA(name, " OPENED, [](TFile& f) { f.OpenFile("name", OPENING); }},
+    {"CreateFileW(name, " OPENED, [](TFile& f) { f.OpenFile(L"name", OPENING); }},
+    {"CreateFileA(name, " OPENED, [](TFile&) { TFile("name", OPENING); }},
+    {"CreateFileW(name, " OPENED, [](TFile&) { TFile(L"name", OPENING); }},
 };
 
 Operation<TFile> const uses[] = {
@@ -65,11 +109,11 @@ Operation<TFile> const uses[] = {
 
 using O = TOverlappedFile;
 Operation<O> const overlapped_uses[] = {
-    {"WriteFile(handle, buffer, 3, out, record)", [](O& f) { f.WriteFile(buffer, 3); }},
-    {"WriteFile(handle, buffer, 3, out, record)", [](O& f) { f.WriteFile(buffer, 3, moved); }},
-    {"ReadFile(handle, buffer, 3, out, record)", [](O& f) { f.ReadFile(buffer, 3); }},
-    {"ReadFile(handle, buffer, 3, out, record)", [](O& f) { f.ReadFile(buffer, 3, moved); }},
-    {"GetOverlappedResult(handle, record, out, 1)",
+    {"WriteFile(handle, buffer, 3, out, out)", [](O& f) { f.WriteFile(buffer, 3); }},
+    {"WriteFile(handle, buffer, 3, out, out)", [](O& f) { f.WriteFile(buffer, 3, moved); }},
+    {"ReadFile(handle, buffer, 3, out, out)", [](O& f) { f.ReadFile(buffer, 3); }},
+    {"ReadFile(handle, buffer, 3, out, out)", [](O& f) { f.ReadFile(buffer, 3, moved); }},
+    {"GetOverlappedResult(handle, out, out, 1)",
      [](O& f) { f.GetOverlappedResult(moved, true); }},
     {"CancelIo(handle)", [](O& f) { f.CancelIo(); }},
 };
@@ -78,7 +122,7 @@ Operation<O> const overlapped_uses[] = {
 template <class File>
 File scratch_file() {
   File file(DoNotInitialize);
-  file.AttachHandle(CreateFileA(name.c_str(), GENERIC_READ | GENERIC_WRITE, 7, nullptr,
+  file.AttachHandle(CreateFileA("name", GENERIC_READ | GENERIC_WRITE, 7, nullptr,
                                 CREATE_ALWAYS, FILE_FLAG_DELETE_ON_CLOSE, nullptr));
   WriteFile(file, "contents", 8, &moved, nullptr);
   SetFilePointer(file, 0, nullptr, FILE_BEGIN);
@@ -89,7 +133,7 @@ constexpr unsigned __int64 large = 0x2'0000'0003;
 
 void* file() {
   static HANDLE const opened =
-      CreateFileA((name + "-mapped").c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr,
+      CreateFileA("name-mapped", GENERIC_READ | GENERIC_WRITE, 0, nullptr,
                   CREATE_ALWAYS, FILE_FLAG_DELETE_ON_CLOSE, nullptr);
   return opened;
 }
@@ -99,37 +143,37 @@ void* file() {
 
 Operation<TFileMapping> const mapping_makers[] = {
     {"CreateFileMappingA(" NO_FILE ", none, 4, 2, 3, name)",
-     [](TFileMapping& m) { m.CreateFileMappingW(PAGE_READWRITE, large, name.c_str()); }},
-    {"CreateFileMappingW(" NO_FILE ", none, 4, 2, 3, wide name)",
-     [](TFileMapping& m) { m.CreateFileMappingW(PAGE_READWRITE, large, wide_name.c_str()); }},
+     [](TFileMapping& m) { m.CreateFileMappingW(PAGE_READWRITE, large, "name"); }},
+    {"CreateFileMappingW(" NO_FILE ", none, 4, 2, 3, name)",
+     [](TFileMapping& m) { m.CreateFileMappingW(PAGE_READWRITE, large, L"name"); }},
     {"CreateFileMappingA(handle, none, 2, 0, 0, name)",
-     [](TFileMapping& m) { m.CreateFileMappingW(PAGE_READONLY, file(), name.c_str()); }},
-    {"CreateFileMappingW(handle, none, 2, 0, 0, wide name)",
-     [](TFileMapping& m) { m.CreateFileMappingW(PAGE_READONLY, file(), wide_name.c_str()); }},
+     [](TFileMapping& m) { m.CreateFileMappingW(PAGE_READONLY, file(), "name"); }},
+    {"CreateFileMappingW(handle, none, 2, 0, 0, name)",
+     [](TFileMapping& m) { m.CreateFileMappingW(PAGE_READONLY, file(), L"name"); }},
     {"OpenFileMappingA(4, 0, name)",
-     [](TFileMapping& m) { m.OpenFileMappingW(name.c_str(), FILE_MAP_READ); }},
-    {"OpenFileMappingW(4, 0, wide name)",
-     [](TFileMapping& m) { m.OpenFileMappingW(wide_name.c_str(), FILE_MAP_READ); }},
+     [](TFileMapping& m) { m.OpenFileMappingW("name", FILE_MAP_READ); }},
+    {"OpenFileMappingW(4, 0, name)",
+     [](TFileMapping& m) { m.OpenFileMappingW(L"name", FILE_MAP_READ); }},
 };
 
 // The constructors take the numbers the other way round.
 Operation<TMailslot> const mailslot_makers[] = {
     {"CreateMailslotA(name, 400, 5, none)",
-     [](TMailslot& m) { m.CreateMailslotW(name.c_str(), 400, 5); }},
-    {"CreateMailslotW(wide name, 400, 5, none)",
-     [](TMailslot& m) { m.CreateMailslotW(wide_name.c_str(), 400, 5); }},
-    {"CreateMailslotA(name, 400, 5, none)", [](TMailslot&) { TMailslot(name.c_str(), 5, 400); }},
-    {"CreateMailslotW(wide name, 400, 5, none)",
-     [](TMailslot&) { TMailslot(wide_name.c_str(), 5, 400); }},
+     [](TMailslot& m) { m.CreateMailslotW("name", 400, 5); }},
+    {"CreateMailslotW(name, 400, 5, none)",
+     [](TMailslot& m) { m.CreateMailslotW(L"name", 400, 5); }},
+    {"CreateMailslotA(name, 400, 5, none)", [](TMailslot&) { TMailslot("name", 5, 400); }},
+    {"CreateMailslotW(name, 400, 5, none)",
+     [](TMailslot&) { TMailslot(L"name", 5, 400); }},
 };
 
-#define START "none, none, 0, 16, none, none, plain start, out)"
+#define START "none, none, 0, 16, none, none, out, out)"
 
 Operation<TProcess> const process_uses[] = {
     {"CreateProcessA(none, name, " START,
-     [](TProcess& p) { p.CreateProcessW(name.c_str(), CREATE_NEW_CONSOLE); }},
-    {"CreateProcessW(none, wide name, " START,
-     [](TProcess& p) { p.CreateProcessW(wide_name.c_str(), CREATE_NEW_CONSOLE); }},
+     [](TProcess& p) { p.CreateProcessW("name", CREATE_NEW_CONSOLE); }},
+    {"CreateProcessW(none, name, " START,
+     [](TProcess& p) { p.CreateProcessW(L"name", CREATE_NEW_CONSOLE); }},
     {"TerminateProcess(handle, 4294967295)", [](TProcess& p) { p.TerminateProcess(-1); }},
 };
 
@@ -143,9 +187,9 @@ TProcess some_process() {
 struct FileCalls : ::testing::Test {
   static void SetUpTestSuite() {
     Watch watch("CreateFileA", none);
-    system_code([] { TFile(name.c_str(), OPENING); });
+    system_code([] { TFile("name", OPENING); });
   }
-  static void TearDownTestSuite() { DeleteFileA(name.c_str()); }
+  static void TearDownTestSuite() { DeleteFileA("name"); }
 };
 
 }  // namespace
@@ -219,7 +263,7 @@ TEST(ResourceCalls, FailedMakersThrowAndLeaveTheFieldAsTold) {
 
 TEST(ResourceCalls, ViewHasOnlyTheLowerHalfOfAnOffset) {
   TFileMapping mapping;
-  mapping.CreateFileMappingW(PAGE_READWRITE, 0x20000, name.c_str());
+  mapping.CreateFileMappingW(PAGE_READWRITE, 0x20000, "name");
   {
     Watch watch;
     UnmapViewOfFile(mapping.MapViewOfFile(FILE_MAP_READ, 0x10000, 7));
@@ -246,7 +290,7 @@ TEST(ResourceCalls, StreamOfAFileThrowsWhenItsOwnHandleIsNotClosed) {
             }),
             injected_code);
   EXPECT_EQ(watch.calls,
-            "CreateFileW(unknown name, 1073741824, 0, none, 3, 128, none)"
+            "CreateFileW(NUL, 1073741824, 0, none, 3, 128, none)"
             "DuplicateHandle(process, handle, process, out, 0, 0, 2)"
             "CloseHandle(handle)CloseHandle(handle)");
 }

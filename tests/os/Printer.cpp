@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "tests/os/ScratchPrinter.h"
-#include "tests/support/SystemCode.h"
+#include "tests/support/Expect.h"
 #include "velt/exceptions/ExceptionFamily.h"
 
 using namespace velt_test;

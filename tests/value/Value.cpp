@@ -5,7 +5,7 @@
 #include <cmath>
 #include <thread>
 
-#include "tests/support/BadCast.h"
+#include "tests/support/Expect.h"
 #include "tests/support/ElementTypes.h"
 
 using namespace velt_test;
