@@ -12,7 +12,8 @@ std::vector<Entry*> replaced;
 Entry look_up_entry{"GetProcAddress"};
 
 FARPROC WINAPI look_up(HMODULE module, char const* name) {
-  auto const found = reinterpret_cast<decltype(&GetProcAddress)>(look_up_entry.platform)(module, name);
+  auto const found =
+      reinterpret_cast<decltype(&GetProcAddress)>(look_up_entry.platform)(module, name);
   bool const is_number = reinterpret_cast<UINT_PTR>(name) >> 16 == 0;
   for (auto const entry : replaced) {
     if (is_number || entry->name != name) continue;

@@ -215,8 +215,8 @@ struct Watched {
 }  // namespace velt_test
 
 // At namespace scope: the test program's Watches write CALL down.
-#define VELT_WATCH(CALL)                                                     \
-  static velt_test::detail::Watched const watched_##CALL(                    \
-      VELT_CALL(CALL), [](auto platform, auto... arguments) {                \
-        return velt_test::detail::watched(#CALL, platform, arguments...);    \
+#define VELT_WATCH(CALL)                                                  \
+  static velt_test::detail::Watched const watched_##CALL(                 \
+      VELT_CALL(CALL), [](auto platform, auto... arguments) {             \
+        return velt_test::detail::watched(#CALL, platform, arguments...); \
       });
