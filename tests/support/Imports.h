@@ -178,24 +178,27 @@ inline constexpr std::uintptr_t usual_failure<DWORD> = WAIT_FAILED;
 template <>
 inline constexpr std::uintptr_t usual_failure<HRESULT> = static_cast<DWORD>(E_FAIL);
 
+template <class Place>
+void fill(Answer& answer, Place place) {
+  if constexpr (std::is_same_v<Place, DWORD*>) {
+    if (!place || answer.numbers.empty()) return;
+    *place = answer.numbers.front();
+    answer.numbers.erase(answer.numbers.begin());
+  } else if constexpr (std::is_same_v<Place, BYTE*>) {
+    if (place) answer.block.copy(reinterpret_cast<char*>(place), answer.block.size());
+  }
+}
+
 template <class Result, class... Parameters>
 Result watched(char const* call, Result(WINAPI* platform)(Parameters...),
                std::type_identity_t<Parameters>... arguments) {
   DWORD const code = GetLastError();
-  auto const answer =
-      Watch::answer_to(call, usual_failure<Result>, {text_of_argument(arguments)...});
+  auto answer = Watch::answer_to(call, usual_failure<Result>, {text_of_argument(arguments)...});
   if (!answer) {
     SetLastError(code);
     return platform(arguments...);
   }
-  auto number = answer->numbers.begin();
-  auto const fill = [&]<class T>(T place) {
-    if constexpr (std::is_same_v<T, DWORD*>)
-      if (place && number != answer->numbers.end()) *place = *number++;
-    if constexpr (std::is_same_v<T, BYTE*>)
-      if (place) answer->block.copy(reinterpret_cast<char*>(place), answer->block.size());
-  };
-  (fill(arguments), ...);
+  (fill(*answer, arguments), ...);
   SetLastError(answer->code);
   if constexpr (std::is_pointer_v<Result>)
     return reinterpret_cast<Result>(answer->result);
