@@ -5,7 +5,7 @@
 #include <thread>
 #include <utility>
 
-#include "tests/support/BadCast.h"
+#include "tests/support/Expect.h"
 #include "velt/exceptions/ExceptionFamily.h"
 
 namespace {

@@ -8,7 +8,7 @@
 #include <thread>
 
 #include "tests/support/OpenHandles.h"
-#include "tests/support/SystemCode.h"
+#include "tests/support/Expect.h"
 #include "velt/locks/Event.h"
 #include "velt/locks/Handle.h"
 #include "velt/locks/Lock.h"

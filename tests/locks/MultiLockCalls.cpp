@@ -13,7 +13,7 @@
 
 #include "tests/locks/Agent.h"
 #include "tests/locks/OpenLock.h"
-#include "tests/support/SystemCode.h"
+#include "tests/support/Expect.h"
 #include "velt/exceptions/ExceptionFamily.h"
 
 using velt_test::Agent;

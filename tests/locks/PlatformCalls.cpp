@@ -10,7 +10,7 @@
 
 #include "tests/support/OpenHandles.h"
 #include "tests/support/PlatformCalls.h"
-#include "tests/support/SystemCode.h"
+#include "tests/support/Expect.h"
 #include "velt/locks/Event.h"
 #include "velt/locks/Handle.h"
 #include "velt/locks/Mutex.h"

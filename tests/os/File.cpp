@@ -3,20 +3,50 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
-#include "tests/os/ScratchFile.h"
-#include "tests/support/SystemCode.h"
+#include <cstring>
+#include <memory>
+#include <string>
 
-TEST(File, SizesAndPositionsBeyondFourGigabytes) {
-  velt_test::ScratchFile const scratch;
-  TFile file(scratch.narrow.c_str(), GENERIC_READ | GENERIC_WRITE, 0, CREATE_ALWAYS);
+#include "tests/support/ChildProcess.h"
+#include "tests/support/Expect.h"
+#include "velt/os/FileMapping.h"
+
+using velt_test::system_code;
+
+namespace {
+
+struct unmap {
+  void operator()(char* view) const { UnmapViewOfFile(view); }
+};
+using View = std::unique_ptr<char, unmap>;
+
+View view_of(TFileMapping& mapping, unsigned long access, unsigned long offset = 0,
+             unsigned long size = 0) {
+  return View(static_cast<char*>(mapping.MapViewOfFile(access, offset, size)));
+}
+
+SIZE_T size_of(View const& view) {
+  MEMORY_BASIC_INFORMATION information = {};
+  VirtualQuery(view.get(), &information, sizeof information);
+  return information.RegionSize;
+}
+
+struct File : ::testing::Test {
+  velt_test::scratch_folder const scratch;
+  std::wstring const name = (scratch.path() / "file").native();
+};
+
+}  // namespace
+
+TEST_F(File, SizesAndPositionsBeyondFourGigabytes) {
+  TFile file(name.c_str(), GENERIC_READ | GENERIC_WRITE, 0, CREATE_ALWAYS);
   file.WriteFile("abc", 3);
   EXPECT_EQ(file.SetFilePointerEx(-1, FILE_END), 2u);
   EXPECT_EQ(file.SetFilePointerEx(0x1'2345'6789, FILE_BEGIN), 0x1'2345'6789u);
   EXPECT_EQ(file.SetFilePointerEx(1, FILE_CURRENT), 0x1'2345'678Au);
   EXPECT_EQ(file.SetFilePointer(1, FILE_BEGIN), 1u);
-  EXPECT_EQ(velt_test::system_code([&] { file.SetFilePointerEx(-1, FILE_BEGIN); }),
-            ERROR_NEGATIVE_SEEK);
-  EXPECT_EQ(file.SetFilePointer(-1, FILE_BEGIN), 0xFFFFFFFFu);
+  EXPECT_EQ(system_code([&] { file.SetFilePointerEx(-1, FILE_BEGIN); }), ERROR_NEGATIVE_SEEK);
+  EXPECT_EQ(file.SetFilePointer(-1, FILE_BEGIN), 0xFFFFFFFFu) << "which is no exception";
   char rest[8];
   EXPECT_EQ(file.ReadFile(rest, sizeof rest), 2u) << "a failed move moved";
   EXPECT_EQ(file.ReadFile(rest, sizeof rest), 0u) << "the end of the file is no failure";
@@ -33,4 +63,37 @@ TEST(File, SizesAndPositionsBeyondFourGigabytes) {
   // File systems keep as little as whole microseconds.
   EXPECT_NEAR(found.dwLowDateTime, set.dwLowDateTime, 10);
   EXPECT_EQ(found.dwHighDateTime, set.dwHighDateTime);
+}
+
+TEST_F(File, MappingIsTheFileAndWrittenOnlyIfThatMayBe) {
+  auto const shared = L"velt-os-" + std::to_wstring(GetCurrentProcessId());
+  TFile(name.c_str(), GENERIC_WRITE, 0, CREATE_ALWAYS).WriteFile("some text", 9);
+  {
+    TFile const file(name.c_str(), GENERIC_READ | GENERIC_WRITE, 0, OPEN_EXISTING);
+    TFileMapping mapping, again;
+    mapping.CreateFileMappingW(PAGE_READWRITE, file, shared.c_str());
+    again.CreateFileMappingW(PAGE_READWRITE, 4096, shared.c_str());
+    std::memcpy(view_of(again, FILE_MAP_WRITE).get(), "more", 4);
+  }
+  TFile const file(name.c_str(), GENERIC_READ, 0, OPEN_EXISTING);
+  TFileMapping mapping;
+  EXPECT_EQ(system_code([&] { mapping.CreateFileMappingW(PAGE_READWRITE, file, L""); }),
+            ERROR_ACCESS_DENIED);
+  mapping.CreateFileMappingW(PAGE_READONLY, file, L"");
+  EXPECT_EQ(system_code([&] { mapping.MapViewOfFile(FILE_MAP_WRITE, 0, 0); }), ERROR_ACCESS_DENIED);
+  EXPECT_EQ(std::string(view_of(mapping, FILE_MAP_READ).get(), 9), "more text");
+}
+
+TEST(FileMapping, BeyondFourGigabytes) {
+  constexpr auto size = 0x1'0001'0000;
+  TFileMapping mapping;
+  mapping.CreateFileMappingW(PAGE_READWRITE | SEC_RESERVE, size, static_cast<char*>(nullptr));
+  EXPECT_EQ(size_of(view_of(mapping, FILE_MAP_WRITE)), SIZE_T{size});
+  auto const end = view_of(mapping, FILE_MAP_WRITE, 0xFFFF0000);
+  EXPECT_EQ(size_of(end), 0x20000u);
+  auto const part = view_of(mapping, FILE_MAP_WRITE, 0xFFFF0000, 100);
+  EXPECT_EQ(size_of(part), 0x1000u);
+  ASSERT_TRUE(VirtualAlloc(end.get(), 4096, MEM_COMMIT, PAGE_READWRITE));
+  std::strcpy(end.get(), "far out");
+  EXPECT_STREQ(part.get(), "far out");
 }

@@ -10,114 +10,97 @@
 #include <string>
 
 #include "tests/debug/Support.h"
-#include "tests/support/PlatformCalls.h"
+#include "tests/support/Expect.h"
+#include "tests/support/Imports.h"
 #include "velt/debug/DebugStream.h"
 #include "velt/os/CoInitialize.h"
 #include "velt/os/ImpersonationContext.h"
 
 using velt_test::Watch;
 
-VELT_WATCH(CoImpersonateClient) VELT_WATCH(CoRevertToSelf)
-VELT_WATCH(LookupAccountSidW) VELT_WATCH(OpenThreadToken)
+VELT_WATCH(CoImpersonateClient)
+VELT_WATCH(CoRevertToSelf) VELT_WATCH(LookupAccountSidW) VELT_WATCH(OpenThreadToken)
 
-namespace {
+    namespace {
+  // The client of a call: it is impersonated with the level that it grants.
+  class Client final : public IServerSecurity {
+  public:
+    SECURITY_IMPERSONATION_LEVEL level = SecurityImpersonation;
 
-// The client of a call: it is impersonated with the level that it grants.
-class Client final : public IServerSecurity {
-public:
-  SECURITY_IMPERSONATION_LEVEL level = SecurityImpersonation;
+    HRESULT WINAPI QueryInterface(REFIID id, void** result) override {
+      bool const is_mine = id == IID_IUnknown || id == IID_IServerSecurity;
+      *result = is_mine ? this : nullptr;
+      return is_mine ? S_OK : E_NOINTERFACE;
+    }
+    // It lives as long as its test.
+    ULONG WINAPI AddRef() override { return 2; }
+    ULONG WINAPI Release() override { return 1; }
+    HRESULT WINAPI QueryBlanket(DWORD*, DWORD*, OLECHAR**, DWORD*, DWORD*, void**,
+                                DWORD*) override {
+      return E_NOTIMPL;
+    }
+    HRESULT WINAPI ImpersonateClient() override { return ImpersonateSelf(level) ? S_OK : E_FAIL; }
+    HRESULT WINAPI RevertToSelf() override { return ::RevertToSelf() ? S_OK : E_FAIL; }
+    WINBOOL WINAPI IsImpersonating() override { return FALSE; }
+  };
 
-  HRESULT WINAPI QueryInterface(REFIID id, void** result) override {
-    bool const is_mine = id == IID_IUnknown || id == IID_IServerSecurity;
-    *result = is_mine ? this : nullptr;
-    return is_mine ? S_OK : E_NOINTERFACE;
+  bool is_impersonated() {
+    HANDLE token;
+    if (!OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, &token)) return false;
+    return CloseHandle(token);
   }
-  // It lives as long as its test.
-  ULONG WINAPI AddRef() override { return 2; }
-  ULONG WINAPI Release() override { return 1; }
-  HRESULT WINAPI QueryBlanket(DWORD*, DWORD*, OLECHAR**, DWORD*, DWORD*, void**,
-                              DWORD*) override {
-    return E_NOTIMPL;
+
+  // Debug has only the test's writer.
+  struct Impersonation : ::testing::Test {
+    SmartPtr<RecordingWriter> const writer = MakeCounted<RecordingWriter>();
+    TDebugStream const writers_before = Debug;
+
+    Impersonation() { Debug.ChangeWriter(writer); }
+    ~Impersonation() noexcept override {
+      Debug.ClearWriters();
+      Debug += writers_before;
+    }
+  };
+
+  // The thread serves a call.
+  struct ImpersonationInCall : Impersonation {
+    class CoInitializeEx const apartment;
+    Client client;
+    IUnknown* outer = nullptr;
+
+    ImpersonationInCall() { CoSwitchCallContext(&client, &outer); }
+    ~ImpersonationInCall() noexcept override { CoSwitchCallContext(outer, &outer); }
+  };
+
+  void fail_impersonated() {
+    CImpersonationContext const client(CImpersonationContext::NeedImpersonation);
+    throw std::domain_error("the work failed");
   }
-  HRESULT WINAPI ImpersonateClient() override { return ImpersonateSelf(level) ? S_OK : E_FAIL; }
-  HRESULT WINAPI RevertToSelf() override { return ::RevertToSelf() ? S_OK : E_FAIL; }
-  WINBOOL WINAPI IsImpersonating() override { return FALSE; }
-};
 
-bool is_impersonated() {
-  HANDLE token;
-  if (!OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, &token)) return false;
-  return CloseHandle(token);
-}
+  std::string const taken_and_given_up = "CoImpersonateClient()CoRevertToSelf()";
 
-// "DOMAIN\account" of this process.
-std::string account() {
-  HANDLE token;
-  EXPECT_TRUE(OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token));
-  alignas(TOKEN_USER) BYTE user[256];
-  char name[256], domain[256];
-  DWORD size, name_size = 256, domain_size = 256;
-  SID_NAME_USE use;
-  EXPECT_TRUE(GetTokenInformation(token, TokenUser, user, sizeof user, &size));
-  EXPECT_TRUE(LookupAccountSidA(nullptr, reinterpret_cast<TOKEN_USER*>(user)->User.Sid, name,
-                                &name_size, domain, &domain_size, &use));
-  CloseHandle(token);
-  return domain + std::string("\\") + name;
-}
-
-// Debug has only the test's writer.
-struct Impersonation : ::testing::Test {
-  SmartPtr<RecordingWriter> const writer = MakeCounted<RecordingWriter>();
-  TDebugStream const writers_before = Debug;
-
-  Impersonation() { Debug.ChangeWriter(writer); }
-  ~Impersonation() noexcept override {
-    Debug.ClearWriters();
-    Debug += writers_before;
+  // What CoGetApartmentType tells of the thread, or -2 if it is in none.
+  int apartment_type() {
+    APTTYPE type;
+    APTTYPEQUALIFIER qualifier;
+    return SUCCEEDED(CoGetApartmentType(&type, &qualifier)) ? type : -2;
   }
-};
 
-// The thread serves a call.
-struct ImpersonationInCall : Impersonation {
-  class CoInitializeEx const apartment;
-  Client client;
-  IUnknown* outer = nullptr;
-
-  ImpersonationInCall() { CoSwitchCallContext(&client, &outer); }
-  ~ImpersonationInCall() noexcept override { CoSwitchCallContext(outer, &outer); }
-};
-
-void fail_impersonated() {
-  CImpersonationContext const client(CImpersonationContext::NeedImpersonation);
-  throw std::domain_error("the work failed");
-}
-
-std::string const taken_and_given_up = "CoImpersonateClient()CoRevertToSelf()";
-
-// What CoGetApartmentType tells of the thread, or -2 if it is in none.
-int apartment_type() {
-  APTTYPE type;
-  APTTYPEQUALIFIER qualifier;
-  return SUCCEEDED(CoGetApartmentType(&type, &qualifier)) ? type : -2;
-}
-
-HRESULT com_code(void (*statement)()) {
-  try {
-    statement();
-  } catch (_com_error const& error) {
-    return error.Error();
+  HRESULT com_code(void (*statement)()) {
+    try {
+      statement();
+    } catch (_com_error const& error) {
+      return error.Error();
+    }
+    return S_OK;
   }
-  return S_OK;
-}
 
 }  // namespace
 
 TEST_F(Impersonation, OutsideACallDoesNothingUnlessItIsNeeded) {
   {
     Watch watch;
-    {
-      CImpersonationContext const by_default, not_needed(false);
-    }
+    { CImpersonationContext const by_default, not_needed(false); }
     EXPECT_EQ(watch.calls, "CoImpersonateClient()CoImpersonateClient()");
   }
   EXPECT_EQ(com_code([] { CImpersonationContext(CImpersonationContext::NeedImpersonation); }),
@@ -125,41 +108,35 @@ TEST_F(Impersonation, OutsideACallDoesNothingUnlessItIsNeeded) {
 }
 
 TEST_F(ImpersonationInCall, LastsForTheScopeAndIsNotReported) {
-  Watch watch;
   {
     CImpersonationContext const guard;
-    Watch::current = nullptr;
     EXPECT_TRUE(is_impersonated());
-    Watch::current = &watch;
   }
-  EXPECT_EQ(watch.calls, taken_and_given_up);
   EXPECT_FALSE(is_impersonated());
   EXPECT_EQ(writer->all(), "");
 }
 
 TEST_F(ImpersonationInCall, ExceptionIsReportedWithWhatCanBeFoundOut) {
+  char account[256];
+  DWORD size = sizeof account;
+  ASSERT_TRUE(GetUserNameA(account, &size));
   struct {
     SECURITY_IMPERSONATION_LEVEL level;
-    char const* failing;
-    std::string report;
-  } const rows[] = {
-      {SecurityIdentification, "", "SecurityIdentification as " + account()},
-      {SecurityImpersonation, "", "SecurityImpersonation as " + account()},
-      {SecurityDelegation, "", "SecurityDelegation as " + account()},
-      {SecurityImpersonation, "OpenThreadToken", "Unknown as \\"},
-      {SecurityImpersonation, "LookupAccountSidW", "SecurityImpersonation as \\"},
-  };
-  for (auto const& [level, failing, report] : rows) {
+    char const *failing, *told_level, *told_account;
+  } const rows[] = {{SecurityIdentification, "", "SecurityIdentification as ", account},
+                    {SecurityImpersonation, "OpenThreadToken", "Unknown as \\\n", ""},
+                    {SecurityDelegation, "LookupAccountSidW", "SecurityDelegation as \\\n", ""}};
+  for (auto const& [level, failing, told_level, told_account] : rows) {
     client.level = level;
     writer->texts.clear();
-    {
-      Watch watch(failing);
-      EXPECT_THROW(fail_impersonated(), std::domain_error);
-      EXPECT_TRUE(watch.calls.ends_with("CoRevertToSelf()")) << watch.calls;
-    }
-    EXPECT_FALSE(is_impersonated());
-    EXPECT_EQ(writer->all(), "(!) Impersonated with level " + report + "\n");
+    Watch watch(failing);
+    EXPECT_THROW(fail_impersonated(), std::domain_error);
+    EXPECT_TRUE(watch.calls.ends_with("CoRevertToSelf()")) << watch.calls;
+    auto const report = writer->all();
+    EXPECT_TRUE(report.starts_with(std::string("(!) Impersonated with level ") + told_level));
+    EXPECT_TRUE(report.ends_with("\\" + std::string(told_account) + "\n")) << report;
   }
+  EXPECT_FALSE(is_impersonated());
 }
 
 TEST_F(ImpersonationInCall, WithoutWritersTheTokenIsNotOpened) {

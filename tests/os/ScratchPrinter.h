@@ -7,7 +7,6 @@
 
 #include <string>
 
-#include "tests/os/ScratchFile.h"
 #include "velt/exceptions/ExceptionFamily.h"
 
 namespace velt_test {
@@ -35,8 +34,6 @@ public:
 
   static constexpr wchar_t const* driver = L"velt test driver";
   std::wstring name = L"velt test printer " + std::to_wstring(GetCurrentProcessId());
-  // Where its jobs print to.
-  std::wstring const& output() const { return file.wide; }
 
 private:
   static void add_driver() {
@@ -51,7 +48,6 @@ private:
       ThrowSystemException();
   }
 
-  ScratchFile file;
   HANDLE handle;
 };
 

@@ -12,8 +12,8 @@
 #include <string>
 #include <type_traits>
 
+#include "tests/support/Expect.h"
 #include "tests/support/OpenHandles.h"
-#include "tests/support/SystemCode.h"
 #include "velt/base/DoNotInitialize.h"
 
 namespace velt_test {

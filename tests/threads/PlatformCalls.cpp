@@ -10,7 +10,7 @@
 #include <string>
 
 #include "tests/support/OpenHandles.h"
-#include "tests/support/SystemCode.h"
+#include "tests/support/Expect.h"
 #include "tests/threads/Support.h"
 #include "velt/faults/StructuredException.h"
 #include "velt/locks/Mutex.h"

@@ -10,7 +10,7 @@
 #include <utility>
 
 #include "tests/debug/Support.h"
-#include "tests/support/SystemCode.h"
+#include "tests/support/Expect.h"
 #include "velt/debug/DebugStream.h"
 #include "velt/locks/Event.h"
 #include "velt/threads/ThreadClass.h"

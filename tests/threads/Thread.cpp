@@ -4,7 +4,7 @@
 #include <windows.h>
 
 #include "tests/support/OpenHandles.h"
-#include "tests/support/SystemCode.h"
+#include "tests/support/Expect.h"
 #include "velt/exceptions/ExceptionFamily.h"
 
 namespace {

@@ -11,7 +11,7 @@
 #include <utility>
 
 #include "tests/support/OpenHandles.h"
-#include "tests/support/SystemCode.h"
+#include "tests/support/Expect.h"
 #include "tests/threads/PoolSupport.h"
 #include "velt/exceptions/ExceptionFamily.h"
 #include "velt/text/Numbers.h"

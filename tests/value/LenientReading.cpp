@@ -6,7 +6,7 @@
 #include <limits>
 #include <optional>
 
-#include "tests/support/BadCast.h"
+#include "tests/support/Expect.h"
 #include "tests/support/DocTables.h"
 #include "tests/support/ElementTypes.h"
 

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "tests/support/BadCast.h"
+#include "tests/support/Expect.h"
 #include "tests/support/ElementTypes.h"
 
 using namespace velt_test;

@@ -5,7 +5,7 @@
 #include <set>
 #include <stdexcept>
 
-#include "tests/support/BadCast.h"
+#include "tests/support/Expect.h"
 #include "tests/support/DocTables.h"
 #include "tests/support/ElementTypes.h"
 

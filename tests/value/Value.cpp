@@ -4,7 +4,7 @@
 
 #include <cmath>
 
-#include "tests/support/BadCast.h"
+#include "tests/support/Expect.h"
 #include "tests/support/ElementTypes.h"
 
 using namespace velt_test;

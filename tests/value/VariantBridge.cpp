@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/BadCast.h"
+#include "tests/support/Expect.h"
 #include "tests/support/DocTables.h"
 #include "tests/support/ElementTypes.h"
 

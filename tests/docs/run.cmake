@@ -4,5 +4,5 @@ execute_process(COMMAND ${EMULATOR} ${PROGRAM} COMMAND_ERROR_IS_FATAL ANY OUTPUT
 string(REPLACE "\r\n" "\n" printed "${printed}")
 file(READ ${EXPECTED} expected)
 if(NOT printed STREQUAL expected)
-  message(FATAL_ERROR "The examples print\n${printed}\nand the README says\n${expected}")
+  message(FATAL_ERROR "The examples print\n${printed}\nand the pages say\n${expected}")
 endif()
