@@ -1,4 +1,5 @@
-// The lock interfaces, and TLock, which holds a lock for a scope. A function
+// The lock interfaces, and the guards: TLock holds a lock for a scope, TReadLock
+// a read/write lock for reading. A function
 // that needs a lock takes the narrowest interface that will do, so that its
 // caller chooses the kind: a critical section, a kernel object that other
 // processes share, or a read/write lock.
@@ -113,4 +114,45 @@ public:
 
 private:
   ILock* held;
+};
+
+// Holds a read/write lock for reading until the end of the scope. For writing
+// TLock does, since a plain lock of such a lock is a write lock. The two nest in
+// any order:
+//
+//   TReadLock reading(table_lock);
+//   if (!table.contains(name)) {
+//     TLock writing(table_lock);  // an upgrade, where the lock allows it
+//
+// Unlock() ends the lock's newest hold of this thread, so the guards of one lock
+// must end in the reverse order of their making. The guard does not own its
+// lock, and belongs to one thread.
+class [[nodiscard]] TReadLock {
+public:
+  // Waits without limit.
+  explicit TReadLock(IMultiLock const& lock) : held(const_cast<IMultiLock*>(&lock)) {
+    held->ReadLock();
+  }
+
+  // Throws ESystemException with code 258 when the time runs out.
+  TReadLock(IMultiLock const& lock, unsigned int timeout)
+      : held(const_cast<IMultiLock*>(&lock)) {
+    if (!held->ReadLock(timeout)) velt::detail::throw_wait_timeout();
+  }
+
+  TReadLock(TReadLock const&) = delete;
+  TReadLock& operator=(TReadLock const&) = delete;
+
+  // What the lock's Unlock() throws passes out, with the guard still holding.
+  ~TReadLock() noexcept(false) { Unlock(); }
+
+  // Ends the hold before the scope ends; does nothing the second time.
+  void Unlock() {
+    if (!held) return;
+    held->Unlock();
+    held = nullptr;
+  }
+
+private:
+  IMultiLock* held;
 };
