@@ -7,7 +7,7 @@
 #include <cstring>
 #include <new>
 
-#include "velt/LoadOrderInternal.h"
+#include "velt/base/LoadOrderInternal.h"
 #include "velt/exceptions/ExceptionFamily.h"
 #include "velt/locks/WaitableTimer.h"
 
