@@ -7,6 +7,7 @@
 #include <functional>
 #include <string>
 #include <thread>
+#include <type_traits>
 #include <utility>
 
 #include "tests/support/OpenHandles.h"
@@ -20,6 +21,11 @@
 
 using velt_test::open_handles;
 using velt_test::system_code;
+
+// A handle is no answer to whether the new object is manual.
+static_assert(!std::is_constructible_v<TEvent, void*> &&
+              !std::is_constructible_v<TEvent, void*, bool> &&
+              !std::is_constructible_v<TWaitableTimer, void*>);
 
 namespace {
 

@@ -28,7 +28,7 @@ public:
     return *this;
   }
 
-  bool Lock(unsigned int timeout) override;
+  [[nodiscard]] bool Lock(unsigned int timeout) override;
   void Lock() override;
   void Unlock() override;
 

@@ -18,7 +18,7 @@
 // virtual and out of reach.
 class ILock {
 public:
-  virtual bool Lock(unsigned int timeout) = 0;
+  [[nodiscard]] virtual bool Lock(unsigned int timeout) = 0;
   virtual void Lock() = 0;
   virtual void Unlock() = 0;
 
@@ -30,9 +30,9 @@ protected:
 // ends either kind of hold.
 class IMultiLock : public ILock {
 public:
-  virtual bool ReadLock(unsigned int timeout) = 0;
+  [[nodiscard]] virtual bool ReadLock(unsigned int timeout) = 0;
   virtual void ReadLock() = 0;
-  virtual bool WriteLock(unsigned int timeout) = 0;
+  [[nodiscard]] virtual bool WriteLock(unsigned int timeout) = 0;
   virtual void WriteLock() = 0;
 
 protected:
@@ -43,9 +43,9 @@ protected:
 // may end them, by UnlockThreadIndependent().
 class IMultiLockEx : public IMultiLock {
 public:
-  virtual bool ReadLockThreadIndependent(unsigned int timeout) = 0;
+  [[nodiscard]] virtual bool ReadLockThreadIndependent(unsigned int timeout) = 0;
   virtual void ReadLockThreadIndependent() = 0;
-  virtual bool WriteLockThreadIndependent(unsigned int timeout) = 0;
+  [[nodiscard]] virtual bool WriteLockThreadIndependent(unsigned int timeout) = 0;
   virtual void WriteLockThreadIndependent() = 0;
   virtual void UnlockThreadIndependent() = 0;
 
@@ -99,7 +99,7 @@ public:
   void Lock() { held->Lock(); }
 
   // The same with a limit; false leaves the guard empty.
-  bool Lock(unsigned int timeout) {
+  [[nodiscard]] bool Lock(unsigned int timeout) {
     if (held->Lock(timeout)) return true;
     held = nullptr;
     return false;
