@@ -3,13 +3,17 @@
 //
 //   own MUTEX EVENT         locks the mutex, sets the event, and stays until killed
 //   answer EVENT SEMAPHORE  waits for the event, then gives one to the semaphore
+//   leave                   ends while a thread is inside the word of a static lock
+//                           of a DLL
 //
 // Ends with 0 when all went well and with 1 when the wait took too long. A
 // failure ends it with the platform's code.
 #include <windows.h>
 
 #include <string>
+#include <thread>
 
+#include "tests/locks/StaticLock.h"
 #include "velt/diagnostics/Settings.h"
 #include "velt/exceptions/ExceptionFamily.h"
 #include "velt/locks/Event.h"
@@ -41,14 +45,25 @@ int answer(char const* event_name, char const* semaphore_name) {
   return 0;
 }
 
+int leave() {
+  TEvent held;
+  std::thread([&held] {
+    hold_inner_word_of_static_lock();
+    held.Set();
+    Sleep(INFINITE);
+  }).detach();
+  return held.Signaled(limit) ? 0 : 1;
+}
+
 }  // namespace
 
 int main(int count, char** arguments) {
   SaveMiniDumpOnCppException = false;
-  std::string const command = count == 4 ? arguments[1] : "";
+  std::string const command = count > 1 ? arguments[1] : "";
   try {
-    if (command == "own") return own(arguments[2], arguments[3]);
-    if (command == "answer") return answer(arguments[2], arguments[3]);
+    if (command == "own" && count == 4) return own(arguments[2], arguments[3]);
+    if (command == "answer" && count == 4) return answer(arguments[2], arguments[3]);
+    if (command == "leave") return leave();
   } catch (ESystemException const& error) {
     return error["Code"].as_int();
   }

@@ -188,8 +188,7 @@ private:
       }
     } catch (Interrupted const&) {
       ++counts.interrupted;
-    } catch (EGeneric const& e) {
-      if (e["Text"].as_string() != "Dead-lock in multilock") fail(lock, e.what());
+    } catch (EDeadLockException const&) {
       if (kind != hold::write || own(hold::read) == 0 || own(hold::write) > 0)
         fail(lock, "a dead-lock without an upgrade");
       ++counts.dead_locks;

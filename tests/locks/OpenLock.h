@@ -4,14 +4,8 @@
 
 namespace velt_test {
 
-// A lock whose inner lock and signals a test can reach.
+// A lock whose inner lock a test can reach.
 struct OpenLock : TMultiLock {
-  using TMultiLock::lower;
-  using TMultiLock::raise;
-  using TMultiLock::sig_free;
-  using TMultiLock::sig_read_open;
-  using TMultiLock::sig_sole_owner;
-
   void hold_inner() { inner_lock(own_id()); }
   void let_inner_go() { inner_unlock(); }
 

@@ -125,22 +125,3 @@ TEST(TimedLock, EveryOperationGoesToItsOwnAndCountsUnlessItFails) {
               (std::vector<std::string>{asked + " 1", asked + " 2", asked, ended, ended}));
   }
 }
-
-TEST(TimedLock, CopyTakesTheTotalsAndTheOpenHoldsAlong) {
-  Target target, other;
-  TTimedLock lock(target);
-  now += 10;
-  lock.Lock();
-  now += 10;
-  TTimedLock copy(lock), assigned(other);
-  assigned = copy;
-  lock.Unlock();
-  now += 20;
-  EXPECT_FALSE(lock.IsLocked());
-  EXPECT_TRUE(assigned.IsLocked());
-  EXPECT_EQ(assigned.get_busy(), 0.75);
-  EXPECT_EQ(lock.get_busy(), 0.25);
-  assigned.Unlock();
-  EXPECT_EQ(target.calls, (std::vector<std::string>{"Lock", "Unlock", "Unlock"}));
-  EXPECT_TRUE(other.calls.empty());
-}

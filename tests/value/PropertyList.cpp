@@ -7,13 +7,14 @@
 
 #include <atomic>
 #include <clocale>
-#include <new>
+#include <memory>
 #include <random>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "velt/exceptions/EGeneric.h"
+#include "velt/locks/Event.h"
 
 namespace {
 
@@ -83,19 +84,29 @@ TEST(PropertyList, GetPropertiesStopsAtAValueThatIsNoTextAndLeavesTheListUsable)
   }
 }
 
-// Afterwards both have the fields of one lock, which only one may destroy.
-TEST(PropertyList, AssignmentReplacesTheEntriesByAliasesOfTheValues) {
-  TPropertyList source;
-  source.PutProperty(L"a", std::string("x"));
-  alignas(TPropertyList) unsigned char place[sizeof(TPropertyList)];
-  auto& target = *new (place) TPropertyList;
-  target.PutProperty(L"b", 2);
-  target = source;
-  EXPECT_EQ(target.GetProperty(L"A").as_string(), "x");
-  EXPECT_FALSE(target.Have(L"b"));
-  target.Delete(L"a");
-  EXPECT_EQ(target.GetCount(), 0);
-  EXPECT_EQ(source.GetCount(), 1);
+// An old value may be the last owner of an object whose destructor uses the list,
+// or waits for a thread that does.
+TEST(PropertyList, OldValuesAreReleasedWhenTheLockIsFreeAgain) {
+  struct User final : SmartPtrObj {
+    User(TPropertyList& its_list, bool& flag) : list(its_list), could_read(flag) {}
+    ~User() override {
+      auto const done = std::make_shared<TEvent>();
+      std::thread([this, done] { list.GetCount(), done->Set(); }).detach();
+      could_read = done->Signaled(2'000);
+      list.PutProperty(L"heir", 1);
+    }
+    TPropertyList& list;
+    bool& could_read;
+  };
+  for (bool const erase : {false, true}) {
+    TPropertyList list;
+    bool could_read = false;
+    list.PutProperty(L"a", SmartPtr<SmartPtrObj>(new User(list, could_read)));
+    erase ? list.Delete(L"a") : list.PutProperty(L"A", 2);
+    EXPECT_TRUE(could_read);
+    EXPECT_EQ(list.GetProperty(L"heir").as_int(), 1);
+    EXPECT_EQ(list.GetCount(), erase ? 1 : 2);
+  }
 }
 
 // Each value is one character again and again, so a torn one shows.

@@ -27,7 +27,7 @@ public:
     return *this;
   }
 
-  bool Lock(unsigned int timeout) override;
+  [[nodiscard]] bool Lock(unsigned int timeout) override;
   void Lock() override;
   void Unlock() override;
 

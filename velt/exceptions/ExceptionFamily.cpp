@@ -121,6 +121,9 @@ EComException::EComException(long code, IErrorInfo* info) {
 
 EPurecallException::EPurecallException() : EGeneric({"Text", "Purecall"}) {}
 
+EDeadLockException::EDeadLockException(std::string const& status)
+    : EGeneric({"Text", "Dead-lock in multilock"}, {"Status", status}) {}
+
 ENotImplemented::ENotImplemented(char const* file, int line, char const* function)
     : EGeneric({"Text", "Not implemented"}, {"SourceFile", file}, {"SourceLine", line},
                {"Function", function}) {}

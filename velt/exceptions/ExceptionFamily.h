@@ -69,6 +69,14 @@ public:
   ENotImplemented(char const* file, int line, char const* function);
 };
 
+// Two threads that hold a TMultiLock for reading both want to write: the second
+// is refused, since each would wait for the other for ever. "Text", then "Status",
+// the holds as TMultiLock::GetStatusString() tells them.
+class VELT_API EDeadLockException : public EGeneric {
+public:
+  explicit EDeadLockException(std::string const& status);
+};
+
 // Thrown to end a thread. It is not an error and has no base class, so no handler of
 // errors catches it.
 class EThreadInterrupt {};

@@ -22,7 +22,7 @@ public:
   TCriticalSection& operator=(TCriticalSection const&) = default;
 
   // Always throws ENotImplemented, whether the lock is free or not.
-  bool Lock(unsigned int timeout) override;
+  [[nodiscard]] bool Lock(unsigned int timeout) override;
   void Lock() override;
   void Unlock() override;
 };

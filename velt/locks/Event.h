@@ -12,6 +12,8 @@
 class VELT_API TEvent : public THandle {
 public:
   TEvent(_DoNotInitialize const&) noexcept {}
+  // Would make a new event, with the handle as `manual`.
+  TEvent(void*, bool = false) = delete;
   TEvent(bool manual = true, bool initial = false);
   TEvent(char const* name, bool manual = true, bool initial = false);
   TEvent(wchar_t const* name, bool manual = true, bool initial = false);

@@ -1,4 +1,5 @@
-// The lock interfaces, and TLock, which holds a lock for a scope. A function
+// The lock interfaces, and the guards: TLock holds a lock for a scope, TReadLock
+// a read/write lock for reading. A function
 // that needs a lock takes the narrowest interface that will do, so that its
 // caller chooses the kind: a critical section, a kernel object that other
 // processes share, or a read/write lock.
@@ -17,7 +18,7 @@
 // virtual and out of reach.
 class ILock {
 public:
-  virtual bool Lock(unsigned int timeout) = 0;
+  [[nodiscard]] virtual bool Lock(unsigned int timeout) = 0;
   virtual void Lock() = 0;
   virtual void Unlock() = 0;
 
@@ -29,9 +30,9 @@ protected:
 // ends either kind of hold.
 class IMultiLock : public ILock {
 public:
-  virtual bool ReadLock(unsigned int timeout) = 0;
+  [[nodiscard]] virtual bool ReadLock(unsigned int timeout) = 0;
   virtual void ReadLock() = 0;
-  virtual bool WriteLock(unsigned int timeout) = 0;
+  [[nodiscard]] virtual bool WriteLock(unsigned int timeout) = 0;
   virtual void WriteLock() = 0;
 
 protected:
@@ -42,9 +43,9 @@ protected:
 // may end them, by UnlockThreadIndependent().
 class IMultiLockEx : public IMultiLock {
 public:
-  virtual bool ReadLockThreadIndependent(unsigned int timeout) = 0;
+  [[nodiscard]] virtual bool ReadLockThreadIndependent(unsigned int timeout) = 0;
   virtual void ReadLockThreadIndependent() = 0;
-  virtual bool WriteLockThreadIndependent(unsigned int timeout) = 0;
+  [[nodiscard]] virtual bool WriteLockThreadIndependent(unsigned int timeout) = 0;
   virtual void WriteLockThreadIndependent() = 0;
   virtual void UnlockThreadIndependent() = 0;
 
@@ -98,7 +99,7 @@ public:
   void Lock() { held->Lock(); }
 
   // The same with a limit; false leaves the guard empty.
-  bool Lock(unsigned int timeout) {
+  [[nodiscard]] bool Lock(unsigned int timeout) {
     if (held->Lock(timeout)) return true;
     held = nullptr;
     return false;
@@ -113,4 +114,45 @@ public:
 
 private:
   ILock* held;
+};
+
+// Holds a read/write lock for reading until the end of the scope. For writing
+// TLock does, since a plain lock of such a lock is a write lock. The two nest in
+// any order:
+//
+//   TReadLock reading(table_lock);
+//   if (!table.contains(name)) {
+//     TLock writing(table_lock);  // an upgrade, where the lock allows it
+//
+// Unlock() ends the lock's newest hold of this thread, so the guards of one lock
+// must end in the reverse order of their making. The guard does not own its
+// lock, and belongs to one thread.
+class [[nodiscard]] TReadLock {
+public:
+  // Waits without limit.
+  explicit TReadLock(IMultiLock const& lock) : held(const_cast<IMultiLock*>(&lock)) {
+    held->ReadLock();
+  }
+
+  // Throws ESystemException with code 258 when the time runs out.
+  TReadLock(IMultiLock const& lock, unsigned int timeout)
+      : held(const_cast<IMultiLock*>(&lock)) {
+    if (!held->ReadLock(timeout)) velt::detail::throw_wait_timeout();
+  }
+
+  TReadLock(TReadLock const&) = delete;
+  TReadLock& operator=(TReadLock const&) = delete;
+
+  // What the lock's Unlock() throws passes out, with the guard still holding.
+  ~TReadLock() noexcept(false) { Unlock(); }
+
+  // Ends the hold before the scope ends; does nothing the second time.
+  void Unlock() {
+    if (!held) return;
+    held->Unlock();
+    held = nullptr;
+  }
+
+private:
+  IMultiLock* held;
 };

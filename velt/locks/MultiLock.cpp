@@ -103,7 +103,7 @@ bool TMultiLock::wait_to_upgrade(_owner_id id, unsigned int timeout, wait_histor
   if (++rw_waiters > 1) {
     --rw_waiters;
     inner_unlock();
-    throw EGeneric({"Text", "Dead-lock in multilock"}, {"Status", GetStatusString()});
+    throw EDeadLockException(GetStatusString());
   }
   bool again;
   try {

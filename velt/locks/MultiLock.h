@@ -45,23 +45,23 @@ public:
   TMultiLock& operator=(TMultiLock const& other) noexcept;
 
   // A plain lock is a write lock.
-  bool Lock(unsigned int timeout) override;
+  [[nodiscard]] bool Lock(unsigned int timeout) override;
   void Lock() override;
 
   // Ends the thread's newest hold, of either kind. Does nothing if it has none.
   void Unlock() override;
 
-  bool ReadLock(unsigned int timeout) override;
+  [[nodiscard]] bool ReadLock(unsigned int timeout) override;
   void ReadLock() override;
-  bool WriteLock(unsigned int timeout) override;
+  [[nodiscard]] bool WriteLock(unsigned int timeout) override;
   void WriteLock() override;
 
   // Holds of no thread. All of them count as one owner, but without recursion:
   // a write hold waits for every other hold to end, a read hold for every write
   // hold.
-  bool ReadLockThreadIndependent(unsigned int timeout) override;
+  [[nodiscard]] bool ReadLockThreadIndependent(unsigned int timeout) override;
   void ReadLockThreadIndependent() override;
-  bool WriteLockThreadIndependent(unsigned int timeout) override;
+  [[nodiscard]] bool WriteLockThreadIndependent(unsigned int timeout) override;
   void WriteLockThreadIndependent() override;
   // Ends the newest hold of no thread; does nothing if there is none.
   void UnlockThreadIndependent() override;

@@ -7,8 +7,11 @@
 #include <cstring>
 #include <new>
 
+#include "velt/base/LoadOrderInternal.h"
 #include "velt/exceptions/ExceptionFamily.h"
 #include "velt/locks/WaitableTimer.h"
+
+using velt::detail::process_ends;
 
 namespace {
 
@@ -63,8 +66,9 @@ void _ml_interlocked_inner_lock::inner_lock_contended(_owner_id id, bool alertab
   while (!try_inner_lock(id));
 }
 
+// At the end of the process a thread may have been stopped amid an allocation.
 _ml_full_owners_list::~_ml_full_owners_list() {
-  if (owners_capacity > inline_records) std::free(owners);
+  if (owners_capacity > inline_records && !process_ends()) std::free(owners);
 }
 
 // By one record: holds beyond the inline ones are rare, and few.
@@ -116,7 +120,13 @@ _ml_free_signal_event::event const _ml_free_signal_event::events[3] = {
 };
 
 _ml_free_signal_event::~_ml_free_signal_event() {
-  inner_lock_to_release({GetCurrentThreadId()});
+  // A static lock of a DLL is destroyed after the platform has stopped all other
+  // threads. If one of them held the inner word, nobody is left to release it.
+  _owner_id const id{static_cast<unsigned int>(GetCurrentThreadId())};
+  if (!try_inner_lock(id)) {
+    if (process_ends()) return;
+    inner_lock_to_release(id);
+  }
   for (HANDLE const handle : {ev_free, ev_sole_owner, ev_read_open})
     if (handle) CloseHandle(handle);
 }

@@ -48,16 +48,16 @@ protected:
     if (!try_inner_lock(id)) [[unlikely]]
       inner_lock_contended(id, false);
   }
+  bool try_inner_lock(_owner_id id) noexcept {
+    unsigned int expected = free_word;
+    return word.compare_exchange_strong(expected, id.bits, std::memory_order_acquire);
+  }
   void inner_unlock() noexcept { word.store(free_word, std::memory_order_release); }
 
 private:
   static constexpr unsigned int free_word = 0xFFFFFFFF;
 
   bool is_free() const noexcept { return word.load(std::memory_order_relaxed) == free_word; }
-  bool try_inner_lock(_owner_id id) noexcept {
-    unsigned int expected = free_word;
-    return word.compare_exchange_strong(expected, id.bits, std::memory_order_acquire);
-  }
   void inner_lock_contended(_owner_id id, bool alertable);
 
   // The holder's id is for people who look into a dump.

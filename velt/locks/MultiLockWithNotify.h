@@ -43,24 +43,24 @@ public:
   // The operations of TMultiLock, without notifications. They mix with the
   // others: each fires what it fires itself, whatever took the hold.
   virtual void ReadLockNoNotify();
-  virtual bool ReadLockNoNotify(unsigned int timeout);
+  [[nodiscard]] virtual bool ReadLockNoNotify(unsigned int timeout);
   virtual void WriteLockNoNotify();
-  virtual bool WriteLockNoNotify(unsigned int timeout);
+  [[nodiscard]] virtual bool WriteLockNoNotify(unsigned int timeout);
   virtual void UnlockNoNotify();
   virtual void ReadLockThreadIndependentNoNotify();
-  virtual bool ReadLockThreadIndependentNoNotify(unsigned int timeout);
+  [[nodiscard]] virtual bool ReadLockThreadIndependentNoNotify(unsigned int timeout);
   virtual void WriteLockThreadIndependentNoNotify();
-  virtual bool WriteLockThreadIndependentNoNotify(unsigned int timeout);
+  [[nodiscard]] virtual bool WriteLockThreadIndependentNoNotify(unsigned int timeout);
   virtual void UnlockThreadIndependentNoNotify();
 
-  bool ReadLock(unsigned int timeout) override;
+  [[nodiscard]] bool ReadLock(unsigned int timeout) override;
   void ReadLock() override;
-  bool WriteLock(unsigned int timeout) override;
+  [[nodiscard]] bool WriteLock(unsigned int timeout) override;
   void WriteLock() override;
   void Unlock() override;
-  bool ReadLockThreadIndependent(unsigned int timeout) override;
+  [[nodiscard]] bool ReadLockThreadIndependent(unsigned int timeout) override;
   void ReadLockThreadIndependent() override;
-  bool WriteLockThreadIndependent(unsigned int timeout) override;
+  [[nodiscard]] bool WriteLockThreadIndependent(unsigned int timeout) override;
   void WriteLockThreadIndependent() override;
   void UnlockThreadIndependent() override;
 

@@ -35,7 +35,7 @@ public:
 
   // One alertable wait: false when the time ran out, and also when a queued
   // call ended the wait.
-  bool Lock(unsigned int timeout) override;
+  [[nodiscard]] bool Lock(unsigned int timeout) override;
   // Alertable, and resumed after queued calls.
   void Lock() override;
   void Unlock() override;

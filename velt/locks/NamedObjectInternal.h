@@ -1,10 +1,9 @@
-// What the classes of named kernel objects share: the security that they are
-// made with, and the check of what the platform answers.
+// Making kernel objects: the security of those with names, and the check of what
+// the platform answers.
 #pragma once
 
 #include <windows.h>
 
-#include "velt/base/CheckInternal.h"
 #include "velt/exceptions/ExceptionFamily.h"
 
 namespace velt::detail {
@@ -30,10 +29,18 @@ private:
   SECURITY_ATTRIBUTES attributes = {sizeof attributes, &descriptor, FALSE};
 };
 
+// Calls one of the platform's makers: they take the attributes first, then what
+// this kind of object needs, then the name.
+template <class Maker, class Char, class... Arguments>
+HANDLE make_named(Maker maker, access_list list, Char const* name, Arguments... arguments) {
+  named_object_security security(list);
+  return maker(security, arguments..., name);
+}
+
 // Stores what a call that makes or opens an object answers; null throws.
 inline void store_or_throw(void*& handle, HANDLE answer) {
   handle = answer;
-  check(answer);
+  if (!answer) ThrowSystemException();
 }
 
 }  // namespace velt::detail

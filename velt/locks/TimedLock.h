@@ -34,16 +34,16 @@ public:
   // very tick of the construction.
   double get_busy() const noexcept;
 
-  bool Lock(unsigned int timeout) override;
+  [[nodiscard]] bool Lock(unsigned int timeout) override;
   void Lock() override;
   void Unlock() override;
-  bool ReadLock(unsigned int timeout) override;
+  [[nodiscard]] bool ReadLock(unsigned int timeout) override;
   void ReadLock() override;
-  bool WriteLock(unsigned int timeout) override;
+  [[nodiscard]] bool WriteLock(unsigned int timeout) override;
   void WriteLock() override;
-  bool ReadLockThreadIndependent(unsigned int timeout) override;
+  [[nodiscard]] bool ReadLockThreadIndependent(unsigned int timeout) override;
   void ReadLockThreadIndependent() override;
-  bool WriteLockThreadIndependent(unsigned int timeout) override;
+  [[nodiscard]] bool WriteLockThreadIndependent(unsigned int timeout) override;
   void WriteLockThreadIndependent() override;
   void UnlockThreadIndependent() override;
 

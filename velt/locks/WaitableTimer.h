@@ -16,6 +16,8 @@ struct _FILETIME;
 class VELT_API TWaitableTimer : public THandle {
 public:
   TWaitableTimer(_DoNotInitialize const&) noexcept {}
+  // Would make a new timer, with the handle as `manual`.
+  TWaitableTimer(void*) = delete;
   // `manual`: stays signalled until it is set again.
   TWaitableTimer(bool manual = true);
   TWaitableTimer(char const* name, bool manual = true);

@@ -3,25 +3,11 @@
 #include <comutil.h>
 #include <wchar.h>
 
+#include <utility>
+
+#include "velt/locks/Lock.h"
+
 namespace {
-
-// A read or write hold for a scope.
-class scoped_hold {
-public:
-  scoped_hold(TMultiLock& target, void (TMultiLock::*take)()) : lock(target) { (lock.*take)(); }
-  scoped_hold(scoped_hold const&) = delete;
-  ~scoped_hold() noexcept(false) { lock.Unlock(); }
-
-private:
-  TMultiLock& lock;
-};
-
-struct read_hold : scoped_hold {
-  explicit read_hold(TMultiLock& target) : scoped_hold(target, &TMultiLock::ReadLock) {}
-};
-struct write_hold : scoped_hold {
-  explicit write_hold(TMultiLock& target) : scoped_hold(target, &TMultiLock::WriteLock) {}
-};
 
 bool is_ascii(wchar_t character) { return character < 0x80; }
 int lower_ascii(wchar_t character) {
@@ -53,34 +39,39 @@ TPropertyList::~TPropertyList() = default;
 TPropertyList& TPropertyList::operator=(TPropertyList const&) = default;
 
 _value_t TPropertyList::GetProperty(_bstr_t const& name) const {
-  read_hold const hold(lock);
+  TReadLock const hold(lock);
   auto const found = properties.find(name);
   return found == properties.end() ? _value_t() : found->second;
 }
 
+// The last owner of an old value runs the destructor of what is in it, which may
+// use this list or wait for a thread that does. So the write operations take old
+// values out and release them after the hold.
 void TPropertyList::PutProperty(_bstr_t const& name, _value_t const& value) {
-  write_hold const hold(lock);
-  properties[name] = value;
+  _value_t exchanged = value;
+  TLock const hold(lock);
+  std::swap(properties[name], exchanged);
 }
 
 void TPropertyList::GetProperties(std::vector<_bstr_t>& out) const {
-  read_hold const hold(lock);
+  TReadLock const hold(lock);
   out.clear();
   out.reserve(properties.size());
   for (auto const& property : properties) out.push_back(property.second);
 }
 
 int TPropertyList::GetCount() const {
-  read_hold const hold(lock);
+  TReadLock const hold(lock);
   return static_cast<int>(properties.size());
 }
 
 void TPropertyList::Delete(_bstr_t const& name) {
-  write_hold const hold(lock);
-  properties.erase(name);
+  decltype(properties)::node_type erased;
+  TLock const hold(lock);
+  erased = properties.extract(name);
 }
 
 bool TPropertyList::Have(_bstr_t const& name) const {
-  read_hold const hold(lock);
+  TReadLock const hold(lock);
   return properties.find(name) != properties.end();
 }

@@ -12,12 +12,12 @@
 // A name must not be a null _bstr_t.
 class IPropertyList {
 public:
-  // The value, or the empty one if there is none of this name.
+  // The value of this name; empty if there is none.
   virtual _value_t GetProperty(_bstr_t const& name) const = 0;
   virtual void PutProperty(_bstr_t const& name, _value_t const& value) = 0;
-  // Replaces `out` by the values, not the names, read strictly as _bstr_t, in the
-  // order of the names. A value that is no text throws EBadCastException; what
-  // was appended before it stays in `out`.
+  // Replaces `out` by the values (not the names) in the order of the names, each
+  // read strictly as _bstr_t. A value that is no text throws EBadCastException;
+  // the values before it stay in `out`.
   virtual void GetProperties(std::vector<_bstr_t>& out) const = 0;
   virtual int GetCount() const = 0;
   // A missing name is no error.
@@ -37,18 +37,21 @@ struct VELT_API less_without_case {
 
 }  // namespace velt::detail
 
-// Readers run beside each other, a writer excludes all; every operation takes
-// the lock for as long as it runs, without limit, and throws what that may throw
-// (TMultiLock). A value that is read shares its content with the list, and
-// writing to it does not change the list, but through its views.
+// Any thread may call any operation: readers run in parallel, a writer excludes
+// all others. Each operation holds the list's lock while it runs, waits for it
+// without limit, and throws what TMultiLock throws. A value that is replaced or
+// deleted is released after the hold, so its destructor may use the list.
+//
+// A value that is read shares its content with the list. Writing to it does not
+// change the list, except through element views.
 class VELT_API TPropertyList : public virtual IPropertyList {
 public:
   TPropertyList();
   ~TPropertyList();
 
-  // Takes no lock, and copies the lock of the other list as it stands, which
-  // both lists then share: for lists that no thread uses any more, of which one
-  // is never used or destroyed.
+  // Takes neither lock and copies the other list's lock as it stands, so that
+  // both lists share it. For lists that no thread uses; use and destroy only one
+  // of the two afterwards.
   TPropertyList& operator=(TPropertyList const& other);
 
   _value_t GetProperty(_bstr_t const& name) const override;

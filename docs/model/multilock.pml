@@ -1,4 +1,4 @@
-/* The protocol of TMultiLock, for the model checker spin; tests/model/check runs
+/* The protocol of TMultiLock, for the model checker spin; docs/model/check runs
    it with the bounds and variants below.
 
    Each thread takes and ends holds at will, up to DEPTH at once, asks with and
