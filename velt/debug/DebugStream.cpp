@@ -47,35 +47,35 @@ std::string now2(unsigned short& lastDay) {
   return format_string("%02hd.%02hd.%04hd\n", time.wDay, time.wMonth, time.wYear) + clock;
 }
 
-TDebugStream::TDebugStream(SmartPtr<TStreamWriter> a) : writers{a} {}
+TDebugStream::TDebugStream(SmartPtr<TStreamWriter> a) : Writers{a} {}
 TDebugStream::TDebugStream(SmartPtr<TStreamWriter> a, SmartPtr<TStreamWriter> b)
-    : writers{a, b} {}
+    : Writers{a, b} {}
 TDebugStream::TDebugStream(SmartPtr<TStreamWriter> a, SmartPtr<TStreamWriter> b,
                            SmartPtr<TStreamWriter> c)
-    : writers{a, b, c} {}
+    : Writers{a, b, c} {}
 
 // At the end of the process the platform has already stopped the writing threads,
 // perhaps in the middle of a change to the heap. Releasing the writers needs a heap
 // that is whole.
 TDebugStream::~TDebugStream() noexcept(false) {
-  if (velt::detail::process_ends()) abandon(writers);
+  if (velt::detail::process_ends()) abandon(Writers);
 }
 
 void TDebugStream::AddWriter(SmartPtr<TStreamWriter> writer) {
-  TLock guard(lock);
-  writers.push_back(std::move(writer));
+  TLock guard(Lock);
+  Writers.push_back(std::move(writer));
 }
 
 void TDebugStream::RemoveWriter(SmartPtr<TStreamWriter> writer) {
-  TLock guard(lock);
-  auto const found = std::find(writers.begin(), writers.end(), writer);
-  assert(found != writers.end());
-  writers.erase(found);
+  TLock guard(Lock);
+  auto const found = std::find(Writers.begin(), Writers.end(), writer);
+  assert(found != Writers.end());
+  Writers.erase(found);
 }
 
 void TDebugStream::ClearWriters() {
-  TLock guard(lock);
-  writers.clear();
+  TLock guard(Lock);
+  Writers.clear();
 }
 
 void TDebugStream::ChangeWriter(SmartPtr<TStreamWriter> writer) {
@@ -85,7 +85,7 @@ void TDebugStream::ChangeWriter(SmartPtr<TStreamWriter> writer) {
 
 void TDebugStream::SetEnabled(char classLetter, bool enabled) {
   if (!is_class(classLetter)) throw std::out_of_range("invalid bitset<N> position");
-  enabled_classes.set(class_index(classLetter), enabled);
+  EnabledClasses.set(class_index(classLetter), enabled);
 }
 
 TDebugStream& TDebugStream::WriteString(char const* text, unsigned __int64 size) {
@@ -103,10 +103,10 @@ TDebugStream& TDebugStream::WriteString(char const* text, unsigned __int64 size)
 std::string TDebugStream::stamped(char const* text, unsigned __int64 size) {
   std::string result;
   for (std::string_view rest(text, size); !rest.empty();) {
-    if (at_line_start) result += now2(last_day);
+    if (AtLineStart) result += now2(LastDay);
     auto const end = rest.find('\n');
-    at_line_start = end != rest.npos;
-    auto const line = rest.substr(0, at_line_start ? end + 1 : rest.npos);
+    AtLineStart = end != rest.npos;
+    auto const line = rest.substr(0, AtLineStart ? end + 1 : rest.npos);
     result += line;
     rest.remove_prefix(line.size());
   }
@@ -116,11 +116,11 @@ std::string TDebugStream::stamped(char const* text, unsigned __int64 size) {
 // A writer may change the list, so the loop keeps the writer alive and checks its
 // place again. Some writers change the last error, TDebugWriter for one.
 void TDebugStream::send(char const* text, unsigned __int64 size) {
-  TLock guard(lock);
+  TLock guard(Lock);
   velt::detail::last_error_keeper const error;
-  auto count = writers.size();
-  for (std::size_t index = 0; index < std::min(count, writers.size()); ++index) {
-    auto const writer = writers[index];
+  auto count = Writers.size();
+  for (std::size_t index = 0; index < std::min(count, Writers.size()); ++index) {
+    auto const writer = Writers[index];
     try {
       writer->StreamWriteString(text, size);
     } catch (...) {
@@ -132,8 +132,8 @@ void TDebugStream::send(char const* text, unsigned __int64 size) {
 }
 
 void TDebugStream::drop(std::size_t index, SmartPtr<TStreamWriter> const& writer) {
-  if (index < writers.size() && writers[index] == writer)
-    writers.erase(writers.begin() + static_cast<std::ptrdiff_t>(index));
+  if (index < Writers.size() && Writers[index] == writer)
+    Writers.erase(Writers.begin() + static_cast<std::ptrdiff_t>(index));
 }
 
 TDebugStream& TDebugStream::printf(char const* format, ...) {
@@ -166,23 +166,23 @@ TDebugStreamSession TDebugStream::Dump(void const* data, int size) {
 }
 
 TDebugStream& TDebugStream::operator+=(TDebugStream const& other) {
-  TLock guard(lock);
-  TLock guard_of_other(other.lock);
+  TLock guard(Lock);
+  TLock guard_of_other(other.Lock);
   // By index, and counted first, because a stream may be added to itself.
-  auto const count = other.writers.size();
-  writers.reserve(writers.size() + count);
-  for (std::size_t index = 0; index < count; ++index) writers.push_back(other.writers[index]);
+  auto const count = other.Writers.size();
+  Writers.reserve(Writers.size() + count);
+  for (std::size_t index = 0; index < count; ++index) Writers.push_back(other.Writers[index]);
   return *this;
 }
 
 TDebugStreamSession::TDebugStreamSession(TDebugStream& owned) : stream(&owned) {
-  stream->lock.Lock();
+  stream->Lock.Lock();
 }
 
 TDebugStreamSession::TDebugStreamSession(TDebugStreamSession const& other)
     : TDebugStreamSession(*other.stream) {}
 
-TDebugStreamSession::~TDebugStreamSession() noexcept(false) { stream->lock.Unlock(); }
+TDebugStreamSession::~TDebugStreamSession() noexcept(false) { stream->Lock.Unlock(); }
 
 TDebugStreamSession& TDebugStreamSession::operator<<(bool value) {
   return *this << (value ? "true" : "false");

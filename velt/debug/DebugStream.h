@@ -79,7 +79,7 @@ public:
   void ChangeWriter(SmartPtr<TStreamWriter> writer);
 
   // Is there any writer? Does not lock.
-  bool GetEnabled() const { return !writers.empty(); }
+  bool GetEnabled() const { return !Writers.empty(); }
 
   // A bit for each class of messages, named by the letters from A to Z and clear at
   // first. Clients agree on the meaning of the classes; the stream itself writes
@@ -88,7 +88,7 @@ public:
   // locks. Asking for a class that is off costs one load and one branch that is not
   // taken.
   bool GetEnabled(char classLetter) const {
-    if (is_class(classLetter) && enabled_classes[class_index(classLetter)]) [[unlikely]]
+    if (is_class(classLetter) && EnabledClasses[class_index(classLetter)]) [[unlikely]]
       return GetEnabled();
     return false;
   }
@@ -127,17 +127,17 @@ private:
   void send(char const* text, unsigned __int64 size);
   void drop(std::size_t index, SmartPtr<TStreamWriter> const& writer);
 
-  std::vector<SmartPtr<TStreamWriter>> writers;
-  velt::detail::stream_lock lock;
-  bool at_line_start = true;
+  std::vector<SmartPtr<TStreamWriter>> Writers;
+  velt::detail::stream_lock Lock;
+  bool AtLineStart = true;
 
 public:
   // If set, every line begins with the text of now2(). The lock does not guard it.
   bool TimeStamps = false;
 
 private:
-  std::bitset<26> enabled_classes;
-  unsigned short last_day = 0;
+  std::bitset<26> EnabledClasses;
+  unsigned short LastDay = 0;
 };
 
 // Holds a stream for a statement, or for a scope if it has a name: the lines of

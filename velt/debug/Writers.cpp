@@ -32,19 +32,19 @@ void TDebugWriter::StreamWriteString(char const* text, unsigned __int64) {
 
 TConsoleWriter::TConsoleWriter(bool allocate) {
   if (allocate) AllocConsole();
-  console = GetStdHandle(STD_OUTPUT_HANDLE);
+  Console = GetStdHandle(STD_OUTPUT_HANDLE);
 }
 
 void TConsoleWriter::StreamWriteString(char const* text, unsigned __int64 size) {
   std::string converted(text, size);
   CharToOemA(converted.c_str(), converted.data());
   DWORD written = 0;
-  WriteConsoleA(console, converted.data(), static_cast<DWORD>(converted.size()), &written, nullptr);
+  WriteConsoleA(Console, converted.data(), static_cast<DWORD>(converted.size()), &written, nullptr);
 }
 
 void TFileWriter::StreamWriteString(char const* text, unsigned __int64 size) {
   FILE* opened = nullptr;
-  if (fopen_s(&opened, file_name.c_str(), "a+") != 0) return;
+  if (fopen_s(&opened, FileName.c_str(), "a+") != 0) return;
   fwrite(text, size, 1, opened);
   fclose(opened);
 }
@@ -56,17 +56,17 @@ TPermanentFileWriter::TPermanentFileWriter(wchar_t const* fileName)
     : TPermanentFileWriter(open_for_appending(CreateFileW, fileName)) {}
 
 TPermanentFileWriter::TPermanentFileWriter(void* opened) noexcept
-    : file(opened == INVALID_HANDLE_VALUE ? nullptr : opened) {
-  if (file) SetFilePointer(file, 0, nullptr, FILE_END);
+    : File(opened == INVALID_HANDLE_VALUE ? nullptr : opened) {
+  if (File) SetFilePointer(File, 0, nullptr, FILE_END);
 }
 
 TPermanentFileWriter::~TPermanentFileWriter() {
-  if (file) CloseHandle(file);
+  if (File) CloseHandle(File);
 }
 
 void TPermanentFileWriter::StreamWriteString(char const* text, unsigned __int64 size) {
-  if (!file) return;
+  if (!File) return;
   auto const lines = with_carriage_returns(text, size);
   DWORD written = 0;
-  WriteFile(file, lines.data(), static_cast<DWORD>(lines.size()), &written, nullptr);
+  WriteFile(File, lines.data(), static_cast<DWORD>(lines.size()), &written, nullptr);
 }

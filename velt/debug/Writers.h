@@ -53,7 +53,7 @@ public:
   void StreamWriteString(char const* text, unsigned __int64 size) override;
 
 private:
-  void* console;
+  void* Console;
 };
 
 // A file that is opened, appended to and closed for every text. It can be read,
@@ -62,14 +62,14 @@ private:
 class VELT_API TFileWriter : public TStreamWriter {
 public:
   // Touches no file yet. The name is in the system's ANSI code page.
-  explicit TFileWriter(std::string const& fileName) : file_name(fileName) {}
+  explicit TFileWriter(std::string const& fileName) : FileName(fileName) {}
 
   // Creates the file if it does not exist, but no folder. Writes in the run time's
   // text mode: a line feed becomes carriage return and line feed.
   void StreamWriteString(char const* text, unsigned __int64 size) override;
 
 private:
-  std::string file_name;
+  std::string FileName;
 };
 
 // A file that stays open and is appended to. Other programs may read and delete it
@@ -94,5 +94,5 @@ public:
 private:
   explicit TPermanentFileWriter(void* opened) noexcept;
 
-  void* file;  // null if the file could not be opened
+  void* File;  // null if the file could not be opened
 };

@@ -30,14 +30,14 @@ ULONG CComStringStream::Release() { return static_cast<ULONG>(refs.decrement());
 // would cost a twentieth of the time of reading a text in blocks.
 HRESULT CComStringStream::Read(void* buffer, ULONG size, ULONG* read) {
   std::streamsize count = 0;
-  if (contents.good()) count = contents.rdbuf()->sgetn(static_cast<char*>(buffer), size);
-  if (count < size || !contents.good()) contents.setstate(std::ios_base::failbit);
+  if (Contents.good()) count = Contents.rdbuf()->sgetn(static_cast<char*>(buffer), size);
+  if (count < size || !Contents.good()) Contents.setstate(std::ios_base::failbit);
   if (read) *read = static_cast<ULONG>(count);
-  return contents.fail() ? S_FALSE : S_OK;
+  return Contents.fail() ? S_FALSE : S_OK;
 }
 
 HRESULT CComStringStream::Write(void const* buffer, ULONG size, ULONG* written) {
-  contents.write(static_cast<char const*>(buffer), size);
+  Contents.write(static_cast<char const*>(buffer), size);
   if (written) *written = size;
   return S_OK;
 }
@@ -45,9 +45,9 @@ HRESULT CComStringStream::Write(void const* buffer, ULONG size, ULONG* written) 
 HRESULT CComStringStream::Seek(LARGE_INTEGER distance, DWORD origin, ULARGE_INTEGER* position) {
   auto const from = direction(origin);
   if (!from) return S_OK;
-  if (contents.good() && !move(*contents.rdbuf(), distance.QuadPart, *from))
-    contents.setstate(std::ios_base::failbit);
-  if (position) position->QuadPart = static_cast<ULONGLONG>(std::streamoff(contents.tellg()));
+  if (Contents.good() && !move(*Contents.rdbuf(), distance.QuadPart, *from))
+    Contents.setstate(std::ios_base::failbit);
+  if (position) position->QuadPart = static_cast<ULONGLONG>(std::streamoff(Contents.tellg()));
   return S_OK;
 }
 
@@ -56,12 +56,12 @@ HRESULT CComStringStream::Commit(DWORD flags) { return flags == 0 ? S_OK : E_NOT
 HRESULT CComStringStream::Stat(STATSTG* stat, DWORD) {
   *stat = {};
   stat->type = STGTY_STREAM;
-  stat->cbSize.QuadPart = static_cast<ULONGLONG>(contents.tellp() - contents.tellg());
+  stat->cbSize.QuadPart = static_cast<ULONGLONG>(Contents.tellp() - Contents.tellg());
   return S_OK;
 }
 
 com_stream::stream_ptr CComStringStream::OpenStringStream(std::stringstream const& source) {
   auto const stream = MakeCounted<CComStringStream>();
-  stream->contents.str(source.str());
+  stream->Contents.str(source.str());
   return stream.get();
 }

@@ -49,5 +49,5 @@ public:
   static stream_ptr OpenStringStream(std::stringstream const& source);
 
 private:
-  std::stringstream contents;
+  std::stringstream Contents;
 };

@@ -61,12 +61,12 @@ void report() {
 
 CImpersonationContext::CImpersonationContext(bool raiseOnFailure) {
   HRESULT const result = CoImpersonateClient();
-  impersonated = SUCCEEDED(result);
+  Impersonated = SUCCEEDED(result);
   if (raiseOnFailure) _com_util::CheckError(result);
 }
 
 CImpersonationContext::~CImpersonationContext() {
-  if (!impersonated) return;
+  if (!Impersonated) return;
   if (std::uncaught_exceptions() > 0 && Debug.GetEnabled()) {
     try {
       report();

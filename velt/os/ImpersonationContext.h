@@ -29,5 +29,5 @@ public:
   ~CImpersonationContext();
 
 private:
-  bool impersonated = false;
+  bool Impersonated = false;
 };
