@@ -130,15 +130,6 @@ TEST_F(Stream, WriterThatRemovesItselfIsSafe) {
   EXPECT_WRITTEN("a" << "b", "ab");
 }
 
-TEST_F(Stream, CopyHasAListAndSettingsOfItsOwn) {
-  stream.SetEnabled('C', true);
-  stream.TimeStamps = true;
-  TDebugStream copy = stream;
-  EXPECT_TRUE(copy.GetEnabled('C') && copy.TimeStamps);
-  copy.ClearWriters();
-  EXPECT_TRUE(stream.GetEnabled());
-}
-
 TEST_F(Stream, WritersAreAddedAndRemovedOneAtATime) {
   stream.AddWriter(writer);
   EXPECT_WRITTEN("x", "xx");

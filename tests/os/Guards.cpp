@@ -18,82 +18,81 @@
 
 using velt_test::Watch;
 
-VELT_WATCH(CoImpersonateClient)
-VELT_WATCH(CoRevertToSelf) VELT_WATCH(LookupAccountSidW) VELT_WATCH(OpenThreadToken)
+VELT_WATCH(CoImpersonateClient, CoRevertToSelf, LookupAccountSidW, OpenThreadToken);
 
-    namespace {
-  // The client of a call: it is impersonated with the level that it grants.
-  class Client final : public IServerSecurity {
-  public:
-    SECURITY_IMPERSONATION_LEVEL level = SecurityImpersonation;
+namespace {
 
-    HRESULT WINAPI QueryInterface(REFIID id, void** result) override {
-      bool const is_mine = id == IID_IUnknown || id == IID_IServerSecurity;
-      *result = is_mine ? this : nullptr;
-      return is_mine ? S_OK : E_NOINTERFACE;
-    }
-    // It lives as long as its test.
-    ULONG WINAPI AddRef() override { return 2; }
-    ULONG WINAPI Release() override { return 1; }
-    HRESULT WINAPI QueryBlanket(DWORD*, DWORD*, OLECHAR**, DWORD*, DWORD*, void**,
-                                DWORD*) override {
-      return E_NOTIMPL;
-    }
-    HRESULT WINAPI ImpersonateClient() override { return ImpersonateSelf(level) ? S_OK : E_FAIL; }
-    HRESULT WINAPI RevertToSelf() override { return ::RevertToSelf() ? S_OK : E_FAIL; }
-    WINBOOL WINAPI IsImpersonating() override { return FALSE; }
-  };
+// The client of a call: it is impersonated with the level that it grants.
+class Client final : public IServerSecurity {
+public:
+  SECURITY_IMPERSONATION_LEVEL level = SecurityImpersonation;
 
-  bool is_impersonated() {
-    HANDLE token;
-    if (!OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, &token)) return false;
-    return CloseHandle(token);
+  HRESULT WINAPI QueryInterface(REFIID id, void** result) override {
+    bool const is_mine = id == IID_IUnknown || id == IID_IServerSecurity;
+    *result = is_mine ? this : nullptr;
+    return is_mine ? S_OK : E_NOINTERFACE;
   }
-
-  // Debug has only the test's writer.
-  struct Impersonation : ::testing::Test {
-    SmartPtr<RecordingWriter> const writer = MakeCounted<RecordingWriter>();
-    TDebugStream const writers_before = Debug;
-
-    Impersonation() { Debug.ChangeWriter(writer); }
-    ~Impersonation() noexcept override {
-      Debug.ClearWriters();
-      Debug += writers_before;
-    }
-  };
-
-  // The thread serves a call.
-  struct ImpersonationInCall : Impersonation {
-    class CoInitializeEx const apartment;
-    Client client;
-    IUnknown* outer = nullptr;
-
-    ImpersonationInCall() { CoSwitchCallContext(&client, &outer); }
-    ~ImpersonationInCall() noexcept override { CoSwitchCallContext(outer, &outer); }
-  };
-
-  void fail_impersonated() {
-    CImpersonationContext const client(CImpersonationContext::NeedImpersonation);
-    throw std::domain_error("the work failed");
+  // It lives as long as its test.
+  ULONG WINAPI AddRef() override { return 2; }
+  ULONG WINAPI Release() override { return 1; }
+  HRESULT WINAPI QueryBlanket(DWORD*, DWORD*, OLECHAR**, DWORD*, DWORD*, void**, DWORD*) override {
+    return E_NOTIMPL;
   }
+  HRESULT WINAPI ImpersonateClient() override { return ImpersonateSelf(level) ? S_OK : E_FAIL; }
+  HRESULT WINAPI RevertToSelf() override { return ::RevertToSelf() ? S_OK : E_FAIL; }
+  WINBOOL WINAPI IsImpersonating() override { return FALSE; }
+};
 
-  std::string const taken_and_given_up = "CoImpersonateClient()CoRevertToSelf()";
+bool is_impersonated() {
+  HANDLE token;
+  if (!OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, &token)) return false;
+  return CloseHandle(token);
+}
 
-  // What CoGetApartmentType tells of the thread, or -2 if it is in none.
-  int apartment_type() {
-    APTTYPE type;
-    APTTYPEQUALIFIER qualifier;
-    return SUCCEEDED(CoGetApartmentType(&type, &qualifier)) ? type : -2;
+// Debug has only the test's writer.
+struct Impersonation : ::testing::Test {
+  SmartPtr<RecordingWriter> const writer = MakeCounted<RecordingWriter>();
+  TDebugStream const writers_before = Debug;
+
+  Impersonation() { Debug.ChangeWriter(writer); }
+  ~Impersonation() noexcept override {
+    Debug.ClearWriters();
+    Debug += writers_before;
   }
+};
 
-  HRESULT com_code(void (*statement)()) {
-    try {
-      statement();
-    } catch (_com_error const& error) {
-      return error.Error();
-    }
-    return S_OK;
+// The thread serves a call.
+struct ImpersonationInCall : Impersonation {
+  class CoInitializeEx const apartment;
+  Client client;
+  IUnknown* outer = nullptr;
+
+  ImpersonationInCall() { CoSwitchCallContext(&client, &outer); }
+  ~ImpersonationInCall() noexcept override { CoSwitchCallContext(outer, &outer); }
+};
+
+void fail_impersonated() {
+  CImpersonationContext const client(CImpersonationContext::NeedImpersonation);
+  throw std::domain_error("the work failed");
+}
+
+std::string const taken_and_given_up = "CoImpersonateClient()CoRevertToSelf()";
+
+// What CoGetApartmentType tells of the thread, or -2 if it is in none.
+int apartment_type() {
+  APTTYPE type;
+  APTTYPEQUALIFIER qualifier;
+  return SUCCEEDED(CoGetApartmentType(&type, &qualifier)) ? type : -2;
+}
+
+HRESULT com_code(void (*statement)()) {
+  try {
+    statement();
+  } catch (_com_error const& error) {
+    return error.Error();
   }
+  return S_OK;
+}
 
 }  // namespace
 

@@ -19,67 +19,67 @@
 
 using namespace velt_test;
 
-VELT_WATCH(CloseHandle)
-VELT_WATCH(DuplicateHandle)
+VELT_WATCH(CloseHandle, DuplicateHandle);
 
-    namespace {
-  using TOverlappedFile = TOverlapped<TFile>;
+namespace {
 
-  constexpr DWORD both = GENERIC_READ | GENERIC_WRITE;
+using TOverlappedFile = TOverlapped<TFile>;
 
-  // A real file, opened for overlapped work.
-  struct OverlappedFile : ::testing::Test {
-    scratch_folder const scratch;
-    std::wstring const name = (scratch.path() / "file").native();
-    TOverlappedFile file;
+constexpr DWORD both = GENERIC_READ | GENERIC_WRITE;
 
-    ~OverlappedFile() noexcept override {}
-    void SetUp() override {
-      file.AttachHandle(CreateFileW(name.c_str(), both, FILE_SHARE_READ, nullptr, CREATE_ALWAYS,
-                                    FILE_FLAG_OVERLAPPED, nullptr));
-      ASSERT_TRUE(file.IsValidHandle());
-      EXPECT_TRUE(file.HasIoCompleted());
-    }
+// A real file, opened for overlapped work.
+struct OverlappedFile : ::testing::Test {
+  scratch_folder const scratch;
+  std::wstring const name = (scratch.path() / "file").native();
+  TOverlappedFile file;
 
-    // The bytes that the operation moved in all.
-    unsigned long moved() {
-      unsigned long count = 0;
-      EXPECT_TRUE(file.GetOverlappedResult(count, true));
-      EXPECT_TRUE(file.HasIoCompleted());
-      return count;
-    }
-  };
-
-  // Both ends of a pipe; the server's works beside the program.
-  struct OverlappedPipe : ::testing::Test {
-    TOverlappedFile server;
-    TFile client = TFile(DoNotInitialize);
-    char text[16] = {};
-    unsigned long moved = 77;
-
-    ~OverlappedPipe() noexcept override {}
-    void SetUp() override {
-      std::string const name = "\\\\.\\pipe\\velt-" + std::to_string(GetCurrentProcessId());
-      server.AttachHandle(CreateNamedPipeA(name.c_str(), PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED,
-                                           PIPE_TYPE_BYTE, 1, 4096, 4096, 0, nullptr));
-      client.OpenFile(name.c_str(), both, 0, OPEN_EXISTING);
-    }
-
-    // Starts a read that nothing answers.
-    void start_reading() {
-      EXPECT_EQ(server.ReadFile(text, sizeof text), 0u);
-      EXPECT_FALSE(server.HasIoCompleted());
-      EXPECT_FALSE(server.GetOverlappedResult(moved, false));
-    }
-  };
-
-  std::string next_message(TMailslot & slot) {
-    char message[64];
-    unsigned long size = 0;
-    slot.ReadFile(message, sizeof message, size);
-    slot.GetOverlappedResult(size, true);
-    return std::string(message, size);
+  ~OverlappedFile() noexcept override {}
+  void SetUp() override {
+    file.AttachHandle(CreateFileW(name.c_str(), both, FILE_SHARE_READ, nullptr, CREATE_ALWAYS,
+                                  FILE_FLAG_OVERLAPPED, nullptr));
+    ASSERT_TRUE(file.IsValidHandle());
+    EXPECT_TRUE(file.HasIoCompleted());
   }
+
+  // The bytes that the operation moved in all.
+  unsigned long moved() {
+    unsigned long count = 0;
+    EXPECT_TRUE(file.GetOverlappedResult(count, true));
+    EXPECT_TRUE(file.HasIoCompleted());
+    return count;
+  }
+};
+
+// Both ends of a pipe; the server's works beside the program.
+struct OverlappedPipe : ::testing::Test {
+  TOverlappedFile server;
+  TFile client = TFile(DoNotInitialize);
+  char text[16] = {};
+  unsigned long moved = 77;
+
+  ~OverlappedPipe() noexcept override {}
+  void SetUp() override {
+    std::string const name = "\\\\.\\pipe\\velt-" + std::to_string(GetCurrentProcessId());
+    server.AttachHandle(CreateNamedPipeA(name.c_str(), PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED,
+                                         PIPE_TYPE_BYTE, 1, 4096, 4096, 0, nullptr));
+    client.OpenFile(name.c_str(), both, 0, OPEN_EXISTING);
+  }
+
+  // Starts a read that nothing answers.
+  void start_reading() {
+    EXPECT_EQ(server.ReadFile(text, sizeof text), 0u);
+    EXPECT_FALSE(server.HasIoCompleted());
+    EXPECT_FALSE(server.GetOverlappedResult(moved, false));
+  }
+};
+
+std::string next_message(TMailslot& slot) {
+  char message[64];
+  unsigned long size = 0;
+  slot.ReadFile(message, sizeof message, size);
+  slot.GetOverlappedResult(size, true);
+  return std::string(message, size);
+}
 
 }  // namespace
 

@@ -17,81 +17,80 @@
 
 using namespace velt_test;
 
-VELT_WATCH(ClosePrinter)
-VELT_WATCH(EnumJobsW) VELT_WATCH(EnumPortsW) VELT_WATCH(EnumPrintersW) VELT_WATCH(GetJobW)
-    VELT_WATCH(GetPrinterDataW) VELT_WATCH(GetPrinterW) VELT_WATCH(OpenPrinterW) VELT_WATCH(SetJobW)
-        VELT_WATCH(SetPrinterDataW) VELT_WATCH(SetPrinterW)
+VELT_WATCH(ClosePrinter, EnumJobsW, EnumPortsW, EnumPrintersW, GetJobW, GetPrinterDataW,
+           GetPrinterW, OpenPrinterW, SetJobW, SetPrinterDataW, SetPrinterW);
 
-            namespace {
-  using answers = std::vector<Answer>;
+namespace {
 
-  constexpr DWORD too_small = ERROR_INSUFFICIENT_BUFFER, denied = ERROR_ACCESS_DENIED;
+using answers = std::vector<Answer>;
 
-  // One whose handle nobody else knows.
-  struct UnrealPrinter : TPrinter {
-    UnrealPrinter() : TPrinter(DoNotInitialize) { AttachHandle(this); }
-    ~UnrealPrinter() { DetachHandle(); }
-  };
+constexpr DWORD too_small = ERROR_INSUFFICIENT_BUFFER, denied = ERROR_ACCESS_DENIED;
 
-  template <class Record>
-  AutoPtr<Record> old() {
-    AutoPtr<Record> result(static_cast<Record*>(::operator new(1)));
-    *reinterpret_cast<char*>(result.get()) = 'o';
-    return result;
-  }
+// One whose handle nobody else knows.
+struct UnrealPrinter : TPrinter {
+  UnrealPrinter() : TPrinter(DoNotInitialize) { AttachHandle(this); }
+  ~UnrealPrinter() { DetachHandle(); }
+};
 
-  // What every operation that fetches a block must do. `call` is how its calls
-  // begin, up to the block.
-  template <class Record, class Fetch>
-  void expect_two_calls(std::string const& call, Fetch const& fetch) {
-    bool const is_list = call.starts_with("Enum");
-    std::string const end = is_list ? ", out, out)" : ", out)";
-    std::string const first = call + "none, 0" + end, both = first + call + "out, 200" + end;
-    std::string const bytes(200, 'n');
-    struct {
-      answers script;
-      int code;
-      DWORD count;
-      std::string calls;
-      char block;  // its first byte: of the old one or of the new one
-    } const cases[] = {
-        {{{TRUE, 0, {0, 0}}}, -1, 0, first, 'o'},
-        {{{FALSE, denied, {200}}}, denied, 0, first, 'o'},
-        {{{FALSE, too_small, {200, 0}}, {TRUE, 0, {200, 2}, bytes}}, -1, 2, both, 'n'},
-        {{{FALSE, too_small, {200}}, {FALSE, too_small, {300}, bytes}}, too_small, 0, both, 'n'}};
-    for (auto const& each : cases) {
-      UnrealPrinter printer;
-      auto record = old<Record>();
-      Watch watch(each.script);
-      DWORD count = 0;
-      EXPECT_EQ(system_code([&] { count = fetch(printer, record); }), each.code);
-      EXPECT_EQ(watch.calls, each.calls);
-      EXPECT_EQ(count, is_list ? each.count : 0);
-      EXPECT_EQ(*reinterpret_cast<char*>(record.get()), each.block) << each.calls;
-    }
-  }
+template <class Record>
+AutoPtr<Record> old() {
+  AutoPtr<Record> result(static_cast<Record*>(::operator new(1)));
+  *reinterpret_cast<char*>(result.get()) = 'o';
+  return result;
+}
 
-  // What the value is of data that the spooler describes so: its type, and its size
-  // at the first call and at the second.
-  _value_t data_of(DWORD type, DWORD size, std::string const& bytes) {
+// What every operation that fetches a block must do. `call` is how its calls
+// begin, up to the block.
+template <class Record, class Fetch>
+void expect_two_calls(std::string const& call, Fetch const& fetch) {
+  bool const is_list = call.starts_with("Enum");
+  std::string const end = is_list ? ", out, out)" : ", out)";
+  std::string const first = call + "none, 0" + end, both = first + call + "out, 200" + end;
+  std::string const bytes(200, 'n');
+  struct {
+    answers script;
+    int code;
+    DWORD count;
+    std::string calls;
+    char block;  // its first byte: of the old one or of the new one
+  } const cases[] = {
+      {{{TRUE, 0, {0, 0}}}, -1, 0, first, 'o'},
+      {{{FALSE, denied, {200}}}, denied, 0, first, 'o'},
+      {{{FALSE, too_small, {200, 0}}, {TRUE, 0, {200, 2}, bytes}}, -1, 2, both, 'n'},
+      {{{FALSE, too_small, {200}}, {FALSE, too_small, {300}, bytes}}, too_small, 0, both, 'n'}};
+  for (auto const& each : cases) {
     UnrealPrinter printer;
-    Watch watch(answers{{ERROR_MORE_DATA, 0, {type, size}},
-                        {ERROR_SUCCESS, 0, {type, DWORD(bytes.size())}, bytes}});
-    return printer.GetPrinterDataW(L"data");
+    auto record = old<Record>();
+    Watch watch(each.script);
+    DWORD count = 0;
+    EXPECT_EQ(system_code([&] { count = fetch(printer, record); }), each.code);
+    EXPECT_EQ(watch.calls, each.calls);
+    EXPECT_EQ(count, is_list ? each.count : 0);
+    EXPECT_EQ(*reinterpret_cast<char*>(record.get()), each.block) << each.calls;
   }
+}
 
-  // The calls by which the value is stored, which are as many as `count`.
-  std::string storing(_value_t const& value, std::size_t count = 1) {
-    UnrealPrinter printer;
-    Watch watch(answers(count, Answer{ERROR_SUCCESS}));
-    printer.SetPrinterDataW(L"data", value);
-    return watch.calls;
-  }
+// What the value is of data that the spooler describes so: its type, and its size
+// at the first call and at the second.
+_value_t data_of(DWORD type, DWORD size, std::string const& bytes) {
+  UnrealPrinter printer;
+  Watch watch(answers{{ERROR_MORE_DATA, 0, {type, size}},
+                      {ERROR_SUCCESS, 0, {type, DWORD(bytes.size())}, bytes}});
+  return printer.GetPrinterDataW(L"data");
+}
 
-  struct Printer : ::testing::Test {
-    ScratchPrinter const scratch;
-    TPrinter printer{scratch.name.c_str(), PRINTER_ALL_ACCESS};
-  };
+// The calls by which the value is stored, which are as many as `count`.
+std::string storing(_value_t const& value, std::size_t count = 1) {
+  UnrealPrinter printer;
+  Watch watch(answers(count, Answer{ERROR_SUCCESS}));
+  printer.SetPrinterDataW(L"data", value);
+  return watch.calls;
+}
+
+struct Printer : ::testing::Test {
+  ScratchPrinter const scratch;
+  TPrinter printer{scratch.name.c_str(), PRINTER_ALL_ACCESS};
+};
 
 }  // namespace
 

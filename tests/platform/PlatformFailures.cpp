@@ -18,80 +18,76 @@
 
 using namespace velt_test;
 
-VELT_WATCH(CancelIo)
-VELT_WATCH(CloseHandle) VELT_WATCH(CreateFileA) VELT_WATCH(CreateFileW)
-    VELT_WATCH(CreateFileMappingA) VELT_WATCH(CreateFileMappingW) VELT_WATCH(CreateMailslotA)
-        VELT_WATCH(CreateMailslotW) VELT_WATCH(CreateProcessA) VELT_WATCH(CreateProcessW)
-            VELT_WATCH(FlushFileBuffers) VELT_WATCH(GetFileInformationByHandle)
-                VELT_WATCH(GetOverlappedResult) VELT_WATCH(MapViewOfFile)
-                    VELT_WATCH(OpenFileMappingA) VELT_WATCH(OpenFileMappingW) VELT_WATCH(ReadFile)
-                        VELT_WATCH(SetFilePointerEx) VELT_WATCH(TerminateProcess)
-                            VELT_WATCH(WriteFile)
+VELT_WATCH(CancelIo, CloseHandle, CreateFileA, CreateFileMappingA, CreateFileMappingW, CreateFileW,
+           CreateMailslotA, CreateMailslotW, CreateProcessA, CreateProcessW, FlushFileBuffers,
+           GetFileInformationByHandle, GetOverlappedResult, MapViewOfFile, OpenFileMappingA,
+           OpenFileMappingW, ReadFile, SetFilePointerEx, TerminateProcess, WriteFile);
 
-                                namespace {
-  template <class Object>
-  struct Row {
-    char const* call;
-    void (*run)(Object&);
-  };
+namespace {
 
-  void* const minus_one = INVALID_HANDLE_VALUE;
+template <class Object>
+struct Row {
+  char const* call;
+  void (*run)(Object&);
+};
 
-  // What the handle is after a failure. A call that makes handles answers failure
-  // by the same value.
-  using handle_left = std::optional<void*>;
-  handle_left const unchanged;
+void* const minus_one = INVALID_HANDLE_VALUE;
 
-  template <class Object>
-  void expect_failures(Object(*subject)(), handle_left left,
-                       std::initializer_list<Row<Object>> rows) {
-    // The first throw opens handles for good.
-    system_code([] { ThrowSystemException(1); });
-    for (auto const& [call, run] : rows) {
-      SCOPED_TRACE(call);
-      long const before = open_handles();
+// What the handle is after a failure. A call that makes handles answers failure
+// by the same value.
+using handle_left = std::optional<void*>;
+handle_left const unchanged;
+
+template <class Object>
+void expect_failures(Object (*subject)(), handle_left left,
+                     std::initializer_list<Row<Object>> rows) {
+  // The first throw opens handles for good.
+  system_code([] { ThrowSystemException(1); });
+  for (auto const& [call, run] : rows) {
+    SCOPED_TRACE(call);
+    long const before = open_handles();
+    {
+      Object object(subject());
+      void* const expected = left.value_or(object);
       {
-        Object object(subject());
-        void* const expected = left.value_or(object);
-        {
-          std::string const name(call);
-          Watch watch(name.substr(0, name.find('(')), left);
-          EXPECT_EQ(system_code([&] { run(object); }), injected_code);
-          EXPECT_TRUE(watch.calls.starts_with(call)) << watch.calls;
-        }
-        EXPECT_EQ(static_cast<void*>(object), expected);
+        std::string const name(call);
+        Watch watch(name.substr(0, name.find('(')), left);
+        EXPECT_EQ(system_code([&] { run(object); }), injected_code);
+        EXPECT_TRUE(watch.calls.starts_with(call)) << watch.calls;
       }
-      EXPECT_TRUE(open_handles_fall_to(before));
+      EXPECT_EQ(static_cast<void*>(object), expected);
     }
+    EXPECT_TRUE(open_handles_fall_to(before));
   }
+}
 
-  template <class Object>
-  Object nothing() {
-    return Object(DoNotInitialize);
-  }
+template <class Object>
+Object nothing() {
+  return Object(DoNotInitialize);
+}
 
-  // Goes with its last handle.
-  template <class File>
-  File some_file() {
-    File file(DoNotInitialize);
-    file.AttachHandle(CreateFileA("velt-failures", GENERIC_READ | GENERIC_WRITE, 7, nullptr,
-                                  CREATE_ALWAYS, FILE_FLAG_DELETE_ON_CLOSE, nullptr));
-    return file;
-  }
+// Goes with its last handle.
+template <class File>
+File some_file() {
+  File file(DoNotInitialize);
+  file.AttachHandle(CreateFileA("velt-failures", GENERIC_READ | GENERIC_WRITE, 7, nullptr,
+                                CREATE_ALWAYS, FILE_FLAG_DELETE_ON_CLOSE, nullptr));
+  return file;
+}
 
-  TFileMapping some_mapping() {
-    TFileMapping mapping;
-    mapping.CreateFileMappingW(PAGE_READWRITE, 0x20000, static_cast<char*>(nullptr));
-    return mapping;
-  }
+TFileMapping some_mapping() {
+  TFileMapping mapping;
+  mapping.CreateFileMappingW(PAGE_READWRITE, 0x20000, static_cast<char*>(nullptr));
+  return mapping;
+}
 
-  TProcess some_process() {
-    TProcess process;
-    process.AttachHandle(CreateEventW(nullptr, FALSE, FALSE, nullptr));
-    return process;
-  }
+TProcess some_process() {
+  TProcess process;
+  process.AttachHandle(CreateEventW(nullptr, FALSE, FALSE, nullptr));
+  return process;
+}
 
-  unsigned long moved;
+unsigned long moved;
 
 }  // namespace
 

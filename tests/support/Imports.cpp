@@ -23,9 +23,10 @@ FARPROC WINAPI look_up(HMODULE module, char const* name) {
   return found;
 }
 
+// Unless the module is gone.
 void write(void** slot, void* value) {
   DWORD protection;
-  VirtualProtect(slot, sizeof *slot, PAGE_READWRITE, &protection);
+  if (!VirtualProtect(slot, sizeof *slot, PAGE_READWRITE, &protection)) return;
   *slot = value;
   VirtualProtect(slot, sizeof *slot, protection, &protection);
 }

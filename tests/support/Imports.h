@@ -217,9 +217,18 @@ struct Watched {
 }  // namespace detail
 }  // namespace velt_test
 
-// At namespace scope: the test program's Watches write CALL down.
-#define VELT_WATCH(CALL)                                                  \
+// At namespace scope: the test program's Watches write these calls down.
+#define VELT_WATCH(...) VELT_TIMES_64(VELT_WATCH_NEXT(__VA_ARGS__))
+#define VELT_WATCH_NEXT(CALL, ...)                                        \
   static velt_test::detail::Watched const watched_##CALL(                 \
       VELT_CALL(CALL), [](auto platform, auto... arguments) {             \
         return velt_test::detail::watched(#CALL, platform, arguments...); \
-      });
+      });                                                                 \
+  __VA_OPT__(VELT_WATCH_AGAIN VELT_PARENTHESES(__VA_ARGS__))
+#define VELT_WATCH_AGAIN() VELT_WATCH_NEXT
+// The preprocessor looks at a text again, for the next call, as often as this.
+#define VELT_PARENTHESES ()
+#define VELT_TIMES_64(...) VELT_TIMES_16(VELT_TIMES_16(VELT_TIMES_16(VELT_TIMES_16(__VA_ARGS__))))
+#define VELT_TIMES_16(...) VELT_TIMES_4(VELT_TIMES_4(VELT_TIMES_4(VELT_TIMES_4(__VA_ARGS__))))
+#define VELT_TIMES_4(...) VELT_ONCE(VELT_ONCE(VELT_ONCE(VELT_ONCE(__VA_ARGS__))))
+#define VELT_ONCE(...) __VA_ARGS__
