@@ -112,10 +112,15 @@ public:
     requires std::convertible_to<U*, T*>
   SmartPtr(SmartPtr<U>&& other) noexcept : ptr(other.detach()) {}
 
-  // Null before the object is released: its destructor may look at the handle.
-  // No other thread may use a handle that is being destroyed, so a plain store
-  // does; reset() exchanges, for handles that several threads use.
-  ~SmartPtr() { release(detach()); }
+  // Null before the object is deleted: its destructor may look at the handle. No
+  // other thread may use a handle that is being destroyed, so a plain store does;
+  // reset() exchanges, for handles that several threads use.
+  ~SmartPtr() {
+    T* const object = get();
+    if (!object || object->refs.decrement() != 0) return;
+    ptr.store(nullptr, std::memory_order_relaxed);
+    delete object;
+  }
 
   SmartPtr& operator=(T* object) noexcept {
     // First, since the new object may be the old one, or be kept alive by it.

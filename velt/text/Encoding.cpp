@@ -32,7 +32,7 @@ std::basic_string<Target> converted(basic_const_string<Source> source, Convert c
   if (source.length > INT_MAX) ThrowSystemException(ERROR_INVALID_PARAMETER);
   auto const length = static_cast<int>(source.length);
   int const size = convert(source.data, length, nullptr, 0);
-  if (size <= 0) throw_refusal(size, [&] { convert(source.data, length, nullptr, 0); });
+  if (size <= 0) throw_refusal(size, [=] { convert(source.data, length, nullptr, 0); });
   std::basic_string<Target> result(static_cast<std::size_t>(size), Target());
   check(convert(source.data, length, result.data(), size));
   return result;
