@@ -18,24 +18,13 @@ constexpr int longest_text = 30;
 // Contains a colon, which no name of a setting can contain.
 constexpr wchar_t revision_name[] = L":revision";
 
-// TLock takes a lock for writing; this is its counterpart for reading.
-class read_guard {
-public:
-  explicit read_guard(IMultiLock& target) : lock(target) { lock.ReadLock(); }
-  read_guard(read_guard const&) = delete;
-  ~read_guard() noexcept(false) { lock.Unlock(); }
-
-private:
-  IMultiLock& lock;
-};
-
 struct observation {
   _value_t value;
   int revision;
 };
 
 observation look_up(setting const& item, shared_settings& settings) {
-  read_guard const hold(settings.timed_lock);
+  TReadLock const hold(settings.timed_lock);
   return {settings.list.GetProperty(item.name.c_str()), revision(settings)};
 }
 

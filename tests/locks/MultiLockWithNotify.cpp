@@ -4,13 +4,15 @@
 
 #include <atomic>
 #include <functional>
+#include <optional>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
 #include "tests/locks/Agent.h"
-#include "velt/exceptions/EGeneric.h"
+#include "velt/exceptions/ExceptionFamily.h"
 
 using velt_test::Agent;
 using velt_test::Interrupted;
@@ -211,4 +213,37 @@ TEST_F(MultiLockWithNotify, WaiterGetsTheLockWhenTheFirstNotificationThrows) {
   b.finish();
   EXPECT_EQ(status(), "locked_write, " + record(b, 'W'));
   CloseHandle(go_on);
+}
+
+// In every hold the lock is as its notifications have told.
+TEST(MultiLockWithNotifyThreads, WriteNotificationsAreExact) {
+  struct Lock final : TMultiLockWithNotify {
+    void OnWriteLock() override { written = true; }
+    void OnWriteUnlock() override { written = false; }
+    void OnWriteAfterReadLock() override { written = true; }
+    void OnWriteAfterReadUnlock() override { written = false; }
+    bool written = false;
+  } lock;
+  std::atomic<int> wrong = 0;
+  auto const use = [&](unsigned int random) {
+    auto const look = [&](bool expected) {
+      wrong += lock.written != expected;
+      Sleep(0);
+      wrong += lock.written != expected;
+    };
+    for (int i = 0; i < 10'000; ++i) try {
+        random = random * 1'103'515'245 + 12'345;
+        std::optional<TReadLock> reading;
+        if (random & 0x10000) reading.emplace(lock), look(false);
+        if (random & 0x20000) continue;
+        TLock const writing(lock);
+        look(true);
+      } catch (EDeadLockException const&) {
+      }
+  };
+  {
+    std::jthread const threads[] = {std::jthread(use, 1), std::jthread(use, 2), std::jthread(use, 3)};
+  }
+  EXPECT_EQ(wrong, 0);
+  EXPECT_FALSE(lock.written);
 }

@@ -4,8 +4,7 @@
 
 #include "velt/exceptions/ExceptionFamily.h"
 
-// The platform's record of the section for debugging would be freed by each of its
-// copies.
+// Without the platform's debug record, since each copy would free it.
 TCriticalSection::TCriticalSection() {
   InitializeCriticalSectionEx(this, 0, CRITICAL_SECTION_NO_DEBUG_INFO);
 }

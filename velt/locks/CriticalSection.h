@@ -1,23 +1,22 @@
-// TCriticalSection: the cheapest lock, for the threads of one process. It
-// cannot wait with a limit; where that, another process or readers beside one
-// another are needed, use one of the other locks.
+// TCriticalSection: the cheapest lock, for the threads of one process. Use another
+// lock if waits need a limit, other processes share the lock, or readers run in
+// parallel.
 #pragma once
 
 #include <windef.h>
 
 #include "velt/locks/Lock.h"
 
-// The platform's critical section as an ILock; it may be handed to the
-// platform's calls as it is. One thread may lock it again while it holds it,
-// and unlocks it as many times. Its waits are not alertable. Safe from any
-// thread.
+// The platform's critical section as an ILock; the platform's calls accept it as
+// it is. Recursive: the owner may lock it again and must unlock it as often. Its
+// waits are not alertable. Any thread may call any operation.
 class VELT_API TCriticalSection : public _RTL_CRITICAL_SECTION, public ILock {
 public:
   TCriticalSection();
   ~TCriticalSection();
 
-  // Copy the platform's record word by word: an alias of one state, not a
-  // second lock. Only one of the two may be used, and only one destroyed.
+  // Copy the platform's record word by word: the copy is an alias of the same
+  // state, not a second lock. Use and destroy only one of the two.
   TCriticalSection(TCriticalSection const&) = default;
   TCriticalSection& operator=(TCriticalSection const&) = default;
 

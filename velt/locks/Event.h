@@ -8,7 +8,7 @@
 // A manual event stays signalled until it is reset; the other kind lets one
 // waiter through and resets itself. Failed platform calls throw
 // ESystemException. For Create... and Open... the rules of TMutex hold, with one
-// difference: a named event is made so that every user has full access to it.
+// difference: a new named event grants every user full access.
 class VELT_API TEvent : public THandle {
 public:
   TEvent(_DoNotInitialize const&) noexcept {}
@@ -24,7 +24,7 @@ public:
   void OpenEventW(char const* name, unsigned long access);
   void OpenEventW(wchar_t const* name, unsigned long access);
 
-  // The two names of each are the same operation.
+  // Each operation has two names.
   void SetEvent();
   void Set() { SetEvent(); }
   void ResetEvent();

@@ -8,13 +8,13 @@
 // Two values mean that no handle is held: all bits set, and null. A handle is
 // pointer-sized and named void* here as by the platform.
 //
-// Where a platform call is said to throw, it throws ESystemException with the
-// code of GetLastError, and the object keeps the value that it had at that
-// moment. This holds for the destructor too: a handle that somebody else closed
-// makes it throw.
+// Operations marked as throwing throw ESystemException with the code of
+// GetLastError if a platform call fails, and the object keeps the value that it
+// had at that moment. The destructor throws too, if somebody else has closed the
+// handle.
 //
-// No lock of its own: one thread at a time changes an object, while any number
-// may wait on it and signal it.
+// An object has no lock of its own: one thread at a time may change it, while any
+// number of threads wait on it and signal it.
 class VELT_API THandle {
 public:
   THandle() noexcept : handle(none()) {}
@@ -27,17 +27,18 @@ public:
   // Throws.
   ~THandle() noexcept(false);
 
-  // Close what is held, then share as the constructors do. Throw. Assignment to
-  // self is no exception to the order: it closes the handle and holds none.
+  // Close the handle held, then share as the constructors do. Throw. Assignment to
+  // self keeps that order, so it closes the handle and holds none.
   THandle& operator=(void* h);
   THandle& operator=(THandle const& other);
 
-  // Asks the platform whatever is held, so that closing twice shows: Windows
-  // refuses null and -1, and the call throws code 6. (-1 is also the platform's
-  // name for the process, which some versions let close without effect.)
+  // Hands even null and -1 to the platform, so that closing twice shows: Windows
+  // refuses them, and the call throws code 6. (-1 is also the platform's
+  // pseudo-handle of the process, which some versions close without effect.)
   void CloseHandle();
 
-  // Closes what is held, then takes `h` over. Throws, and has not taken `h` then.
+  // Closes the handle held, then takes ownership of `h`. If it throws, `h` stays
+  // the caller's.
   void AttachHandle(void* h);
 
   // Gives the handle up to the caller.
@@ -48,9 +49,9 @@ public:
 
   operator void*() const noexcept { return handle; }
 
-  // Waits for `time` milliseconds, 0xFFFFFFFF meaning no limit; queued calls run
-  // during the wait if it is alertable. The result is the platform's, its
-  // failure throws.
+  // Waits for up to `time` milliseconds, 0xFFFFFFFF meaning no limit. Queued calls
+  // run during the wait if it is alertable. Returns the platform's result, or
+  // throws if the wait fails.
   unsigned long WaitForSingleObject(unsigned long time, int alertable) const;
 
 protected:

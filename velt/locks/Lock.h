@@ -10,12 +10,12 @@
 // In all interfaces a timeout is in milliseconds, 0 asks without waiting, and
 // 0xFFFFFFFF means no limit. The operations with a timeout return true when the
 // lock was obtained and false when the time ran out; those without return when
-// the lock is held. Each lock obtained is undone by one Unlock(). Waits are
-// alertable, so that any of them can end in an EThreadInterrupt, and a failed
-// platform call in an ESystemException, unless a lock says otherwise.
+// the lock is held. Each acquisition needs one Unlock(). Unless a lock says
+// otherwise, waits are alertable, so that any of them can throw EThreadInterrupt,
+// and a failed platform call throws ESystemException.
 //
-// No lock is owned or deleted through an interface, so the destructors are not
-// virtual and out of reach.
+// No lock is owned or deleted through an interface: the destructors are protected
+// and not virtual.
 class ILock {
 public:
   [[nodiscard]] virtual bool Lock(unsigned int timeout) = 0;
@@ -67,8 +67,8 @@ namespace velt::detail {
 //
 // One shot: Unlock() and a timed Lock() that fails leave the guard empty for
 // good, and locking an empty guard dereferences null. The guard does not own
-// its lock, and it belongs to one thread. A lock that is only referred to as
-// const is locked all the same; the object itself must not be const.
+// its lock, and it belongs to one thread. It also takes a reference to const, so
+// that const functions can lock; the lock object itself must not be const.
 class [[nodiscard]] TLock {
 public:
   // Wait without limit. A pointer must not be null.
@@ -88,11 +88,11 @@ public:
   // A copy would be a second guard of one hold.
   TLock(TLock const&) = delete;
 
-  // Copies the pointer and nothing else: the lock held before is not released,
-  // and both guards will release the other's.
+  // Copies the pointer and nothing else: this guard's lock stays locked, and both
+  // guards release the other's.
   TLock& operator=(TLock const&) = default;
 
-  // What the lock's Unlock() throws passes out, with the guard still holding.
+  // An exception from the lock's Unlock() passes out, with the guard still holding.
   ~TLock() noexcept(false) { Unlock(); }
 
   // A further acquisition of the lock, which the guard will not release.
@@ -116,13 +116,15 @@ private:
   ILock* held;
 };
 
-// Holds a read/write lock for reading until the end of the scope. For writing
-// TLock does, since a plain lock of such a lock is a write lock. The two nest in
-// any order:
+// Holds a read/write lock for reading until the end of the scope. TLock holds it
+// for writing, since the plain lock of a read/write lock is a write lock. The two
+// nest in any order:
 //
 //   TReadLock reading(table_lock);
 //   if (!table.contains(name)) {
-//     TLock writing(table_lock);  // an upgrade, where the lock allows it
+//     TLock writing(table_lock);  // an upgrade, if the lock offers that
+//     table.insert(name);
+//   }
 //
 // Unlock() ends the lock's newest hold of this thread, so the guards of one lock
 // must end in the reverse order of their making. The guard does not own its
@@ -143,7 +145,7 @@ public:
   TReadLock(TReadLock const&) = delete;
   TReadLock& operator=(TReadLock const&) = delete;
 
-  // What the lock's Unlock() throws passes out, with the guard still holding.
+  // As that of TLock.
   ~TReadLock() noexcept(false) { Unlock(); }
 
   // Ends the hold before the scope ends; does nothing the second time.

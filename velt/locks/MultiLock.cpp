@@ -109,7 +109,7 @@ bool TMultiLock::wait_to_upgrade(_owner_id id, unsigned int timeout, wait_histor
   try {
     again = wait_signal(sig_sole_owner | sig_free, id, timeout, history);
   } catch (...) {
-    // A wait that fails stays counted.
+    // A wait that the platform refused stays counted.
     if (!history.failed) --rw_waiters;
     throw;
   }

@@ -1,17 +1,17 @@
 // TMultiLock: the library's read/write lock. Beyond what std::shared_mutex and
 // the platform's slim lock do, it knows who holds it:
 //
-//   - one thread may mix holds as it likes, read in read, write in write, read
-//     in write, and a read hold may be upgraded; its own holds never block it;
+//   - one thread may mix holds as it likes: read in read, write in write, read
+//     in write, and the upgrade from read to write; its own holds never block it;
 //   - two readers that both want to upgrade would wait for each other for ever:
 //     the second gets an exception instead;
-//   - a hold may belong to no thread, taken by one and ended by another;
-//   - every wait can have a limit, and queued calls run in it;
+//   - a hold may belong to no thread: one thread takes it, another ends it;
+//   - every wait can have a limit and runs queued calls;
 //   - GetStatusString() tells who holds what.
 //
 // It is not fair and prefers neither side: new readers join others at once,
-// whoever waits. docs/locks.md has the table of what is granted, waits and
-// fails, and what the lock costs beside others.
+// whoever waits. docs/locks.md has the table of which requests are granted, wait
+// or fail, and compares its cost with other locks.
 #pragma once
 
 #include <atomic>
@@ -25,23 +25,28 @@
 // holds, nothing is allocated and no kernel object made.
 //
 // Time limits are milliseconds, 0 asks without waiting, 0xFFFFFFFF means no
-// limit. A limit bounds each single wait: an operation that is woken and has to
-// wait again gets the whole time once more.
+// limit. A limit bounds each single wait: an operation that is woken and must
+// wait again gets the whole time again.
 //
-// Any acquisition may throw: EGeneric with "Text" ("Dead-lock in multilock") and
-// "Status" for the second thread that wants to upgrade, whatever its limit; it
-// keeps its read hold. ESystemException if the wait fails, std::bad_alloc, and
-// what a queued call throws. Ends of holds throw nothing and run no queued calls,
-// so that a guard can end its hold while an exception unwinds the stack.
+// Any acquisition may throw EDeadLockException for the second thread that wants
+// to upgrade, whatever its limit (it keeps its read hold); ESystemException if the
+// wait fails; std::bad_alloc; and whatever a queued call throws. Releases throw
+// nothing and run no queued calls, so that a guard can end its hold while an
+// exception unwinds the stack.
 //
-// Do not destroy a lock that is held or waited for.
+// The lock knows a thread by its id, which the platform gives out again. A thread
+// that ends without releasing leaves its holds to the next thread with its id: the
+// lock takes them for that thread's own and grants its requests accordingly.
+//
+// Do not destroy a lock that is held or waited for. A static lock of a DLL may be
+// destroyed at the end of the process all the same.
 class VELT_API TMultiLock : protected _ml_free_signal_event, public virtual IMultiLockEx {
 public:
   TMultiLock() noexcept = default;
 
   // Copies every field as it stands, also the pointer to the records and the
-  // handles of the events: both locks are then one, and only one of them may
-  // still be used or destroyed.
+  // handles of the events. Afterwards both objects are the same lock; use and
+  // destroy only one of them.
   TMultiLock& operator=(TMultiLock const& other) noexcept;
 
   // A plain lock is a write lock.
@@ -67,8 +72,8 @@ public:
   void UnlockThreadIndependent() override;
 
   // The state, the holds from the oldest to the newest as "thread:R" or
-  // "thread:W", and the threads that wait to upgrade:
-  // "locked_read, 48:R,52:R, 1 r->w waiters".
+  // "thread:W", and the number of threads that wait to upgrade:
+  // "locked_read, 48:R,52:R, 1 r->w waiters". A hold of no thread has the id 0.
   std::string GetStatusString();
 
 protected:
@@ -80,8 +85,8 @@ protected:
   bool _write_lock_independent(unsigned int timeout, _owner_id id);
   void _unlock(_owner_id id) noexcept;
 
-  // The protocol. The branches that a derived class changes are calls: each is
-  // made under the inner lock, which it releases.
+  // The loops of all acquisitions. The parameters are the branches that a derived
+  // class changes; each is called under the inner lock and releases it.
   template <bool independent, class FirstReader>
   bool acquire_read(unsigned int timeout, _owner_id id, FirstReader const& first_reader);
   template <bool independent, class FirstWriter, class Upgrader>

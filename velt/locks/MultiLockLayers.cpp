@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
 #include <new>
 
 #include "velt/base/LoadOrderInternal.h"
@@ -15,6 +14,7 @@ using velt::detail::process_ends;
 
 namespace {
 
+// Some hundred microseconds in all.
 constexpr int tries_before_sleep = 200;
 constexpr int pauses_before_yield = 20;
 
@@ -32,8 +32,9 @@ public:
 
   static constexpr unsigned int wait_failed = 0;
 
-  // Waits without limit, alertably and across queued calls; returns the kind of
-  // the first that is signalled.
+  // Waits alertably until a handle is signalled and returns the kind of the first
+  // such handle. The wait itself has no limit: a queued call ends it, and with the
+  // next one a limit would begin anew. A timer among the handles runs on.
   unsigned int wait() const {
     DWORD result;
     do {
@@ -53,8 +54,10 @@ private:
 
 }  // namespace
 
-// The holder needs the length of a platform call at most, which is far less than
-// the shortest sleep. It may wait for this very processor, so that is offered.
+// A contender spins and yields before it first sleeps: the word is held for a few
+// platform calls at most, less than the shortest sleep, and its holder may be
+// waiting for this very processor. The sleeps grow, so that the contenders of a
+// suspended holder leave the processors alone.
 void _ml_interlocked_inner_lock::inner_lock_contended(_owner_id id, bool alertable) {
   for (int i = 0; i < tries_before_sleep; ++i) {
     for (int pause = 0; pause < pauses_before_yield && !is_free(); ++pause) YieldProcessor();
@@ -71,7 +74,8 @@ _ml_full_owners_list::~_ml_full_owners_list() {
   if (owners_capacity > inline_records && !process_ends()) std::free(owners);
 }
 
-// By one record: holds beyond the inline ones are rare, and few.
+// By one record: locks with more holds than the inline ones are rare, and most of
+// them have few.
 void _ml_full_owners_list::grow() {
   bool const is_inline = owners_capacity <= inline_records;
   auto const size = static_cast<std::size_t>(owners_capacity + 1) * sizeof(_owner_id);
@@ -82,6 +86,7 @@ void _ml_full_owners_list::grow() {
   ++owners_capacity;
 }
 
+// From the newest on, since releases mostly come in the reverse order.
 _ml_common::_owner_id _ml_full_owners_list::remove_owner(_owner_id id) noexcept {
   for (int i = owners_count - 1; i >= 0; --i) {
     if (!owners[i].same_owner(id)) continue;
@@ -113,6 +118,9 @@ bool _ml_full_owners_list::no_write_owner() const noexcept {
                                            [](_owner_id each) { return each.writes(); });
 }
 
+// The event of free is automatic, because only one waiter can get a free lock. It
+// stands last: a waiter that can go on by one of the manual events, which stay up
+// for everybody, leaves the one wake-up to others.
 _ml_free_signal_event::event const _ml_free_signal_event::events[3] = {
     {sig_sole_owner, true, &_ml_free_signal_event::ev_sole_owner},
     {sig_read_open, true, &_ml_free_signal_event::ev_read_open},
@@ -131,6 +139,8 @@ _ml_free_signal_event::~_ml_free_signal_event() {
     if (handle) CloseHandle(handle);
 }
 
+// The results of the calls are not checked here and below: a valid event cannot
+// fail, and an event that could not be made shows in the next wait.
 void _ml_free_signal_event::set_events(signal_set risen) noexcept {
   if (risen & sig_free) {
     ++wake_ups;
@@ -146,7 +156,8 @@ void _ml_free_signal_event::reset_events(signal_set fallen) noexcept {
     if ((fallen & each.signal) && this->*each.handle) ResetEvent(this->*each.handle);
 }
 
-// A failure shows in the wait.
+// Made under the inner lock in the state that its signal has, so that no change of
+// the signal before the first wait is lost.
 void* _ml_free_signal_event::handle_for(event const& each) noexcept {
   void*& handle = this->*each.handle;
   has_events = true;
@@ -170,6 +181,7 @@ bool _ml_free_signal_event::wait_signal(signal_set mask, _owner_id id, unsigned 
     timer.SetTimer(timeout, 0);
     waits.add(timer, time_up);
   }
+  // Before the word is free again: a wake-up from then on may be this thread's.
   history = {.wake_ups_before = wake_ups};
   inner_unlock();
 
@@ -180,6 +192,7 @@ bool _ml_free_signal_event::wait_signal(signal_set mask, _owner_id id, unsigned 
     if (kind == time_up) return false;
     history.took_wake_up = kind == sig_free;
     if (kind != sig_sole_owner) return true;
+    // The event wakes everybody who waits for it, and only one of them is the owner.
     inner_lock(id);
     bool const is_the_owner = is_only_owner(id);
     inner_unlock();
@@ -191,8 +204,12 @@ void _ml_free_signal_event::inner_lock_after_wait(_owner_id id, wait_history con
   try {
     inner_lock(id);
   } catch (...) {
+    // One wake-up is all that the end of the last hold gives. Kept by a thread that
+    // leaves, it would be lost to the others, and they would wait for ever.
     if (history.took_wake_up) SetEvent(ev_free);
     throw;
   }
+  // Exactly one wake-up since the wait began, and this thread consumed it. After two,
+  // the other one may still stand in the event.
   if (history.took_wake_up && wake_ups == history.wake_ups_before + 1) last_wake_up_taken = true;
 }

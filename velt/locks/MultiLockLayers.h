@@ -1,4 +1,4 @@
-// The layers under TMultiLock, one class each, every one standing on the one
+// The layers under TMultiLock, one class each; every class stands on the one
 // before:
 //
 //   _ml_common                   who holds: a thread, or no thread
@@ -6,7 +6,7 @@
 //   _ml_full_owners_list         a record for each hold
 //   _ml_free_signal_event        the signals that waiting threads wait for
 //
-// TMultiLock adds the states and the protocol. Nothing here is for clients.
+// TMultiLock adds the states and the protocol. Clients use nothing of this.
 #pragma once
 
 #include <atomic>
@@ -15,9 +15,9 @@
 
 class VELT_API _ml_common {
 public:
-  // A hold, or the one who asks for it: the low 31 bits of the thread's id, or 0
-  // for no thread; the highest bit is set in the record of a write hold. Ids
-  // compare without that bit.
+  // The owner of a hold: the low 31 bits of the thread's id, or 0 for no thread.
+  // The highest bit is set in the record of a write hold and ignored when owners
+  // are compared.
   struct _owner_id {
     static constexpr unsigned int write_bit = 0x80000000;
     static constexpr unsigned int thread_mask = ~write_bit;
@@ -35,15 +35,14 @@ public:
 class VELT_API _ml_interlocked_inner_lock : public _ml_common {
 protected:
   // Held for a few steps over the fields, never across a wait or a call into
-  // other code. Not recursive. Who finds it taken tries again for some
-  // microseconds, then between alertable sleeps, so that queued calls run, and
-  // can throw, in it.
+  // other code. Not recursive. A contender spins for some microseconds, then
+  // sleeps alertably between tries: queued calls run and can throw.
   void inner_lock(_owner_id id) {
     if (!try_inner_lock(id)) [[unlikely]]
       inner_lock_contended(id, true);
   }
-  // The same for the end of a hold, which has to succeed, in a destructor amid the
-  // unwinding of an exception too: queued calls are left to the thread's next wait.
+  // Like inner_lock(), but not alertable: releases run in destructors during
+  // unwinding and must not throw.
   void inner_lock_to_release(_owner_id id) noexcept {
     if (!try_inner_lock(id)) [[unlikely]]
       inner_lock_contended(id, false);
@@ -60,7 +59,7 @@ private:
   bool is_free() const noexcept { return word.load(std::memory_order_relaxed) == free_word; }
   void inner_lock_contended(_owner_id id, bool alertable);
 
-  // The holder's id is for people who look into a dump.
+  // The holder's id, for whoever reads a dump.
   std::atomic<unsigned int> word = free_word;
 
 public:
@@ -72,7 +71,7 @@ public:
   }
 };
 
-// All operations: under the inner lock.
+// All operations require the inner lock.
 class VELT_API _ml_full_owners_list : public _ml_interlocked_inner_lock {
 public:
   // Copies the fields as they stand, the pointer to the records among them.
@@ -96,7 +95,7 @@ protected:
   _owner_id remove_owner(_owner_id id) noexcept;
   static constexpr unsigned int no_record = 0xFFFFFFFF;
 
-  // How many of the records are the owner's. None of an empty list.
+  // How many of the records are the owner's; none if the list is empty.
   share owner_share(_owner_id id) const noexcept;
 
   // These three are false for an empty list.
@@ -112,8 +111,8 @@ private:
 
   void grow();
 
-  // In the order of acquisition, oldest first. Two records lie in the lock
-  // itself, which is enough for an upgrade and for a read inside a write.
+  // In the order of acquisition, oldest first. The lock itself has room for two,
+  // enough for an upgrade or a read inside a write.
   _owner_id* owners = inline_storage;
   _owner_id inline_storage[inline_records];
   int owners_count = 0;
@@ -127,15 +126,16 @@ public:
 protected:
   using signal_set = unsigned int;
   static constexpr signal_set sig_free = 2;        // nobody holds; one waiter may try
-  static constexpr signal_set sig_sole_owner = 4;  // one owner remains; it may go on
-  static constexpr signal_set sig_read_open = 8;   // writers have gone; readers may enter
+  static constexpr signal_set sig_sole_owner = 4;  // one owner remains; it may upgrade
+  static constexpr signal_set sig_read_open = 8;   // the writer has left; readers may enter
 
   _ml_free_signal_event() noexcept = default;
-  // Takes the inner lock and keeps it.
+  // Takes the inner lock and keeps it, unless a thread that the end of the process
+  // stopped has it.
   ~_ml_free_signal_event();
 
-  // Under the inner lock, which they release. A signal that stands as wanted
-  // costs no platform call, and neither does one that nobody ever waited for.
+  // Called under the inner lock, which they release. They call the platform only
+  // for a signal that changes and that somebody has waited for.
   void set_signal(signal_set mask) noexcept {
     raise(mask);
     inner_unlock();
@@ -145,7 +145,7 @@ protected:
     inner_unlock();
   }
 
-  // The same without releasing the inner lock.
+  // The same, but the inner lock stays taken.
   void raise(signal_set mask) noexcept {
     signal_set const risen = mask & ~signals;
     signals |= risen;
@@ -164,17 +164,16 @@ protected:
     unsigned int wake_ups_before = 0;   // how many there had been when it began
   };
 
-  // Called under the inner lock, which is released in every case but when the
-  // timer cannot be set. Waits until one of the signals is up, alertably; of
-  // sig_sole_owner it takes notice only if `id` is that owner. True: look at the
-  // state again. False: the time ran out. 0 asks without waiting, and
-  // 0xFFFFFFFF means no limit. Throws ESystemException if the wait fails, and
-  // says so in the history: a queued call may throw the same.
+  // Called under the inner lock and releases it, except when the timer cannot be
+  // set. Waits alertably until one of the signals is up; sig_sole_owner counts
+  // only if `id` is that owner. True: examine the state again. False: the time ran
+  // out. A timeout of 0 asks without waiting, 0xFFFFFFFF means no limit. Throws
+  // ESystemException if the wait fails and records that in the history, since a
+  // queued call may throw the same type.
   bool wait_signal(signal_set mask, _owner_id id, unsigned int timeout, wait_history& history);
 
-  // Takes the inner lock after a wait that told to look again. If a queued call
-  // throws out of it, a wake-up that the wait has used up goes on to the next
-  // waiter.
+  // Takes the inner lock after a wait that returned true. If a queued call throws
+  // out of it, the wake-up that the wait consumed passes to another waiter.
   void inner_lock_after_wait(_owner_id id, wait_history const& history);
 
 private:
@@ -183,7 +182,7 @@ private:
     bool manual;
     void* _ml_free_signal_event::*handle;
   };
-  // In the order of priority: a wait reports the first that is signalled.
+  // In order of priority: a wait reports the first that is signalled.
   static event const events[3];
 
   void* handle_for(event const& each) noexcept;
@@ -195,11 +194,11 @@ private:
   void* ev_read_open = nullptr;
   void* ev_sole_owner = nullptr;
   void* ev_free = nullptr;
-  // The truth; the events follow.
+  // The signals that are up. An event has the state of its signal from its making.
   signal_set signals = sig_free;
-  // Each setting of ev_free wakes one thread. The last one is known to have done
-  // so when that thread is back and nobody has set the event since; then it need
-  // not be reset, which saves a platform call for each hand-over of a lock.
+  // Setting ev_free wakes one thread. If that thread is back and nobody has set the
+  // event since, the wake-up was consumed and the event needs no reset, which saves
+  // a platform call for each hand-over of the lock.
   unsigned int wake_ups = 0;
   bool last_wake_up_taken = false;
   bool has_events = false;

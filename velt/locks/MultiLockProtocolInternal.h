@@ -1,6 +1,6 @@
-// The protocol of TMultiLock, shared with TMultiLockWithNotify. A waking is only
-// a hint: whoever is woken looks at the state afresh. Inlined, since the calls
-// and closures would cost as much again as all that is done without contention.
+// The protocol of TMultiLock, shared with TMultiLockWithNotify. A wake-up is only
+// a hint: a woken thread examines the state again, from the top of the loop.
+// Inlined, since calls and closures would double the cost of an uncontended lock.
 #pragma once
 
 #include "velt/locks/MultiLock.h"

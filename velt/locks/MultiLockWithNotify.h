@@ -1,6 +1,5 @@
 // TMultiLockWithNotify: a TMultiLock that tells a derived class when it goes
-// from free to held and back, for work that belongs to the first and last
-// holder.
+// from free to held and back, for work that belongs to the writers.
 #pragma once
 
 #include "velt/locks/MultiLock.h"
@@ -19,13 +18,18 @@
 //   OnWriteUnlock           before the end of the only hold of a lock that is
 //                           held for writing
 //
-// Everything else is silent. A notification may take further holds on the lock,
-// but for an upgrade in OnReadUnlock, where others may read.
+// No other operation notifies. A notification may take further holds on the lock,
+// except an upgrade in OnReadUnlock, where others may read.
 //
-// What OnReadLock or OnWriteLock throws takes the hold back and goes on to the
-// caller. What OnWriteAfterReadLock throws is swallowed: WriteLock returns as if
-// it had succeeded, while only the read holds are left. What an unlock
-// notification throws goes on to the caller after the hold has ended.
+// The write notifications are exact: everybody else waits from the first of a pair
+// to the second. The read pair is a hint: a reader that comes in during
+// OnReadUnlock gets no OnReadLock and holds the lock after it.
+//
+// An exception from OnReadLock or OnWriteLock takes the hold back and reaches the
+// caller. One from OnWriteAfterReadLock is swallowed, an interruption of a wait in
+// it included: WriteLock returns as if it had succeeded, while only the read holds
+// are left. One from an unlock notification reaches the caller after the hold has
+// ended.
 class VELT_API TMultiLockWithNotify : public TMultiLock {
 public:
   TMultiLockWithNotify() noexcept = default;
@@ -40,8 +44,8 @@ public:
   virtual void OnWriteAfterReadLock();
   virtual void OnWriteAfterReadUnlock();
 
-  // The operations of TMultiLock, without notifications. They mix with the
-  // others: each fires what it fires itself, whatever took the hold.
+  // The operations of TMultiLock, without notifications. They may be mixed with
+  // the others: an Unlock() notifies whichever form took the hold.
   virtual void ReadLockNoNotify();
   [[nodiscard]] virtual bool ReadLockNoNotify(unsigned int timeout);
   virtual void WriteLockNoNotify();

@@ -1,6 +1,6 @@
-// TMutex: the kernel's mutex as a lock. It can be waited for with a limit, be
-// shared between processes by name, and survives an owner that dies; where none
-// of this is needed, TCriticalSection is far cheaper.
+// TMutex: the kernel's mutex as a lock. Waits can have a limit, processes can share
+// it by name, and it survives an owner that dies. If none of this is needed,
+// TCriticalSection is far cheaper.
 #pragma once
 
 #include "velt/base/DoNotInitialize.h"
@@ -8,14 +8,14 @@
 #include "velt/locks/Handle.h"
 #include "velt/locks/Lock.h"
 
-// Recursive: the owner may lock it again and unlocks it as often. An abandoned
-// mutex, whose owner ended without unlocking, counts as acquired without a
-// report. Failed platform calls throw ESystemException.
+// Recursive: the owner may lock it again and must unlock it as often. If the owner
+// ended without unlocking, the next wait acquires the mutex and does not report
+// that. Failed platform calls throw ESystemException.
 //
-// Create... and Open... store the new handle over the old one, which they do not
-// close: they are for objects made with DoNotInitialize. When they fail, the
-// object holds null. Names follow the platform's rules for kernel objects; a
-// name that exists already opens that object.
+// Create... and Open... are for objects made with DoNotInitialize: they store the
+// new handle over the old one without closing that. When they fail, the object
+// holds null. Names follow the platform's rules for kernel objects; Create... with
+// a name that exists opens that object.
 class VELT_API TMutex : public THandle, public ILock {
 public:
   TMutex(_DoNotInitialize const&) noexcept {}
@@ -24,7 +24,7 @@ public:
   TMutex(char const* name);
   TMutex(wchar_t const* name);
 
-  // `owner`: the caller holds it from the start, if the call made it.
+  // `owner`: if the call made a new mutex, the caller owns it.
   void CreateMutexW(bool owner);
   void CreateMutexW(char const* name, bool owner);
   void CreateMutexW(wchar_t const* name, bool owner);

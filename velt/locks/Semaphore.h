@@ -26,8 +26,8 @@ public:
   void OpenSemaphoreW(char const* name, unsigned long access);
   void OpenSemaphoreW(wchar_t const* name, unsigned long access);
 
-  // Adds to the count; throws, and adds nothing, if that would exceed the
-  // maximum. Returns the count before.
+  // Adds to the count and returns the count before. If the sum would exceed the
+  // maximum, throws and adds nothing.
   long ReleaseSemaphore(long count);
 
   // One alertable wait: false when the time ran out, and also when a queued

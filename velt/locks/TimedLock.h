@@ -1,7 +1,7 @@
-// TTimedLock: an adaptor that measures how busy a lock is. It stands wherever
-// one of the lock interfaces is expected, forwards to the lock that it was made
-// of, and sums up the time during which at least one hold was open through it,
-// and the time during which none was.
+// TTimedLock: an adaptor that measures how busy a lock is. It takes the place of
+// any of the lock interfaces, forwards to the lock that it was made of, and sums up
+// the time during which at least one hold was open through it, and the time during
+// which none was.
 #pragma once
 
 #include <atomic>
@@ -15,7 +15,9 @@
 //
 // The totals have no lock of their own: two threads that open the first hold and
 // end the last one at the same moment can lose each other's update, so the
-// figures are good for statistics and not for accounts.
+// figures are good for statistics and not for accounts. An Unlock() without a hold
+// is counted too: the count of holds falls to -1, IsLocked() answers true, and the
+// figures are wrong from then on.
 class VELT_API TTimedLock : public IMultiLockEx {
 public:
   TTimedLock(ILock& target) noexcept;
@@ -30,8 +32,8 @@ public:
   // The time since construction: ticks of the performance counter, seconds.
   __int64 get_elapsed_ticks() const noexcept;
   double get_elapsed() const noexcept;
-  // The share of that time that was busy, from 0 to 1; not a number within the
-  // very tick of the construction.
+  // The share of that time that was busy, from 0 to 1; NaN in the very tick of
+  // the construction.
   double get_busy() const noexcept;
 
   [[nodiscard]] bool Lock(unsigned int timeout) override;

@@ -1,6 +1,6 @@
-// TWaitableTimer: the kernel's timer, for waiting until a moment together with
-// other objects. It is no lock; wait through THandle::WaitForSingleObject or
-// pass the handle to a wait for several.
+// TWaitableTimer: the kernel's timer, to wait for a moment alone or together with
+// other objects. It is no lock: wait through THandle::WaitForSingleObject, or pass
+// the handle to a wait for several objects.
 #pragma once
 
 #include "velt/base/DoNotInitialize.h"
@@ -9,10 +9,10 @@
 
 struct _FILETIME;
 
-// Failed platform calls throw ESystemException, with one exception that is kept:
-// making and opening a timer do not notice that the platform failed. The object
-// then holds null, IsValidHandle() is false, and the next SetTimer throws. For
-// Create... and Open... the rules of TMutex hold otherwise.
+// Failed platform calls throw ESystemException, except for Create... and Open...:
+// they do not notice a failure. The object then holds null, IsValidHandle() is
+// false, and the next SetTimer throws. Otherwise the rules of TMutex hold for
+// them.
 class VELT_API TWaitableTimer : public THandle {
 public:
   TWaitableTimer(_DoNotInitialize const&) noexcept {}
@@ -29,11 +29,11 @@ public:
   void OpenTimer(char const* name, unsigned long access);
   void OpenTimer(wchar_t const* name, unsigned long access);
 
-  // Signals in so many milliseconds, and again every `period` milliseconds if
-  // that is not 0.
+  // Signals after so many milliseconds, and then every `period` milliseconds unless
+  // that is 0.
   void SetTimer(unsigned long milliseconds, long period);
   void Set(unsigned long milliseconds, long period) { SetTimer(milliseconds, period); }
-  // Signals at a moment, in UTC, once.
+  // Signals once, at a moment in UTC.
   void SetTimer(_FILETIME const& due);
   void Set(_FILETIME const& due) { SetTimer(due); }
 
