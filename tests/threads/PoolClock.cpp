@@ -27,27 +27,19 @@ VELT_WATCH(_beginthreadex)
 
 namespace {
 
-// A wait of this length ends when its object is signalled, or when the test says
-// that the time is over.
-struct Limit {
-  explicit Limit(DWORD its_length) : length(its_length) {}
+// While one lives, the wait of an idle worker ends when its object is signalled, or
+// when the test says that the time is over.
+struct IdleLimit {
+  IdleLimit() { current = this; }
+  IdleLimit(IdleLimit const&) = delete;
+  ~IdleLimit() { current = nullptr; }
 
   void pass() { passed.Unlock(); }
 
-  DWORD length;
+  static constexpr DWORD length = 10'000;
+  static inline IdleLimit* current = nullptr;
   std::atomic<int> begun = 0;  // waits
-  TEvent first{true, false};   // signalled by the first of them
   TSemaphore passed{1'000, 0};
-};
-
-Limit* limits[3] = {};
-
-struct Limits {
-  Limits() { limits[0] = &idle, limits[1] = &grace, limits[2] = &obedience; }
-  ~Limits() {
-    for (auto& each : limits) each = nullptr;
-  }
-  Limit idle{10'000}, grace{2'000}, obedience{5'000};
 };
 
 }  // namespace
@@ -55,10 +47,8 @@ struct Limits {
 extern "C" {
 extern decltype(&WaitForSingleObjectEx) __real___imp_WaitForSingleObjectEx;
 static DWORD WINAPI wait(HANDLE object, DWORD time, BOOL alertable) {
-  for (Limit* const limit : limits) {
-    if (!limit || limit->length != time) continue;
+  if (IdleLimit* const limit = IdleLimit::current; limit && time == limit->length) {
     ++limit->begun;
-    limit->first.Set();
     HANDLE const both[] = {object, limit->passed};
     DWORD const result = WaitForMultipleObjectsEx(2, both, FALSE, INFINITE, alertable);
     return result == WAIT_OBJECT_0 + 1 ? WAIT_TIMEOUT : result;
@@ -85,45 +75,7 @@ struct PoolClock : ::testing::Test {
     ASSERT_TRUE(become(pool, {0, count, 0, count}));
   }
 
-  Limits time;
-};
-
-// Workers of its own, which end under the hands of the test.
-struct ContextClock : ::testing::Test {
-  ~ContextClock() noexcept override {}
-
-  struct Owner : IThreadOwner {
-    SmartPtr<IThreadJob> GetJob() override { return get_job(); }
-    void ThreadFinished(SmartPtr<IThreadContext>) override { ++reports; }
-    void JobFinished(SmartPtr<IThreadJob>) override { ++reports; }
-
-    std::function<SmartPtr<IThreadJob>()> get_job;
-    std::atomic<int> reports = 0;
-  };
-
-  // Makes a worker that asks for its first job in `get_job`, and drops it there.
-  void drop(std::function<SmartPtr<IThreadJob>()> get_job) {
-    TEvent inside;
-    time.grace.first.Reset();
-    owner->get_job = [&] {
-      inside.Set();
-      return get_job();
-    };
-    auto context = CreateNewThreadContext(owner);
-    context->Start();
-    inside.WaitForSignal();
-    THandle const thread(static_cast<void*>(dynamic_cast<TThreadContext&>(*context)));
-    context.reset();
-    EXPECT_TRUE(signaled_within(thread, 0));
-    EXPECT_EQ(owner.use_count(), 1);
-    EXPECT_EQ(owner->reports, 0);
-    DWORD code = 12345;
-    GetExitCodeThread(thread, &code);
-    EXPECT_EQ(code, 0u);
-  }
-
-  Limits time;
-  SmartPtr<Owner> owner = MakeCounted<Owner>();
+  IdleLimit idle;
 };
 
 }  // namespace
@@ -135,14 +87,14 @@ TEST_F(PoolClock, IdleWorkersLeaveAfterTenSecondsDownToTheMinimum) {
     make_idle(pool, 3);
     pool->SetLimits(1, minimum, 0);
     for (int left = 2; left >= minimum; --left) {
-      time.idle.pass();
+      idle.pass();
       EXPECT_TRUE(become(pool, {0, left, 0, left}));
     }
     if (minimum == 0) continue;
     // In vain.
-    int const before = time.idle.begun;
-    time.idle.pass();
-    EXPECT_TRUE(eventually([&] { return time.idle.begun > before; }));
+    int const before = idle.begun;
+    idle.pass();
+    EXPECT_TRUE(eventually([&] { return idle.begun > before; }));
     EXPECT_TRUE(become(pool, {0, minimum, 0, minimum}));
   }
 }
@@ -171,33 +123,6 @@ TEST_F(PoolClock, CountThatAClearedQueueLeftDoesNotRefuseAJob) {
   gate.open.Set();
   EXPECT_TRUE(become(pool, {0, 1, 0, 1}));
   EXPECT_EQ(gate.inside, 2);
-}
-
-TEST_F(ContextClock, DroppedWorkerIsInterruptedAfterItsGraceAndKilledIfItDoesNotObey) {
-  static std::atomic<bool> stop;
-  TEvent never;
-  for (bool const obeys : {true, false}) {
-    time.grace.pass();
-    if (!obeys) time.obedience.pass();
-    drop([&]() -> SmartPtr<IThreadJob> {
-      if (obeys) never.WaitForSignal();
-      while (!stop) YieldProcessor();
-      return nullptr;
-    });
-  }
-  EXPECT_EQ(time.grace.begun, 2);
-  EXPECT_EQ(time.obedience.begun, 2);
-}
-
-// While its context is being destroyed the thread must not refer to it any more.
-TEST_F(ContextClock, DroppedWorkerNeitherRunsAJobNorReports) {
-  auto const never = job([] { ADD_FAILURE() << "ran"; });
-  for (auto const& next : {never, SmartPtr<IThreadJob>()})
-    drop([&] {
-      time.grace.first.WaitForSignal();
-      return next;
-    });
-  EXPECT_EQ(never.use_count(), 1);
 }
 
 TEST(PoolFailures, ResourcesOfAPoolAndATaskAreMadeInOrderAndNoneIsLost) {

@@ -4,12 +4,26 @@
 
 #include <cstdint>
 #include <exception>
+#include <string>
+#include <typeinfo>
 
+#include "velt/base/TypeName.h"
 #include "velt/debug/DebugStream.h"
 #include "velt/exceptions/ExceptionFamily.h"
 #include "velt/faults/StackGuaranteeInternal.h"
 #include "velt/faults/StructuredException.h"
-#include "velt/threads/RunawayTextInternal.h"
+
+namespace {
+
+// "class:text", with a line feed before a text of several lines.
+void write_exception(TDebugStreamSession& session, std::exception const& exception) {
+  session << velt::detail::readable_name(typeid(exception)) << ':';
+  std::string const text = exception.what();
+  if (text.find('\n') != text.npos) session << '\n';
+  session << text;
+}
+
+}  // namespace
 
 TThreadClass::TThreadClass() noexcept : TThread(DoNotInitialize) {}
 
@@ -63,7 +77,10 @@ void TThreadClass::ask_to_end() {
 // The state is looked at again, here on the thread itself: the body may have
 // ended since the call was queued.
 void TThreadClass::ThrowEThreadInterrupt() {
-  if (InterruptState == Running) throw EThreadInterrupt();
+  if (InterruptState == Running) {
+    interrupted = true;
+    throw EThreadInterrupt();
+  }
   InterruptState.exchange(InterruptRequested);
 }
 
@@ -92,6 +109,7 @@ void TThreadClass::DynamicThreadEntry() {
   int found = Idle;
   InterruptState.compare_exchange_strong(found, Running);
   if (found == InterruptRequested) return;
+  interrupted = false;
   try {
     ThreadBody();
     body_has_ended();
@@ -100,7 +118,7 @@ void TThreadClass::DynamicThreadEntry() {
     {
       TDebugStreamSession session(Debug);
       session << "(!) Thread runaway with exception ";
-      velt::detail::write_exception(session, exception);
+      write_exception(session, exception);
       session << '\n';
     }
     OnException();

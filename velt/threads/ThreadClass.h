@@ -98,6 +98,12 @@ protected:
   // The request of InterruptThread(), without its waits.
   void ask_to_end();
 
+  // Has the body got an interruption? It may have swallowed it, and somebody waits
+  // for its end then.
+  bool interruption_came() const noexcept { return interrupted; }
+
 private:
   void body_has_ended() noexcept;
+
+  std::atomic<bool> interrupted = false;
 };

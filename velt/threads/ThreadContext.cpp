@@ -130,6 +130,8 @@ void TThreadContext::run_jobs(SmartPtr<IThreadJob>& job) {
     }
     drop_own_reference(context, job);
     report_job(job);
+    // The job has swallowed it, and whoever sent it waits for the end of this thread.
+    if (interruption_came()) throw EThreadInterrupt();
   }
 }
 

@@ -73,6 +73,8 @@ private:
   bool is_own_thread() const noexcept;
   void end_thread() noexcept;
 
+  friend class TThreadTask;  // asks whether an interruption came
+
   // No further thread, as its pool knows the worker no more. Somebody who has
   // just interrupted it may be about to start it again.
   friend class TThreadPool;
