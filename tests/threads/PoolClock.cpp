@@ -6,8 +6,11 @@
 #include <windows.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <functional>
+#include <new>
 #include <string>
+#include <utility>
 
 #include "tests/support/OpenHandles.h"
 #include "tests/support/PlatformCalls.h"
@@ -20,6 +23,14 @@
 #include "velt/threads/ThreadTask.h"
 
 using namespace velt_test;
+
+// The queue's blocks come from here.
+static std::atomic<bool> no_memory = false;
+void* operator new(std::size_t size) {
+  void* const block = no_memory ? nullptr : std::malloc(size);
+  if (!block) throw std::bad_alloc();
+  return block;
+}
 
 VELT_WATCH(CreateEventW)
 VELT_WATCH(CreateSemaphoreW)
@@ -125,6 +136,43 @@ TEST_F(PoolClock, CountThatAClearedQueueLeftDoesNotRefuseAJob) {
   EXPECT_EQ(gate.inside, 2);
 }
 
+// A report that waits for the inner word of the lock can be interrupted there.
+TEST(PoolInterruption, LeavesTheCountsOfThePoolRight) {
+  struct InnerLock : TMultiLock {
+    using TMultiLock::inner_unlock;
+    void take() { inner_lock(own_id()); }
+  };
+  struct Pool : TThreadPool {
+    Pool() : TThreadPool(1, 1, 0, 10) {}
+    ~Pool() noexcept override {}
+    SmartPtr<IThreadJob> PopJob() override {
+      if (std::exchange(is_interrupted, false)) throw EThreadInterrupt();
+      return TThreadPool::PopJob();
+    }
+    using TThreadPool::QueueLock;
+    using TThreadPool::Threads;
+    bool is_interrupted = true;
+  };
+  TestPool const pool(MakeCounted<Pool>());
+  auto& made = dynamic_cast<Pool&>(*pool.operator->());
+  Gate gate;
+  pool->AddJob(gate.job());
+  auto const worker = *made.Threads.begin();
+  ASSERT_TRUE(signaled_within(dynamic_cast<TThreadContext&>(*worker), patience));
+  worker->Start();
+  ASSERT_TRUE(eventually([&] { return gate.inside == 1; })) << "the job's count was lost";
+
+  auto& lock = static_cast<InnerLock&>(made.QueueLock);
+  lock.take();
+  gate.open.Set();
+  Worker interrupter([&] { worker->Interrupt(); });
+  interrupter.StartThread();
+  ::Sleep(100);
+  lock.inner_unlock();
+  EXPECT_TRUE(interrupter.ended_within(patience));
+  EXPECT_EQ(counts_of(pool), (PoolCounts{0, 1, 0, 0}));
+}
+
 TEST(PoolFailures, ResourcesOfAPoolAndATaskAreMadeInOrderAndNoneIsLost) {
   struct Task : TThreadTask {
     void Run(SmartPtr<IThreadContext> const&) override {}
@@ -162,4 +210,15 @@ TEST(PoolFailures, WorkerThatCannotStartIsToldButTheJobStaysQueued) {
   EXPECT_TRUE(pool->WaitForIdle(patience));
   EXPECT_EQ(runs, 2);
   EXPECT_EQ(count_of(pool, "Threads"), 2);
+}
+
+TEST(PoolFailures, JobForWhichTheQueueHasNoMemoryIsNotCounted) {
+  TestPool const pool(CreateNewThreadPool(0, 0));
+  auto const nothing = job([] {});
+  int added = 0;
+  no_memory = true;
+  EXPECT_THROW(
+      for (; added < 1'000; ++added) pool->AddJob(nothing), std::bad_alloc);
+  no_memory = false;
+  EXPECT_EQ(counts_of(pool), (PoolCounts{added, 0, added, 0}));
 }

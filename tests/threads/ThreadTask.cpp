@@ -218,18 +218,11 @@ TEST_F(ThreadTask, InterruptionIsKeptAndPassesOnUnlessTheWorkCancelledItself) {
   EXPECT_EQ(context->notes, "");
 }
 
-// Each throw can get a dump, and the last dump is the one that is kept.
 TEST_F(ThreadTask, ExceptionIsKeptWithoutASecondThrow) {
-  static int throws;
-  throws = 0;
-  void* const handler = AddVectoredExceptionHandler(1, [](EXCEPTION_POINTERS* pointers) -> LONG {
-    throws += pointers->ExceptionRecord->ExceptionCode == 0x20474343;
-    return EXCEPTION_CONTINUE_SEARCH;
-  });
+  ThrowCounter const throws;
   task->work = [] { throw EGeneric({"Text", "No room"}); };
   task->Run(context);
-  RemoveVectoredExceptionHandler(handler);
-  EXPECT_EQ(throws, 1);
+  EXPECT_EQ(throws.count, 1);
   EXPECT_EQ(text_of(*task), "No room");
 }
 

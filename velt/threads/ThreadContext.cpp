@@ -103,36 +103,66 @@ SmartPtr<IThreadContext> TThreadContext::own_reference() noexcept {
   return reference;
 }
 
+// An exception that ends the worker is reported while it passes. To catch it and
+// throw it on would be a second throw, for which the library makes a second dump,
+// without the frames that matter. What the owner throws meanwhile gives way to it.
+class TThreadContext::report_of_failure {
+public:
+  report_of_failure(TThreadContext& its_context, SmartPtr<IThreadJob>& its_job)
+      : context(its_context), job(its_job) {}
+  report_of_failure(report_of_failure const&) = delete;
+  report_of_failure& operator=(report_of_failure const&) = delete;
+  ~report_of_failure() {
+    if (!is_due) return;
+    try {
+      if (job) context.report_job(job);
+      context.report_end();
+    } catch (...) {
+    }
+  }
+
+  void leave_out() { is_due = false; }
+
+private:
+  TThreadContext& context;
+  SmartPtr<IThreadJob>& job;
+  bool is_due = true;
+};
+
 void TThreadContext::ThreadBody() {
   SmartPtr<IThreadJob> job;
-  try {
-    run_jobs(job);
-  } catch (EThreadInterrupt const&) {
-    throw;
-  } catch (...) {
-    if (job) report_job(job);
-    report_end();
-    throw;
+  {
+    report_of_failure report(*this, job);
+    try {
+      run_jobs(job);
+    } catch (EThreadInterrupt const&) {
+      report.leave_out();
+      throw;
+    }
+    report.leave_out();
   }
   report_end();
 }
 
 void TThreadContext::run_jobs(SmartPtr<IThreadJob>& job) {
   while (!retired && (job = Owner->GetJob())) {
-    auto context = own_reference();
-    // The owner has dropped the worker and waits for no report.
-    if (!context) throw EThreadInterrupt();
-    try {
-      job->Run(context);
-    } catch (...) {
-      drop_own_reference(context, job);
-      throw;
-    }
-    drop_own_reference(context, job);
+    run_job(job);
     report_job(job);
     // The job has swallowed it, and whoever sent it waits for the end of this thread.
     if (interruption_came()) throw EThreadInterrupt();
   }
+}
+
+void TThreadContext::run_job(SmartPtr<IThreadJob>& job) {
+  struct own_reference_while_running {
+    ~own_reference_while_running() { self.drop_own_reference(context, job); }
+    TThreadContext& self;
+    SmartPtr<IThreadJob>& job;
+    SmartPtr<IThreadContext> context;
+  } own{*this, job, own_reference()};
+  // The owner has dropped the worker and waits for no report.
+  if (!own.context) throw EThreadInterrupt();
+  job->Run(own.context);
 }
 
 void TThreadContext::report_job(SmartPtr<IThreadJob>& job) {

@@ -64,7 +64,9 @@ private:
   explicit TThreadContext(SmartPtr<IThreadOwner> owner) noexcept;
 
   SmartPtr<IThreadContext> own_reference() noexcept;
+  class report_of_failure;
   void run_jobs(SmartPtr<IThreadJob>& job);
+  void run_job(SmartPtr<IThreadJob>& job);
   void report_job(SmartPtr<IThreadJob>& job);
   void drop_own_reference(SmartPtr<IThreadContext>& context, SmartPtr<IThreadJob>& job);
   void report_end();

@@ -48,6 +48,7 @@ private:
 
   static void retire(IThreadContext& context);
   bool create_thread_if_needed();
+  SmartPtr<IThreadJob> pop_counted_job();
   void interrupt_workers();
   void drop_workers();
   void queue_has_changed() noexcept;
@@ -58,10 +59,13 @@ private:
   std::atomic<int> MinIdleThreads;
   std::atomic<unsigned int> IdleThreads = 0;  // in the wait of GetJob()
 
+protected:
   std::set<worker> Threads;
   TMultiLock ThreadsLock;
   std::deque<SmartPtr<IThreadJob>> JobQueue;
   TMultiLock QueueLock;
+
+private:
 
   TSemaphore JobSemaphore;  // a count for each job in the queue
 
