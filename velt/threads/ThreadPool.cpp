@@ -16,7 +16,7 @@ namespace {
 
 constexpr unsigned int idle_limit = 10'000;  // milliseconds
 
-// What a pool is made with where its maker does not say.
+// Of a pool whose maker does not say.
 constexpr int default_max = 50, default_min = 0, default_priority = 0, default_limit = 1'000'000;
 
 // A hold that never waits on the events of its lock. A released count wakes a
@@ -110,7 +110,7 @@ TThreadPool::TThreadPool(int max, int min, int priority, int limit)
       JobQueueLimit(limit),
       NoJobsEvent(true, true) {}
 
-// There are no workers then, as each keeps the pool alive, so nothing waits.
+// Waits for nobody: each worker keeps the pool alive, so there is none any more.
 TThreadPool::~TThreadPool() noexcept { TThreadPool::Stop(); }
 
 bool TThreadPool::AddJob(SmartPtr<IThreadJob> job) {
@@ -122,9 +122,9 @@ bool TThreadPool::AddJob(SmartPtr<IThreadJob> job) {
   return queue_size <= as_limit(MaxTotalThreads);
 }
 
-// A worker that took the count of a job that ClearQueue() dropped may take the next
-// job with it, whose own count stays. So the semaphore can be full before the
-// queue is; then it has a count for each job.
+// The semaphore can be full before the queue is: a worker may take a count, lose
+// its job to ClearQueue(), and take the next job instead, whose own count stays.
+// A full semaphore has a count for each job, so the refusal does no harm.
 bool TThreadPool::TryAddJob(SmartPtr<IThreadJob> job) {
   write_hold const hold(QueueLock);
   if (JobQueue.size() >= static_cast<unsigned int>(JobQueueLimit)) return false;
@@ -150,6 +150,10 @@ void TThreadPool::JobFinished(SmartPtr<IThreadJob>) {
   if (--RunningJobs == 0) NoJobsEvent.SetEvent();
 }
 
+// Leaves NoJobsEvent as it is, so that WaitForIdle() is false until the next job has
+// finished. The counts go before the jobs: a worker that took one in between finds
+// the queue empty and goes back to its wait. The jobs are released without the lock,
+// from the last to the first, since their destructors may use the pool.
 void TThreadPool::ClearQueue() {
   std::deque<SmartPtr<IThreadJob>> dropped;
   {
@@ -165,8 +169,9 @@ void TThreadPool::ClearQueue() {
 
 bool TThreadPool::WaitForIdle(int timeoutMs) { return NoJobsEvent.Signaled(timeoutMs); }
 
-// The queue's size may be stale. A wrong answer costs a thread too many, or one
-// that comes with the next job.
+// The queue's size is read without its lock, so that no thread ever holds both, and
+// may be stale. A wrong answer costs a thread too many, or one that comes with the
+// next job.
 bool TThreadPool::NeedMoreThreads() {
   read_hold const hold(ThreadsLock);
   return IdleThreads < queue_size && Threads.size() < as_limit(MaxTotalThreads);
@@ -177,6 +182,8 @@ bool TThreadPool::TooManyThreads() {
   return Threads.size() > as_limit(MaxTotalThreads);
 }
 
+// The worker is in the set before it starts, so that it never runs unknown to the
+// pool. If its thread cannot be started it stays there: the next Stop() drops it.
 void TThreadPool::CreateThread() {
   write_hold const hold(ThreadsLock);
   auto const created = CreateNewThreadContext(this);
@@ -186,8 +193,8 @@ void TThreadPool::CreateThread() {
   if (int const priority = ThreadPriority) created->SetPriority(priority);
 }
 
-// Asked again under the lock, so that no thread begins behind the back of a
-// Stop() that came in between, and two jobs do not take the last place twice.
+// Asks again under the lock: a Stop() may have come in between, or another job have
+// taken the last place.
 bool TThreadPool::create_thread_if_needed() {
   if (!NeedMoreThreads()) return false;
   write_hold const hold(ThreadsLock);
@@ -196,6 +203,10 @@ bool TThreadPool::create_thread_if_needed() {
   return true;
 }
 
+// A lowered maximum sends a worker away when it comes back from a job, not in its
+// idle wait. That wait is where an interruption is meant to arrive. The worker
+// counts as idle until it has its job, or has decided to leave, so that an AddJob()
+// meanwhile does not start another one beside it.
 SmartPtr<IThreadJob> TThreadPool::GetJob() {
   if (TooManyThreads()) return nullptr;
   for (;;) {
@@ -206,7 +217,8 @@ SmartPtr<IThreadJob> TThreadPool::GetJob() {
   }
 }
 
-// An interruption gives the count back: the job stays in the queue.
+// If an interruption comes in between, the count goes back: the job is still in the
+// queue, and another worker must wake for it.
 SmartPtr<IThreadJob> TThreadPool::pop_counted_job() try {
   return PopJob();
 } catch (...) {
@@ -218,6 +230,8 @@ void TThreadPool::retire(IThreadContext& context) {
   static_cast<TThreadContext&>(context).retire();
 }
 
+// The worker that left before is destroyed after the hold: its destructor waits for
+// its thread, which may still want the lock.
 void TThreadPool::ThreadFinished(SmartPtr<IThreadContext> context) {
   worker left_before;
   report_hold const hold(ThreadsLock);
@@ -227,7 +241,7 @@ void TThreadPool::ThreadFinished(SmartPtr<IThreadContext> context) {
     left_before = FinishedThread.exchange(context);
   }
   context.reset();
-  // A queue must not be stranded because the last worker died.
+  // Jobs may wait that nobody else would take.
   if (Threads.empty() && NeedMoreThreads()) CreateThread();
 }
 
@@ -239,6 +253,10 @@ void TThreadPool::SetLimits(int maxTotalThreads, int minIdleThreads, int priorit
   }
 }
 
+// The limits come first: workers that finish a job from now on leave by themselves,
+// and AddJob() starts no other. The queue is cleared a second time for jobs that
+// came while the workers were interrupted. At the end of the process the other
+// threads are gone, perhaps with a lock of the pool.
 void TThreadPool::Stop() {
   if (velt::detail::process_ends()) return;
   MinIdleThreads.exchange(0);
@@ -249,6 +267,7 @@ void TThreadPool::Stop() {
   drop_workers();
 }
 
+// Without the lock, which a worker may want before it ends.
 void TThreadPool::interrupt_workers() {
   std::vector<worker> workers;
   {
@@ -258,8 +277,8 @@ void TThreadPool::interrupt_workers() {
   for (auto const& each : workers) each->Interrupt();
 }
 
-// Some may have begun since the others were interrupted, if somebody has raised
-// the limits: they must not run on without a pool that knows them.
+// Interrupts once more: if somebody has raised the limits meanwhile, there are new
+// workers, which must not run on unknown to the pool.
 void TThreadPool::drop_workers() {
   std::set<worker> dropped;
   {

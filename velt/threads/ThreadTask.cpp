@@ -14,9 +14,9 @@
 
 namespace {
 
-// Milliseconds. A worker needs some instructions from its decision to run a task
-// to the mark that says so, and somebody who cancels as few before he queues the
-// interruption; but a thread that is suspended there needs for ever.
+// Milliseconds. A worker needs a few instructions from its decision to run a task to
+// TaskStarted(), and Cancel() as few before it queues the interruption. The limits
+// are for a thread that is suspended there.
 constexpr int longest_start = 5'000, longest_cancel = 10'000;
 
 }  // namespace
@@ -81,8 +81,7 @@ bool TThreadTask::change_phase(phase from, phase to) noexcept {
   return life.compare_exchange_strong(from, to);
 }
 
-// True from the moment on at which nobody interrupts the worker for this task any
-// more.
+// If true, nobody interrupts the worker for this task from now on.
 bool TThreadTask::end_by_worker() noexcept {
   return change_phase(phase::running, phase::ended) ||
          change_phase(phase::resigning, phase::ended);
@@ -119,12 +118,13 @@ void TThreadTask::finish() {
   context_copies.replace(Context, SmartPtr<IThreadContext>());
 }
 
-// Somebody cancels the task and waits for the end of this thread. Until the call
-// is queued the thread must not leave its body: to interrupt a thread without a
-// body bars the worker from all further work. The call may have come already, and
-// the work have swallowed it; and an EThreadInterrupt may be of other origin. Only
-// the library's own workers know; of others it is taken for granted that an
-// exception was that call.
+// A Cancel() is under way on another thread, which waits for the end of this one.
+// Until it has queued its call, this thread must not leave its body: an
+// interruption that finds no body bars the worker from all further work.
+//
+// An exception alone does not tell that the call has come: the work may have
+// swallowed it, or thrown an EThreadInterrupt of its own. The library's workers
+// know; of workers of others an exception is taken for the call.
 void TThreadTask::await_interruption(bool has_exception) const {
   auto const worker = current_worker();
   auto const own = dynamic_cast<TThreadContext const*>(worker.get());
@@ -134,13 +134,13 @@ void TThreadTask::await_interruption(bool has_exception) const {
            GetTickCount64() < end)
       TThread::Pause();
   } catch (EThreadInterrupt const&) {
-    // The caller goes by the phase.
+    // The phase tells the caller.
   }
 }
 
-// One at a time: two that both started the worker again would leave it with two
-// threads. The worker takes no lock at its end, so that one which is suspended or
-// killed there keeps nobody from cancelling.
+// One at a time: two calls that both start the worker again would give it two
+// threads. The worker itself takes no lock when its task ends, so a worker that is
+// suspended or killed there keeps nobody from cancelling.
 void TThreadTask::Cancel() {
   if (worker_thread == GetCurrentThreadId()) resign();
   TLock const guard(cancel_lock);
@@ -156,15 +156,15 @@ void TThreadTask::Cancel() {
   finish();
 }
 
-// The worker stays with the pool: what passes through the work is caught by the
-// one who called it.
+// Does not interrupt the worker, which nobody would start again: the exception
+// passes through the work only, and run_work() catches it.
 void TThreadTask::resign() {
   change_phase(phase::running, phase::resigning);
   await_interruption(false);
   throw EThreadInterrupt();
 }
 
-// The worker left without telling its owner, where it is still registered and
+// An interrupted worker ends without a report: its owner still knows it, and it
 // goes on once it has a thread.
 void TThreadTask::interrupt_worker() try {
   WaitForStart(longest_start);
@@ -181,8 +181,8 @@ void TThreadTask::interrupt_worker() try {
   throw;
 }
 
-// Either this or Cancel() decides, so that no work begins behind the back of
-// somebody who was told that it will not.
+// Either this or Cancel() changes the phase first: work does not begin after its
+// task was cancelled.
 bool TThreadTask::begin(SmartPtr<IThreadContext> const& context) {
   if (!change_phase(phase::waiting, phase::running)) return false;
   Context = context;
@@ -211,9 +211,9 @@ void TThreadTask::run_work(SmartPtr<IThreadContext> const& context, void (*work)
   }
 }
 
-// A clause for each type instead of one that sorts by `throw;`: each throw under
-// way would get a dump, and the last one, made when the frames of the work are
-// gone, would be the one that is kept.
+// A clause for each type: to sort by `throw;` would be a second throw, for which the
+// library makes a second dump. That one would be kept, although it is made when the
+// frames of the work are gone.
 void TThreadTask::keep_failure_of(void (*work)(void*), void* its_work) {
   try {
     work(its_work);
@@ -236,7 +236,7 @@ void TThreadTask::keep_failure_of(void (*work)(void*), void* its_work) {
   }
 }
 
-// The first one stays. The worker and somebody who cancels may both have one.
+// Keeps the first exception: the worker and Cancel() may both have one.
 void TThreadTask::keep(EGeneric const& error) {
   auto kept = std::make_unique<EGeneric>(error);
   EGeneric* none = nullptr;

@@ -1,8 +1,8 @@
 // TThreadTask: a job that can be watched and steered, to derive from; and
 // MakeThreadTask(), which makes one of a callable. docs/threads.md shows both.
 //
-// Beside std::packaged_task: a task has no result, but it can be cancelled while
-// it runs, stopped and resumed, and asked whether it has begun.
+// Unlike a std::packaged_task, a task has no result, but it can be cancelled while
+// it runs, suspended and resumed, and asked whether it has begun.
 #pragma once
 
 #include <atomic>
@@ -27,8 +27,8 @@ class EGeneric;
 //   ended                    yes        yes        none
 //   cancelled in the queue   no         yes        none
 //
-// A derived class supplies Run(). RunTask() keeps for it what the operations rely
-// on; a Run() of its own has to
+// A derived class supplies Run(). RunTask() does all that the operations rely on;
+// a Run() without it has to
 //
 //   - do nothing if IsFinished(): to cancel a task does not take it out of a
 //     queue;
@@ -109,7 +109,7 @@ protected:
   EGeneric* Exception = nullptr;
 
 private:
-  // Who ends the task: its worker, or somebody who cancels it.
+  // Who ends the task, its worker or Cancel():
   //
   //   waiting     to running      the worker, before the work
   //   running     to ended        the worker, after the work
@@ -122,8 +122,8 @@ private:
   //   cancelling  to running      Cancel(), if the interruption failed
   enum class phase { waiting, running, resigning, ended, cancelling, cancelled };
 
-  // Not a part of the template: a compiler that looks into the work and finds that
-  // nothing in it throws drops the handlers around it. A fault or an overflow in
+  // Not a part of the template: if the compiler sees the work and proves that it
+  // throws nothing, it drops the handlers around it. Then a fault or an overflow in
   // the work would leave the task unfinished for ever.
   void run_work(SmartPtr<IThreadContext> const& context, void (*work)(void*), void* its_work);
   bool begin(SmartPtr<IThreadContext> const& context);
