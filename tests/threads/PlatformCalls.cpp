@@ -175,18 +175,6 @@ struct WaitingThread final : TThreadClass {
   using TThreadClass::Running;
 };
 
-Operation<WaitingThread> const class_operations[] = {
-    {"SuspendThread(handle)",
-     [](WaitingThread& t) {
-       t.SuspendThread();
-       __real___imp_ResumeThread(t);
-     }},
-    {"ResumeThread(handle)", [](WaitingThread& t) { t.ResumeThread(); }},
-    {"SetThreadPriority(handle, 2)", [](WaitingThread& t) { t.SetThreadPriority(2); }},
-    {"WaitForSingleObjectEx(handle, 7, 1)", [](WaitingThread& t) { t.StopThread(7); }},
-    {"WaitForSingleObjectEx(handle, 7, 1)", [](WaitingThread& t) { t.InterruptThread(7, 9); }},
-};
-
 struct ThreadCalls : ::testing::Test {
   // The first throw opens handles for good.
   static void SetUpTestSuite() {
@@ -250,34 +238,6 @@ TEST_F(ThreadCalls, DestructorOfTThreadClosesWhatIsHeldAndThrowsIfItCannot) {
     null_held.AttachHandle(nullptr);
   }
   EXPECT_EQ(watch.calls, "");
-}
-
-TEST_F(ThreadCalls, OperationsOfTThreadClassForwardAndThrow) {
-  for (auto const& [call, run] : class_operations) {
-    SCOPED_TRACE(call);
-    end_of_waiting().Reset();
-    WaitingThread thread;
-    thread.start_into_body();
-    std::string calls;
-    EXPECT_EQ(code_of_failing(call_name(call).c_str(), [&] { run(thread); }, calls),
-              injected_code);
-    EXPECT_EQ(calls, call);
-    EXPECT_EQ(thread.InterruptState, WaitingThread::Running);
-    let_threads_end();
-    ::WaitForSingleObject(thread, INFINITE);
-    Watch watch;
-    if (call_name(call) == "WaitForSingleObjectEx") run(thread);
-  }
-}
-
-TEST_F(ThreadCalls, StartOfAnObjectPassesItToTheEntry) {
-  std::string calls;
-  WaitingThread thread;
-  EXPECT_EQ(code_of_failing("_beginthreadex", [&] { thread.StartThread(); }, calls), injected_code);
-  EXPECT_EQ(calls, "_beginthreadex(none, 0, entry, handle, 0, out)");
-  EXPECT_FALSE(thread.IsValidHandle());
-  let_threads_end();
-  thread.start_into_body();
 }
 
 TEST_F(ThreadCalls, EntryArmsFaultsBeforeTheGuaranteeAndThatBeforeTheBody) {

@@ -6,8 +6,11 @@
 #include <windows.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <functional>
+#include <new>
 #include <string>
+#include <utility>
 
 #include "tests/support/OpenHandles.h"
 #include "tests/support/PlatformCalls.h"
@@ -21,33 +24,33 @@
 
 using namespace velt_test;
 
+// The queue's blocks come from here.
+static std::atomic<bool> no_memory = false;
+void* operator new(std::size_t size) {
+  void* const block = no_memory ? nullptr : std::malloc(size);
+  if (!block) throw std::bad_alloc();
+  return block;
+}
+
 VELT_WATCH(CreateEventW)
 VELT_WATCH(CreateSemaphoreW)
 VELT_WATCH(_beginthreadex)
 
 namespace {
 
-// A wait of this length ends when its object is signalled, or when the test says
-// that the time is over.
-struct Limit {
-  explicit Limit(DWORD its_length) : length(its_length) {}
+// While one lives, the wait of an idle worker ends when its object is signalled, or
+// when the test says that the time is over.
+struct IdleLimit {
+  IdleLimit() { current = this; }
+  IdleLimit(IdleLimit const&) = delete;
+  ~IdleLimit() { current = nullptr; }
 
   void pass() { passed.Unlock(); }
 
-  DWORD length;
+  static constexpr DWORD length = 10'000;
+  static inline IdleLimit* current = nullptr;
   std::atomic<int> begun = 0;  // waits
-  TEvent first{true, false};   // signalled by the first of them
   TSemaphore passed{1'000, 0};
-};
-
-Limit* limits[3] = {};
-
-struct Limits {
-  Limits() { limits[0] = &idle, limits[1] = &grace, limits[2] = &obedience; }
-  ~Limits() {
-    for (auto& each : limits) each = nullptr;
-  }
-  Limit idle{10'000}, grace{2'000}, obedience{5'000};
 };
 
 }  // namespace
@@ -55,10 +58,8 @@ struct Limits {
 extern "C" {
 extern decltype(&WaitForSingleObjectEx) __real___imp_WaitForSingleObjectEx;
 static DWORD WINAPI wait(HANDLE object, DWORD time, BOOL alertable) {
-  for (Limit* const limit : limits) {
-    if (!limit || limit->length != time) continue;
+  if (IdleLimit* const limit = IdleLimit::current; limit && time == limit->length) {
     ++limit->begun;
-    limit->first.Set();
     HANDLE const both[] = {object, limit->passed};
     DWORD const result = WaitForMultipleObjectsEx(2, both, FALSE, INFINITE, alertable);
     return result == WAIT_OBJECT_0 + 1 ? WAIT_TIMEOUT : result;
@@ -85,45 +86,7 @@ struct PoolClock : ::testing::Test {
     ASSERT_TRUE(become(pool, {0, count, 0, count}));
   }
 
-  Limits time;
-};
-
-// Workers of its own, which end under the hands of the test.
-struct ContextClock : ::testing::Test {
-  ~ContextClock() noexcept override {}
-
-  struct Owner : IThreadOwner {
-    SmartPtr<IThreadJob> GetJob() override { return get_job(); }
-    void ThreadFinished(SmartPtr<IThreadContext>) override { ++reports; }
-    void JobFinished(SmartPtr<IThreadJob>) override { ++reports; }
-
-    std::function<SmartPtr<IThreadJob>()> get_job;
-    std::atomic<int> reports = 0;
-  };
-
-  // Makes a worker that asks for its first job in `get_job`, and drops it there.
-  void drop(std::function<SmartPtr<IThreadJob>()> get_job) {
-    TEvent inside;
-    time.grace.first.Reset();
-    owner->get_job = [&] {
-      inside.Set();
-      return get_job();
-    };
-    auto context = CreateNewThreadContext(owner);
-    context->Start();
-    inside.WaitForSignal();
-    THandle const thread(static_cast<void*>(dynamic_cast<TThreadContext&>(*context)));
-    context.reset();
-    EXPECT_TRUE(signaled_within(thread, 0));
-    EXPECT_EQ(owner.use_count(), 1);
-    EXPECT_EQ(owner->reports, 0);
-    DWORD code = 12345;
-    GetExitCodeThread(thread, &code);
-    EXPECT_EQ(code, 0u);
-  }
-
-  Limits time;
-  SmartPtr<Owner> owner = MakeCounted<Owner>();
+  IdleLimit idle;
 };
 
 }  // namespace
@@ -135,14 +98,14 @@ TEST_F(PoolClock, IdleWorkersLeaveAfterTenSecondsDownToTheMinimum) {
     make_idle(pool, 3);
     pool->SetLimits(1, minimum, 0);
     for (int left = 2; left >= minimum; --left) {
-      time.idle.pass();
+      idle.pass();
       EXPECT_TRUE(become(pool, {0, left, 0, left}));
     }
     if (minimum == 0) continue;
     // In vain.
-    int const before = time.idle.begun;
-    time.idle.pass();
-    EXPECT_TRUE(eventually([&] { return time.idle.begun > before; }));
+    int const before = idle.begun;
+    idle.pass();
+    EXPECT_TRUE(eventually([&] { return idle.begun > before; }));
     EXPECT_TRUE(become(pool, {0, minimum, 0, minimum}));
   }
 }
@@ -173,31 +136,41 @@ TEST_F(PoolClock, CountThatAClearedQueueLeftDoesNotRefuseAJob) {
   EXPECT_EQ(gate.inside, 2);
 }
 
-TEST_F(ContextClock, DroppedWorkerIsInterruptedAfterItsGraceAndKilledIfItDoesNotObey) {
-  static std::atomic<bool> stop;
-  TEvent never;
-  for (bool const obeys : {true, false}) {
-    time.grace.pass();
-    if (!obeys) time.obedience.pass();
-    drop([&]() -> SmartPtr<IThreadJob> {
-      if (obeys) never.WaitForSignal();
-      while (!stop) YieldProcessor();
-      return nullptr;
-    });
-  }
-  EXPECT_EQ(time.grace.begun, 2);
-  EXPECT_EQ(time.obedience.begun, 2);
-}
+// A report that waits for the inner word of the lock can be interrupted there.
+TEST(PoolInterruption, LeavesTheCountsOfThePoolRight) {
+  struct InnerLock : TMultiLock {
+    using TMultiLock::inner_unlock;
+    void take() { inner_lock(own_id()); }
+  };
+  struct Pool : TThreadPool {
+    Pool() : TThreadPool(1, 1, 0, 10) {}
+    ~Pool() noexcept override {}
+    SmartPtr<IThreadJob> PopJob() override {
+      if (std::exchange(is_interrupted, false)) throw EThreadInterrupt();
+      return TThreadPool::PopJob();
+    }
+    using TThreadPool::QueueLock;
+    using TThreadPool::Threads;
+    bool is_interrupted = true;
+  };
+  TestPool const pool(MakeCounted<Pool>());
+  auto& made = dynamic_cast<Pool&>(*pool.operator->());
+  Gate gate;
+  pool->AddJob(gate.job());
+  auto const worker = *made.Threads.begin();
+  ASSERT_TRUE(signaled_within(dynamic_cast<TThreadContext&>(*worker), patience));
+  worker->Start();
+  ASSERT_TRUE(eventually([&] { return gate.inside == 1; })) << "the job's count was lost";
 
-// While its context is being destroyed the thread must not refer to it any more.
-TEST_F(ContextClock, DroppedWorkerNeitherRunsAJobNorReports) {
-  auto const never = job([] { ADD_FAILURE() << "ran"; });
-  for (auto const& next : {never, SmartPtr<IThreadJob>()})
-    drop([&] {
-      time.grace.first.WaitForSignal();
-      return next;
-    });
-  EXPECT_EQ(never.use_count(), 1);
+  auto& lock = static_cast<InnerLock&>(made.QueueLock);
+  lock.take();
+  gate.open.Set();
+  Worker interrupter([&] { worker->Interrupt(); });
+  interrupter.StartThread();
+  ::Sleep(100);
+  lock.inner_unlock();
+  EXPECT_TRUE(interrupter.ended_within(patience));
+  EXPECT_EQ(counts_of(pool), (PoolCounts{0, 1, 0, 0}));
 }
 
 TEST(PoolFailures, ResourcesOfAPoolAndATaskAreMadeInOrderAndNoneIsLost) {
@@ -237,4 +210,15 @@ TEST(PoolFailures, WorkerThatCannotStartIsToldButTheJobStaysQueued) {
   EXPECT_TRUE(pool->WaitForIdle(patience));
   EXPECT_EQ(runs, 2);
   EXPECT_EQ(count_of(pool, "Threads"), 2);
+}
+
+TEST(PoolFailures, JobForWhichTheQueueHasNoMemoryIsNotCounted) {
+  TestPool const pool(CreateNewThreadPool(0, 0));
+  auto const nothing = job([] {});
+  int added = 0;
+  no_memory = true;
+  EXPECT_THROW(
+      for (; added < 1'000; ++added) pool->AddJob(nothing), std::bad_alloc);
+  no_memory = false;
+  EXPECT_EQ(counts_of(pool), (PoolCounts{added, 0, added, 0}));
 }

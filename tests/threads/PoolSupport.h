@@ -29,6 +29,24 @@ inline SmartPtr<IThreadJob> job(std::function<void()> work) {
   return MakeCounted<Job>(std::move(work));
 }
 
+// Of the process. Each throw can get a dump, and the last one is the one that is
+// kept.
+class ThrowCounter {
+public:
+  ThrowCounter() { count = 0; }
+  ThrowCounter(ThrowCounter const&) = delete;
+  ~ThrowCounter() { RemoveVectoredExceptionHandler(handler); }
+
+  static inline std::atomic<int> count = 0;
+
+private:
+  static LONG WINAPI note(EXCEPTION_POINTERS* pointers) {
+    count += pointers->ExceptionRecord->ExceptionCode == 0x20474343;
+    return EXCEPTION_CONTINUE_SEARCH;
+  }
+  void* const handler = AddVectoredExceptionHandler(1, note);
+};
+
 // Jobs that wait until they are let go, and can be interrupted meanwhile.
 class Gate {
 public:

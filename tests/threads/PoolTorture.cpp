@@ -17,6 +17,7 @@
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <random>
 #include <string>
 #include <thread>
@@ -75,7 +76,18 @@ class Round;
 struct Work {
   Round* round;
   kind what;
+  std::shared_ptr<std::atomic<bool>> done = std::make_shared<std::atomic<bool>>(false);
   void operator()() const;
+};
+
+struct Task {
+  SmartPtr<IThreadTask> task;
+  std::shared_ptr<std::atomic<bool>> done;
+
+  void check() const {
+    if (task->IsFinished() && !task->IsException())
+      expect(*done, "a task reads finished without an exception, and was not done");
+  }
 };
 
 struct Job final : IThreadJob {
@@ -128,14 +140,15 @@ public:
 private:
   void act(unsigned seed, unsigned steps) {
     std::mt19937 random(seed);
-    std::vector<SmartPtr<IThreadTask>> tasks;
+    std::vector<Task> tasks;
     for (unsigned i = 0; i < steps; ++i) {
       step(random, tasks);
       if (random() % 32 == 0) ::Sleep(1);
     }
+    for (auto const& each : tasks) each.check();
   }
 
-  void step(std::mt19937& random, std::vector<SmartPtr<IThreadTask>>& tasks) {
+  void step(std::mt19937& random, std::vector<Task>& tasks) {
     auto const what =
         allowed(static_cast<kind>(random() % static_cast<unsigned>(kind::count)), calm);
     switch (random() % 16) {
@@ -158,22 +171,24 @@ private:
     pool->SetLimits(3, 0, 0);
   }
 
-  void add_task(kind what, std::vector<SmartPtr<IThreadTask>>& tasks) {
+  void add_task(kind what, std::vector<Task>& tasks) {
     try {
-      tasks.push_back(pool->AddJob(Work{this, what}));
+      Work const work{this, what};
+      tasks.push_back({pool->AddJob(work), work.done});
       ++counts.added;
     } catch (EGeneric const&) {
       ++counts.refused;
     }
   }
 
-  void cancel(std::mt19937& random, std::vector<SmartPtr<IThreadTask>>& tasks) {
+  void cancel(std::mt19937& random, std::vector<Task>& tasks) {
     if (tasks.empty()) return;
-    auto& task = tasks[random() % tasks.size()];
+    auto& each = tasks[random() % tasks.size()];
     ++counts.cancels;
-    task->Cancel();
-    expect(task->IsFinished(), "a cancelled task is not finished");
-    task = tasks.back();
+    each.task->Cancel();
+    expect(each.task->IsFinished(), "a cancelled task is not finished");
+    each.check();
+    each = tasks.back();
     tasks.pop_back();
   }
 
@@ -204,6 +219,7 @@ void Work::operator()() const {
       case kind::interrupt: throw EThreadInterrupt();
       default: break;
     }
+    *done = true;
   } catch (EThreadInterrupt const&) {
     ++counts.interrupted;
     throw;

@@ -88,7 +88,9 @@ TEST_F(ThreadContext, JobThatThrowsIsReportedThenTheWorkerThenTheLineIsWritten) 
   add([&] { throw EGeneric({"Text", "No room"}); });
   add([] {});
   owner->on_thread_finished = [&] { owner->note(debug.text() + "| "); };
+  ThrowCounter const throws;
   run_to_the_end();
+  EXPECT_EQ(throws.count, 1);
   EXPECT_EQ(owner->notes, "get job_finished thread_finished | ");
   EXPECT_EQ(debug.text(), "(!) Thread runaway with exception EGeneric:No room\n");
 }

@@ -7,11 +7,16 @@
 #include <string>
 #include <utility>
 
-#include "tests/support/OpenHandles.h"
 #include "tests/threads/PoolSupport.h"
 #include "velt/exceptions/ExceptionFamily.h"
 
 using namespace velt_test;
+
+using TwoTasks = std::pair<SmartPtr<IThreadTask>, SmartPtr<IThreadTask>>;
+TwoTasks add_recursions_0(IThreadPool& pool);
+TwoTasks add_recursions_1(IThreadPool& pool);
+TwoTasks add_recursions_2(IThreadPool& pool);
+TwoTasks add_recursions_3(IThreadPool& pool);
 
 namespace {
 
@@ -39,8 +44,6 @@ public:
   }
 
   using TThreadTask::Context;
-  using TThreadTask::Exception;
-  using TThreadTask::Finished;
   using TThreadTask::TaskFinished;
   using TThreadTask::TaskInterrupted;
 
@@ -56,6 +59,16 @@ struct ThreadTask : ::testing::Test {
 std::string state(OpenTask const& task) {
   return std::string(task.IsStarted() ? "started " : "") + (task.IsFinished() ? "finished " : "") +
          (task.IsRunning() ? "running " : "") + (task.Context ? "worker " : "");
+}
+
+// Of the exception that was kept.
+std::string text_of(IThreadTask& task) {
+  try {
+    if (task.IsException()) task.RethrowException();
+  } catch (EGeneric const& error) {
+    return error["Text"].as_string();
+  }
+  return "";
 }
 
 void steer(IThreadTask& task) {
@@ -102,10 +115,11 @@ TEST_F(ThreadTask, RunsOnceUnlessItWasCancelledInTheQueue) {
     for (int i = 0; i < 2; ++i) each->Run(context);
     EXPECT_EQ(state(*each), cancelled ? "finished " : "started finished ");
     EXPECT_EQ(runs, !cancelled);
+    EXPECT_EQ(text_of(*each), cancelled ? "Interrupted" : "");
   }
 }
 
-TEST_F(ThreadTask, CancelInterruptsTheWorkerAndStartsItAgainUnlessItFinishedMeanwhile) {
+TEST_F(ThreadTask, CancelInterruptsTheWorkerAndStartsItAgain) {
   using T = OpenTask;
   struct {
     void (*on_interrupt)(T&);
@@ -114,7 +128,6 @@ TEST_F(ThreadTask, CancelInterruptsTheWorkerAndStartsItAgainUnlessItFinishedMean
   } const rows[] = {
       {[](T&) {}, [](T& t) { EXPECT_FALSE(t.IsFinished()); }, "interrupt start "},
       {[](T&) {}, [](T&) { throw 5; }, "interrupt start "},
-      {[](T& t) { t.TaskFinished(); }, [](T&) {}, "interrupt "},
       {[](T& t) { t.TaskInterrupted(); }, [](T& t) { EXPECT_TRUE(t.IsFinished()); },
        "interrupt start "},
   };
@@ -128,6 +141,7 @@ TEST_F(ThreadTask, CancelInterruptsTheWorkerAndStartsItAgainUnlessItFinishedMean
       each->Cancel();
       EXPECT_EQ(context->notes, notes);
       EXPECT_EQ(state(*each), "started finished ");
+      EXPECT_EQ(text_of(*each), "Interrupted");
       EXPECT_EQ(context.use_count(), 1);
     }
   }
@@ -187,50 +201,40 @@ TEST_F(ThreadTask, ExceptionIsKeptWithItsValuesAndThrownAsAnEGeneric) {
   }
 }
 
-TEST_F(ThreadTask, InterruptionPassesOnAndIsNotKept) {
-  task->work = [&] {
-    EXPECT_EQ(state(*task), "started running worker ");
-    throw EThreadInterrupt();
-  };
-  EXPECT_THROW(task->Run(context), EThreadInterrupt);
-  EXPECT_EQ(state(*task), "started finished ");
-  EXPECT_FALSE(task->IsException());
+TEST_F(ThreadTask, InterruptionIsKeptAndPassesOnUnlessTheWorkCancelledItself) {
+  for (bool const by_itself : {false, true}) {
+    auto const each = MakeCounted<OpenTask>();
+    each->work = [&] {
+      EXPECT_EQ(state(*each), "started running worker ");
+      by_itself ? each->Cancel() : throw EThreadInterrupt();
+    };
+    if (by_itself)
+      each->Run(context);
+    else
+      EXPECT_THROW(each->Run(context), EThreadInterrupt);
+    EXPECT_EQ(state(*each), "started finished ");
+    EXPECT_EQ(text_of(*each), "Interrupted");
+  }
+  EXPECT_EQ(context->notes, "");
 }
 
-TEST_F(ThreadTask, EndOfATaskClosesItsEventsAndReleasesWhatItHolds) {
-  static int live;
-  struct CountedException : EGeneric {
-    CountedException() { ++live; }
-    ~CountedException() override { --live; }
-  };
-  long const before = open_handles();
-  {
-    auto const other = MakeCounted<OpenTask>();
-    EXPECT_EQ(open_handles(), before + 2);
-    other->begin(context);
-    other->Exception = new CountedException;
-  }
-  EXPECT_EQ(open_handles(), before);
-  EXPECT_EQ(context.use_count(), 1);
-  EXPECT_EQ(live, 0);
+TEST_F(ThreadTask, ExceptionIsKeptWithoutASecondThrow) {
+  ThrowCounter const throws;
+  task->work = [] { throw EGeneric({"Text", "No room"}); };
+  task->Run(context);
+  EXPECT_EQ(throws.count, 1);
+  EXPECT_EQ(text_of(*task), "No room");
 }
 
-TEST_F(ThreadTask, CopySharesWorkerEventsAndException) {
-  task->begin(context);
-  EGeneric kept;
-  task->Exception = &kept;
-  // The count of references is assigned too: one, for both.
-  auto const copy = MakeCounted<OpenTask>(*task), assigned = MakeCounted<OpenTask>();
-  OpenTask& target = *assigned;
-  target = *task;
-  for (auto* const other : {copy.get(), &target}) {
-    EXPECT_EQ(state(*other), "started running worker ");
-    EXPECT_EQ(other->Exception, &kept);
-    EXPECT_NE(static_cast<void*>(other->Finished), static_cast<void*>(task->Finished));
+// The compiler sees that the work throws nothing, whatever the level.
+TEST_F(ThreadTask, FaultsAreKeptOfWorkThatCannotThrow) {
+  TestPool const pool(CreateNewThreadPool(1, 1));
+  for (auto const& add : {add_recursions_0, add_recursions_1, add_recursions_2, add_recursions_3}) {
+    auto const [overflow, fault] = add(*pool.operator->());
+    ASSERT_TRUE(overflow->WaitForFinish(patience) && fault->WaitForFinish(patience));
+    EXPECT_EQ(text_of(*overflow), "Stack Overflow");
+    EXPECT_EQ(text_of(*fault).substr(0, 16), "Access Violation");
   }
-  task->TaskFinished();
-  EXPECT_TRUE(copy->IsFinished() && target.IsFinished());
-  task->Exception = copy->Exception = target.Exception = nullptr;
 }
 
 TEST_F(ThreadTask, WaitsAreLeftByQueuedCallsAndByInterruption) {

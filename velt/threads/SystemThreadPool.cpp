@@ -7,7 +7,7 @@
 namespace {
 
 // Not destroyed with the library's other static objects: at the end of a process
-// the pool is left as it is, since its threads were stopped anywhere.
+// the platform has stopped the pool's threads at any instruction.
 union system_pool {
   constexpr system_pool() noexcept : pool() {}
   ~system_pool() {}

@@ -4,12 +4,26 @@
 
 #include <cstdint>
 #include <exception>
+#include <string>
+#include <typeinfo>
 
+#include "velt/base/TypeName.h"
 #include "velt/debug/DebugStream.h"
 #include "velt/exceptions/ExceptionFamily.h"
 #include "velt/faults/StackGuaranteeInternal.h"
 #include "velt/faults/StructuredException.h"
-#include "velt/threads/RunawayTextInternal.h"
+
+namespace {
+
+// "class:text", with a line feed before a text of several lines.
+void write_exception(TDebugStreamSession& session, std::exception const& exception) {
+  session << velt::detail::readable_name(typeid(exception)) << ':';
+  std::string const text = exception.what();
+  if (text.find('\n') != text.npos) session << '\n';
+  session << text;
+}
+
+}  // namespace
 
 TThreadClass::TThreadClass() noexcept : TThread(DoNotInitialize) {}
 
@@ -22,9 +36,9 @@ TThreadClass& TThreadClass::operator=(TThreadClass const& other) {
   return *this;
 }
 
-// To throw out of a destructor would end the process while an exception unwinds
-// the stack already: an interruption has to wait then. The base's destructor
-// must not throw beside an exception from here either.
+// An exception out of a destructor ends the process while another one unwinds the
+// stack, so an interruption has to wait then. An exception from here has to close
+// the handle first, since the base's destructor could throw a second one.
 TThreadClass::~TThreadClass() noexcept(false) {
   if (!IsValidHandle()) return;
   bool const may_throw = std::uncaught_exceptions() == 0;
@@ -60,10 +74,13 @@ void TThreadClass::ask_to_end() {
     InterruptState.exchange(InterruptRequested);
 }
 
-// The state is looked at again, here on the thread itself: the body may have
-// ended since the call was queued.
+// Looks at the state again, now on the thread itself: the body may have ended
+// since the call was queued.
 void TThreadClass::ThrowEThreadInterrupt() {
-  if (InterruptState == Running) throw EThreadInterrupt();
+  if (InterruptState == Running) {
+    interrupted = true;
+    throw EThreadInterrupt();
+  }
   InterruptState.exchange(InterruptRequested);
 }
 
@@ -80,18 +97,19 @@ unsigned int TThreadClass::StaticThreadEntry(void* object) {
   return 0;
 }
 
-// A request to interrupt that came meanwhile stays.
+// Leaves a request to interrupt that came meanwhile.
 void TThreadClass::body_has_ended() noexcept {
   int found = Running;
   InterruptState.compare_exchange_strong(found, Idle);
 }
 
-// The state goes back first: an interruption that arrives while the line is
-// written finds no body to end.
+// The state goes back before the line is written, as the line waits for the
+// stream: an interruption that arrives there finds no body to end.
 void TThreadClass::DynamicThreadEntry() {
   int found = Idle;
   InterruptState.compare_exchange_strong(found, Running);
   if (found == InterruptRequested) return;
+  interrupted = false;
   try {
     ThreadBody();
     body_has_ended();
@@ -100,7 +118,7 @@ void TThreadClass::DynamicThreadEntry() {
     {
       TDebugStreamSession session(Debug);
       session << "(!) Thread runaway with exception ";
-      velt::detail::write_exception(session, exception);
+      write_exception(session, exception);
       session << '\n';
     }
     OnException();

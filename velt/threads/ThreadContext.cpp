@@ -9,8 +9,8 @@
 
 namespace {
 
-// Milliseconds: what a thread gets to end by itself, to obey an interruption, and
-// to be gone after it was killed.
+// Milliseconds that a thread has to end by itself, to obey an interruption, and to
+// be gone after a kill.
 constexpr unsigned int grace = 2000, obedience = 5000, death = 1000;
 
 }  // namespace
@@ -21,8 +21,8 @@ SmartPtr<IThreadContext> CreateNewThreadContext(SmartPtr<IThreadOwner> owner) {
 
 TThreadContext::TThreadContext(SmartPtr<IThreadOwner> owner) noexcept : Owner(std::move(owner)) {}
 
-// A SmartPtr cannot let exceptions out, so none must come from here. The base has
-// nothing left to wait for.
+// Throws nothing, as the release of a SmartPtr must not. Leaves the base no handle
+// and so nothing to wait for.
 TThreadContext::~TThreadContext() noexcept {
   if (!IsValidHandle()) return;
   if (is_own_thread()) {
@@ -38,7 +38,7 @@ void TThreadContext::end_thread() noexcept {
   try {
     ask_to_end();
   } catch (ESystemException const&) {
-    // It has just ended, or it will be killed.
+    // It has just ended, or is killed below.
   }
   if (::WaitForSingleObjectEx(handle, obedience, FALSE) != WAIT_TIMEOUT) return;
   ::TerminateThread(handle, 0);
@@ -49,9 +49,9 @@ bool TThreadContext::is_own_thread() const noexcept {
   return GetThreadId(handle) == GetCurrentThreadId();
 }
 
-// A thread that is about to end takes no more calls, a moment before it counts as
-// ended. The lock keeps this from the next thread, when two interrupt the worker
-// and one of them starts it again.
+// A thread that is about to end refuses queued calls a moment before its handle is
+// signalled. The lock is for two that interrupt the worker: without it, one could
+// hit the thread that the other has just started.
 void TThreadContext::Interrupt() {
   TLock const guard(steering);
   try {
@@ -95,7 +95,7 @@ void TThreadContext::DynamicThreadEntry() {
 
 std::string TThreadContext::describe() const { return GetCurrentStack(); }
 
-// Null if the destruction of the context has begun, which waits for this thread.
+// Null if the destructor of the context has begun; it waits for this thread.
 SmartPtr<IThreadContext> TThreadContext::own_reference() noexcept {
   if (!refs.increment_unless_zero()) return nullptr;
   SmartPtr<IThreadContext> reference(this);
@@ -103,34 +103,66 @@ SmartPtr<IThreadContext> TThreadContext::own_reference() noexcept {
   return reference;
 }
 
+// An exception that ends the worker is reported while it passes. To catch it and
+// throw it on would be a second throw, for which the library makes a second dump,
+// without the frames that matter. What the owner throws meanwhile gives way to it.
+class TThreadContext::report_of_failure {
+public:
+  report_of_failure(TThreadContext& its_context, SmartPtr<IThreadJob>& its_job)
+      : context(its_context), job(its_job) {}
+  report_of_failure(report_of_failure const&) = delete;
+  report_of_failure& operator=(report_of_failure const&) = delete;
+  ~report_of_failure() {
+    if (!is_due) return;
+    try {
+      if (job) context.report_job(job);
+      context.report_end();
+    } catch (...) {
+    }
+  }
+
+  void leave_out() { is_due = false; }
+
+private:
+  TThreadContext& context;
+  SmartPtr<IThreadJob>& job;
+  bool is_due = true;
+};
+
 void TThreadContext::ThreadBody() {
   SmartPtr<IThreadJob> job;
-  try {
-    run_jobs(job);
-  } catch (EThreadInterrupt const&) {
-    throw;
-  } catch (...) {
-    if (job) report_job(job);
-    report_end();
-    throw;
+  {
+    report_of_failure report(*this, job);
+    try {
+      run_jobs(job);
+    } catch (EThreadInterrupt const&) {
+      report.leave_out();
+      throw;
+    }
+    report.leave_out();
   }
   report_end();
 }
 
 void TThreadContext::run_jobs(SmartPtr<IThreadJob>& job) {
   while (!retired && (job = Owner->GetJob())) {
-    auto context = own_reference();
-    // The owner has dropped the worker and waits for no report.
-    if (!context) throw EThreadInterrupt();
-    try {
-      job->Run(context);
-    } catch (...) {
-      drop_own_reference(context, job);
-      throw;
-    }
-    drop_own_reference(context, job);
+    run_job(job);
     report_job(job);
+    // The job has swallowed it, and the sender waits for the end of this thread.
+    if (interruption_came()) throw EThreadInterrupt();
   }
+}
+
+void TThreadContext::run_job(SmartPtr<IThreadJob>& job) {
+  struct own_reference_while_running {
+    ~own_reference_while_running() { self.drop_own_reference(context, job); }
+    TThreadContext& self;
+    SmartPtr<IThreadJob>& job;
+    SmartPtr<IThreadContext> context;
+  } own{*this, job, own_reference()};
+  // The owner has dropped the worker and waits for no report.
+  if (!own.context) throw EThreadInterrupt();
+  job->Run(own.context);
 }
 
 void TThreadContext::report_job(SmartPtr<IThreadJob>& job) {
@@ -154,8 +186,8 @@ void TThreadContext::report_end() {
   });
 }
 
-// Where the last reference to this object goes on its own thread, there is no way
-// back into it: the thread ends here, and with it what the step threw.
+// The step may release the last reference to this object. Then there is no way back
+// into it: the thread ends here, and an exception of the step with it.
 template <class Step>
 void TThreadContext::outlive_object(Step step) {
   bool is_destroyed = false;

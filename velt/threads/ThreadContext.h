@@ -16,27 +16,29 @@
 // It ends in one of three ways:
 //
 //   GetJob() gave nothing      ThreadFinished()
-//   EThreadInterrupt came out  no report at all, not of the job in hand either:
-//   of a job or of the owner   whoever interrupts takes the worker over. It may
-//                              be started again, or dropped.
-//   anything else came out     JobFinished() if there is a job in hand, then
-//                              ThreadFinished(), then a line on the stream Debug
+//   a job or the owner threw   no report at all, not of the job in hand either:
+//   EThreadInterrupt           whoever interrupts takes the worker over, and may
+//                              start it again or drop it
+//   either threw anything      JobFinished() if there is a job in hand, then
+//   else                       ThreadFinished(), then a line on the stream Debug
 //                              and OnException()
 //
-// A worker that everybody has dropped ends after the job in hand, without a report.
+// After a job that swallowed an interruption it reports JobFinished() and ends as
+// in the second row. A worker that everybody has dropped ends after the job in
+// hand, without a report.
 //
-// While it has a thread a worker holds on to the library, so that to unload it
-// waits until the last worker has ended.
+// A worker holds a reference to the library while it has a thread: the library is
+// unloaded after the last worker has ended.
 class VELT_API TThreadContext final : public IThreadContext, public TThreadClass {
 public:
   TThreadContext(TThreadContext const&) = delete;
   TThreadContext& operator=(TThreadContext const&) = delete;
   // Waits two seconds for the end of the thread, interrupts it then, and kills it
-  // after five more; releases the owner. The waits are not alertable: an
-  // interruption of the calling thread takes effect in its next wait.
+  // after five more; releases the owner. The waits are not alertable, so that an
+  // interruption of the calling thread arrives in its next wait.
   ~TThreadContext() noexcept override;
 
-  // InterruptThread(0, 5000). A thread that ended at the very moment is no error.
+  // InterruptThread(0, 5000), without an error if the thread ends at that moment.
   // Waits while somebody else interrupts or starts the worker.
   void Interrupt() override;
   void Restart() override;
@@ -52,7 +54,7 @@ public:
   void ResumeThread() override;
   void SetThreadPriority(int priority) override;
 
-  // Where the thread is right now, as by GetCurrentStack().
+  // GetCurrentStack(): where the thread is right now.
   std::string describe() const override;
 
 protected:
@@ -64,7 +66,9 @@ private:
   explicit TThreadContext(SmartPtr<IThreadOwner> owner) noexcept;
 
   SmartPtr<IThreadContext> own_reference() noexcept;
+  class report_of_failure;
   void run_jobs(SmartPtr<IThreadJob>& job);
+  void run_job(SmartPtr<IThreadJob>& job);
   void report_job(SmartPtr<IThreadJob>& job);
   void drop_own_reference(SmartPtr<IThreadContext>& context, SmartPtr<IThreadJob>& job);
   void report_end();
@@ -73,17 +77,19 @@ private:
   bool is_own_thread() const noexcept;
   void end_thread() noexcept;
 
-  // No further thread, as its pool knows the worker no more. Somebody who has
-  // just interrupted it may be about to start it again.
+  friend class TThreadTask;  // asks whether an interruption came
+
+  // No further thread, since the pool does not know the worker any more. Somebody
+  // who has just interrupted it may be about to start it again.
   friend class TThreadPool;
   void retire() noexcept { retired = true; }
 
   SmartPtr<IThreadOwner> Owner;
-  TMultiLock steering;  // held by those who interrupt and start the worker
+  TMultiLock steering;  // held while the worker is interrupted or started
   std::atomic<bool> retired = false;
-  bool* destroyed = nullptr;  // set where the thread destroys its own context
+  bool* destroyed = nullptr;  // to be set if the thread destroys its own context
 };
 
-// A worker for the owner, which it refers to for as long as it lives. It has no
-// thread until Start().
+// A worker for the owner, to which it keeps a reference. It has no thread until
+// Start().
 VELT_API SmartPtr<IThreadContext> CreateNewThreadContext(SmartPtr<IThreadOwner> owner);

@@ -11,9 +11,9 @@
 #include "velt/locks/Semaphore.h"
 #include "velt/threads/ThreadPool.h"
 
-// Neither lock is taken while the other is held. Both are held for short, and
-// never while code of a client runs that might want the pool: jobs and workers
-// that are dropped go after the lock was given back.
+// Neither lock is taken while the other is held. Both are held for a short time, and
+// never while a client's code runs that might use the pool: jobs and workers that
+// are dropped are released after the lock.
 class TThreadPool : public IThreadPool, public IThreadOwner {
 public:
   TThreadPool(int max, int min, int priority, int limit);
@@ -32,7 +32,7 @@ public:
   void ThreadFinished(SmartPtr<IThreadContext> context) override;
   void JobFinished(SmartPtr<IThreadJob> job) override;
 
-  // The counts, read without a lock, so that they need not agree.
+  // The counts. They are read without a lock and need not agree.
   std::string describe() const override;
 
 protected:
@@ -48,6 +48,7 @@ private:
 
   static void retire(IThreadContext& context);
   bool create_thread_if_needed();
+  SmartPtr<IThreadJob> pop_counted_job();
   void interrupt_workers();
   void drop_workers();
   void queue_has_changed() noexcept;
@@ -58,15 +59,18 @@ private:
   std::atomic<int> MinIdleThreads;
   std::atomic<unsigned int> IdleThreads = 0;  // in the wait of GetJob()
 
+protected:
   std::set<worker> Threads;
   TMultiLock ThreadsLock;
   std::deque<SmartPtr<IThreadJob>> JobQueue;
   TMultiLock QueueLock;
 
+private:
+
   TSemaphore JobSemaphore;  // a count for each job in the queue
 
-  // The worker that has left last. A worker cannot wait for its own thread: the
-  // next one to leave, or Stop(), destroys it.
+  // The worker that left last. A worker cannot wait for the end of its own thread,
+  // so the next one to leave, or Stop(), destroys it.
   worker FinishedThread;
 
   std::atomic<int> ThreadPriority;

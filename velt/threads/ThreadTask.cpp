@@ -1,6 +1,7 @@
 #include "velt/threads/ThreadTask.h"
 
 #include <cxxabi.h>
+#include <windows.h>
 
 #include <memory>
 #include <typeinfo>
@@ -9,25 +10,21 @@
 #include "velt/exceptions/EGeneric.h"
 #include "velt/exceptions/ExceptionFamily.h"
 #include "velt/faults/StackOverflowException.h"
+#include "velt/threads/ThreadContext.h"
 
 namespace {
 
-// How long a worker may need from its decision to run a task to the mark that
-// says so: a suspended one needs for ever.
-constexpr int longest_start_ms = 5000;
-
-class raised_flag {
-public:
-  explicit raised_flag(std::atomic<bool>& its_flag) : flag(its_flag) { flag = true; }
-  raised_flag(raised_flag const&) = delete;
-  raised_flag& operator=(raised_flag const&) = delete;
-  ~raised_flag() { flag = false; }
-
-private:
-  std::atomic<bool>& flag;
-};
+// Milliseconds. A worker needs a few instructions from its decision to run a task to
+// TaskStarted(), and Cancel() as few before it queues the interruption. The limits
+// are for a thread that is suspended there.
+constexpr int longest_start = 5'000, longest_cancel = 10'000;
 
 }  // namespace
+
+IThreadContext::~IThreadContext() = default;
+IThreadJob::~IThreadJob() = default;
+IThreadTask::~IThreadTask() = default;
+IThreadOwner::~IThreadOwner() = default;
 
 TThreadTask::TThreadTask() : Started(true, false), Finished(true, false) {}
 
@@ -80,38 +77,98 @@ void TThreadTask::SetPriority(int priority) {
 bool TThreadTask::IsException() const { return Exception != nullptr; }
 void TThreadTask::RethrowException() { throw EGeneric(*Exception); }
 
-void TThreadTask::TaskStarted() { Started.SetEvent(); }
+bool TThreadTask::change_phase(phase from, phase to) noexcept {
+  return life.compare_exchange_strong(from, to);
+}
+
+// If true, nobody interrupts the worker for this task from now on.
+bool TThreadTask::end_by_worker() noexcept {
+  return change_phase(phase::running, phase::ended) ||
+         change_phase(phase::resigning, phase::ended);
+}
+
+// A Run() that does without RunTask() begins here.
+void TThreadTask::TaskStarted() {
+  change_phase(phase::waiting, phase::running);
+  Started.SetEvent();
+}
 
 void TThreadTask::TaskFinished() {
-  Finished.SetEvent();
-  context_copies.replace(Context, SmartPtr<IThreadContext>());
+  if (!end_by_worker()) {
+    await_interruption(false);
+    if (!end_by_worker() && life == phase::cancelling) throw EThreadInterrupt();
+  }
+  finish();
 }
 
 void TThreadTask::TaskInterrupted() {
-  if (being_cancelled)
-    Finished.SetEvent();
-  else
-    TaskFinished();
+  keep({{"Text", "Interrupted"}});
+  if (!end_by_worker()) {
+    await_interruption(true);
+    if (!end_by_worker() && life == phase::cancelling) {
+      Finished.SetEvent();
+      return;
+    }
+  }
+  finish();
 }
 
-// One at a time: two that both started the worker again would leave it with two
-// threads.
-void TThreadTask::Cancel() {
-  TLock const guard(cancel_lock);
-  raised_flag const flag(being_cancelled);
-  auto found = phase::waiting;
-  life.compare_exchange_strong(found, phase::cancelled);
-  if (found == phase::begun) WaitForStart(longest_start_ms);
-  cancel_work();
+void TThreadTask::finish() {
   Finished.SetEvent();
   context_copies.replace(Context, SmartPtr<IThreadContext>());
 }
 
-// The worker left without telling its owner, where it is still registered and
-// goes on once it has a thread. Unless the work ended by itself meanwhile: then
-// the worker does not belong to this task any more.
-void TThreadTask::cancel_work() {
-  auto const worker = worker_if_running();
+// A Cancel() is under way on another thread, which waits for the end of this one.
+// Until it has queued its call, this thread must not leave its body: an
+// interruption that finds no body bars the worker from all further work.
+//
+// An exception alone does not tell that the call has come: the work may have
+// swallowed it, or thrown an EThreadInterrupt of its own. The library's workers
+// know; of workers of others an exception is taken for the call.
+void TThreadTask::await_interruption(bool has_exception) const {
+  auto const worker = current_worker();
+  auto const own = dynamic_cast<TThreadContext const*>(worker.get());
+  ULONGLONG const end = GetTickCount64() + longest_cancel;
+  try {
+    while (life == phase::cancelling && !(own ? own->interruption_came() : has_exception) &&
+           GetTickCount64() < end)
+      TThread::Pause();
+  } catch (EThreadInterrupt const&) {
+    // The phase tells the caller.
+  }
+}
+
+// One at a time: two calls that both start the worker again would give it two
+// threads. The worker itself takes no lock when its task ends, so a worker that is
+// suspended or killed there keeps nobody from cancelling.
+void TThreadTask::Cancel() {
+  if (worker_thread == GetCurrentThreadId()) resign();
+  TLock const guard(cancel_lock);
+  if (change_phase(phase::waiting, phase::cancelled)) {
+    keep({{"Text", "Interrupted"}});
+  } else if (change_phase(phase::running, phase::cancelling) ||
+             change_phase(phase::resigning, phase::cancelling)) {
+    interrupt_worker();
+    worker_thread = 0;
+    keep({{"Text", "Interrupted"}});
+    change_phase(phase::cancelling, phase::cancelled);
+  }
+  finish();
+}
+
+// Does not interrupt the worker, which nobody would start again: the exception
+// passes through the work only, and run_work() catches it.
+void TThreadTask::resign() {
+  change_phase(phase::running, phase::resigning);
+  await_interruption(false);
+  throw EThreadInterrupt();
+}
+
+// An interrupted worker ends without a report: its owner still knows it, and it
+// goes on once it has a thread.
+void TThreadTask::interrupt_worker() try {
+  WaitForStart(longest_start);
+  auto const worker = current_worker();
   if (!worker) return;
   worker->Interrupt();
   if (!Context) return;
@@ -119,34 +176,47 @@ void TThreadTask::cancel_work() {
     worker->Start();
   } catch (...) {
   }
+} catch (...) {
+  change_phase(phase::cancelling, phase::running);
+  throw;
 }
 
-// Either this or Cancel() decides, so that no work begins behind the back of
-// somebody who was told that it will not.
+// Either this or Cancel() changes the phase first: work does not begin after its
+// task was cancelled.
 bool TThreadTask::begin(SmartPtr<IThreadContext> const& context) {
-  auto found = phase::waiting;
-  if (!life.compare_exchange_strong(found, phase::begun)) return false;
+  if (!change_phase(phase::waiting, phase::running)) return false;
   Context = context;
+  worker_thread = GetCurrentThreadId();
   TaskStarted();
   return true;
 }
 
-void TThreadTask::end_by_exception() {
+void TThreadTask::run_work(SmartPtr<IThreadContext> const& context, void (*work)(void*),
+                           void* its_work) {
+  if (!begin(context)) return;
   try {
-    keep_exception();
+    keep_failure_of(work, its_work);
+    worker_thread = 0;
+    if (life == phase::resigning) keep({{"Text", "Interrupted"}});
+    TaskFinished();
   } catch (EThreadInterrupt const&) {
+    worker_thread = 0;
+    bool const resigns = life == phase::resigning;
     TaskInterrupted();
-    throw;
+    if (!resigns || life != phase::ended) throw;
   } catch (...) {
+    worker_thread = 0;
     TaskFinished();
     throw;
   }
-  TaskFinished();
 }
 
-void TThreadTask::keep_exception() {
+// A clause for each type: to sort by `throw;` would be a second throw, for which the
+// library makes a second dump. That one would be kept, although it is made when the
+// frames of the work are gone.
+void TThreadTask::keep_failure_of(void (*work)(void*), void* its_work) {
   try {
-    throw;
+    work(its_work);
   } catch (EThreadInterrupt const&) {
     throw;
   } catch (EStackOverflowException const& error) {
@@ -166,6 +236,10 @@ void TThreadTask::keep_exception() {
   }
 }
 
+// Keeps the first exception: the worker and Cancel() may both have one.
 void TThreadTask::keep(EGeneric const& error) {
-  Exception = std::make_unique<EGeneric>(error).release();
+  auto kept = std::make_unique<EGeneric>(error);
+  EGeneric* none = nullptr;
+  if (std::atomic_ref(Exception).compare_exchange_strong(none, kept.get()))
+    static_cast<void>(kept.release());
 }

@@ -1,12 +1,13 @@
 // TThreadTask: a job that can be watched and steered, to derive from; and
 // MakeThreadTask(), which makes one of a callable. docs/threads.md shows both.
 //
-// Beside std::packaged_task: a task has no result, but it can be cancelled while
-// it runs, stopped and resumed, and asked whether it has begun.
+// Unlike a std::packaged_task, a task has no result, but it can be cancelled while
+// it runs, suspended and resumed, and asked whether it has begun.
 #pragma once
 
 #include <atomic>
 #include <concepts>
+#include <memory>
 #include <type_traits>
 #include <utility>
 
@@ -26,8 +27,8 @@ class EGeneric;
 //   ended                    yes        yes        none
 //   cancelled in the queue   no         yes        none
 //
-// A derived class supplies Run(). RunTask() keeps for it what the operations rely
-// on; a Run() of its own has to
+// A derived class supplies Run(). RunTask() does all that the operations rely on;
+// a Run() without it has to
 //
 //   - do nothing if IsFinished(): to cancel a task does not take it out of a
 //     queue;
@@ -35,12 +36,12 @@ class EGeneric;
 //   - keep a copy of an EGeneric in Exception, made by new, and not let other
 //     exceptions out either, as they would cost the worker;
 //   - call TaskFinished() on every way out, and TaskInterrupted() in its place
-//     when an EThreadInterrupt passes, which it must let pass.
+//     when an EThreadInterrupt passes, which it must let pass. TaskFinished() may
+//     throw one itself, so a destructor must not call it.
 //
-// A task runs once. A copy waits for the same events as its source and has the
-// same worker, but to cancel the one does not keep the other from running. It
-// shares the kept exception too, which each of the two deletes, so a class whose
-// tasks are copied after one was kept has to see to that.
+// A task runs once. Copies share events, worker and kept exception; cancelling
+// one does not cancel the other. Both delete the exception, so do not copy a task
+// that has kept one.
 class VELT_API TThreadTask : public IThreadTask {
 public:
   // Throws ESystemException.
@@ -55,13 +56,16 @@ public:
   bool WaitForStart(int timeoutMs) const override;
   bool WaitForFinish(int timeoutMs) const override;
 
-  // Of a running task the worker gets five seconds to reach an alertable wait,
-  // where EThreadInterrupt comes out; then it is killed, with its locks taken.
-  // The task has ended when this returns. A worker that cannot be put back to
-  // work is not reported; a failed interruption throws ESystemException.
+  // A running task has five seconds to reach an alertable wait, which throws
+  // EThreadInterrupt; its end is such a wait too. Then its worker is killed, and
+  // its locks stay taken. The task has ended when this returns. A worker that
+  // cannot be put back to work is not reported; a failed interruption throws
+  // ESystemException. If the task ends before the interruption is under way, it
+  // counts as done and its worker is left alone.
   //
-  // Called by the task's own work, the interruption comes out of here. From a
-  // second thread it waits until the first has done it.
+  // Called by the task's own work it throws EThreadInterrupt, after which the worker
+  // goes on with its next job; with a Run() that does without RunTask() the worker
+  // ends for good. A second thread waits until the first has done it.
   void Cancel() override;
   void Suspend() override;
   void Resume() override;
@@ -72,9 +76,14 @@ public:
 
 protected:
   virtual void TaskStarted();
+
+  // On the worker's thread. Throws EThreadInterrupt if a Cancel() is under way:
+  // the call that another thread has queued, or is about to queue, must not reach
+  // the worker's next job.
   virtual void TaskFinished();
 
-  // TaskFinished(), except that a Cancel() under way finds Context as it was: it
+  // TaskFinished() after an EThreadInterrupt, which is kept as an EGeneric with
+  // "Text" ("Interrupted"). A Cancel() under way finds Context as it was: it
   // restarts the worker and takes the reference away itself.
   void TaskInterrupted();
 
@@ -85,17 +94,14 @@ protected:
   //                             overflow the stack can overflow again
   //   std::exception            "Text", its what(), and "Type", its class
   //   anything else             "Text", "Unknown exception", and "Type" if known
-  //   EThreadInterrupt          not at all: the task ends, and it passes on
+  //   EThreadInterrupt          "Text", "Interrupted"; it passes on, unless the
+  //                             work cancelled its own task
   template <class Work>
   void RunTask(SmartPtr<IThreadContext> const& context, Work&& work) {
-    if (!begin(context)) return;
-    try {
-      std::forward<Work>(work)();
-    } catch (...) {
-      end_by_exception();
-      return;
-    }
-    TaskFinished();
+    using callable = std::remove_reference_t<Work>;
+    run_work(
+        context, [](void* its_work) { std::forward<Work>(*static_cast<callable*>(its_work))(); },
+        const_cast<void*>(static_cast<void const*>(std::addressof(work))));
   }
 
   SmartPtr<IThreadContext> Context;
@@ -103,20 +109,40 @@ protected:
   EGeneric* Exception = nullptr;
 
 private:
-  enum class phase { waiting, begun, cancelled };
+  // Who ends the task, its worker or Cancel():
+  //
+  //   waiting     to running      the worker, before the work
+  //   running     to ended        the worker, after the work
+  //   running     to resigning    Cancel() by the task's own work
+  //   resigning   to ended        the worker, after the work
+  //   waiting     to cancelled    Cancel()
+  //   running, resigning          Cancel(), which interrupts the worker now
+  //               to cancelling
+  //   cancelling  to cancelled    Cancel(), when the worker's thread has ended
+  //   cancelling  to running      Cancel(), if the interruption failed
+  enum class phase { waiting, running, resigning, ended, cancelling, cancelled };
 
+  // Not a part of the template: if the compiler sees the work and proves that it
+  // throws nothing, it drops the handlers around it. Then a fault or an overflow in
+  // the work would leave the task unfinished for ever.
+  void run_work(SmartPtr<IThreadContext> const& context, void (*work)(void*), void* its_work);
   bool begin(SmartPtr<IThreadContext> const& context);
-  void end_by_exception();
-  void keep_exception();
+  void keep_failure_of(void (*work)(void*), void* its_work);
   void keep(EGeneric const& error);
+
+  bool change_phase(phase from, phase to) noexcept;
+  bool end_by_worker() noexcept;
+  void await_interruption(bool has_exception) const;
+  void finish();
 
   SmartPtr<IThreadContext> current_worker() const;
   SmartPtr<IThreadContext> worker_if_running() const;
-  void cancel_work();
+  [[noreturn]] void resign();
+  void interrupt_worker();
 
   mutable velt::detail::handle_copies context_copies;
   std::atomic<phase> life = phase::waiting;
-  std::atomic<bool> being_cancelled = false;
+  std::atomic<unsigned long> worker_thread = 0;  // its id, while RunTask() calls the work
   TMultiLock cancel_lock;
 };
 
