@@ -108,10 +108,11 @@ Wait const waits[] = {
     {"event with limit", [](Scene& s) { s.never.Signaled(long_limit); }},
     {"timer", [](Scene& s) { s.no_timer.WaitForSingleObject(INFINITE, TRUE); }},
     {"write lock", [](Scene& s) { s.taken_lock.WriteLock(); }},
-    {"write lock with limit", [](Scene& s) { s.taken_lock.WriteLock(long_limit); }},
-    {"read lock", [](Scene& s) { s.taken_lock.ReadLock(long_limit); }},
+    {"write lock with limit", [](Scene& s) { (void)s.taken_lock.WriteLock(long_limit); }},
+    {"read lock", [](Scene& s) { (void)s.taken_lock.ReadLock(long_limit); }},
     {"free read lock", [](Scene& s) { s.taken_lock.ReadLockThreadIndependent(); }},
-    {"free write lock", [](Scene& s) { s.taken_lock.WriteLockThreadIndependent(long_limit); }},
+    {"free write lock",
+     [](Scene& s) { (void)s.taken_lock.WriteLockThreadIndependent(long_limit); }},
     {"upgrade",
      [](Scene& s) {
        s.read_taken_lock.ReadLock();

@@ -202,17 +202,6 @@ int code_of_failing(char const* call, std::function<void()> const& action, std::
 
 }  // namespace
 
-TEST_F(ThreadCalls, OperationsOfTThreadAreOneCallEach) {
-  for (auto const& [call, run] : starts) {
-    Watch watch;
-    run();
-    EXPECT_EQ(watch.calls, call + std::string("CloseHandle(handle)"));
-  }
-  expect_calls(creations, nothing<TThread>);
-  expect_calls(operations, waiting_thread);
-  let_threads_end();
-}
-
 TEST_F(ThreadCalls, FailedOperationsOfTThreadThrowAndKeepTheHandle) {
   for (auto const& [call, run] : starts) {
     Watch watch(call_name(call));

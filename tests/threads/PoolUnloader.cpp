@@ -46,7 +46,7 @@ struct unloader {
   }
 
   void again() {
-    for (int round = 0; round < 200; ++round) {
+    for (int round = 0; round < 20; ++round) {
       load_and("run_job");
       call("stop");
       unload_within(5'000);
