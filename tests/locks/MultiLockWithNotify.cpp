@@ -218,10 +218,15 @@ TEST_F(MultiLockWithNotify, WaiterGetsTheLockWhenTheFirstNotificationThrows) {
 // In every hold the lock is as its notifications have told.
 TEST(MultiLockWithNotifyThreads, WriteNotificationsAreExact) {
   struct Lock final : TMultiLockWithNotify {
-    void OnWriteLock() override { written = true; }
-    void OnWriteUnlock() override { written = false; }
-    void OnWriteAfterReadLock() override { written = true; }
-    void OnWriteAfterReadUnlock() override { written = false; }
+    void OnWriteLock() override { late(true); }
+    void OnWriteUnlock() override { late(false); }
+    void OnWriteAfterReadLock() override { late(true); }
+    void OnWriteAfterReadUnlock() override { late(false); }
+    // Whoever could get in meanwhile gets in.
+    void late(bool now) {
+      Sleep(0);
+      written = now;
+    }
     bool written = false;
   } lock;
   std::atomic<int> wrong = 0;
