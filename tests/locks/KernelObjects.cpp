@@ -10,8 +10,8 @@
 #include <type_traits>
 #include <utility>
 
-#include "tests/support/OpenHandles.h"
 #include "tests/support/Expect.h"
+#include "tests/support/OpenHandles.h"
 #include "velt/locks/Event.h"
 #include "velt/locks/Handle.h"
 #include "velt/locks/Lock.h"

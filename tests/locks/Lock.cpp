@@ -6,7 +6,7 @@
 #include <stdexcept>
 #include <type_traits>
 
-#include "tests/support/SystemCode.h"
+#include "tests/support/Expect.h"
 #include "velt/exceptions/ExceptionFamily.h"
 
 static_assert(sizeof(TLock) == sizeof(void*) && sizeof(TReadLock) == sizeof(void*));

@@ -88,9 +88,7 @@ void TSemaphore::Lock() {
 void TSemaphore::Unlock() { ReleaseSemaphore(1); }
 
 TEvent::TEvent(bool manual, bool initial) { CreateEventW(manual, initial); }
-TEvent::TEvent(char const* name, bool manual, bool initial) {
-  CreateEventW(manual, initial, name);
-}
+TEvent::TEvent(char const* name, bool manual, bool initial) { CreateEventW(manual, initial, name); }
 TEvent::TEvent(wchar_t const* name, bool manual, bool initial) {
   CreateEventW(manual, initial, name);
 }

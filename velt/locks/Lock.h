@@ -137,8 +137,7 @@ public:
   }
 
   // Throws ESystemException with code 258 when the time runs out.
-  TReadLock(IMultiLock const& lock, unsigned int timeout)
-      : held(const_cast<IMultiLock*>(&lock)) {
+  TReadLock(IMultiLock const& lock, unsigned int timeout) : held(const_cast<IMultiLock*>(&lock)) {
     if (!held->ReadLock(timeout)) velt::detail::throw_wait_timeout();
   }
 

@@ -114,8 +114,8 @@ bool _ml_full_owners_list::all_one_owner() const noexcept {
 }
 
 bool _ml_full_owners_list::no_write_owner() const noexcept {
-  return owners_count != 0 && std::none_of(owners, owners + owners_count,
-                                           [](_owner_id each) { return each.writes(); });
+  return owners_count != 0 &&
+         std::none_of(owners, owners + owners_count, [](_owner_id each) { return each.writes(); });
 }
 
 // The event of free is automatic, because only one waiter can get a free lock. It
