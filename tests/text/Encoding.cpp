@@ -4,7 +4,7 @@
 
 #include <windows.h>
 
-#include "tests/support/SystemCode.h"
+#include "tests/support/Expect.h"
 
 using velt_test::system_code;
 

@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
-#include "tests/support/SystemCode.h"
+#include "tests/support/Expect.h"
 #include "velt/text/Encoding.h"
 #include "velt/text/UserLocaleInternal.h"
 
