@@ -1,6 +1,9 @@
 #include "tests/support/Imports.h"
 
+#include <psapi.h>
+
 #include <algorithm>
+#include <cstring>
 #include <mutex>
 
 namespace velt_test {
@@ -11,9 +14,13 @@ std::vector<Entry*> replaced;
 
 Entry look_up_entry{"GetProcAddress"};
 
+FARPROC platform_look_up(HMODULE module, char const* name) {
+  auto const look_up = reinterpret_cast<decltype(&GetProcAddress)>(look_up_entry.platform);
+  return (look_up ? look_up : GetProcAddress)(module, name);
+}
+
 FARPROC WINAPI look_up(HMODULE module, char const* name) {
-  auto const found =
-      reinterpret_cast<decltype(&GetProcAddress)>(look_up_entry.platform)(module, name);
+  auto const found = platform_look_up(module, name);
   bool const is_number = reinterpret_cast<UINT_PTR>(name) >> 16 == 0;
   for (auto const entry : replaced) {
     if (is_number || entry->name != name) continue;
@@ -31,23 +38,38 @@ void write(void** slot, void* value) {
   VirtualProtect(slot, sizeof *slot, protection, &protection);
 }
 
-// The slots of the calls of this name.
-std::vector<void**> slots_of(HMODULE module, std::string_view name) {
-  auto const base = reinterpret_cast<char*>(module);
-  auto const dos = reinterpret_cast<IMAGE_DOS_HEADER*>(base);
-  auto const headers = reinterpret_cast<IMAGE_NT_HEADERS*>(base + dos->e_lfanew);
-  auto const& table = headers->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT];
-  std::vector<void**> found;
-  auto import = reinterpret_cast<IMAGE_IMPORT_DESCRIPTOR*>(base + table.VirtualAddress);
-  for (; import->FirstThunk; ++import) {
-    auto thunk = reinterpret_cast<IMAGE_THUNK_DATA*>(base + import->OriginalFirstThunk);
-    auto slot = reinterpret_cast<void**>(base + import->FirstThunk);
-    for (; thunk->u1.AddressOfData; ++thunk, ++slot) {
-      if (IMAGE_SNAP_BY_ORDINAL(thunk->u1.Ordinal)) continue;
-      auto const call = reinterpret_cast<IMAGE_IMPORT_BY_NAME*>(base + thunk->u1.AddressOfData);
-      if (call->Name == name) found.push_back(slot);
-    }
+// Calls body(place) for each word of a module that may be the address of a call: of
+// the import table, which is a section of its own, and of the module's data, where
+// it keeps what it looked up. The program's data are the test's.
+template <class Body>
+void for_each_slot(wchar_t const* name, Body const& body) {
+  auto const base = reinterpret_cast<char*>(GetModuleHandleW(name));
+  if (!base) return;
+  auto const headers = reinterpret_cast<IMAGE_NT_HEADERS*>(
+      base + reinterpret_cast<IMAGE_DOS_HEADER*>(base)->e_lfanew);
+  auto const first = IMAGE_FIRST_SECTION(headers);
+  for (auto section = first; section != first + headers->FileHeader.NumberOfSections; ++section) {
+    bool const is_imports = !std::memcmp(section->Name, ".idata", 7);
+    if (!is_imports && (!name || !(section->Characteristics & IMAGE_SCN_MEM_WRITE))) continue;
+    auto const begin = reinterpret_cast<void**>(base + section->VirtualAddress);
+    std::for_each(begin, begin + section->Misc.VirtualSize / sizeof *begin, [&](void*& slot) {
+      if (slot) body(&slot);
+    });
   }
+}
+
+// Where the call begins, in whichever modules have one of this name, or what stands
+// in for it already.
+std::vector<void*> addresses_of(std::string_view name) {
+  std::vector<void*> found;
+  for (auto const entry : replaced)
+    if (entry->name == name) found.push_back(entry->stand_in);
+  HMODULE modules[500];
+  DWORD bytes = 0;
+  EnumProcessModules(GetCurrentProcess(), modules, sizeof modules, &bytes);
+  for (DWORD i = 0; i < bytes / sizeof *modules; ++i)
+    if (auto const address = platform_look_up(modules[i], name.data()))
+      found.push_back(reinterpret_cast<void*>(address));
   return found;
 }
 
@@ -67,19 +89,22 @@ Patches::Patches(std::vector<Entry*> const& entries) : before(replaced.size()) {
 
 Patches::~Patches() {
   for (; !slots.empty(); slots.pop_back()) write(slots.back().first, slots.back().second);
-  replaced.resize(before);
+  for (; replaced.size() > before; replaced.pop_back())
+    for (auto const name : patched_modules)
+      for_each_slot(name, [entry = replaced.back()](void** slot) {
+        if (*slot == entry->stand_in) write(slot, entry->platform);
+      });
 }
 
 void Patches::replace(Entry& entry) {
-  for (auto const name : patched_modules) {
-    HMODULE const module = GetModuleHandleW(name);
-    if (!module) continue;
-    for (auto const slot : slots_of(module, entry.name)) {
+  auto const addresses = addresses_of(entry.name);
+  for (auto const name : patched_modules)
+    for_each_slot(name, [&](void** slot) {
+      if (std::ranges::find(addresses, *slot) == addresses.end()) return;
       entry.platform = *slot;
       slots.emplace_back(slot, *slot);
       write(slot, entry.stand_in);
-    }
-  }
+    });
   replaced.push_back(&entry);
 }
 

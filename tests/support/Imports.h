@@ -35,8 +35,8 @@ struct Entry {
   void* platform = nullptr;  // the platform's, or the one replaced before
 };
 
-// Replaces the entries while it lives. A module keeps what it looked up by name,
-// before or meanwhile: a stand-in that is no longer wanted goes on to the platform.
+// Replaces the entries while it lives. A stand-in that is kept elsewhere goes on to
+// the platform afterwards.
 class Patches {
 public:
   explicit Patches(std::vector<Entry*> const& entries);
