@@ -4,12 +4,10 @@
 
 #include <tlhelp32.h>
 
-#include <optional>
-
 #include "velt/diagnostics/ProcessLocksInternal.h"
+#include "velt/diagnostics/StoppedWalkInternal.h"
 #include "velt/locks/Mutex.h"
 #include "velt/symbols/EngineIsolationInternal.h"
-#include "velt/symbols/Symbols.h"
 #include "velt/symbols/SymbolsInternal.h"
 #include "velt/time/Time.h"
 
@@ -18,7 +16,6 @@ namespace {
 using namespace velt::detail;
 
 constexpr unsigned int most_threads = 1024;
-constexpr unsigned int most_frames = 64;
 constexpr DWORD all_access = 0x1F03FF;   // to a thread, as every system knows it
 constexpr DWORD loader_patience = 5000;  // milliseconds
 
@@ -63,19 +60,10 @@ void stop_all(recorded_threads& threads) {
   CloseHandle(list);
 }
 
-// The caller runs on from its context, and writes over the stack behind it.
-void write_stack(DWORD id, HANDLE thread, CONTEXT& context, std::string& text) {
-  unsigned __int64 frames[most_frames] = {};
-  auto const count = StackWalk(frames, is_caller(id) ? nullptr : &context, thread, 0, most_frames);
-  text += "Thread " + std::to_string(id) +
-          ": -------------------------------------------------------\n" +
-          SymGetStackTrace(frames, count) + "\n\n";
-}
-
 void write_and_resume(DWORD id, HANDLE thread, std::string& text) {
-  CONTEXT context{};
-  context.ContextFlags = CONTEXT_FULL;
-  if (GetThreadContext(thread, &context)) write_stack(id, thread, context, text);
+  if (auto const stack = walk_stopped(thread))
+    text += "Thread " + std::to_string(id) +
+            ": -------------------------------------------------------\n" + stack->text() + "\n\n";
   if (!is_caller(id)) ResumeThread(thread);
   CloseHandle(thread);
 }
@@ -89,23 +77,16 @@ void write_all(std::string const& now, std::string& text) {
     write_and_resume(threads.ids[i], threads.handles[i], text);
 }
 
-// The engine takes the lock of the environment when it is asked for a line.
-struct environment_and_heap {
-  PebLockGuard const environment;
-  HeapLockGuard const heap;
-};
-
-// The text of the time and the symbols are had before: for both locks are taken
-// that a thread may hold while it waits for the heap, or when it is stopped. And to
-// unload the engine takes the loader's lock, which comes before the other two.
+// The text of the time is made first: its lock may be held by a thread that is
+// stopped. The engine may be unloaded only when the heaps are free again.
 std::string write_snapshot() {
-  LoaderLockGuard const loader;
   load_all_symbols();
   auto const now = _time_t::time().ctime();
   std::string text;
-  std::optional<environment_and_heap> locks(std::in_place);
-  write_all(now, text);
-  if (!loader.held()) locks.reset();
+  {
+    process_locks const locks(when_taken::go_on);
+    if (locks.held()) write_all(now, text);
+  }
   SymCleanup();
   return text;
 }

@@ -27,6 +27,10 @@ std::vector<HMODULE> all_modules() {
   return modules;
 }
 
+void set_finding(bool finds) noexcept {
+  if (auto const engine = loaded_engine()) engine->finds_new_modules = finds;
+}
+
 }  // namespace
 
 void load_all_symbols() {
@@ -40,19 +44,7 @@ void load_all_symbols() {
   }
 }
 
-engine_isolation::engine_isolation() noexcept {
-  auto const engine = loaded_engine();
-  if (!engine) return;
-  engine->finds_new_modules = false;
-  auto next = locked.begin();
-  for (auto const heap : engine->heaps)
-    if (heap && HeapLock(heap)) *next++ = heap;
-}
-
-engine_isolation::~engine_isolation() {
-  for (auto const heap : locked)
-    if (heap) HeapUnlock(heap);
-  if (auto const engine = loaded_engine()) engine->finds_new_modules = true;
-}
+engine_isolation::engine_isolation() noexcept { set_finding(false); }
+engine_isolation::~engine_isolation() { set_finding(true); }
 
 }  // namespace velt::detail

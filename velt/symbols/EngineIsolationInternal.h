@@ -1,10 +1,7 @@
 // Keeps the symbol engine from waiting for threads that are stopped so that their
-// stacks can be walked: what they may have in their hands is either owned before
-// or not used. Besides the locks of ProcessLocksInternal.h these are the heaps of
-// run times, and whatever it takes to open files.
+// stacks can be walked. Besides the locks of ProcessLocksInternal.h these threads
+// may hold whatever it takes to open files.
 #pragma once
-
-#include <array>
 
 namespace velt::detail {
 
@@ -12,19 +9,14 @@ namespace velt::detail {
 // puts off until it is asked. Takes long at first. Before the heap is locked.
 void load_all_symbols();
 
-// While it lives the engine allocates without waiting, and neither looks for
-// modules that it does not know nor remembers that they were asked for. For
-// holders of symbol_lock(); made after the heap's lock was taken, and gone before
-// the engine may be unloaded.
+// While it lives the engine neither looks for modules that it does not know nor
+// remembers that they were asked for. For holders of symbol_lock().
 class [[nodiscard]] engine_isolation {
 public:
   engine_isolation() noexcept;
   engine_isolation(engine_isolation const&) = delete;
   engine_isolation& operator=(engine_isolation const&) = delete;
   ~engine_isolation();
-
-private:
-  std::array<void*, 2> locked{};
 };
 
 }  // namespace velt::detail

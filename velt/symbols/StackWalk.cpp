@@ -80,7 +80,5 @@ bool velt::detail::StackWalkStep(_tagSTACKFRAME64* frame, _CONTEXT* context, voi
 
 [[gnu::noipa]] std::string GetMyDebugStack() {
   engine_hold const hold;  // for both the walk and the names
-  unsigned __int64 frames[64] = {};
-  auto const count = StackWalk(frames, nullptr, GetCurrentThread(), 1, 64);
-  return SymGetStackTrace(frames, count);
+  return short_stack(nullptr, GetCurrentThread(), 1).text();
 }

@@ -11,6 +11,7 @@
 
 #include "velt/base/EntryInternal.h"
 #include "velt/base/LoadOrderInternal.h"
+#include "velt/symbols/LoaderLockInternal.h"
 #include "velt/symbols/TextCacheInternal.h"
 
 namespace velt::detail {
@@ -208,6 +209,23 @@ namespace {
 VELT_LOAD_STEP(symbol_lock_made) build_now const lock_made(symbol_lock);
 
 }  // namespace
+
+bool lock_symbols() {
+  if (!owns_loader_lock()) {
+    symbol_lock().Lock();
+    return true;
+  }
+  constexpr ULONGLONG patience = 1000;  // milliseconds
+  auto const end = GetTickCount64() + patience;
+  for (auto now = end - patience; now < end; now = GetTickCount64())
+    if (symbol_lock().Lock(static_cast<DWORD>(end - now))) return true;
+  return false;
+}
+
+std::array<void*, 2> heaps_of_run_times() noexcept {
+  auto const loaded = loaded_engine();
+  return loaded ? loaded->heaps : symbol_engine::heap_list();
+}
 
 void forget_known_ranges() {
   if (auto const loaded = loaded_engine()) loaded->forget_known_ranges();

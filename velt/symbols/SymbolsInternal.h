@@ -1,6 +1,7 @@
 // What the diagnostics share of the symbol engine.
 #pragma once
 
+#include <array>
 #include <string>
 
 #include "velt/symbols/Symbols.h"
@@ -14,6 +15,15 @@ namespace velt::detail {
 // Guards the engine. Recursive. Whoever writes a dump or a snapshot holds it
 // throughout. Taken before the loader lock, the PEB lock and the heap lock.
 TMutex& symbol_lock();
+
+// Waits for symbol_lock(), alertably. A caller that owns the loader lock waits for
+// a second at most: the holder may be waiting for that lock. False after that.
+bool lock_symbols();
+
+// The heaps of the run times that the engine or this library may use, while the
+// engine is loaded; null for one that is not there or that is the process heap.
+// For holders of symbol_lock().
+std::array<void*, 2> heaps_of_run_times() noexcept;
 
 // SymInitialize() for a scope. A release that fails leaves the engine loaded.
 class [[nodiscard]] engine_hold {
@@ -32,6 +42,24 @@ public:
 
 private:
   bool held;
+};
+
+// Up to 64 return addresses of a stack, innermost first.
+class short_stack {
+public:
+  // As StackWalk(): with a null context `skip` counts from the maker's frame on.
+  [[gnu::always_inline]] explicit short_stack(_CONTEXT* context, void* thread,
+                                              unsigned int skip = 0)
+      : count(StackWalk(frames, context, thread, skip, most)) {}
+
+  bool empty() const noexcept { return count == 0; }
+  std::string text() const { return SymGetStackTrace(frames, count); }
+  unsigned __int64 address_to_blame() const { return SymGetActualErrorAddress(frames, count); }
+
+private:
+  static constexpr unsigned int most = 64;
+  unsigned __int64 frames[most] = {};
+  unsigned int count;
 };
 
 // The name in "module!name+1f[File.cpp#12]", never shortened.
