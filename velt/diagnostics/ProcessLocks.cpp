@@ -111,15 +111,10 @@ bool lock_process_heap() noexcept {
   return true;
 }
 
-constexpr ULONGLONG patience = 1000;  // milliseconds
-
 }  // namespace
 
 process_locks::process_locks(when_taken policy) {
-  if (policy == when_taken::try_again)
-    take_them_within_a_second();
-  else
-    take_symbols_and_loader();
+  take_symbols_and_loader(policy == when_taken::try_again);
   if (symbols && !take_rest(policy == when_taken::give_up)) {
     keep_only_symbol_lock();
     release_symbols();
@@ -140,19 +135,14 @@ void process_locks::keep_only_symbol_lock() noexcept {
   loader.reset();
 }
 
-void process_locks::take_symbols_and_loader() {
-  symbols = lock_symbols();
-  if (symbols) loader.emplace();
-}
-
 // Threads that begin and end take the loader lock for a moment.
-void process_locks::take_them_within_a_second() {
-  auto const end = GetTickCount64() + patience;
-  take_symbols_and_loader();
-  while (symbols && !loader->held() && GetTickCount64() < end) {
+void process_locks::take_symbols_and_loader(bool with_patience) {
+  for (loader_patience patience;; patience.pause()) {
+    symbols = lock_symbols();
+    if (!symbols) return;
+    loader.emplace();
+    if (loader->held() || !with_patience || patience.is_over()) return;
     release_symbols();
-    Sleep(1);
-    take_symbols_and_loader();
   }
 }
 

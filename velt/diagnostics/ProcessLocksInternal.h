@@ -36,8 +36,7 @@ public:
   void keep_only_symbol_lock() noexcept;
 
 private:
-  void take_symbols_and_loader();
-  void take_them_within_a_second();
+  void take_symbols_and_loader(bool with_patience);
   bool take_rest(bool all);
   void release_symbols() noexcept;
 

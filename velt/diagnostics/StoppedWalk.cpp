@@ -3,7 +3,7 @@
 #include <windows.h>
 
 #include "velt/diagnostics/ProcessLocksInternal.h"
-#include "velt/symbols/EngineIsolationInternal.h"
+#include "velt/symbols/SymbolEngineInternal.h"
 
 namespace velt::detail {
 namespace {
@@ -31,7 +31,7 @@ std::optional<short_stack> walk_stopped(void* thread) {
 
 std::string text_of_running_thread(void* thread) {
   engine_hold const engine;  // for both the walk and the names
-  if (engine) load_all_symbols();
+  if (engine) prepare_walks();
   auto const stack = stop_and_walk(thread);
   return stack ? stack->text() : std::string();
 }

@@ -2,6 +2,7 @@
 
 #include <windows.h>
 
+#include <atomic>
 #include <cstddef>
 
 #include "velt/base/EntryInternal.h"
@@ -41,6 +42,8 @@ VELT_LOAD_STEP(platform_locks) struct {
   CRITICAL_SECTION* const pointer = find_section();
 } const section;
 
+std::atomic<bool> tried_in_vain = false;
+
 }  // namespace
 
 loader_lock::loader_lock() noexcept {
@@ -49,11 +52,21 @@ loader_lock::loader_lock() noexcept {
   ULONG_PTR key = 0;
   holds = entries.lock(try_only, &state, &key) == 0 && state == acquired;
   cookie = key;
+  if (holds) tried_in_vain = false;
 }
 
 loader_lock::~loader_lock() {
   if (holds && entries.unlock) entries.unlock(0, cookie);
 }
+
+loader_patience::loader_patience() noexcept : end(GetTickCount64() + 1000) {}
+
+bool loader_patience::is_over() noexcept {
+  if (GetTickCount64() >= end) tried_in_vain = true;
+  return tried_in_vain;
+}
+
+void loader_patience::pause() const noexcept { Sleep(1); }
 
 bool owns_loader_lock() noexcept { return owns(section.pointer); }
 

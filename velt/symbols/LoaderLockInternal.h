@@ -22,6 +22,18 @@ private:
   std::uintptr_t cookie = 0;
 };
 
+// How long to go on trying: for a second. Not at all after a second in vain, until
+// the lock has been free again; so a loader that hangs costs the process one second.
+class loader_patience {
+public:
+  loader_patience() noexcept;
+  bool is_over() noexcept;
+  void pause() const noexcept;
+
+private:
+  std::uint64_t const end;
+};
+
 // False also where the platform does not show who owns the lock.
 bool owns_loader_lock() noexcept;
 

@@ -12,13 +12,28 @@ class TMutex;
 
 namespace velt::detail {
 
-// Guards the engine. Recursive. Whoever writes a dump or a snapshot holds it
-// throughout. Taken before the loader lock, the PEB lock and the heap lock.
+// Guards the engine. Recursive. Taken before the loader lock, the lock of the
+// process environment and the heaps. Whoever holds it only tries for the loader
+// lock.
 TMutex& symbol_lock();
 
-// Waits for symbol_lock(), alertably. A caller that owns the loader lock waits for
-// a second at most: the holder may be waiting for that lock. False after that.
+// Waits for symbol_lock(), alertably. A caller that owns the loader lock waits for a
+// second at most, since the platform's engine may wait for that lock; false then.
 bool lock_symbols();
+
+// lock_symbols() for a scope.
+class [[nodiscard]] symbol_hold {
+public:
+  symbol_hold() : held(lock_symbols()) {}
+  symbol_hold(symbol_hold const&) = delete;
+  symbol_hold& operator=(symbol_hold const&) = delete;
+  ~symbol_hold();
+
+  explicit operator bool() const noexcept { return held; }
+
+private:
+  bool held;
+};
 
 // The heaps of the run times that the engine or this library may use, while the
 // engine is loaded; null for one that is not there or that is the process heap.
@@ -66,7 +81,7 @@ private:
 std::string SymGetQualifiedNameFromAddress(unsigned __int64 address);
 
 // One step of a walk in the 32-bit form, whose context may be null. False also
-// without the engine, and if its lock is not to be had within 20 seconds. Does
+// without the engine, and if its lock is unavailable for 20 seconds. Does
 // not throw.
 bool StackWalkStep(_tagSTACKFRAME64* frame, _CONTEXT* context, void* thread);
 
