@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
+#include <dbghelp.h>
 #include <winternl.h>
 
 #include <algorithm>
@@ -192,6 +193,23 @@ TEST_F(DebugSnapshot, TwoThreadsTakeTurns) {
 TEST(DebugSnapshotWithoutEngine, EngineIsLoadedForTheSnapshotOnly) {
   EXPECT_NE(TakeDebugSnapshot(), "");
   EXPECT_EQ(GetModuleHandleW(L"dbghelp"), nullptr);
+}
+
+TEST(DebugSnapshotWithoutEngine, ReadsNoSymbolsOfAModuleThatIsOnNoStack) {
+  ASSERT_TRUE(SymInitialize());
+  TakeDebugSnapshot();
+  auto const ask = reinterpret_cast<decltype(&SymGetModuleInfo64)>(reinterpret_cast<void*>(
+      GetProcAddress(GetModuleHandleW(L"dbghelp"), "SymGetModuleInfo64")));
+  auto const state_of = [&](wchar_t const* name) {
+    IMAGEHLP_MODULE64 module{};
+    module.SizeOfStruct = 1672;
+    auto const base = reinterpret_cast<std::uintptr_t>(GetModuleHandleW(name));
+    EXPECT_TRUE(ask(GetCurrentProcess(), base, &module));
+    return module.SymType;
+  };
+  EXPECT_EQ(state_of(L"oleaut32"), SymDeferred);
+  EXPECT_NE(state_of(L"ntdll"), SymDeferred);
+  SymCleanup();
 }
 
 TEST(DebugSnapshotWithoutEngine, IsEmptyWhileTheLoaderHangs) {

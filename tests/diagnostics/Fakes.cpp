@@ -194,6 +194,13 @@ TMutex& symbol_lock() {
   return mutex;
 }
 
+bool lock_symbols() {
+  symbol_lock().Lock();
+  return true;
+}
+
+std::array<void*, 2> heaps_of_run_times() noexcept { return {}; }
+
 void* dump_writer() { return reinterpret_cast<void*>(velt_test::write_dump); }
 
 bool throws_are_watched() noexcept { return fakes().throws_are_watched; }

@@ -11,24 +11,21 @@
 namespace {
 
 using velt::detail::engine_hold;
-
-constexpr unsigned int most_frames = 64;
+using velt::detail::short_stack;
 
 // This function, its caller and the constructor lie between the walk of an own
 // stack and the thrower; so the first two are not inlined, in whole or in part.
 constexpr unsigned int frames_above_thrower = 3;
 
 [[gnu::noipa]] void put_stack(EGeneric& exception, _CONTEXT* context) {
-  unsigned __int64 frames[most_frames] = {};
-  auto const count = StackWalk(frames, context, GetCurrentThread(),
-                               context ? 0 : frames_above_thrower, most_frames);
-  auto address = SymGetActualErrorAddress(frames, count);
+  short_stack const stack(context, GetCurrentThread(), context ? 0 : frames_above_thrower);
+  auto address = stack.address_to_blame();
   if (address == 0 && context) address = context->Rip;
   if (address != 0) {
     exception.put_value("ModuleName", SymGetModuleFromAddress(address));
     exception.put_value("AddressName", SymGetFullNameFromAddress(address));
   }
-  if (count != 0) exception.put_value("Stack", SymGetStackTrace(frames, count));
+  if (!stack.empty()) exception.put_value("Stack", stack.text());
 }
 
 void put_dump(EGeneric& exception, _EXCEPTION_POINTERS* pointers) {
@@ -45,10 +42,7 @@ EGeneric::EGeneric(bool extend) {
 [[gnu::noipa]] std::string EGeneric::BuildStack(_EXCEPTION_POINTERS* pointers, unsigned int skip,
                                                 void* thread) {
   engine_hold const hold;  // for both the walk and the names
-  unsigned __int64 frames[most_frames] = {};
-  auto const count =
-      StackWalk(frames, pointers ? pointers->ContextRecord : nullptr, thread, skip, most_frames);
-  return SymGetStackTrace(frames, count);
+  return short_stack(pointers ? pointers->ContextRecord : nullptr, thread, skip).text();
 }
 
 [[gnu::noipa]] void EGeneric::ExtendDebugInformation(_CONTEXT* context) {

@@ -4,13 +4,11 @@
 
 #include <tlhelp32.h>
 
-#include <optional>
+#include <vector>
 
 #include "velt/diagnostics/ProcessLocksInternal.h"
-#include "velt/locks/Mutex.h"
-#include "velt/symbols/EngineIsolationInternal.h"
-#include "velt/symbols/Symbols.h"
-#include "velt/symbols/SymbolsInternal.h"
+#include "velt/diagnostics/StoppedWalkInternal.h"
+#include "velt/symbols/SymbolEngineInternal.h"
 #include "velt/time/Time.h"
 
 namespace {
@@ -18,101 +16,83 @@ namespace {
 using namespace velt::detail;
 
 constexpr unsigned int most_threads = 1024;
-constexpr unsigned int most_frames = 64;
-constexpr DWORD all_access = 0x1F03FF;   // to a thread, as every system knows it
-constexpr DWORD loader_patience = 5000;  // milliseconds
+constexpr DWORD all_access = 0x1F03FF;           // to a thread, as every system knows it
+constexpr ULONGLONG patience_with_loader = 5000;  // milliseconds
 
-// A new thread passes the loader before it runs.
 bool loader_hangs() {
-  THandle thread;
-  thread.AttachHandle(CreateThread(
-      nullptr, 0, [](void*) -> DWORD { return 0; }, nullptr, 0, nullptr));
-  return WaitForSingleObject(thread, loader_patience) == WAIT_TIMEOUT;
+  for (auto const end = GetTickCount64() + patience_with_loader; GetTickCount64() < end; Sleep(1))
+    if (loader_lock().held()) return false;
+  return true;
 }
 
-// To load the engine waits for the loader, without limit.
-bool hold_engine() {
-  bool const is_loaded = dump_writer();
-  return (is_loaded || !loader_hangs()) && SymInitialize();
+bool engine_is_loaded() {
+  symbol_hold const symbols;
+  return symbols && loaded_engine();
 }
 
-// On the stack, so that nothing is allocated for it while threads are stopped.
-struct recorded_threads {
-  HANDLE handles[most_threads];
-  DWORD ids[most_threads];
-  unsigned int count = 0;
+struct seen_thread {
+  HANDLE handle;
+  DWORD id;
+  std::optional<short_stack> stack;
 };
+
+// Room for all is made before a thread is stopped.
+std::vector<seen_thread> no_threads() {
+  std::vector<seen_thread> threads;
+  threads.reserve(most_threads);
+  return threads;
+}
 
 bool is_caller(DWORD id) { return id == GetCurrentThreadId(); }
 
-void stop(DWORD id, recorded_threads& threads) {
-  HANDLE const thread = OpenThread(all_access, FALSE, id);
-  if (!is_caller(id)) SuspendThread(thread);
-  threads.handles[threads.count] = thread;
-  threads.ids[threads.count++] = id;
-}
-
-void stop_all(recorded_threads& threads) {
+void stop_all(std::vector<seen_thread>& threads) {
   DWORD const process = GetCurrentProcessId();
   HANDLE const list = CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, process);
   THREADENTRY32 entry;
   entry.dwSize = sizeof entry;
-  for (bool more = Thread32First(list, &entry); more && threads.count != most_threads;
-       more = Thread32Next(list, &entry))
-    if (entry.th32OwnerProcessID == process) stop(entry.th32ThreadID, threads);
+  for (bool more = Thread32First(list, &entry); more && threads.size() != most_threads;
+       more = Thread32Next(list, &entry)) {
+    if (entry.th32OwnerProcessID != process) continue;
+    auto const id = entry.th32ThreadID;
+    auto const& stopped = threads.emplace_back(OpenThread(all_access, FALSE, id), id);
+    if (!is_caller(id)) SuspendThread(stopped.handle);
+  }
   CloseHandle(list);
 }
 
-// The caller runs on from its context, and writes over the stack behind it.
-void write_stack(DWORD id, HANDLE thread, CONTEXT& context, std::string& text) {
-  unsigned __int64 frames[most_frames] = {};
-  auto const count = StackWalk(frames, is_caller(id) ? nullptr : &context, thread, 0, most_frames);
-  text += "Thread " + std::to_string(id) +
-          ": -------------------------------------------------------\n" +
-          SymGetStackTrace(frames, count) + "\n\n";
+void walk_and_resume(seen_thread& thread) {
+  thread.stack = walk_stopped(thread.handle);
+  if (!is_caller(thread.id)) ResumeThread(thread.handle);
+  CloseHandle(thread.handle);
 }
 
-void write_and_resume(DWORD id, HANDLE thread, std::string& text) {
-  CONTEXT context{};
-  context.ContextFlags = CONTEXT_FULL;
-  if (GetThreadContext(thread, &context)) write_stack(id, thread, context, text);
-  if (!is_caller(id)) ResumeThread(thread);
-  CloseHandle(thread);
-}
-
-void write_all(std::string const& now, std::string& text) {
-  recorded_threads threads;
+std::vector<seen_thread> see_all() {
+  auto threads = no_threads();
+  process_locks const locks(when_taken::go_on);
+  if (!locks.held()) return threads;
   engine_isolation const isolation;
   stop_all(threads);
-  text += "Snapshot taked on " + now + "\n";
-  for (unsigned int i = 0; i != threads.count; ++i)
-    write_and_resume(threads.ids[i], threads.handles[i], text);
+  for (auto& thread : threads) walk_and_resume(thread);
+  return threads;
 }
 
-// The engine takes the lock of the environment when it is asked for a line.
-struct environment_and_heap {
-  PebLockGuard const environment;
-  HeapLockGuard const heap;
-};
-
-// The text of the time and the symbols are had before: for both locks are taken
-// that a thread may hold while it waits for the heap, or when it is stopped. And to
-// unload the engine takes the loader's lock, which comes before the other two.
-std::string write_snapshot() {
-  LoaderLockGuard const loader;
-  load_all_symbols();
-  auto const now = _time_t::time().ctime();
-  std::string text;
-  std::optional<environment_and_heap> locks(std::in_place);
-  write_all(now, text);
-  if (!loader.held()) locks.reset();
-  SymCleanup();
-  return text;
+std::string block(seen_thread const& thread) {
+  return "Thread " + std::to_string(thread.id) +
+         ": -------------------------------------------------------\n" + thread.stack->text() +
+         "\n\n";
 }
 
 }  // namespace
 
+// Names are looked up when the threads run again: that takes long.
 std::string TakeDebugSnapshot() {
-  TLock const symbols(symbol_lock());
-  return hold_engine() ? write_snapshot() : std::string();
+  if (!engine_is_loaded() && loader_hangs()) return {};
+  engine_hold const engine;
+  if (!engine) return {};
+  prepare_walks();
+  auto text = "Snapshot taked on " + _time_t::time().ctime() + "\n";
+  auto const threads = see_all();
+  for (auto const& thread : threads)
+    if (thread.stack) text += block(thread);
+  return threads.empty() ? std::string() : text;
 }

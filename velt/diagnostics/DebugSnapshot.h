@@ -15,13 +15,13 @@
 //   -> inner frame
 //
 // with up to 64 frames in the form of SymGetStackTrace(); the caller's own stack
-// ends in here. Empty if the symbol engine is not to be had. Threads that begin or
-// end meanwhile may be missing.
+// ends in here. Empty without the symbol engine. Threads that begin or end meanwhile
+// may be missing.
 //
 // Any thread may call it, but not from DllMain, and with 40 KB of stack to spare.
 // Before it stops threads it waits for the locks of the symbol engine, of the
-// environment and of the heaps, and to load the engine 5 seconds for the loader;
-// what a queued call throws meanwhile passes out. Then it waits for nothing that a
-// stopped thread is known to hold: docs/diagnostics.md tells what remains, and what
-// a program does to be looked into even when its loader hangs.
+// environment and of the heaps, and for the loader for 5 seconds at most, if the
+// engine is not loaded; what a queued call throws meanwhile passes out. Then it waits
+// for nothing that a stopped thread is known to hold. docs/diagnostics.md tells what
+// remains, and how a program can be looked into even when its loader hangs.
 VELT_API std::string TakeDebugSnapshot();

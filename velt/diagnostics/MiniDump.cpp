@@ -13,7 +13,6 @@
 #include "velt/diagnostics/Settings.h"
 #include "velt/exceptions/EGeneric.h"
 #include "velt/faults/ThrownObjectInternal.h"
-#include "velt/locks/Mutex.h"
 #include "velt/symbols/SymbolsInternal.h"
 
 namespace {
@@ -33,18 +32,11 @@ outcome write_file(HANDLE file, _EXCEPTION_POINTERS* pointers, unsigned long typ
   return written ? outcome::written : outcome::failed;
 }
 
-// The writer stops all other threads, and one of them may be inside any of these
-// locks, which the writer takes too. The order is that of the whole process.
+// The writer stops all other threads and takes these locks too.
 outcome write_under_locks(HANDLE file, _EXCEPTION_POINTERS* pointers, unsigned long type,
                           unsigned long thread_id) {
-  TLock const symbols(symbol_lock());
-  LoaderLockGuard const loader;
-  if (!loader.held()) return outcome::given_up;
-  PebLockGuard const peb;
-  if (!peb.held()) return outcome::given_up;
-  HeapLockGuard const heap;
-  if (!heap.held()) return outcome::given_up;
-  return write_file(file, pointers, type, thread_id);
+  process_locks const locks(when_taken::give_up);
+  return locks.held() ? write_file(file, pointers, type, thread_id) : outcome::given_up;
 }
 
 // What a thrower knows better than the stack.
@@ -56,10 +48,7 @@ std::string module_of_thrower(_EXCEPTION_POINTERS* pointers) {
 }
 
 std::string module_to_blame(_CONTEXT* context) {
-  constexpr unsigned int most_frames = 64;
-  unsigned __int64 frames[most_frames] = {};
-  auto const count = StackWalk(frames, context, GetCurrentThread(), 0, most_frames);
-  return SymGetModuleFromAddress(SymGetActualErrorAddress(frames, count));
+  return SymGetModuleFromAddress(short_stack(context, GetCurrentThread()).address_to_blame());
 }
 
 std::string find_program_name() {

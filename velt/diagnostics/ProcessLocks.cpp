@@ -1,60 +1,51 @@
+#include "velt/diagnostics/ProcessLocksInternal.h"
+
 #include <windows.h>
 
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <utility>
 
 #include "velt/base/EntryInternal.h"
 #include "velt/base/LoadOrderInternal.h"
-#include "velt/diagnostics/ProcessLocksInternal.h"
+#include "velt/locks/Mutex.h"
+#include "velt/symbols/SymbolsInternal.h"
 
 namespace velt::detail {
 namespace {
 
-template <class Function>
-class entry {
-public:
-  entry(HMODULE module, char const* name) noexcept
-      : function(find_entry<Function>(module, name)) {}
-
-  explicit operator bool() const noexcept { return function; }
-  template <class... Arguments>
-  auto operator()(Arguments... arguments) const noexcept {
-    return function(arguments...);
-  }
-
-private:
-  Function* function;
-};
-
-constexpr ULONG try_only = 2;
-constexpr ULONG acquired = 1;
+using plain_function = void NTAPI();
+using trying_function = BOOLEAN NTAPI();
+using heap_function = BOOLEAN NTAPI(HANDLE);
+using validating_function = BOOLEAN NTAPI(HANDLE, ULONG, void const*);
 
 // The platform's entries, any of which may be missing.
 struct lock_entries {
   HMODULE const module = GetModuleHandleW(L"ntdll");
-  entry<void NTAPI()> const acquire_peb{module, "RtlAcquirePebLock"};
-  entry<BOOLEAN NTAPI()> const try_peb{module, "RtlTryAcquirePebLock"};
-  entry<void NTAPI()> const release_peb{module, "RtlReleasePebLock"};
-  entry<LONG NTAPI(ULONG, ULONG*, ULONG_PTR*)> const lock_loader{module, "LdrLockLoaderLock"};
-  entry<LONG NTAPI(ULONG, ULONG_PTR)> const unlock_loader{module, "LdrUnlockLoaderLock"};
-  entry<BOOLEAN NTAPI(HANDLE)> const lock_heap{module, "RtlLockHeap"};
-  entry<BOOLEAN NTAPI(HANDLE)> const unlock_heap{module, "RtlUnlockHeap"};
+  plain_function* const acquire_peb = find_entry<plain_function>(module, "RtlAcquirePebLock");
+  trying_function* const try_peb = find_entry<trying_function>(module, "RtlTryAcquirePebLock");
+  plain_function* const release_peb = find_entry<plain_function>(module, "RtlReleasePebLock");
+  heap_function* const lock_heap = find_entry<heap_function>(module, "RtlLockHeap");
+  heap_function* const unlock_heap = find_entry<heap_function>(module, "RtlUnlockHeap");
   // Looked up with the others; nothing calls it.
-  entry<BOOLEAN NTAPI(HANDLE, ULONG, void const*)> const validate_heap{module, "RtlValidateHeap"};
+  validating_function* const validate = find_entry<validating_function>(module, "RtlValidateHeap");
 };
 
 VELT_LOAD_STEP(platform_locks) lock_entries const entries;
+
+CRITICAL_SECTION* find_heap_section() noexcept;
+
 VELT_LOAD_STEP(process_heap_found) struct {
   HANDLE const handle = GetProcessHeap();
-} const ProcessHeap;
+} const heap_of_process;
 VELT_LOAD_STEP(process_heap_found) struct {
-  CRITICAL_SECTION* const pointer = FindHeapLockSection();
-} const ProcessHeapSection;
+  CRITICAL_SECTION* const pointer = find_heap_section();
+} const heap_section;
 
-bool lock_heap() noexcept { return entries.lock_heap && entries.lock_heap(ProcessHeap.handle); }
+bool lock_heap() noexcept { return entries.lock_heap && entries.lock_heap(heap_of_process.handle); }
 void unlock_heap() noexcept {
-  if (entries.unlock_heap) entries.unlock_heap(ProcessHeap.handle);
+  if (entries.unlock_heap) entries.unlock_heap(heap_of_process.handle);
 }
 
 // A word of 32 bits in memory that need not be aligned for it.
@@ -93,54 +84,84 @@ CRITICAL_SECTION* search_header(std::byte const* heap) noexcept {
   return nullptr;
 }
 
-}  // namespace
-
-LoaderLockGuard::LoaderLockGuard() noexcept {
-  if (!entries.lock_loader) return;
-  ULONG state = 0;
-  ULONG_PTR key = 0;
-  holds = entries.lock_loader(try_only, &state, &key) == 0 && state == acquired;
-  cookie = key;
-}
-
-LoaderLockGuard::~LoaderLockGuard() {
-  if (holds && entries.unlock_loader) entries.unlock_loader(0, cookie);
-}
-
-PebLockGuard::PebLockGuard() noexcept {
-  if (entries.try_peb) {
-    holds = entries.try_peb();
-  } else if (entries.acquire_peb) {
-    entries.acquire_peb();
-    holds = true;
-  }
-}
-
-PebLockGuard::~PebLockGuard() {
-  if (holds && entries.release_peb) entries.release_peb();
-}
-
-HeapLockGuard::HeapLockGuard() noexcept {
-  if (!ProcessHeap.handle) return;
-  auto const section = ProcessHeapSection.pointer;
-  if (section && TryEnterCriticalSection(section)) {
-    lock_heap();
-    LeaveCriticalSection(section);
-    holds = true;
-  } else {
-    holds = lock_heap();
-  }
-}
-
-HeapLockGuard::~HeapLockGuard() {
-  if (holds) unlock_heap();
-}
-
-CRITICAL_SECTION* FindHeapLockSection() noexcept {
-  if (!ProcessHeap.handle || !lock_heap()) return nullptr;
-  auto const section = search_header(static_cast<std::byte const*>(ProcessHeap.handle));
+// The critical section that guards the process heap, which the platform does not
+// publish: looked for while this thread holds it. Null if it is not found.
+CRITICAL_SECTION* find_heap_section() noexcept {
+  if (!heap_of_process.handle || !lock_heap()) return nullptr;
+  auto const section = search_header(static_cast<std::byte const*>(heap_of_process.handle));
   unlock_heap();
   return section;
+}
+
+bool lock_environment() noexcept {
+  if (entries.try_peb) return entries.try_peb();
+  if (!entries.acquire_peb) return false;
+  entries.acquire_peb();
+  return true;
+}
+
+// Asks the section first, where it is known. If somebody holds it, the heap itself
+// is asked all the same, and waits.
+bool lock_process_heap() noexcept {
+  if (!heap_of_process.handle) return false;
+  auto const section = heap_section.pointer;
+  if (!section || !TryEnterCriticalSection(section)) return lock_heap();
+  lock_heap();
+  LeaveCriticalSection(section);
+  return true;
+}
+
+}  // namespace
+
+process_locks::process_locks(when_taken policy) {
+  take_symbols_and_loader(policy == when_taken::try_again);
+  if (symbols && !take_rest(policy == when_taken::give_up)) {
+    keep_only_symbol_lock();
+    release_symbols();
+  }
+}
+
+process_locks::~process_locks() {
+  keep_only_symbol_lock();
+  release_symbols();
+}
+
+void process_locks::keep_only_symbol_lock() noexcept {
+  for (auto const heap : run_time_heaps)
+    if (heap) HeapUnlock(heap);
+  run_time_heaps = {};
+  if (std::exchange(process_heap, false)) unlock_heap();
+  if (std::exchange(environment, false) && entries.release_peb) entries.release_peb();
+  loader.reset();
+}
+
+// Threads that begin and end take the loader lock for a moment.
+void process_locks::take_symbols_and_loader(bool with_patience) {
+  for (loader_patience patience;; patience.pause()) {
+    symbols = lock_symbols();
+    if (!symbols) return;
+    loader.emplace();
+    if (loader->held() || !with_patience || patience.is_over()) return;
+    release_symbols();
+  }
+}
+
+// False if all are wanted and one is missing.
+bool process_locks::take_rest(bool all) {
+  if (!loader->held() && all) return false;
+  environment = lock_environment();
+  if (!environment && all) return false;
+  process_heap = lock_process_heap();
+  if (!process_heap && all) return false;
+  auto next = run_time_heaps.begin();
+  for (auto const heap : heaps_of_run_times())
+    if (heap && HeapLock(heap)) *next++ = heap;
+  return true;
+}
+
+// A mutex that this thread owns can be released.
+void process_locks::release_symbols() noexcept {
+  if (std::exchange(symbols, false)) symbol_lock().Unlock();
 }
 
 }  // namespace velt::detail

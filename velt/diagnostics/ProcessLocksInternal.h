@@ -1,57 +1,50 @@
-// Guards of the locks of the process that the platform itself uses: whoever
-// stops other threads and then walks modules, environment or heap owns them
-// first, or would wait for ever for a stopped thread. In this order, after
-// symbol_lock(): loader, PEB, heap.
+// The locks of the process that a walk or a dump needs while other threads are
+// stopped. A stopped thread may be inside any of them, and a walk that needs that
+// lock would wait for ever; so they are taken before, always in this order:
+//
+//   symbol_lock(), the loader lock, the lock of the process environment, the heap
+//   of the process, the heaps of the run times
 #pragma once
 
-#include <cstdint>
+#include <array>
+#include <optional>
 
-struct _RTL_CRITICAL_SECTION;
+#include "velt/symbols/LoaderLockInternal.h"
 
 namespace velt::detail {
 
-// A guard may come out without its lock, and does not throw.
-class ProcessLockGuard {
-public:
-  ProcessLockGuard(ProcessLockGuard const&) = delete;
-  ProcessLockGuard& operator=(ProcessLockGuard const&) = delete;
-
-  bool held() const noexcept { return holds; }
-
-protected:
-  ProcessLockGuard() noexcept = default;
-  ~ProcessLockGuard() = default;
-
-  bool holds = false;
+// What to do without a lock that somebody else holds. The loader lock is only
+// tried, and the environment's where the platform can; the others are waited for.
+enum class when_taken {
+  give_up,    // hold none
+  go_on,      // do without it
+  try_again,  // for a second, giving symbol_lock() back in between; then go on
 };
 
-// Only tries.
-class [[nodiscard]] LoaderLockGuard : public ProcessLockGuard {
+class [[nodiscard]] process_locks {
 public:
-  LoaderLockGuard() noexcept;
-  ~LoaderLockGuard();
+  // The wait for symbol_lock() is alertable; what it throws passes out.
+  explicit process_locks(when_taken policy);
+  process_locks(process_locks const&) = delete;
+  process_locks& operator=(process_locks const&) = delete;
+  ~process_locks();
+
+  // False after giving up, and without symbol_lock().
+  bool held() const noexcept { return symbols; }
+
+  // Releases the others, newest first.
+  void keep_only_symbol_lock() noexcept;
 
 private:
-  std::uintptr_t cookie = 0;
-};
+  void take_symbols_and_loader(bool with_patience);
+  bool take_rest(bool all);
+  void release_symbols() noexcept;
 
-// Only tries where the platform can; waits otherwise.
-class [[nodiscard]] PebLockGuard : public ProcessLockGuard {
-public:
-  PebLockGuard() noexcept;
-  ~PebLockGuard();
+  bool symbols = false;
+  std::optional<loader_lock> loader;
+  bool environment = false;
+  bool process_heap = false;
+  std::array<void*, 2> run_time_heaps{};
 };
-
-// Asks the section that guards the process heap first, where that is known, and
-// waits for the heap all the same if it is taken.
-class [[nodiscard]] HeapLockGuard : public ProcessLockGuard {
-public:
-  HeapLockGuard() noexcept;
-  ~HeapLockGuard();
-};
-
-// The critical section that guards the process heap, which the platform does not
-// publish; null if it is not found. Takes the heap's lock meanwhile.
-_RTL_CRITICAL_SECTION* FindHeapLockSection() noexcept;
 
 }  // namespace velt::detail

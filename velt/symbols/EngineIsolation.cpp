@@ -1,12 +1,10 @@
-#include "velt/symbols/EngineIsolationInternal.h"
+#include "velt/symbols/SymbolEngineInternal.h"
 
 #include <windows.h>
 
 #include <psapi.h>
 
 #include <algorithm>
-
-#include "velt/symbols/SymbolEngineInternal.h"
 
 namespace velt::detail {
 namespace {
@@ -27,32 +25,30 @@ std::vector<HMODULE> all_modules() {
   return modules;
 }
 
-}  // namespace
+void set_finding(bool finds) noexcept {
+  if (auto const engine = loaded_engine()) engine->finds_new_modules = finds;
+}
 
 void load_all_symbols() {
-  auto const engine = loaded_engine();
-  if (!engine) return;
   symbol_record symbol;
   for (auto const module : all_modules()) {
     auto const base = reinterpret_cast<std::uintptr_t>(module);
-    engine->ensure_module(base);
-    engine->find_symbol(base, symbol);
+    ask_engine_at(base,
+                  [&](symbol_engine& engine, bool) { return engine.find_symbol(base, symbol); });
   }
 }
 
-engine_isolation::engine_isolation() noexcept {
-  auto const engine = loaded_engine();
-  if (!engine) return;
-  engine->finds_new_modules = false;
-  auto next = locked.begin();
-  for (auto const heap : engine->heaps)
-    if (heap && HeapLock(heap)) *next++ = heap;
+}  // namespace
+
+// The walk of an own stack shows what walks need.
+void prepare_walks() {
+  short_stack(nullptr, GetCurrentThread());
+  bool const reads_symbols =
+      ask_engine([](symbol_engine& engine) { return !engine.walks_without_symbols(); });
+  if (reads_symbols) load_all_symbols();
 }
 
-engine_isolation::~engine_isolation() {
-  for (auto const heap : locked)
-    if (heap) HeapUnlock(heap);
-  if (auto const engine = loaded_engine()) engine->finds_new_modules = true;
-}
+engine_isolation::engine_isolation() noexcept { set_finding(false); }
+engine_isolation::~engine_isolation() { set_finding(true); }
 
 }  // namespace velt::detail

@@ -1,9 +1,8 @@
-#include "velt/symbols/LocalVariablesInternal.h"
+#include "velt/symbols/SymbolEngineInternal.h"
 
 #include <cstring>
 #include <memory>
 
-#include "velt/symbols/SymbolEngineInternal.h"
 #include "velt/text/Encoding.h"
 #include "velt/text/Format.h"
 

@@ -32,8 +32,8 @@ STACKFRAME64 start_of_walk(CONTEXT const& context) {
 // The engine stops in front of a module that it does not know. The return
 // address of a frame is that of the next one, and there is none at the start.
 bool step(STACKFRAME64& frame, CONTEXT& context, HANDLE thread) {
-  return ask_engine([&](symbol_engine& engine) {
-    engine.ensure_module(frame.AddrReturn.Offset ? frame.AddrReturn.Offset : frame.AddrPC.Offset);
+  auto const next = frame.AddrReturn.Offset ? frame.AddrReturn.Offset : frame.AddrPC.Offset;
+  return ask_engine_at(next, [&](symbol_engine& engine, bool) {
     return engine.walk(IMAGE_FILE_MACHINE_AMD64, thread, frame, &context);
   });
 }
@@ -80,7 +80,5 @@ bool velt::detail::StackWalkStep(_tagSTACKFRAME64* frame, _CONTEXT* context, voi
 
 [[gnu::noipa]] std::string GetMyDebugStack() {
   engine_hold const hold;  // for both the walk and the names
-  unsigned __int64 frames[64] = {};
-  auto const count = StackWalk(frames, nullptr, GetCurrentThread(), 1, 64);
-  return SymGetStackTrace(frames, count);
+  return short_stack(nullptr, GetCurrentThread(), 1).text();
 }

@@ -8,16 +8,15 @@
 #include <limits>
 #include <new>
 #include <type_traits>
+#include <utility>
 
 #include "velt/base/EntryInternal.h"
 #include "velt/base/LoadOrderInternal.h"
-#include "velt/symbols/TextCacheInternal.h"
 
 namespace velt::detail {
 namespace {
 
-// Sizes of the platform's records, of which newer headers have longer ones than
-// older engines accept.
+// Record sizes that old engines accept; newer headers declare longer records.
 constexpr DWORD size_of_module_record = 1672;
 constexpr DWORD size_of_line_record = 40;
 constexpr DWORD size_of_symbol_record = 32;
@@ -55,6 +54,7 @@ void close_if_held(HANDLE handle) {
   if (THandle::IsValidHandle(handle)) CloseHandle(handle);
 }
 
+// Under Wine each run time has a heap of its own.
 HANDLE heap_of(wchar_t const* run_time) {
   auto const module = GetModuleHandleW(run_time);
   decltype(&_get_heap_handle) ask;
@@ -101,18 +101,20 @@ void address_ranges::insert(std::uint64_t start, std::uint64_t size) {
   if (next == sorted.end() || last < next->first) sorted.insert(next, {start, last});
 }
 
-symbol_engine* symbol_engine::load() {
-  auto const library = LoadLibraryA("dbghelp.dll");
-  if (!library) return nullptr;
+std::unique_ptr<engine_library> engine_library::load() {
+  auto const module = LoadLibraryA("dbghelp.dll");
+  if (!module) return nullptr;
   debug_help calls;
-  auto const engine =
-      bind_all(library, calls) ? new (std::nothrow) symbol_engine(library, calls) : nullptr;
-  if (!engine) FreeLibrary(library);
-  return engine;
+  auto library = bind_all(module, calls) ? new (std::nothrow) engine_library(module, calls) : nullptr;
+  if (!library) FreeLibrary(module);
+  return std::unique_ptr<engine_library>(library);
 }
 
-symbol_engine::symbol_engine(HMODULE module, debug_help const& bound)
-    : heaps{heap_of(L"msvcrt"), heap_of(L"ucrtbase")}, library(module), calls(bound) {
+engine_library::engine_library(HMODULE library, debug_help const& bound)
+    : heaps{heap_of(L"msvcrt"), heap_of(L"ucrtbase")}, module(library), calls(bound) {}
+
+symbol_engine::symbol_engine(std::unique_ptr<engine_library> loaded)
+    : library(std::move(loaded)), calls(library->entries()) {
   calls.set_options(engine_options);
   calls.initialize(GetCurrentProcess(), nullptr, TRUE);
   snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPMODULE, 0);
@@ -121,35 +123,41 @@ symbol_engine::symbol_engine(HMODULE module, debug_help const& bound)
 symbol_engine::~symbol_engine() {
   close_if_held(snapshot);
   calls.cleanup(GetCurrentProcess());
-  FreeLibrary(library);
 }
 
-bool symbol_engine::ensure_module(std::uint64_t address) {
-  if (known.meets(address)) return true;
-  IMAGEHLP_MODULE64 module;
-  bool const found = find_module(address, module) || find_new_module(address, module);
-  if (found)
-    known.insert(module.BaseOfImage, module.ImageSize);
-  else if (finds_new_modules)
+// An address in no module is remembered with its eight bytes, so that it is looked for
+// once; not so if it was not looked for, because threads are stopped or the loader is
+// busy.
+module_state symbol_engine::ensure_module(std::uint64_t address) {
+  if (known.meets(address)) return module_state::known;
+  IMAGEHLP_MODULE64 record;
+  auto const state =
+      find_module(address, record) ? module_state::known : find_new_module(address, record);
+  if (state == module_state::known)
+    known.insert(record.BaseOfImage, record.ImageSize);
+  else if (state == module_state::unknown && finds_new_modules)
     known.insert(address, 8);
-  return found;
+  return state;
 }
 
-bool symbol_engine::find_module(std::uint64_t address, IMAGEHLP_MODULE64& module) {
-  module = {};
-  module.SizeOfStruct = size_of_module_record;
-  return calls.module_info(GetCurrentProcess(), address, &module);
+bool symbol_engine::find_module(std::uint64_t address, IMAGEHLP_MODULE64& record) {
+  record = {};
+  record.SizeOfStruct = size_of_module_record;
+  return calls.module_info(GetCurrentProcess(), address, &record);
 }
 
-bool symbol_engine::find_new_module(std::uint64_t address, IMAGEHLP_MODULE64& module) {
-  if (!finds_new_modules || GetLastError() != ERROR_MOD_NOT_FOUND) return false;
+// The platform lists its modules under the loader lock.
+module_state symbol_engine::find_new_module(std::uint64_t address, IMAGEHLP_MODULE64& record) {
+  if (!finds_new_modules || GetLastError() != ERROR_MOD_NOT_FOUND) return module_state::unknown;
+  loader_lock const loader;
+  if (!loader.held()) return module_state::loader_is_busy;
   ++engine_changes;
   if (calls.refresh) {
     calls.refresh(GetCurrentProcess());
-    if (find_module(address, module)) return true;
+    if (find_module(address, record)) return module_state::known;
   }
   load_module_at(address);
-  return find_module(address, module);
+  return find_module(address, record) ? module_state::known : module_state::unknown;
 }
 
 // For engines whose refresh finds nothing new.
@@ -179,9 +187,18 @@ bool symbol_engine::find_line(std::uint64_t address, IMAGEHLP_LINE64& line) {
   return calls.line(GetCurrentProcess(), address, &displacement, &line);
 }
 
+// The first step finds the frame where the walk begins, and leaves none. Each later
+// one that leaves a frame shows whether that took its module's symbols.
 bool symbol_engine::walk(DWORD machine, HANDLE thread, STACKFRAME64& frame, CONTEXT* context) {
-  return calls.walk(machine, GetCurrentProcess(), thread, &frame, context, nullptr, nullptr,
-                    nullptr, nullptr);
+  bool const leaves_frame = frame.AddrReturn.Offset != 0;
+  auto const left = frame.AddrPC.Offset;
+  if (!calls.walk(machine, GetCurrentProcess(), thread, &frame, context, nullptr, nullptr, nullptr,
+                  nullptr))
+    return false;
+  IMAGEHLP_MODULE64 record;
+  if (!needs_no_symbols && leaves_frame && find_module(left, record))
+    needs_no_symbols = record.SymType == SymDeferred;
+  return true;
 }
 
 namespace {
@@ -190,6 +207,46 @@ std::atomic<long> hold_count = 0;
 // Never destroyed: when the process ends with the engine held, threads may have
 // been stopped with the heap's lock in their hands.
 std::atomic<symbol_engine*> engine = nullptr;
+
+// An engine without a hold is one that could not be ended, for want of a lock.
+bool hold_if_loaded() {
+  if (hold_count == 0 && !engine) return false;
+  ++hold_count;
+  return true;
+}
+
+bool start_engine(std::unique_ptr<engine_library>& library) {
+  engine = new (std::nothrow) symbol_engine(std::move(library));
+  hold_count += engine != nullptr;
+  return engine != nullptr;
+}
+
+// What is left is the library, to be freed when the locks are.
+std::unique_ptr<engine_library> end_engine() {
+  std::unique_ptr<symbol_engine> const ended(engine.exchange(nullptr));
+  ++engine_changes;
+  forget_texts();
+  return ended ? std::move(ended->library) : nullptr;
+}
+
+// Without symbol_lock() the engine stays; false then too.
+bool release_is_last() {
+  symbol_hold const symbols;
+  return --hold_count == 0 && engine && symbols;
+}
+
+// Both locks, and never one while waiting for the other: the owner of the loader
+// lock may be waiting for symbol_lock(), to report an exception out of a DllMain.
+template <class Action>
+bool under_loader_lock(Action action) {
+  for (loader_patience patience;; patience.pause()) {
+    symbol_hold const symbols;
+    if (!symbols) return false;
+    loader_lock const loader;
+    if (loader.held()) return action();
+    if (patience.is_over()) return false;
+  }
+}
 
 }  // namespace
 
@@ -209,6 +266,35 @@ VELT_LOAD_STEP(symbol_lock_made) build_now const lock_made(symbol_lock);
 
 }  // namespace
 
+// A second in vain is not waited again while the lock stays taken.
+bool lock_symbols() {
+  if (!owns_loader_lock()) {
+    symbol_lock().Lock();
+    return true;
+  }
+  static std::atomic<bool> in_vain = false;
+  auto now = GetTickCount64();
+  auto const end = now + (in_vain ? 0 : 1000);
+  do {
+    if (symbol_lock().Lock(static_cast<DWORD>(end - now))) {
+      in_vain = false;
+      return true;
+    }
+    now = GetTickCount64();
+  } while (now < end);
+  in_vain = true;
+  return false;
+}
+
+symbol_hold::~symbol_hold() {
+  if (held) symbol_lock().Unlock();
+}
+
+std::array<void*, 2> heaps_of_run_times() noexcept {
+  auto const loaded = loaded_engine();
+  return loaded ? loaded->library->heaps : std::array<void*, 2>{};
+}
+
 void forget_known_ranges() {
   if (auto const loaded = loaded_engine()) loaded->forget_known_ranges();
 }
@@ -223,22 +309,34 @@ void* dump_writer() {
 using namespace velt::detail;
 
 bool SymInitialize() {
-  TLock const guard(symbol_lock());
-  if (++hold_count != 1) return true;
-  engine = symbol_engine::load();
-  if (engine) return true;
-  --hold_count;
-  return false;
+  {
+    symbol_hold const symbols;
+    if (!symbols) return false;
+    if (hold_if_loaded()) return true;
+  }
+  // Two threads may come here at once; each reference but the first engine's goes.
+  auto library = engine_library::load();
+  return library && under_loader_lock([&] { return hold_if_loaded() || start_engine(library); });
 }
 
+// Between the two steps another thread may take a new hold: the engine lives on.
 void SymCleanup() {
-  TLock const guard(symbol_lock());
-  if (--hold_count != 0 || !engine) return;
-  delete engine.exchange(nullptr);
-  ++engine_changes;
-  forget_texts();
+  if (!release_is_last()) return;
+  std::unique_ptr<engine_library> library;
+  under_loader_lock([&] {
+    if (hold_count == 0) library = end_engine();
+    return true;
+  });
 }
 
 bool EnsureModuleSymbolsLoaded(unsigned __int64 address) {
-  return try_asking_engine([=](symbol_engine& asked) { return asked.ensure_module(address); });
+  for (loader_patience patience;; patience.pause()) {
+    auto state = module_state::unknown;
+    try_asking_engine([&](symbol_engine& asked) {
+      state = asked.ensure_module(address);
+      return true;
+    });
+    if (state != module_state::loader_is_busy || patience.is_over())
+      return state == module_state::known;
+  }
 }

@@ -9,9 +9,12 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
+#include <memory>
+#include <string>
 #include <vector>
 
 #include "velt/locks/Mutex.h"
+#include "velt/symbols/LoaderLockInternal.h"
 #include "velt/symbols/SymbolsInternal.h"
 
 namespace velt::detail {
@@ -63,42 +66,65 @@ struct symbol_record {
   };
 };
 
-// All but load() is for holders of symbol_lock().
-class symbol_engine {
+// dbghelp.dll. To load and to free it waits for the loader lock: neither is for
+// holders of symbol_lock().
+class engine_library {
 public:
   // Null if the library or an entry is missing.
-  static symbol_engine* load();
-  symbol_engine(symbol_engine const&) = delete;
-  symbol_engine& operator=(symbol_engine const&) = delete;
-  ~symbol_engine();
-
-  // See EnsureModuleSymbolsLoaded.
-  bool ensure_module(std::uint64_t address);
-  bool find_module(std::uint64_t address, IMAGEHLP_MODULE64& module);
-  bool find_symbol(std::uint64_t address, symbol_record& symbol);
-  // What `line` points to is the engine's.
-  bool find_line(std::uint64_t address, IMAGEHLP_LINE64& line);
-  bool walk(DWORD machine, HANDLE thread, STACKFRAME64& frame, CONTEXT* context);
-
-  void forget_known_ranges() { known = {}; }
+  static std::unique_ptr<engine_library> load();
+  engine_library(engine_library const&) = delete;
+  engine_library& operator=(engine_library const&) = delete;
+  ~engine_library() { FreeLibrary(module); }
 
   debug_help const& entries() const { return calls; }
 
   // Of the run times that may be the engine's and this library's; null for one
   // that is not there or uses the heap of the process.
-  using heap_list = std::array<HANDLE, 2>;
-  heap_list const heaps;
+  std::array<void*, 2> const heaps;
+
+private:
+  engine_library(HMODULE library, debug_help const& bound);
+
+  HMODULE const module;
+  debug_help const calls;
+};
+
+enum class module_state { known, unknown, loader_is_busy };
+
+// The engine of the library, started for this process. For holders of symbol_lock().
+class symbol_engine {
+public:
+  // To start the engine and to end it takes the loader lock, which the caller holds.
+  explicit symbol_engine(std::unique_ptr<engine_library> loaded);
+  symbol_engine(symbol_engine const&) = delete;
+  symbol_engine& operator=(symbol_engine const&) = delete;
+  ~symbol_engine();
+
+  // See EnsureModuleSymbolsLoaded. A module that the engine does not know is looked
+  // for under the loader lock, if that is free.
+  module_state ensure_module(std::uint64_t address);
+  bool find_module(std::uint64_t address, IMAGEHLP_MODULE64& record);
+  bool find_symbol(std::uint64_t address, symbol_record& symbol);
+  // What `line` points to is the engine's.
+  bool find_line(std::uint64_t address, IMAGEHLP_LINE64& line);
+  bool walk(DWORD machine, HANDLE thread, STACKFRAME64& frame, CONTEXT* context);
+
+  // Whether a walk has led through a module without reading its symbols.
+  bool walks_without_symbols() const { return needs_no_symbols; }
+  void forget_known_ranges() { known = {}; }
+  debug_help const& entries() const { return calls; }
+
+  std::unique_ptr<engine_library> library;
   bool finds_new_modules = true;
 
 private:
-  symbol_engine(HMODULE module, debug_help const& bound);
-  bool find_new_module(std::uint64_t address, IMAGEHLP_MODULE64& module);
+  module_state find_new_module(std::uint64_t address, IMAGEHLP_MODULE64& record);
   void load_module_at(std::uint64_t address);
 
-  HMODULE const library;
   debug_help const calls;
   HANDLE snapshot;
   address_ranges known;
+  bool needs_no_symbols = false;
 };
 
 // Null if it is not loaded. Only a holder of symbol_lock() may use what it
@@ -118,11 +144,25 @@ bool ask_own_engine(Query query) {
 // Waits for symbol_lock() and holds it for the query.
 template <class Query>
 bool ask_engine(Query query) {
-  TLock const guard(symbol_lock());
-  return ask_own_engine(query);
+  symbol_hold const hold;
+  return hold && ask_own_engine(query);
 }
 
-// False also if the lock is not to be had within 20 seconds.
+// The same after ensure_module() for the address; the query is told whether its
+// module is known. While the loader lock is busy symbol_lock() is given back.
+template <class Query>
+bool ask_engine_at(std::uint64_t address, Query query) {
+  for (loader_patience patience;; patience.pause()) {
+    symbol_hold const hold;
+    auto const engine = hold ? loaded_engine() : nullptr;
+    if (!engine) return false;
+    auto const state = engine->ensure_module(address);
+    if (state != module_state::loader_is_busy || patience.is_over())
+      return query(*engine, state == module_state::known);
+  }
+}
+
+// False also if the lock is unavailable for 20 seconds.
 template <class Query>
 bool try_asking_engine(Query query) noexcept {
   try {
@@ -133,5 +173,44 @@ bool try_asking_engine(Query query) noexcept {
     return false;
   }
 }
+
+// While threads are stopped.
+
+// Makes the engine read all that it would otherwise read in the middle of a walk:
+// where its walks need symbols, those of all modules, which takes long. Before
+// threads are stopped or heaps are locked.
+void prepare_walks();
+
+// While it lives the engine neither looks for modules that it does not know nor
+// remembers that they were asked for. For holders of symbol_lock().
+class [[nodiscard]] engine_isolation {
+public:
+  engine_isolation() noexcept;
+  engine_isolation(engine_isolation const&) = delete;
+  engine_isolation& operator=(engine_isolation const&) = delete;
+  ~engine_isolation();
+};
+
+// The full names of addresses that were asked for since the engine was loaded. A
+// process that reports much reports the same frames again and again. No operation
+// waits for another thread, which may be suspended in the middle of one so that its
+// stack can be walked; a thread that does not get in goes without.
+
+// Empty if it is not known.
+std::string known_text(unsigned __int64 address);
+
+// `changes` is what engine_changes was when the making of the text began.
+void remember_text(unsigned __int64 address, std::string const& text, unsigned changes) noexcept;
+
+void forget_texts();
+
+// Text of the variables of a function, as the engine lists them. For holders of
+// symbol_lock(): where the variables lie, and what was written of them.
+extern std::uint64_t variable_frame_base;
+extern std::string variable_text;
+
+// In the form that the engine calls for each symbol. Adds a line for one of four
+// bytes: type, name and value in both notations.
+BOOL CALLBACK append_variable(SYMBOL_INFO* symbol, ULONG size, void* unused);
 
 }  // namespace velt::detail

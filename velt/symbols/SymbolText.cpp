@@ -7,7 +7,6 @@
 
 #include "velt/diagnostics/Settings.h"
 #include "velt/symbols/SymbolEngineInternal.h"
-#include "velt/symbols/TextCacheInternal.h"
 #include "velt/text/Case.h"
 #include "velt/text/Splitting.h"
 
@@ -69,16 +68,15 @@ std::set<std::string> modules_not_to_blame() {
 
 std::string SymGetModuleFromAddress(unsigned __int64 address) {
   IMAGEHLP_MODULE64 module;
-  bool const found = ask_engine([&](symbol_engine& engine) {
-    return engine.ensure_module(address) && engine.find_module(address, module);
+  bool const found = ask_engine_at(address, [&](symbol_engine& engine, bool is_known) {
+    return is_known && engine.find_module(address, module);
   });
   return found ? module.ModuleName : "";
 }
 
 std::string SymGetSourceFromAddress(unsigned __int64 address) {
   std::string text;
-  ask_engine([&](symbol_engine& engine) {
-    engine.ensure_module(address);
+  ask_engine_at(address, [&](symbol_engine& engine, bool) {
     IMAGEHLP_LINE64 line;
     bool const found = engine.find_line(address, line);
     if (found) text = source_text(line);
@@ -89,8 +87,8 @@ std::string SymGetSourceFromAddress(unsigned __int64 address) {
 
 std::string SymGetNameFromAddress(unsigned __int64 address) {
   symbol_record symbol;
-  bool const found = ask_engine([&](symbol_engine& engine) {
-    return engine.ensure_module(address) && engine.find_symbol(address, symbol);
+  bool const found = ask_engine_at(address, [&](symbol_engine& engine, bool is_known) {
+    return is_known && engine.find_symbol(address, symbol);
   });
   std::string text;
   if (found)
@@ -102,8 +100,8 @@ std::string SymGetNameFromAddress(unsigned __int64 address) {
 
 std::string velt::detail::SymGetQualifiedNameFromAddress(unsigned __int64 address) {
   IMAGEHLP_MODULE64 module;
-  bool const has_module = ask_engine([&](symbol_engine& engine) {
-    return engine.ensure_module(address) && engine.find_module(address, module);
+  bool const has_module = ask_engine_at(address, [&](symbol_engine& engine, bool is_known) {
+    return is_known && engine.find_module(address, module);
   });
   symbol_record symbol;
   bool const has_symbol =

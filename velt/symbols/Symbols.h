@@ -5,8 +5,10 @@
 // Any thread may call any operation. One lock guards the engine; a walk takes it
 // for each frame. Waiting for it is alertable: what a queued call throws passes
 // out, as do ESystemException and std::bad_alloc, of all operations that do not
-// say otherwise. Do not call any from DllMain: the engine's lock comes before
-// the platform's loader lock.
+// say otherwise. The engine's lock is never kept while waiting for the loader lock.
+// While another thread holds that, the engine is neither started nor finds new
+// modules, after a second of tries; and a caller that owns it, as in DllMain, waits
+// for a second at most and then gets nothing.
 #pragma once
 
 #include <string>
@@ -42,7 +44,7 @@ VELT_API unsigned int StackWalk64(unsigned __int64* frames, _CONTEXT* context, v
 
 // Makes sure, once for each module, that the engine knows the module around the
 // address. False if there is none at the first asking; true for it from then on.
-// False also without the engine, and if its lock is not to be had within 20
+// False also without the engine, and if its lock is unavailable for 20
 // seconds. Does not throw.
 VELT_API bool EnsureModuleSymbolsLoaded(unsigned __int64 address);
 

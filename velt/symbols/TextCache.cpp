@@ -1,8 +1,7 @@
-#include "velt/symbols/TextCacheInternal.h"
+#include "velt/symbols/SymbolEngineInternal.h"
 
 #include <unordered_map>
 
-#include "velt/symbols/SymbolEngineInternal.h"
 
 namespace velt::detail {
 namespace {
