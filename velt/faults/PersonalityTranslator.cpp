@@ -24,7 +24,6 @@
 // nowhere, as far as the frame with the fault is concerned.
 #include <windows.h>
 
-#include <bit>
 #include <cstring>
 #include <exception>
 #include <optional>
@@ -58,7 +57,7 @@ velt_enter_translator:
   subq $40, %rsp
   .seh_stackalloc 40
   .seh_endprologue
-  .seh_handler velt_leave_translator, @unwind
+  .seh_handler velt_leave_translator, @unwind, @except
   call *%r8
   nop
   addq $40, %rsp
@@ -247,36 +246,6 @@ bool is_faulting_frame(CONTEXT const& fault, void* establisher,
          is_frame_of(fault, establisher, frame);
 }
 
-// The first bytes of the platform's description of a function.
-struct unwind_info {
-  BYTE version_and_flags;
-  BYTE prologue_size;
-};
-
-// Nothing in a prologue is covered by a call site, and nothing needs to be: what
-// faults there is the stack, directly or in the probe that it calls.
-bool is_in_prologue(DISPATCHER_CONTEXT const& frame) noexcept {
-  auto const info =
-      std::bit_cast<unwind_info const*>(frame.ImageBase + frame.FunctionEntry->UnwindData);
-  return frame.ControlPc - frame.ImageBase - frame.FunctionEntry->BeginAddress <
-         info->prologue_size;
-}
-
-// The throw comes past the frame with the fault. The real routine looks up the
-// address before the one it is given, since that of a call lies before its
-// return address.
-EXCEPTION_DISPOSITION pass_faulting_frame(open_fault const& fault, EXCEPTION_RECORD* record,
-                                          void* establisher, CONTEXT* context,
-                                          DISPATCHER_CONTEXT const& frame) {
-  // The stack may run out at any instruction, so that having no call site does
-  // not mean here that the function must not throw.
-  if (fault.code == EXCEPTION_STACK_OVERFLOW && !find_call_site(frame, frame.ControlPc))
-    return ExceptionContinueSearch;
-  DISPATCHER_CONTEXT behind = frame;
-  ++behind.ControlPc;
-  return __real___gxx_personality_seh0(record, establisher, context, &behind);
-}
-
 void call_translator(structured_exception_translator translator, EXCEPTION_RECORD* record,
                      CONTEXT* context, overflow_report* report = nullptr) {
   open_fault fault{open_faults.get(), record->ExceptionCode, context, false, report};
@@ -345,6 +314,9 @@ EXCEPTION_DISPOSITION search(EXCEPTION_RECORD* record, void* establisher, CONTEX
   return ExceptionContinueSearch;
 }
 
+// A C++ exception passes a frame, or is stopped there. The real routine looks up
+// the address before the one it is given, since that of a call lies before its
+// return address.
 EXCEPTION_DISPOSITION pass(EXCEPTION_RECORD* record, void* establisher, CONTEXT* context,
                            DISPATCHER_CONTEXT* frame) {
   auto const fault = open_faults.get();
@@ -353,11 +325,14 @@ EXCEPTION_DISPOSITION pass(EXCEPTION_RECORD* record, void* establisher, CONTEXT*
     fault->frame_is_ours = true;
     if (is_unwinding(*record)) close(*fault);
   }
-  if (record->ExceptionCode == own_throw_code) {
-    if (is_in_prologue(*frame)) return ExceptionContinueSearch;
-    if (faulted) return pass_faulting_frame(*fault, record, establisher, context, *frame);
-  }
-  return __real___gxx_personality_seh0(record, establisher, context, frame);
+  if (record->ExceptionCode != own_throw_code)
+    return __real___gxx_personality_seh0(record, establisher, context, frame);
+  if (is_born_of_fault(*record) &&
+      !find_call_site(*frame, faulted ? frame->ControlPc : frame->ControlPc - 1))
+    return ExceptionContinueSearch;
+  DISPATCHER_CONTEXT behind = *frame;
+  if (faulted) ++behind.ControlPc;
+  return __real___gxx_personality_seh0(record, establisher, context, faulted ? &behind : frame);
 }
 
 }  // namespace
@@ -388,10 +363,16 @@ void velt_translate_overflow(velt::detail::overflow_report* report) {
   std::terminate();
 }
 
-// The fault stays open if its own frame is about to be asked: see pass().
-EXCEPTION_DISPOSITION velt_leave_translator(EXCEPTION_RECORD*, void*, CONTEXT*,
+// In the search the exception is known to leave the translator, before any frame
+// further out is asked. In the unwinding the fault stays open if its own frame is
+// about to be asked: see pass().
+EXCEPTION_DISPOSITION velt_leave_translator(EXCEPTION_RECORD* record, void*, CONTEXT*,
                                             DISPATCHER_CONTEXT*) {
   using namespace velt::detail;
-  if (auto const fault = open_faults.get(); fault && !fault->frame_is_ours) close(*fault);
+  auto const fault = open_faults.get();
+  if (!is_unwinding(*record))
+    mark_born_of_fault(*record);
+  else if (fault && !fault->frame_is_ours)
+    close(*fault);
   return ExceptionContinueSearch;
 }

@@ -51,15 +51,28 @@ struct own_object {
   void* address;
 };
 
+// The header in front of the thrown object itself; null for other languages.
+throw_header* header_of(EXCEPTION_RECORD const& record) noexcept {
+  if (record.ExceptionCode != own_throw_code || record.NumberParameters < 1) return nullptr;
+  auto const unwinder = reinterpret_cast<_Unwind_Exception*>(record.ExceptionInformation[0]);
+  if (!unwinder || (unwinder->exception_class & ~kept) != language) return nullptr;
+  auto const header = reinterpret_cast<throw_header*>(unwinder + 1) - 1;
+  return unwinder->exception_class & kept ? static_cast<throw_header*>(header->kept_object) - 1
+                                          : header;
+}
+
 std::optional<own_object> own_object_of(EXCEPTION_RECORD const& record) {
-  auto const unwinder = record.NumberParameters >= 1
-                            ? reinterpret_cast<_Unwind_Exception*>(record.ExceptionInformation[0])
-                            : nullptr;
-  if (!unwinder || (unwinder->exception_class & ~kept) != language) return {};
-  void* object = unwinder + 1;
-  if (unwinder->exception_class & kept)
-    object = (static_cast<throw_header*>(object) - 1)->kept_object;
-  return own_object{(static_cast<throw_header*>(object) - 1)->type, object};
+  auto const header = header_of(record);
+  if (!header) return {};
+  return own_object{header->type, header + 1};
+}
+
+// The mark of an exception that was born of a fault: its terminate handler, which
+// the run time keeps in the object's header and calls if the exception ends the
+// process.
+[[noreturn]] void terminate_for_fault() {
+  std::get_terminate()();
+  std::abort();
 }
 
 // The run time's own test of a handler, with its conversions: null if the
@@ -192,8 +205,7 @@ std::optional<foreign_object> foreign_object_of(_EXCEPTION_POINTERS const* point
 }
 
 std::optional<own_object> own_object_of(_EXCEPTION_POINTERS const* pointers) {
-  auto const& record = *pointers->ExceptionRecord;
-  return record.ExceptionCode == own_throw_code ? own_object_of(record) : std::nullopt;
+  return own_object_of(*pointers->ExceptionRecord);
 }
 
 std::string clean(std::string name) {
@@ -203,6 +215,15 @@ std::string clean(std::string name) {
 }
 
 }  // namespace
+
+void mark_born_of_fault(EXCEPTION_RECORD const& record) noexcept {
+  if (auto const header = header_of(record)) header->terminate = terminate_for_fault;
+}
+
+bool is_born_of_fault(EXCEPTION_RECORD const& record) noexcept {
+  auto const header = header_of(record);
+  return header && header->terminate == terminate_for_fault;
+}
 
 bool is_typed_throw(_EXCEPTION_POINTERS const* pointers) noexcept {
   if (!pointers || !pointers->ExceptionRecord) return false;
