@@ -39,12 +39,14 @@ protected:
   // microseconds, then between alertable sleeps, so that queued calls run, and
   // can throw, in it.
   void inner_lock(_owner_id id) {
+    touch_stack();
     if (!try_inner_lock(id)) [[unlikely]]
       inner_lock_contended(id, true);
   }
   // The same for the end of a hold, which has to succeed, in a destructor amid the
   // unwinding of an exception too: queued calls are left to the thread's next wait.
   void inner_lock_to_release(_owner_id id) noexcept {
+    touch_stack();
     if (!try_inner_lock(id)) [[unlikely]]
       inner_lock_contended(id, false);
   }
@@ -52,6 +54,14 @@ protected:
 
 private:
   static constexpr unsigned int free_word = 0xFFFFFFFF;
+
+  // If the stack has no room for what is done under the inner lock, it overflows
+  // here, where nothing is held yet. Page by page, as the guard must be met.
+  static void touch_stack() noexcept {
+    auto const frame = static_cast<char const volatile*>(__builtin_frame_address(0));
+    (void)frame[-2048];
+    (void)frame[-2048 - 4096];
+  }
 
   bool is_free() const noexcept { return word.load(std::memory_order_relaxed) == free_word; }
   bool try_inner_lock(_owner_id id) noexcept {
