@@ -100,6 +100,28 @@ void fault_under_other_handlers() {
   return *address;
 }
 
+[[gnu::noipa]] void throw_in_handler() {
+  try {
+    read(nowhere);
+  } catch (EStructuredException&) {
+    throw 1;
+  }
+}
+
+[[gnu::noipa]] void handle_in_noexcept() noexcept { throw_in_handler(); }
+
+[[gnu::noipa]] void try_in_noexcept() noexcept {
+  try {
+    read(nowhere);
+  } catch (int) {
+    say("caught");
+  }
+}
+
+struct FaultsAtItsEnd {
+  ~FaultsAtItsEnd() { read(nowhere); }
+};
+
 struct MayThrowAtItsEnd {
   ~MayThrowAtItsEnd() noexcept(false) { read(nowhere); }
 };
@@ -152,6 +174,9 @@ constexpr struct {
     {"break_without_try", break_without_try},
     {"fault_under_other_handlers", fault_under_other_handlers},
     {"fault_in_noexcept", [] { guarded([] { read_noexcept(nowhere); }); }},
+    {"fault_in_noexcept_with_try", [] { guarded([] { try_in_noexcept(); }); }},
+    {"new_throw_in_noexcept", [] { guarded([] { handle_in_noexcept(); }); }},
+    {"fault_in_destructor", [] { guarded([] { FaultsAtItsEnd const object; }); }},
     {"fault_in_unwinding",
      [] {
        guarded([] {

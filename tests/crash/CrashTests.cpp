@@ -34,9 +34,15 @@ TEST_P(Crash, ByAFaultThatNobodyTranslatesHasItsCode) {
 }
 
 TEST_P(Crash, ByAFaultThatMustNotPassIsATermination) {
-  for (char const* way : {"fault_under_other_handlers", "fault_in_noexcept", "fault_in_unwinding",
-                          "fault_without_the_option"})
+  for (char const* way : {"fault_under_other_handlers", "fault_in_noexcept_with_try"})
     expect_end(way, 3, "terminated by Access Violation (read from 0x10)");
+  expect_end("new_throw_in_noexcept", 3, "terminated by something else");
+}
+
+TEST_P(Crash, IsPreventedWhereThereIsNoCallSite) {
+  for (char const* way : {"fault_in_noexcept", "fault_in_destructor",
+                          "fault_in_unwinding", "fault_without_the_option"})
+    expect_end(way, 0, "caught");
 }
 
 // Wine tells nobody of the second one.

@@ -14,6 +14,8 @@
 
 #include "velt/base/LastErrorInternal.h"
 #include "velt/base/LoadOrderInternal.h"
+#include "velt/faults/StackOverflowException.h"
+#include "velt/faults/TranslatorInternal.h"
 #include "velt/text/Encoding.h"
 #include "velt/text/Format.h"
 
@@ -123,6 +125,10 @@ void TDebugStream::send(char const* text, unsigned __int64 size) {
     auto const writer = Writers[index];
     try {
       writer->StreamWriteString(text, size);
+    } catch (EStackOverflowException const&) {
+      // Not the writer's failure; and only the caller's handler can give the stack
+      // its guard back.
+      velt::detail::throw_on_leanly();
     } catch (...) {
       drop(index, writer);
       --index;

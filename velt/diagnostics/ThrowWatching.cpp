@@ -96,6 +96,8 @@ LONG WINAPI WatchExceptions(_EXCEPTION_POINTERS* pointers) {
   if (is_for_debuggers(pointers->ExceptionRecord->ExceptionCode) || !UseVEH ||
       !throws_are_watched())
     return EXCEPTION_CONTINUE_SEARCH;
+  if (!SaveMiniDumpOnCppException && !ExtendDebugInformationFromException)
+    return EXCEPTION_CONTINUE_SEARCH;
   // What is done here may itself throw and catch.
   if (active_scope::exists()) return EXCEPTION_CONTINUE_SEARCH;
   last_error_keeper const error;

@@ -7,6 +7,8 @@
 #include <typeinfo>
 
 #include "velt/exceptions/EGeneric.h"
+#include "velt/faults/StackOverflowException.h"
+#include "velt/faults/TranslatorInternal.h"
 #include "velt/value/HoldersInternal.h"
 
 namespace {
@@ -61,6 +63,8 @@ void append_value_or_nothing(std::string& text, _value_t const& value) {
   auto const length = text.size();
   try {
     append_value(text, value);
+  } catch (EStackOverflowException const&) {
+    velt::detail::throw_on_leanly();
   } catch (...) {
     text.resize(length);
   }
@@ -69,14 +73,17 @@ void append_value_or_nothing(std::string& text, _value_t const& value) {
 std::string text_or_nothing(_value_t const& value) {
   try {
     return value.get<std::string>();
+  } catch (EStackOverflowException const&) {
+    velt::detail::throw_on_leanly();
   } catch (...) {
     return std::string();
   }
 }
 
-}  // namespace
-
-char const* EGeneric::what() const noexcept try {
+// Null if it cannot be made. Not a part of what(), which has no handlers of its own
+// then, so that an overflow of the stack leaves it although it is noexcept: only
+// the caller's handler can give the stack its guard back.
+[[gnu::noinline]] char const* text_of(std::vector<EGeneric::named_value> const& list) try {
   auto& text = the_text();
   std::lock_guard const guard(text.lock);
   auto& buffer = text.buffer;
@@ -91,6 +98,15 @@ char const* EGeneric::what() const noexcept try {
     append_value_or_nothing(buffer, value);
   }
   return buffer.c_str();
+} catch (EStackOverflowException const&) {
+  velt::detail::throw_on_leanly();
 } catch (...) {
-  return std::exception::what();
+  return nullptr;
+}
+
+}  // namespace
+
+char const* EGeneric::what() const noexcept {
+  auto const text = text_of(list);
+  return text ? text : std::exception::what();
 }

@@ -49,3 +49,7 @@ void velt::detail::throw_leanly(void (*thrower)(void* argument), void* argument)
   velt_throw_leanly(argument, thrower);
   __builtin_unreachable();
 }
+
+void velt::detail::throw_on_leanly() {
+  throw_leanly([](void*) { throw; }, nullptr);
+}

@@ -24,7 +24,6 @@
 // nowhere, as far as the frame with the fault is concerned.
 #include <windows.h>
 
-#include <bit>
 #include <cstring>
 #include <exception>
 #include <optional>
@@ -42,10 +41,10 @@ extern "C" personality_routine velt_leave_translator;
 extern "C" void velt_enter_translator(unsigned int code, _EXCEPTION_POINTERS* pointers,
                                       structured_exception_translator translator);
 namespace velt::detail {
-struct overflow_report;
+struct fault_report;
 }
-extern "C" void velt_land_below_fault(velt::detail::overflow_report*, ULONG64 rip, ULONG64 rsp);
-extern "C" void velt_translate_overflow(velt::detail::overflow_report* report);
+extern "C" void velt_land_below_fault(velt::detail::fault_report*, ULONG64 rip, ULONG64 rsp);
+extern "C" void velt_translate_report(velt::detail::fault_report* report);
 
 // The frame of the translator's caller has a handler that is told when it is
 // unwound, for whatever reason; a destructor would be run by some of the
@@ -58,7 +57,7 @@ velt_enter_translator:
   subq $40, %rsp
   .seh_stackalloc 40
   .seh_endprologue
-  .seh_handler velt_leave_translator, @unwind
+  .seh_handler velt_leave_translator, @unwind, @except
   call *%r8
   nop
   addq $40, %rsp
@@ -81,17 +80,18 @@ velt_land_below_fault:
   movq %rdx, 40(%rsp)
   movq %r8, 64(%rsp)
   cld
-  call velt_translate_overflow
+  call velt_translate_report
   ud2
   .seh_endproc
 )");
 
 namespace velt::detail {
 
-// What the platform tells of an overflow, in pages of its own.
-struct overflow_report {
+// What the platform tells of a fault, in pages of its own.
+struct fault_report {
   EXCEPTION_RECORD record;
   CONTEXT context;
+  CONTEXT walker;  // of a look at the frames
 };
 
 namespace {
@@ -103,7 +103,7 @@ struct open_fault {
   DWORD code;
   CONTEXT* context;
   bool frame_is_ours;       // a search for the handler of the throw came past it
-  overflow_report* report;  // null unless the context is in it
+  fault_report* report;  // null unless the context is in it
 };
 
 VELT_LOAD_STEP(translator_slots) thread_slot<void(unsigned int, _EXCEPTION_POINTERS*)> translators;
@@ -179,17 +179,16 @@ private:
 };
 
 struct call_site {
-  bool has_landing_pad;
+  ULONG64 landing_pad;  // 0 if there is none
   BYTE const* actions;  // null if there is only cleaning up to be done
+  bool operator==(call_site const&) const = default;
 };
 
-// The entry of the frame's table that covers the address. None for prologues,
-// and for what the compiler believes not to throw or knows must not.
-std::optional<call_site> find_call_site(DISPATCHER_CONTEXT const& frame, ULONG64 address) noexcept {
-  if (!frame.HandlerData) return {};
-  ULONG64 const offset = address - frame.ImageBase - frame.FunctionEntry->BeginAddress;
-
-  table_reader header(static_cast<BYTE const*>(frame.HandlerData));
+// The entry of a function's table that covers the offset in it. None for
+// prologues, and for what the compiler believes not to throw or knows must not.
+std::optional<call_site> find_call_site(void const* table, ULONG64 offset) noexcept {
+  if (!table) return {};
+  table_reader header(static_cast<BYTE const*>(table));
   if (BYTE const encoding = header.byte(); encoding != table_reader::omitted)
     header.number(encoding);
   if (header.byte() != table_reader::omitted) header.unsigned_number();
@@ -203,9 +202,14 @@ std::optional<call_site> find_call_site(DISPATCHER_CONTEXT const& frame, ULONG64
     ULONG64 const landing_pad = sites.number(encoding);
     ULONG64 const action = sites.unsigned_number();
     if (offset - start < length)
-      return call_site{landing_pad != 0, action ? actions + action - 1 : nullptr};
+      return call_site{landing_pad, action ? actions + action - 1 : nullptr};
   }
   return {};
+}
+
+std::optional<call_site> find_call_site(DISPATCHER_CONTEXT const& frame, ULONG64 address) noexcept {
+  return find_call_site(frame.HandlerData,
+                        address - frame.ImageBase - frame.FunctionEntry->BeginAddress);
 }
 
 // Whether the actions are those of a try block, whatever it catches.
@@ -222,7 +226,7 @@ bool has_catch(BYTE const* actions) noexcept {
 
 bool has_catch_for(DISPATCHER_CONTEXT const& frame, ULONG64 address) noexcept {
   auto const site = find_call_site(frame, address);
-  return site && site->has_landing_pad && has_catch(site->actions);
+  return site && site->landing_pad && has_catch(site->actions);
 }
 
 // The answer of the dispatcher itself, for functions that keep a frame pointer.
@@ -247,38 +251,8 @@ bool is_faulting_frame(CONTEXT const& fault, void* establisher,
          is_frame_of(fault, establisher, frame);
 }
 
-// The first bytes of the platform's description of a function.
-struct unwind_info {
-  BYTE version_and_flags;
-  BYTE prologue_size;
-};
-
-// Nothing in a prologue is covered by a call site, and nothing needs to be: what
-// faults there is the stack, directly or in the probe that it calls.
-bool is_in_prologue(DISPATCHER_CONTEXT const& frame) noexcept {
-  auto const info =
-      std::bit_cast<unwind_info const*>(frame.ImageBase + frame.FunctionEntry->UnwindData);
-  return frame.ControlPc - frame.ImageBase - frame.FunctionEntry->BeginAddress <
-         info->prologue_size;
-}
-
-// The throw comes past the frame with the fault. The real routine looks up the
-// address before the one it is given, since that of a call lies before its
-// return address.
-EXCEPTION_DISPOSITION pass_faulting_frame(open_fault const& fault, EXCEPTION_RECORD* record,
-                                          void* establisher, CONTEXT* context,
-                                          DISPATCHER_CONTEXT const& frame) {
-  // The stack may run out at any instruction, so that having no call site does
-  // not mean here that the function must not throw.
-  if (fault.code == EXCEPTION_STACK_OVERFLOW && !find_call_site(frame, frame.ControlPc))
-    return ExceptionContinueSearch;
-  DISPATCHER_CONTEXT behind = frame;
-  ++behind.ControlPc;
-  return __real___gxx_personality_seh0(record, establisher, context, &behind);
-}
-
 void call_translator(structured_exception_translator translator, EXCEPTION_RECORD* record,
-                     CONTEXT* context, overflow_report* report = nullptr) {
+                     CONTEXT* context, fault_report* report = nullptr) {
   open_fault fault{open_faults.get(), record->ExceptionCode, context, false, report};
   EXCEPTION_POINTERS pointers{record, context};
   open_faults.set(&fault);
@@ -286,31 +260,95 @@ void call_translator(structured_exception_translator translator, EXCEPTION_RECOR
   close(fault);
 }
 
+// The routine behind the jump by which a module calls what it imports.
+void const* routine_behind(void const* code) noexcept {
+  constexpr BYTE jump[] = {0xFF, 0x25};  // to where the pointer at an offset points
+  auto const bytes = static_cast<BYTE const*>(code);
+  if (std::memcmp(bytes, jump, sizeof jump) != 0) return code;
+  LONG offset;
+  std::memcpy(&offset, bytes + sizeof jump, sizeof offset);
+  return *reinterpret_cast<void* const*>(bytes + sizeof jump + sizeof offset + offset);
+}
+
+bool is_run_times_routine(void const* handler) noexcept {
+  static void const* const real =
+      routine_behind(reinterpret_cast<void const*>(&__real___gxx_personality_seh0));
+  return handler && routine_behind(handler) == real;
+}
+
+// What the run time's own routine does for frames of modules that are not linked
+// with ours, its own module among them: it looks at the address before the place,
+// and without a call site it ends the process.
+bool would_terminate(void const* table, ULONG64 offset, bool faulted) noexcept {
+  if (!table) return false;
+  auto const found = find_call_site(table, offset - 1);
+  return !found || (faulted && found != find_call_site(table, offset));
+}
+
+// Goes from the fault outwards to the frame with the try block, and moves the
+// place from which the exception is to be thrown past all frames that would end
+// the process. False if there are none.
+bool pass_terminating_frames(CONTEXT& place, CONTEXT& walker, void* establisher) noexcept {
+  bool moved = false;
+  bool faulted = true;
+  for (auto const target = reinterpret_cast<ULONG64>(establisher);; faulted = false) {
+    ULONG64 const at = walker.Rip;
+    ULONG64 base, frame;
+    auto const function = RtlLookupFunctionEntry(at, &base, nullptr);
+    if (!function) {
+      walker.Rip = *reinterpret_cast<ULONG64 const*>(walker.Rsp);
+      walker.Rsp += sizeof walker.Rip;
+      continue;
+    }
+    void* table = nullptr;
+    auto const handler = RtlVirtualUnwind(UNW_FLAG_EHANDLER, base, at, function, &walker, &table,
+                                          &frame, nullptr);
+    if (frame >= target || walker.Rip == 0) return moved;
+    if (!is_run_times_routine(reinterpret_cast<void const*>(handler)) ||
+        !would_terminate(table, at - base - function->BeginAddress, faulted))
+      continue;
+    place = walker;
+    moved = true;
+  }
+}
+
+// The same for a frame of the dispatcher's search, with room for the records.
+[[gnu::noinline]] bool has_terminating_frames(CONTEXT const& fault, void* establisher) noexcept {
+  CONTEXT place, walker = fault;
+  return pass_terminating_frames(place, walker, establisher);
+}
+
 // Null if there is no memory. What lies behind the context, the halves of wide
 // registers, is not copied.
-overflow_report* report_of(EXCEPTION_RECORD const& record, CONTEXT const& context) noexcept {
-  auto const report = static_cast<overflow_report*>(
-      VirtualAlloc(nullptr, sizeof(overflow_report), MEM_COMMIT, PAGE_READWRITE));
+fault_report* report_of(EXCEPTION_RECORD const& record, CONTEXT const& context) noexcept {
+  auto const report = static_cast<fault_report*>(
+      VirtualAlloc(nullptr, sizeof(fault_report), MEM_COMMIT, PAGE_READWRITE));
   if (!report) return nullptr;
   report->record = record;
   report->context = context;
   constexpr DWORD extended_state = 0x40;
   report->context.ContextFlags &= ~extended_state;
+  report->walker = report->context;
   return report;
 }
 
 // Makes the context one that goes on in velt_land_below_fault. False if it must
 // not go on, or if the report cannot be made.
-bool redirect_below_fault(EXCEPTION_RECORD const& record, CONTEXT& context) noexcept {
+bool redirect_below_fault(EXCEPTION_RECORD const& record, CONTEXT& context,
+                          void* establisher) noexcept {
   if (record.ExceptionFlags & EXCEPTION_NONCONTINUABLE) return false;
   auto const report = report_of(record, context);
   if (!report) return false;
+  ULONG64 const bottom = context.Rsp;
+  DWORD const flags = context.ContextFlags;
+  pass_terminating_frames(context, report->walker, establisher);
+  context.ContextFlags = flags;
   constexpr ULONG64 machine_frame = 40;
   context.Rcx = reinterpret_cast<ULONG64>(report);
   context.Rdx = context.Rip;
   context.R8 = context.Rsp;
   context.Rip = reinterpret_cast<ULONG64>(&velt_land_below_fault);
-  context.Rsp = (context.Rsp & ~ULONG64{15}) - machine_frame;
+  context.Rsp = (bottom & ~ULONG64{15}) - machine_frame;
   return true;
 }
 
@@ -339,12 +377,17 @@ EXCEPTION_DISPOSITION search(EXCEPTION_RECORD* record, void* establisher, CONTEX
   bool const faulted = is_faulting_frame(*context, establisher, frame);
   if (!has_catch_for(frame, faulted ? frame.ControlPc : frame.ControlPc - 1))
     return ExceptionContinueSearch;
-  if (record->ExceptionCode == EXCEPTION_STACK_OVERFLOW && redirect_below_fault(*record, *context))
+  if ((record->ExceptionCode == EXCEPTION_STACK_OVERFLOW ||
+       has_terminating_frames(*context, establisher)) &&
+      redirect_below_fault(*record, *context, establisher))
     return ExceptionContinueExecution;
   call_translator(translator, record, context);
   return ExceptionContinueSearch;
 }
 
+// A C++ exception passes a frame, or is stopped there. The real routine looks up
+// the address before the one it is given, since that of a call lies before its
+// return address.
 EXCEPTION_DISPOSITION pass(EXCEPTION_RECORD* record, void* establisher, CONTEXT* context,
                            DISPATCHER_CONTEXT* frame) {
   auto const fault = open_faults.get();
@@ -353,11 +396,14 @@ EXCEPTION_DISPOSITION pass(EXCEPTION_RECORD* record, void* establisher, CONTEXT*
     fault->frame_is_ours = true;
     if (is_unwinding(*record)) close(*fault);
   }
-  if (record->ExceptionCode == own_throw_code) {
-    if (is_in_prologue(*frame)) return ExceptionContinueSearch;
-    if (faulted) return pass_faulting_frame(*fault, record, establisher, context, *frame);
-  }
-  return __real___gxx_personality_seh0(record, establisher, context, frame);
+  if (record->ExceptionCode != own_throw_code)
+    return __real___gxx_personality_seh0(record, establisher, context, frame);
+  if (is_born_of_fault(*record) &&
+      !find_call_site(*frame, faulted ? frame->ControlPc : frame->ControlPc - 1))
+    return ExceptionContinueSearch;
+  DISPATCHER_CONTEXT behind = *frame;
+  if (faulted) ++behind.ControlPc;
+  return __real___gxx_personality_seh0(record, establisher, context, faulted ? &behind : frame);
 }
 
 }  // namespace
@@ -382,16 +428,22 @@ EXCEPTION_DISPOSITION __wrap___gxx_personality_seh0(EXCEPTION_RECORD* record, vo
 }
 
 // There is no way back into the search.
-void velt_translate_overflow(velt::detail::overflow_report* report) {
+void velt_translate_report(velt::detail::fault_report* report) {
   using namespace velt::detail;
   call_translator(translators.get(), &report->record, &report->context, report);
   std::terminate();
 }
 
-// The fault stays open if its own frame is about to be asked: see pass().
-EXCEPTION_DISPOSITION velt_leave_translator(EXCEPTION_RECORD*, void*, CONTEXT*,
+// In the search the exception is known to leave the translator, before any frame
+// further out is asked. In the unwinding the fault stays open if its own frame is
+// about to be asked: see pass().
+EXCEPTION_DISPOSITION velt_leave_translator(EXCEPTION_RECORD* record, void*, CONTEXT*,
                                             DISPATCHER_CONTEXT*) {
   using namespace velt::detail;
-  if (auto const fault = open_faults.get(); fault && !fault->frame_is_ours) close(*fault);
+  auto const fault = open_faults.get();
+  if (!is_unwinding(*record))
+    mark_born_of_fault(*record);
+  else if (fault && !fault->frame_is_ours)
+    close(*fault);
   return ExceptionContinueSearch;
 }

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <memory>
 #include <optional>
@@ -51,15 +52,75 @@ struct own_object {
   void* address;
 };
 
+// The header in front of the thrown object itself; null for other languages. For
+// records of real throws.
+throw_header* header_of(EXCEPTION_RECORD const& record) noexcept {
+  if (record.ExceptionCode != own_throw_code || record.NumberParameters < 1) return nullptr;
+  auto const unwinder = reinterpret_cast<_Unwind_Exception*>(record.ExceptionInformation[0]);
+  if (!unwinder || (unwinder->exception_class & ~kept) != language) return nullptr;
+  auto const header = reinterpret_cast<throw_header*>(unwinder + 1) - 1;
+  return unwinder->exception_class & kept ? static_cast<throw_header*>(header->kept_object) - 1
+                                          : header;
+}
+
+// Anybody may raise the codes of throws, with any parameters, so that nothing of
+// a record is followed before this was asked.
+bool is_readable(void const* memory, std::size_t size) noexcept {
+  constexpr DWORD readable = PAGE_READONLY | PAGE_READWRITE | PAGE_WRITECOPY | PAGE_EXECUTE_READ |
+                             PAGE_EXECUTE_READWRITE | PAGE_EXECUTE_WRITECOPY;
+  auto at = static_cast<std::byte const*>(memory);
+  auto const end = at + size;
+  if (end < at) return false;
+  while (at < end) {
+    MEMORY_BASIC_INFORMATION region;
+    if (!VirtualQuery(at, &region, sizeof region) || region.State != MEM_COMMIT ||
+        !(region.Protect & readable) || (region.Protect & PAGE_GUARD))
+      return false;
+    at = static_cast<std::byte const*>(region.BaseAddress) + region.RegionSize;
+  }
+  return true;
+}
+
+// Null if it cannot be read.
+template <class T>
+T const* readable(std::uintptr_t address) noexcept {
+  auto const object = reinterpret_cast<T const*>(address);
+  return is_readable(object, sizeof *object) ? object : nullptr;
+}
+
+// Whether a text can be read up to its end, page by page.
+bool ends_readably(char const* text) noexcept {
+  constexpr std::size_t page = 4096, longest = 16 * page;
+  for (std::size_t size = 0; size < longest;) {
+    auto const rest = page - reinterpret_cast<std::uintptr_t>(text + size) % page;
+    if (!is_readable(text + size, rest)) return false;
+    if (std::memchr(text + size, 0, rest)) return true;
+    size += rest;
+  }
+  return false;
+}
+
+bool has_readable_header(std::uintptr_t object) noexcept {
+  return readable<throw_header>(object - sizeof(throw_header));
+}
+
 std::optional<own_object> own_object_of(EXCEPTION_RECORD const& record) {
-  auto const unwinder = record.NumberParameters >= 1
-                            ? reinterpret_cast<_Unwind_Exception*>(record.ExceptionInformation[0])
-                            : nullptr;
-  if (!unwinder || (unwinder->exception_class & ~kept) != language) return {};
-  void* object = unwinder + 1;
-  if (unwinder->exception_class & kept)
-    object = (static_cast<throw_header*>(object) - 1)->kept_object;
-  return own_object{(static_cast<throw_header*>(object) - 1)->type, object};
+  auto const unwinder = record.ExceptionInformation[0];
+  if (record.NumberParameters < 1 || !has_readable_header(unwinder + sizeof(_Unwind_Exception)))
+    return {};
+  auto const header = header_of(record);
+  if (!header || !has_readable_header(reinterpret_cast<std::uintptr_t>(header + 1)) ||
+      !is_readable(header->type, sizeof *header->type))
+    return {};
+  return own_object{header->type, header + 1};
+}
+
+// The mark of an exception that was born of a fault: its terminate handler, which
+// the run time keeps in the object's header and calls if the exception ends the
+// process.
+[[noreturn]] void terminate_for_fault() {
+  std::get_terminate()();
+  std::abort();
 }
 
 // The run time's own test of a handler, with its conversions: null if the
@@ -95,11 +156,6 @@ struct catchable_type {
   bool in_virtual_base() const { return table_offset != not_virtual; }
 };
 
-struct catchable_types {
-  std::int32_t count;
-  std::uint32_t entries[1];
-};
-
 struct throw_descriptor {
   std::uint32_t attributes, destructor, compatibility;
   std::uint32_t types;
@@ -121,9 +177,9 @@ std::string comparable(std::string name) {
   return name;
 }
 
-std::string readable_name(foreign_type const& type) {
+std::string readable_name(char const* decorated) {
   constexpr unsigned short type_only = 0x2000, no_32_bit_words = 0x0800;
-  char const* const decorated = type.decorated + (type.decorated[0] == '.');
+  if (decorated[0] == '.') ++decorated;
   std::unique_ptr<char, void (*)(void*)> const name(
       __unDName(nullptr, decorated, 0, std::malloc, std::free, type_only | no_32_bit_words),
       std::free);
@@ -134,10 +190,13 @@ class foreign_object {
 public:
   static std::optional<foreign_object> of(EXCEPTION_RECORD const& record) {
     auto const& parameters = record.ExceptionInformation;
+    constexpr ULONG_PTR first_magic = 0x19930520, last_magic = 0x19930522;
+    if (record.NumberParameters < 3 || parameters[0] < first_magic || parameters[0] > last_magic)
+      return {};
     // A throw without operand has neither object nor descriptor.
-    if (record.NumberParameters < 3 || !parameters[2]) return {};
-    return foreign_object(reinterpret_cast<std::byte*>(parameters[1]),
-                          *reinterpret_cast<throw_descriptor const*>(parameters[2]),
+    auto const descriptor = readable<throw_descriptor>(parameters[2]);
+    if (!descriptor || (record.NumberParameters >= 4 && !parameters[3])) return {};
+    return foreign_object(reinterpret_cast<std::byte*>(parameters[1]), *descriptor,
                           record.NumberParameters >= 4 ? parameters[3] : 0);
   }
 
@@ -145,9 +204,9 @@ public:
   catchable_type const* find(std::type_info const& type, bool direct) const {
     auto const wanted = comparable(detail::readable_name(type));
     for (auto const reference : types) {
-      auto const& entry = at<catchable_type>(reference);
-      if (direct && entry.in_virtual_base()) continue;
-      if (comparable(name_of(entry)) == wanted) return &entry;
+      auto const entry = at<catchable_type>(reference);
+      if (!entry || (direct && entry->in_virtual_base())) continue;
+      if (comparable(name_of(entry)) == wanted) return entry;
     }
     return nullptr;
   }
@@ -157,8 +216,9 @@ public:
   void* address_of(catchable_type const& entry) const {
     if (!entry.in_virtual_base()) return object;
     auto const holder = object + entry.table_offset;
-    auto const table = *reinterpret_cast<std::byte const* const*>(holder);
-    return holder + *reinterpret_cast<std::int32_t const*>(table + entry.entry_offset);
+    auto const table = readable<std::uintptr_t>(reinterpret_cast<std::uintptr_t>(holder));
+    auto const offset = table ? readable<std::int32_t>(*table + entry.entry_offset) : nullptr;
+    return offset ? holder + *offset : nullptr;
   }
 
   std::string own_name() const {
@@ -168,17 +228,21 @@ public:
 private:
   foreign_object(std::byte* thrown, throw_descriptor const& descriptor, ULONG_PTR image)
       : object(thrown), base(image) {
-    if (!descriptor.types) return;
-    auto const& list = at<catchable_types>(descriptor.types);
-    types = {list.entries, static_cast<std::size_t>(std::max(list.count, 0))};
+    auto const count = descriptor.types ? at<std::int32_t>(descriptor.types) : nullptr;
+    if (!count || *count <= 0) return;
+    auto const first = reinterpret_cast<std::uint32_t const*>(count + 1);
+    auto const size = static_cast<std::size_t>(*count);
+    if (is_readable(first, size * sizeof *first)) types = {first, size};
   }
 
   template <class T>
-  T const& at(std::uint32_t reference) const {
-    return *reinterpret_cast<T const*>(base + reference);
+  T const* at(std::uint32_t reference) const {
+    return readable<T>(base + reference);
   }
-  std::string name_of(catchable_type const& entry) const {
-    return readable_name(at<foreign_type>(entry.type));
+
+  std::string name_of(catchable_type const* entry) const {
+    auto const type = entry ? at<foreign_type>(entry->type) : nullptr;
+    return type && ends_readably(type->decorated) ? readable_name(type->decorated) : "";
   }
 
   std::byte* object;
@@ -203,6 +267,15 @@ std::string clean(std::string name) {
 }
 
 }  // namespace
+
+void mark_born_of_fault(EXCEPTION_RECORD const& record) noexcept {
+  if (auto const header = header_of(record)) header->terminate = terminate_for_fault;
+}
+
+bool is_born_of_fault(EXCEPTION_RECORD const& record) noexcept {
+  auto const header = header_of(record);
+  return header && header->terminate == terminate_for_fault;
+}
 
 bool is_typed_throw(_EXCEPTION_POINTERS const* pointers) noexcept {
   if (!pointers || !pointers->ExceptionRecord) return false;

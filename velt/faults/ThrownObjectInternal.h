@@ -7,6 +7,7 @@
 #include <typeinfo>
 
 struct _EXCEPTION_POINTERS;
+struct _EXCEPTION_RECORD;
 
 namespace velt::detail {
 
@@ -21,5 +22,12 @@ bool ThrownTypeIs(_EXCEPTION_POINTERS const* pointers, std::type_info const& typ
 void* ThrownObjectAs(_EXCEPTION_POINTERS const* pointers, std::type_info const& type);
 // Readable name of the object's own type, or empty if it is not known.
 std::string ThrownTypeName(_EXCEPTION_POINTERS const* pointers);
+
+// Exceptions that left a translator are marked. The mark belongs to the thrown
+// object: it stays when that is thrown again, by `throw;` or from where it was
+// kept, on any thread, and a copy of the object does not have it. Neither does
+// anything for the record of something else than a C++ throw of this compiler.
+void mark_born_of_fault(_EXCEPTION_RECORD const& record) noexcept;
+bool is_born_of_fault(_EXCEPTION_RECORD const& record) noexcept;
 
 }  // namespace velt::detail

@@ -16,6 +16,9 @@ structured_exception_translator set_translator(structured_exception_translator t
 // bare throw takes 12.
 [[noreturn]] void throw_leanly(void (*thrower)(void* argument), void* argument);
 
+// `throw;` in the same way, for handlers of overflows.
+[[noreturn]] void throw_on_leanly();
+
 // True if the vectored handler that watches throws is registered.
 bool throws_are_watched() noexcept;
 

@@ -38,12 +38,14 @@ protected:
   // other code. Not recursive. A contender spins for some microseconds, then
   // sleeps alertably between tries: queued calls run and can throw.
   void inner_lock(_owner_id id) {
+    touch_stack();
     if (!try_inner_lock(id)) [[unlikely]]
       inner_lock_contended(id, true);
   }
   // Like inner_lock(), but not alertable: releases run in destructors during
   // unwinding and must not throw.
   void inner_lock_to_release(_owner_id id) noexcept {
+    touch_stack();
     if (!try_inner_lock(id)) [[unlikely]]
       inner_lock_contended(id, false);
   }
@@ -55,6 +57,14 @@ protected:
 
 private:
   static constexpr unsigned int free_word = 0xFFFFFFFF;
+
+  // If the stack has no room for what is done under the inner lock, it overflows
+  // here, where nothing is held yet. Page by page, as the guard must be met.
+  static void touch_stack() noexcept {
+    auto const frame = static_cast<char const volatile*>(__builtin_frame_address(0));
+    (void)frame[-2048];
+    (void)frame[-2048 - 4096];
+  }
 
   bool is_free() const noexcept { return word.load(std::memory_order_relaxed) == free_word; }
   void inner_lock_contended(_owner_id id, bool alertable);

@@ -19,6 +19,27 @@ void leave_function(CONTEXT& context) {
                    nullptr);
 }
 
+bool is_code(DWORD64 address) {
+  constexpr DWORD executable =
+      PAGE_EXECUTE | PAGE_EXECUTE_READ | PAGE_EXECUTE_READWRITE | PAGE_EXECUTE_WRITECOPY;
+  MEMORY_BASIC_INFORMATION region;
+  return VirtualQuery(reinterpret_cast<void const*>(address), &region, sizeof region) &&
+         region.State == MEM_COMMIT && (region.Protect & executable);
+}
+
+// A call of something that is no code has done nothing yet but to store its
+// return address. The engine would not get past such a place.
+void leave_call_of_no_code(CONTEXT& context) {
+  DWORD64 return_address;
+  SIZE_T read;
+  if (is_code(context.Rip) ||
+      !ReadProcessMemory(GetCurrentProcess(), reinterpret_cast<void const*>(context.Rsp),
+                         &return_address, sizeof return_address, &read))
+    return;
+  context.Rip = return_address;
+  context.Rsp += sizeof return_address;
+}
+
 ADDRESS64 flat(DWORD64 offset) { return {offset, 0, AddrModeFlat}; }
 
 STACKFRAME64 start_of_walk(CONTEXT const& context) {
@@ -64,6 +85,7 @@ unsigned int walk(unsigned __int64* frames, CONTEXT& context, HANDLE thread, uns
   CONTEXT own;  // the walk changes it
   if (context) {
     own = *context;
+    leave_call_of_no_code(own);
   } else {
     if (!is_calling_thread(thread)) return 0;
     RtlCaptureContext(&own);

@@ -1,0 +1,48 @@
+// Code that faults, written as a program would write it, and built several times:
+// at each level of optimisation as a part of the test program, and as a DLL.
+#pragma once
+
+#include <span>
+#include <string>
+
+namespace velt_test {
+
+// What the compiler cannot know.
+struct Fault {
+  int* nowhere;  // points to 0x10
+  std::string log;
+  long long result = 0;
+};
+
+// Faults in a try block of its own. The log ends with "own" if that one took it.
+struct Place {
+  char const* row;  // of the documentation's table
+  void (*fault)(Fault&);
+};
+
+struct Scenario {
+  char const* name;
+  void (*run)(Fault&);
+  char const* log;  // "next": the exception left the scenario
+};
+
+// Calls itself until the stack is used up, if it is called with 1.
+struct Recursion {
+  char const* name;
+  long (*run)(long depth);
+};
+
+struct Build {
+  char const* name;
+  std::span<Place const> places;
+  std::span<Scenario const> scenarios;
+  std::span<Recursion const> recursions;
+};
+
+Build build_at_o0();
+Build build_at_o1();
+Build build_at_o2();
+Build build_at_o3();
+Build build_of_dll();
+
+}  // namespace velt_test
