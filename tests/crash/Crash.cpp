@@ -43,6 +43,10 @@ LONG CALLBACK say_unhandled(EXCEPTION_POINTERS* pointers) {
 }
 
 [[noreturn]] void say_terminated() {
+  if (!std::current_exception()) {
+    say("terminated amid an unwinding");
+    std::_Exit(3);
+  }
   try {
     std::rethrow_exception(std::current_exception());
   } catch (EGeneric& error) {

@@ -34,8 +34,8 @@ TEST_P(Crash, ByAFaultThatNobodyTranslatesHasItsCode) {
 }
 
 TEST_P(Crash, ByAFaultThatMustNotPassIsATermination) {
-  for (char const* way : {"fault_under_other_handlers", "fault_in_noexcept_with_try"})
-    expect_end(way, 3, "terminated by Access Violation (read from 0x10)");
+  expect_end("fault_under_other_handlers", 3, "terminated by Access Violation (read from 0x10)");
+  expect_end("fault_in_noexcept_with_try", 3, "terminated amid an unwinding");
   expect_end("new_throw_in_noexcept", 3, "terminated by something else");
 }
 

@@ -34,7 +34,7 @@ public:
   explicit Overflowing(Body its_body) : body(std::move(its_body)) { StartThread(); }
 
   std::string result() {
-    if (WaitForSingleObject(10'000, FALSE) != WAIT_OBJECT_0) return "no end";
+    if (WaitForSingleObject(120'000, FALSE) != WAIT_OBJECT_0) return "no end";
     return said;
   }
 
