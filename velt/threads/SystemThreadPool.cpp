@@ -1,7 +1,7 @@
 #include "velt/threads/SystemThreadPoolInternal.h"
 
 #include "velt/base/HandleCopies.h"
-#include "velt/threads/LibraryReferenceInternal.h"
+#include "velt/base/LibraryReferenceInternal.h"
 #include "velt/threads/ThreadPool.h"
 
 namespace {

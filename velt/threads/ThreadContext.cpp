@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "velt/exceptions/ExceptionFamily.h"
-#include "velt/threads/LibraryReferenceInternal.h"
+#include "velt/base/LibraryReferenceInternal.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "velt/threads/LibraryReferenceInternal.h"
+#include "velt/base/LibraryReferenceInternal.h"
 
 #include <windows.h>
 
