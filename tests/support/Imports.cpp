@@ -22,7 +22,8 @@ FARPROC platform_look_up(HMODULE module, char const* name) {
 FARPROC WINAPI look_up(HMODULE module, char const* name) {
   auto const found = platform_look_up(module, name);
   bool const is_number = reinterpret_cast<UINT_PTR>(name) >> 16 == 0;
-  for (auto const entry : replaced) {
+  for (auto each = replaced.rbegin(); each != replaced.rend(); ++each) {
+    auto const entry = *each;
     if (is_number || entry->name != name) continue;
     if (!entry->platform) entry->platform = reinterpret_cast<void*>(found);
     return reinterpret_cast<FARPROC>(entry->stand_in);

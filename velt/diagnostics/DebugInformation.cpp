@@ -56,6 +56,7 @@ EGeneric::EGeneric(bool extend) {
 }
 
 [[gnu::noipa]] void EGeneric::ExtendDebugInformation(_EXCEPTION_POINTERS* pointers) {
+  velt::detail::collecting_scope const collecting;
   std::optional<engine_hold const> engine;
   if (SaveMiniDumpOnStructuredException || ExtendDebugInformationFromException) engine.emplace();
   // Tried without the engine too.

@@ -5,14 +5,20 @@
 #include <dbghelp.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
+#include <memory>
+#include <optional>
 #include <string_view>
 
 #include "velt/base/LoadOrderInternal.h"
+#include "velt/diagnostics/DumpCheckInternal.h"
 #include "velt/diagnostics/ProcessLocksInternal.h"
+#include "velt/diagnostics/ProcessStopInternal.h"
 #include "velt/diagnostics/Settings.h"
 #include "velt/exceptions/EGeneric.h"
 #include "velt/faults/ThrownObjectInternal.h"
+#include "velt/symbols/LoaderLockInternal.h"
 #include "velt/symbols/SymbolsInternal.h"
 
 namespace {
@@ -21,22 +27,57 @@ using namespace velt::detail;
 
 enum class outcome { written, failed, given_up };
 
-outcome write_file(HANDLE file, _EXCEPTION_POINTERS* pointers, unsigned long type,
-                   unsigned long thread_id) {
+// What the platform's writer is asked for.
+struct request {
+  HANDLE file;
+  unsigned long type, thread_id;
+  _EXCEPTION_POINTERS* pointers;
+
+  // The writer would follow a pointer that is null.
+  bool has_records() const noexcept {
+    return pointers && pointers->ExceptionRecord && pointers->ContextRecord;
+  }
+};
+
+outcome write_file(request const& dump) {
   auto const write = reinterpret_cast<decltype(&MiniDumpWriteDump)>(dump_writer());
   if (!write) return outcome::failed;
-  MINIDUMP_EXCEPTION_INFORMATION exception{thread_id, pointers, TRUE};
+  MINIDUMP_EXCEPTION_INFORMATION exception{dump.thread_id, dump.pointers, TRUE};
   bool const written =
-      write(GetCurrentProcess(), GetCurrentProcessId(), file, static_cast<MINIDUMP_TYPE>(type),
-            pointers ? &exception : nullptr, nullptr, nullptr);
+      write(GetCurrentProcess(), GetCurrentProcessId(), dump.file,
+            static_cast<MINIDUMP_TYPE>(dump.type), dump.has_records() ? &exception : nullptr,
+            nullptr, nullptr);
   return written ? outcome::written : outcome::failed;
 }
 
-// The writer stops all other threads and takes these locks too.
-outcome write_under_locks(HANDLE file, _EXCEPTION_POINTERS* pointers, unsigned long type,
-                          unsigned long thread_id) {
-  process_locks const locks(when_taken::give_up);
-  return locks.held() ? write_file(file, pointers, type, thread_id) : outcome::given_up;
+// The writer does not know the registers of the thread that it runs on. So without
+// records another one writes.
+outcome write_on_helper(process_stop& stop, request const& dump) {
+  auto const result = std::make_shared<std::atomic<outcome>>(outcome::failed);
+  stop.run_on_helper([=] { *result = write_file(dump); });
+  return *result;
+}
+
+// A thread that is stopped in one of these locks would keep the writer waiting for
+// ever. With all of them owned nobody is in one; and with everybody stopped nobody
+// can take one, so that they are free for the threads that the writer makes.
+// Threads that begin, end or load libraries have the loader lock now and then.
+bool take_all(std::optional<process_locks>& locks) {
+  constexpr ULONGLONG patience = 1000;  // milliseconds
+  for (auto const end = GetTickCount64() + patience; GetTickCount64() < end; Sleep(1))
+    if (locks.emplace(when_taken::give_up).held()) return true;
+  return false;
+}
+
+outcome write_alone(request const& dump) {
+  process_stop stop;
+  if (!stop.is_ready()) return outcome::given_up;
+  std::optional<process_locks> locks;
+  if (!take_all(locks) || !stop.stop_others()) return outcome::given_up;
+  locks->keep_only_symbol_lock();
+  auto const result = dump.has_records() ? write_file(dump) : write_on_helper(stop, dump);
+  stop.let_others_go();
+  return result;
 }
 
 // What a thrower knows better than the stack.
@@ -100,19 +141,42 @@ std::string dump_path(std::string const& module, std::string const& kind, SYSTEM
   return path;
 }
 
+HANDLE create(std::string const& path, DWORD disposition) {
+  return CreateFileA(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, disposition,
+                     FILE_ATTRIBUTE_NORMAL, nullptr);
+}
+
+// A second dump of the same millisecond has a number behind its name.
+HANDLE create_unused(std::string& path) {
+  auto const end = std::min(path.rfind('.'), path.size());
+  auto const name = path.substr(0, end), extension = path.substr(end);
+  HANDLE file = create(path, CREATE_NEW);
+  for (int i = 2; file == INVALID_HANDLE_VALUE && GetLastError() == ERROR_FILE_EXISTS; ++i)
+    file = create(path = name + "_" + std::to_string(i) + extension, CREATE_NEW);
+  return file;
+}
+
+// A writer that runs in a thread of its own would wait for the loader lock.
+bool may_write() { return !owns_loader_lock() && SymInitialize(); }
+
+// Into the new file of this path.
+bool write_and_close(std::string const& path, request const& dump) {
+  if (dump.file == INVALID_HANDLE_VALUE) return false;
+  auto const result = write_alone(dump);
+  if (result == outcome::given_up) return false;
+  CloseHandle(dump.file);
+  SymCleanup();
+  if (is_whole_dump(path.c_str())) return result == outcome::written;
+  DeleteFileA(path.c_str());
+  return false;
+}
+
 }  // namespace
 
 bool WriteMiniDump(std::string const& path, _EXCEPTION_POINTERS* pointers, unsigned long type,
                    unsigned long thread_id) {
-  if (!SymInitialize()) return false;
-  HANDLE const file = CreateFileA(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr,
-                                  CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
-  if (file == INVALID_HANDLE_VALUE) return false;
-  auto const result = write_under_locks(file, pointers, type, thread_id);
-  if (result == outcome::given_up) return false;
-  CloseHandle(file);
-  SymCleanup();
-  return result == outcome::written;
+  return may_write() &&
+         write_and_close(path, {create(path, CREATE_ALWAYS), type, thread_id, pointers});
 }
 
 std::string EGeneric::SaveMiniDump(_EXCEPTION_POINTERS* pointers, unsigned long type,
@@ -122,8 +186,9 @@ std::string EGeneric::SaveMiniDump(_EXCEPTION_POINTERS* pointers, unsigned long 
   GetLocalTime(&now);
   auto path = dump_path(module_name(pointers, static_cast<bool>(engine)), kind_name(pointers), now);
   CreateDirectoryA(path.substr(0, path.rfind('\\')).c_str(), nullptr);
-  if (!WriteMiniDump(path, pointers, type, thread_id)) path.clear();
-  return path;
+  bool const is_written =
+      may_write() && write_and_close(path, {create_unused(path), type, thread_id, pointers});
+  return is_written ? path : std::string();
 }
 
 void EGeneric::cancel_minidump() {

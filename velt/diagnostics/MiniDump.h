@@ -1,5 +1,4 @@
-// Dump files. The platform's writer stops the other threads; so every lock that
-// it needs is owned before, or the dump is given up.
+// Dump files. All other threads of the process are stopped while one is written.
 #pragma once
 
 #include <string>
@@ -8,9 +7,15 @@
 
 struct _EXCEPTION_POINTERS;
 
-// True if the dump was written; `pointers` may be null. False if a platform call
-// failed or a lock that the writer needs was not to be had: an empty file may
-// stay behind then, open for the life of the process. Throws what SymInitialize
-// may. EGeneric::SaveMiniDump chooses the path.
+// True if the dump was written and is whole. `pointers` may be null; the dump has the
+// exception only if record and context are given. An existing file is replaced.
+//
+// False if a platform call failed, if a lock that the writer needs stays taken for a
+// second, or if the calling thread owns the loader lock. Then an empty file may stay
+// behind, open for the life of the process; one that is not whole is deleted.
+//
+// The other threads stand still for as long as it takes, but for 30 seconds at most.
+// Throws what SymInitialize may, and ESystemException. EGeneric::SaveMiniDump chooses
+// the path.
 VELT_API bool WriteMiniDump(std::string const& path, _EXCEPTION_POINTERS* pointers,
                             unsigned long type, unsigned long thread_id);

@@ -23,7 +23,7 @@ enum class when_taken {
 
 class [[nodiscard]] process_locks {
 public:
-  // The wait for symbol_lock() is alertable; what it throws passes out.
+  // What the wait for symbol_lock() throws passes out.
   explicit process_locks(when_taken policy);
   process_locks(process_locks const&) = delete;
   process_locks& operator=(process_locks const&) = delete;

@@ -6,8 +6,6 @@
 
 #include "velt/base/EntryInternal.h"
 #include "velt/base/LastErrorInternal.h"
-#include "velt/base/LoadOrderInternal.h"
-#include "velt/base/ThreadSlotInternal.h"
 #include "velt/diagnostics/Settings.h"
 #include "velt/diagnostics/ThrowWatchingInternal.h"
 #include "velt/exceptions/ExceptionFamily.h"
@@ -31,15 +29,16 @@ public:
       symbols.emplace();
       generic->ExtendDebugInformation(fault->ContextRecord);
     }
-    if (SaveMiniDumpOnCppException && !is_excluded()) save_dump();
+    if (SaveMiniDumpOnCppException && !has("MiniDump") && !is_excluded()) save_dump();
   }
 
 private:
   bool lacks_stack() const {
-    if (!generic || !ExtendDebugInformationFromException) return false;
-    auto const elements = generic->get_value("Stack").size();
-    return elements == 0;
+    return generic && ExtendDebugInformationFromException && !has("Stack");
   }
+
+  // One that is thrown again brings what was collected at its first throw.
+  bool has(char const* name) const { return generic && generic->get_value(name).size() != 0; }
 
   // Anywhere in the text, whatever stands around it.
   bool is_excluded() const {
@@ -59,20 +58,6 @@ private:
 };
 
 namespace {
-
-// Marks that the thread is inside the handler.
-class active_scope {
-public:
-  active_scope() noexcept { HandlerActiveSlot.set(this); }
-  ~active_scope() { HandlerActiveSlot.set(nullptr); }
-  active_scope(active_scope const&) = delete;
-  active_scope& operator=(active_scope const&) = delete;
-
-  static bool exists() noexcept { return HandlerActiveSlot.get(); }
-
-private:
-  VELT_LOAD_STEP(handler_active_slot) static inline thread_slot<active_scope> HandlerActiveSlot;
-};
 
 // Looked up by name: not every platform has them.
 struct platform_entries {
@@ -99,9 +84,9 @@ LONG WINAPI WatchExceptions(_EXCEPTION_POINTERS* pointers) {
   if (!SaveMiniDumpOnCppException && !ExtendDebugInformationFromException)
     return EXCEPTION_CONTINUE_SEARCH;
   // What is done here may itself throw and catch.
-  if (active_scope::exists()) return EXCEPTION_CONTINUE_SEARCH;
+  if (collecting_scope::exists()) return EXCEPTION_CONTINUE_SEARCH;
   last_error_keeper const error;
-  active_scope const active;
+  collecting_scope const collecting;
   if (!is_typed_throw(pointers)) return EXCEPTION_CONTINUE_SEARCH;
   try {
     if (!is_of_no_interest(pointers)) throw_watcher(pointers).watch();

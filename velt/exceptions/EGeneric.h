@@ -86,7 +86,7 @@ public:
   // `pointers` is null, starts here, as StackWalk does.
   static std::string BuildStack(_EXCEPTION_POINTERS* pointers, unsigned int skip, void* thread);
 
-  // Writes a dump of the process to a file named by MiniDumpFileFormat, and creates
+  // Writes a dump of the process to a new file named by MiniDumpFileFormat, and creates
   // its folder. Returns the path, or an empty text if WriteMiniDump wrote no dump.
   // `pointers` may be null. The module in the name is the one to blame, or else the
   // program; the kind is the type of the thrown object, the code of a fault, or

@@ -12,6 +12,7 @@
 
 #include "velt/base/EntryInternal.h"
 #include "velt/base/LoadOrderInternal.h"
+#include "velt/base/ThreadSlotInternal.h"
 
 namespace velt::detail {
 namespace {
@@ -254,9 +255,31 @@ std::atomic<unsigned> engine_changes = 0;
 
 symbol_engine* loaded_engine() noexcept { return engine; }
 
+namespace {
+
+VELT_LOAD_STEP(handler_active_slot) thread_slot<collecting_scope> const collecting;
+
+class engine_mutex final : public TMutex {
+public:
+  bool Lock(unsigned int limit) override {
+    auto const result = WaitForSingleObject(limit, !collecting_scope::exists());
+    return result == WAIT_OBJECT_0 || result == WAIT_ABANDONED;
+  }
+  void Lock() override {
+    while (!Lock(INFINITE)) {
+    }
+  }
+};
+
+}  // namespace
+
+collecting_scope::collecting_scope() noexcept : outer(collecting.get()) { collecting.set(this); }
+collecting_scope::~collecting_scope() { collecting.set(outer); }
+bool collecting_scope::exists() noexcept { return collecting.get(); }
+
 // Static objects may ask before those of this file are made.
 TMutex& symbol_lock() {
-  static TMutex lock;
+  static engine_mutex lock;
   return lock;
 }
 

@@ -5,7 +5,8 @@
 // Any thread may call any operation. One lock guards the engine; a walk takes it
 // for each frame. Waiting for it is alertable: what a queued call throws passes
 // out, as do ESystemException and std::bad_alloc, of all operations that do not
-// say otherwise. The engine's lock is never kept while waiting for the loader lock.
+// say otherwise. It is not alertable while the diagnostics of an exception are
+// collected. The engine's lock is never kept while waiting for the loader lock.
 // While another thread holds that, the engine is neither started nor finds new
 // modules, after a second of tries; and a caller that owns it, as in DllMain, waits
 // for a second at most and then gets nothing.

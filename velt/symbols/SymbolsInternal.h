@@ -12,13 +12,31 @@ class TMutex;
 
 namespace velt::detail {
 
+// While it lives, its thread collects the diagnostics of an exception that is under
+// way. Throws in there are not watched, and waits for symbol_lock() are not
+// alertable: what a queued call throws would be lost in there, so the call is left
+// to the thread's next wait.
+class [[nodiscard]] collecting_scope {
+public:
+  collecting_scope() noexcept;
+  collecting_scope(collecting_scope const&) = delete;
+  collecting_scope& operator=(collecting_scope const&) = delete;
+  ~collecting_scope();
+
+  // Does the calling thread have one?
+  static bool exists() noexcept;
+
+private:
+  collecting_scope* const outer;
+};
+
 // Guards the engine. Recursive. Taken before the loader lock, the lock of the
 // process environment and the heaps. Whoever holds it only tries for the loader
-// lock.
+// lock. Waits for it are alertable, but not in a collecting_scope.
 TMutex& symbol_lock();
 
-// Waits for symbol_lock(), alertably. A caller that owns the loader lock waits for a
-// second at most, since the platform's engine may wait for that lock; false then.
+// Waits for symbol_lock(). A caller that owns the loader lock waits for a second at
+// most, since the platform's engine may wait for that lock; false then.
 bool lock_symbols();
 
 // lock_symbols() for a scope.
