@@ -30,6 +30,7 @@
 
 #include "velt/base/LoadOrderInternal.h"
 #include "velt/base/ThreadSlotInternal.h"
+#include "velt/faults/CallSitesInternal.h"
 #include "velt/faults/ThrownObjectInternal.h"
 #include "velt/faults/TranslatorInternal.h"
 
@@ -114,118 +115,13 @@ void close(open_fault const& fault) noexcept {
   if (fault.report) VirtualFree(fault.report, 0, MEM_RELEASE);
 }
 
-// Reads the numbers of the compiler's exception tables, which are those of the
-// DWARF format.
-class table_reader {
-public:
-  static constexpr BYTE omitted = 0xFF;
-
-  explicit table_reader(BYTE const* position) noexcept : at(position) {}
-
-  BYTE const* position() const noexcept { return at; }
-
-  BYTE byte() noexcept { return *at++; }
-
-  ULONG64 unsigned_number() noexcept { return leb128(nullptr); }
-
-  LONG64 signed_number() noexcept {
-    unsigned bits = 0;
-    ULONG64 number = leb128(&bits);
-    bool const negative = at[-1] & 0x40;
-    if (negative && bits < 64) number |= ~ULONG64{0} << bits;
-    return static_cast<LONG64>(number);
-  }
-
-  // A number in one of the formats that an encoding byte names.
-  ULONG64 number(BYTE encoding) noexcept {
-    switch (encoding & 0x0F) {
-      case 0x01:
-      case 0x09:
-        return unsigned_number();
-      case 0x02:
-      case 0x0A:
-        return fixed<USHORT>();
-      case 0x03:
-      case 0x0B:
-        return fixed<ULONG>();
-      default:
-        return fixed<ULONG64>();
-    }
-  }
-
-private:
-  template <class Number>
-  Number fixed() noexcept {
-    Number number;
-    std::memcpy(&number, at, sizeof number);
-    at += sizeof number;
-    return number;
-  }
-
-  ULONG64 leb128(unsigned* bits) noexcept {
-    ULONG64 number = 0;
-    unsigned shift = 0;
-    BYTE next;
-    do {
-      next = byte();
-      number |= static_cast<ULONG64>(next & 0x7F) << shift;
-      shift += 7;
-    } while (next & 0x80);
-    if (bits) *bits = shift;
-    return number;
-  }
-
-  BYTE const* at;
-};
-
-struct call_site {
-  ULONG64 landing_pad;  // 0 if there is none
-  BYTE const* actions;  // null if there is only cleaning up to be done
-  bool operator==(call_site const&) const = default;
-};
-
-// The entry of a function's table that covers the offset in it. None for
-// prologues, and for what the compiler believes not to throw or knows must not.
-std::optional<call_site> find_call_site(void const* table, ULONG64 offset) noexcept {
-  if (!table) return {};
-  table_reader header(static_cast<BYTE const*>(table));
-  if (BYTE const encoding = header.byte(); encoding != table_reader::omitted)
-    header.number(encoding);
-  if (header.byte() != table_reader::omitted) header.unsigned_number();
-  BYTE const encoding = header.byte();
-  ULONG64 const size = header.unsigned_number();
-  BYTE const* const actions = header.position() + size;
-
-  for (table_reader sites(header.position()); sites.position() < actions;) {
-    ULONG64 const start = sites.number(encoding);
-    ULONG64 const length = sites.number(encoding);
-    ULONG64 const landing_pad = sites.number(encoding);
-    ULONG64 const action = sites.unsigned_number();
-    if (offset - start < length)
-      return call_site{landing_pad, action ? actions + action - 1 : nullptr};
-  }
-  return {};
-}
-
-std::optional<call_site> find_call_site(DISPATCHER_CONTEXT const& frame, ULONG64 address) noexcept {
+std::optional<call_site> call_site_at(DISPATCHER_CONTEXT const& frame, ULONG64 address) noexcept {
   return find_call_site(frame.HandlerData,
                         address - frame.ImageBase - frame.FunctionEntry->BeginAddress);
 }
 
-// Whether the actions are those of a try block, whatever it catches.
-bool has_catch(BYTE const* actions) noexcept {
-  while (actions) {
-    table_reader record(actions);
-    if (record.signed_number() > 0) return true;
-    BYTE const* const link = record.position();
-    LONG64 const distance = record.signed_number();
-    actions = distance ? link + distance : nullptr;
-  }
-  return false;
-}
-
 bool has_catch_for(DISPATCHER_CONTEXT const& frame, ULONG64 address) noexcept {
-  auto const site = find_call_site(frame, address);
+  auto const site = call_site_at(frame, address);
   return site && site->landing_pad && has_catch(site->actions);
 }
 
@@ -399,11 +295,12 @@ EXCEPTION_DISPOSITION pass(EXCEPTION_RECORD* record, void* establisher, CONTEXT*
   if (record->ExceptionCode != own_throw_code)
     return __real___gxx_personality_seh0(record, establisher, context, frame);
   if (is_born_of_fault(*record) &&
-      !find_call_site(*frame, faulted ? frame->ControlPc : frame->ControlPc - 1))
+      !call_site_at(*frame, faulted ? frame->ControlPc : frame->ControlPc - 1))
     return ExceptionContinueSearch;
+  if (!faulted) return __real___gxx_personality_seh0(record, establisher, context, frame);
   DISPATCHER_CONTEXT behind = *frame;
-  if (faulted) ++behind.ControlPc;
-  return __real___gxx_personality_seh0(record, establisher, context, faulted ? &behind : frame);
+  ++behind.ControlPc;
+  return __real___gxx_personality_seh0(record, establisher, context, &behind);
 }
 
 }  // namespace
