@@ -92,6 +92,7 @@ public:
   }
 
   void ThreadBody() override {
+    ++begun;
     while (!stop) {
       // One deed for some time: two threads that do the same meet in its lock.
       auto const deed = deeds[random() % std::size(deeds)];
@@ -99,6 +100,8 @@ public:
       Sleep(random() % 3, FALSE);
     }
   }
+
+  static inline std::atomic<unsigned int> begun = 0;
 
 private:
   std::mt19937 random;
@@ -133,6 +136,8 @@ int main(int argument_count, char** arguments) {
   std::vector<std::unique_ptr<Doer>> doers;
   for (unsigned int i = 0; i < options.threads; ++i)
     doers.push_back(std::make_unique<Doer>(options.seed + i));
+  // A thread that has not come to its body yet has no name to look for.
+  while (Doer::begun != options.threads) Sleep(1);
 
   unsigned int taken = 0;
   SymInitialize();
