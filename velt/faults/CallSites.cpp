@@ -5,8 +5,7 @@
 namespace velt::detail {
 namespace {
 
-// Reads the numbers of the compiler's exception tables, which are those of the
-// DWARF format.
+// Reads the numbers of the compiler's exception tables, which are in DWARF format.
 class table_reader {
 public:
   static constexpr BYTE omitted = 0xFF;

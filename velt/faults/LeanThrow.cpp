@@ -1,9 +1,8 @@
-// A throw that spares the stack. Of the run time's own, the throw and the search
-// stay on the stack until the first frame with a destructor is reached, and the
-// step into that frame is raised as another exception on top of them: 12 KB under
-// Wine. Here the two come one after the other: when the handler is known, the
-// stack is cut back to a frame above the throw, and the unwinding goes on from
-// there as it does behind a destructor.
+// A throw that spares the stack. The run time keeps its throw and its search on the
+// stack until it reaches the first frame with a destructor. It raises the step into
+// that frame as another exception on top of them, which takes 12 KB under Wine. Here
+// the two follow each other: when the handler is known, the stack is cut back to a
+// frame above the throw, and unwinding goes on from there as after a destructor.
 #include <windows.h>
 
 #include "velt/faults/ThrownObjectInternal.h"
@@ -31,8 +30,8 @@ velt_resume_lean_throw:
   .seh_endproc
 )");
 
-// Asked when the handler is known, with the registers as they are in the frame
-// above, and once more when it is left for good.
+// Called when the handler is known, with the registers of velt_throw_leanly's frame
+// and again when the resumed unwinding leaves that frame for good.
 EXCEPTION_DISPOSITION velt_cut_back(EXCEPTION_RECORD* record, void*, CONTEXT*,
                                     DISPATCHER_CONTEXT* frame) {
   auto const resumption = reinterpret_cast<ULONG64>(velt_resume_lean_throw);

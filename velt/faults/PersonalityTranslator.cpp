@@ -1,27 +1,29 @@
-// Faults in frames that GCC compiled. For each of its frames that has handlers
-// or destructors the platform's dispatcher asks the run time's personality
-// routine, which lets faults pass: it knows C++ throws only. Here is a routine
-// that is asked in its place. Every module that wants its faults translated is
-// linked with --wrap=__gxx_personality_seh0, which puts it there.
+// Translates faults in frames that GCC compiled. For each such frame with handlers
+// or destructors the platform's dispatcher calls the run time's personality
+// routine. That routine knows C++ throws only and lets faults pass. The routine
+// here replaces it in every module that is linked with
+// --wrap=__gxx_personality_seh0.
 //
 // The order of a fault that is translated:
 // 1. The dispatcher searches from the fault outwards for a frame that takes it.
 //    Frames of other languages decide for themselves. The first frame of ours
 //    whose catch clauses cover the place calls the translator.
 // 2. The translator throws, on top of the stack that faulted. A second search
-//    begins, this time for a C++ exception, and comes past the fault's frame,
-//    where what the real routine takes for granted does not hold: that each
-//    frame it is asked about has called something.
+//    begins, this time for a C++ exception, and reaches the fault's frame. The
+//    real routine assumes that every frame has called something, which is false
+//    for that frame.
 // 3. The frames are unwound, the one with the fault among them.
 //
 // After an overflow there is no room for two searches on top of each other, with
-// a record of all registers for every step. So the first one ends with step 1:
-// the records are copied to where there is room, and the thread goes on in a
-// function of ours just below the fault, which calls the translator.
+// a record of all registers for every step. So the first search ends with step 1:
+// the records are copied to new pages, and the thread continues in a function of
+// ours just below the fault, which calls the translator. Frames whose own routine
+// would end the process are passed in this way too: for the throw, the function
+// below the fault returns to the first frame behind them.
 //
-// A vectored handler could not do it: it sees a fault before the handlers that
-// the frames of other languages have for it, and its throw would come from
-// nowhere, as far as the frame with the fault is concerned.
+// A vectored handler could not translate faults. It sees a fault before the
+// handlers that frames of other languages have for it. And its throw would reach the
+// frame with the fault from a function that this frame has not called.
 #include <windows.h>
 
 #include <cstring>
@@ -47,9 +49,10 @@ struct fault_report;
 extern "C" void velt_land_below_fault(velt::detail::fault_report*, ULONG64 rip, ULONG64 rsp);
 extern "C" void velt_translate_report(velt::detail::fault_report* report);
 
-// The frame of the translator's caller has a handler that is told when it is
-// unwound, for whatever reason; a destructor would be run by some of the
-// reasons only, and costs a second dispatch. The compiler has no way to say so.
+// The frame that calls the translator has a handler, which the platform calls
+// whenever it unwinds the frame. A destructor would run for some kinds of unwinding
+// only, and would cost a second dispatch. C++ cannot declare such a handler, hence
+// the assembly.
 asm(R"(
   .text
   .def velt_enter_translator; .scl 3; .type 32; .endef
@@ -66,9 +69,11 @@ velt_enter_translator:
   .seh_endproc
 )");
 
-// To an unwinder the function looks as if the processor had called it amid the
-// instruction with the fault: what lies above its frame is a place and a stack
-// pointer to go on with, and the other registers are as they were.
+// To an unwinder the function looks like an interrupt handler that the processor
+// called at the faulting instruction: above its frame lies a machine frame with the
+// instruction pointer (lowest) and the stack pointer (fourth) to continue with. The
+// other registers are unchanged. `cld`, since compiled code expects the direction
+// flag to be clear and the code that faulted may have set it.
 asm(R"(
   .text
   .def velt_land_below_fault; .scl 3; .type 32; .endef
@@ -88,22 +93,22 @@ velt_land_below_fault:
 
 namespace velt::detail {
 
-// What the platform tells of a fault, in pages of its own.
+// A copy of the platform's records of a fault, in pages of its own.
 struct fault_report {
   EXCEPTION_RECORD record;
   CONTEXT context;
-  CONTEXT walker;  // of a look at the frames
+  CONTEXT walker;  // work space for a walk over the frames
 };
 
 namespace {
 
-// A fault whose translator is running or was left by a throw that has not come
-// past the fault's frame yet. Lives in the frame of call_translator.
+// A fault whose translator is running, or whose translator threw and the throw has
+// not passed the fault's frame yet. Lives in the frame of call_translator.
 struct open_fault {
   open_fault* outer;
   DWORD code;
   CONTEXT* context;
-  bool frame_is_ours;       // a search for the handler of the throw came past it
+  bool frame_is_ours;       // the fault's frame uses our routine, which pass() has seen
   fault_report* report;  // null unless the context is in it
 };
 
@@ -125,8 +130,8 @@ bool has_catch_for(DISPATCHER_CONTEXT const& frame, ULONG64 address) noexcept {
   return site && site->landing_pad && has_catch(site->actions);
 }
 
-// The answer of the dispatcher itself, for functions that keep a frame pointer.
-// Not inlined for the sake of its large record.
+// Computes the frame as the dispatcher does, for functions that keep a frame
+// pointer. Not inlined, so that its large record takes stack only while it runs.
 [[gnu::noinline]] bool is_frame_of(CONTEXT const& fault, void* establisher,
                                    DISPATCHER_CONTEXT const& frame) noexcept {
   CONTEXT context = fault;
@@ -137,8 +142,8 @@ bool has_catch_for(DISPATCHER_CONTEXT const& frame, ULONG64 address) noexcept {
   return found == reinterpret_cast<ULONG64>(establisher);
 }
 
-// Whether the fault happened in this very frame. The address alone does not
-// tell: when the instruction behind a call faults, it is the return address in
+// Whether the fault happened in this very frame. The address alone cannot decide:
+// if the instruction after a call faults, its address is also the return address in
 // the other frames of a recursion.
 bool is_faulting_frame(CONTEXT const& fault, void* establisher,
                        DISPATCHER_CONTEXT const& frame) noexcept {
@@ -156,7 +161,8 @@ void call_translator(structured_exception_translator translator, EXCEPTION_RECOR
   close(fault);
 }
 
-// The routine behind the jump by which a module calls what it imports.
+// The routine behind the jump through which a module calls an import. Each module
+// has a jump of its own, so only the targets can be compared.
 void const* routine_behind(void const* code) noexcept {
   constexpr BYTE jump[] = {0xFF, 0x25};  // to where the pointer at an offset points
   auto const bytes = static_cast<BYTE const*>(code);
@@ -172,18 +178,20 @@ bool is_run_times_routine(void const* handler) noexcept {
   return handler && routine_behind(handler) == real;
 }
 
-// What the run time's own routine does for frames of modules that are not linked
-// with ours, its own module among them: it looks at the address before the place,
-// and without a call site it ends the process.
+// Whether the run time's own routine would end the process for the frame. It serves
+// modules that are not linked with ours, its own module among them. It looks up the
+// address before the place and terminates if that has no call site.
 bool would_terminate(void const* table, ULONG64 offset, bool faulted) noexcept {
   if (!table) return false;
   auto const found = find_call_site(table, offset - 1);
+  // The address before a fault may belong to another call site: the routine would run
+  // the wrong landing pad, so such a frame is passed too.
   return !found || (faulted && found != find_call_site(table, offset));
 }
 
-// Goes from the fault outwards to the frame with the try block, and moves the
-// place from which the exception is to be thrown past all frames that would end
-// the process. False if there are none.
+// Walks from the fault outwards to the frame with the try block. Moves the place of
+// the throw past all frames that would end the process. Returns false if there are
+// none.
 bool pass_terminating_frames(CONTEXT& place, CONTEXT& walker, void* establisher) noexcept {
   bool moved = false;
   bool faulted = true;
@@ -192,6 +200,8 @@ bool pass_terminating_frames(CONTEXT& place, CONTEXT& walker, void* establisher)
     ULONG64 base, frame;
     auto const function = RtlLookupFunctionEntry(at, &base, nullptr);
     if (!function) {
+      // A leaf function, or a call through a bad pointer: the stack begins with the
+      // return address.
       walker.Rip = *reinterpret_cast<ULONG64 const*>(walker.Rsp);
       walker.Rsp += sizeof walker.Rip;
       continue;
@@ -208,14 +218,15 @@ bool pass_terminating_frames(CONTEXT& place, CONTEXT& walker, void* establisher)
   }
 }
 
-// The same for a frame of the dispatcher's search, with room for the records.
+// Asks the same for a frame of the dispatcher's search, and keeps the large records
+// out of the caller's frame.
 [[gnu::noinline]] bool has_terminating_frames(CONTEXT const& fault, void* establisher) noexcept {
   CONTEXT place, walker = fault;
   return pass_terminating_frames(place, walker, establisher);
 }
 
-// Null if there is no memory. What lies behind the context, the halves of wide
-// registers, is not copied.
+// Null if there is no memory. The upper halves of wide registers lie behind the
+// context and are not copied, so the copy must not claim them in its flags.
 fault_report* report_of(EXCEPTION_RECORD const& record, CONTEXT const& context) noexcept {
   auto const report = static_cast<fault_report*>(
       VirtualAlloc(nullptr, sizeof(fault_report), MEM_COMMIT, PAGE_READWRITE));
@@ -228,8 +239,8 @@ fault_report* report_of(EXCEPTION_RECORD const& record, CONTEXT const& context) 
   return report;
 }
 
-// Makes the context one that goes on in velt_land_below_fault. False if it must
-// not go on, or if the report cannot be made.
+// Changes the context so that the thread continues in velt_land_below_fault. False
+// if the fault does not allow continuing, or if the report cannot be made.
 bool redirect_below_fault(EXCEPTION_RECORD const& record, CONTEXT& context,
                           void* establisher) noexcept {
   if (record.ExceptionFlags & EXCEPTION_NONCONTINUABLE) return false;
@@ -238,8 +249,9 @@ bool redirect_below_fault(EXCEPTION_RECORD const& record, CONTEXT& context,
   ULONG64 const bottom = context.Rsp;
   DWORD const flags = context.ContextFlags;
   pass_terminating_frames(context, report->walker, establisher);
+  // The walker's flags lack the extended state, which still lies behind this context.
   context.ContextFlags = flags;
-  constexpr ULONG64 machine_frame = 40;
+  constexpr ULONG64 machine_frame = 40;  // five words, as the processor pushes them
   context.Rcx = reinterpret_cast<ULONG64>(report);
   context.Rdx = context.Rip;
   context.R8 = context.Rsp;
@@ -252,16 +264,15 @@ bool is_unwinding(EXCEPTION_RECORD const& record) noexcept {
   return record.ExceptionFlags & (EXCEPTION_UNWINDING | EXCEPTION_EXIT_UNWIND);
 }
 
-// Of the codes of the run time's throws and steps of unwinding, and of other
-// compilers' throws.
+// False for this run time's throws and steps of unwinding, whose codes differ in the
+// first byte, and for throws of the platform's compiler.
 bool is_fault(EXCEPTION_RECORD const& record) noexcept {
   return (record.ExceptionCode & 0x20FFFFFF) != own_throw_code &&
          record.ExceptionCode != foreign_throw_code;
 }
 
-// A fault in a translator gets no translator of its own on its way past the
-// first fault: the same would happen again, and again, until the stack is used
-// up.
+// A fault in a translator is not translated once its search has passed the first
+// fault. The next translator would fault in the same way, until the stack is used up.
 bool is_beyond(open_fault const* fault, void* establisher) noexcept {
   return fault && static_cast<void const*>(fault) < establisher;
 }
@@ -271,6 +282,7 @@ EXCEPTION_DISPOSITION search(EXCEPTION_RECORD* record, void* establisher, CONTEX
   auto const translator = translators.get();
   if (!translator || is_beyond(open_faults.get(), establisher)) return ExceptionContinueSearch;
   bool const faulted = is_faulting_frame(*context, establisher, frame);
+  // In a frame that called something, the return address may lie behind the try block.
   if (!has_catch_for(frame, faulted ? frame.ControlPc : frame.ControlPc - 1))
     return ExceptionContinueSearch;
   if ((record->ExceptionCode == EXCEPTION_STACK_OVERFLOW ||
@@ -281,9 +293,10 @@ EXCEPTION_DISPOSITION search(EXCEPTION_RECORD* record, void* establisher, CONTEX
   return ExceptionContinueSearch;
 }
 
-// A C++ exception passes a frame, or is stopped there. The real routine looks up
-// the address before the one it is given, since that of a call lies before its
-// return address.
+// A C++ exception passes a frame, or is caught there. The real routine subtracts one
+// from the address it is given, because a return address may already lie in the next
+// call site. A faulting instruction must be looked up at its own address, so pass()
+// adds one for it.
 EXCEPTION_DISPOSITION pass(EXCEPTION_RECORD* record, void* establisher, CONTEXT* context,
                            DISPATCHER_CONTEXT* frame) {
   auto const fault = open_faults.get();
@@ -294,6 +307,7 @@ EXCEPTION_DISPOSITION pass(EXCEPTION_RECORD* record, void* establisher, CONTEXT*
   }
   if (record->ExceptionCode != own_throw_code)
     return __real___gxx_personality_seh0(record, establisher, context, frame);
+  // The compiler did not expect a throw here, so the real routine would terminate.
   if (is_born_of_fault(*record) &&
       !call_site_at(*frame, faulted ? frame->ControlPc : frame->ControlPc - 1))
     return ExceptionContinueSearch;
@@ -324,16 +338,16 @@ EXCEPTION_DISPOSITION __wrap___gxx_personality_seh0(EXCEPTION_RECORD* record, vo
   return __real___gxx_personality_seh0(record, establisher, context, frame);
 }
 
-// There is no way back into the search.
+// The search has ended already, so a translator that returns leaves nothing to resume.
 void velt_translate_report(velt::detail::fault_report* report) {
   using namespace velt::detail;
   call_translator(translators.get(), &report->record, &report->context, report);
   std::terminate();
 }
 
-// In the search the exception is known to leave the translator, before any frame
-// further out is asked. In the unwinding the fault stays open if its own frame is
-// about to be asked: see pass().
+// The search reaches this frame before any frame further out, so the exception is marked
+// before pass() asks for the mark. Unwinding closes the fault here unless its own
+// frame uses our routine: then pass() still needs the fault and closes it there.
 EXCEPTION_DISPOSITION velt_leave_translator(EXCEPTION_RECORD* record, void*, CONTEXT*,
                                             DISPATCHER_CONTEXT*) {
   using namespace velt::detail;

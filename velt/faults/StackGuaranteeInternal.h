@@ -4,7 +4,7 @@
 namespace velt::detail {
 
 // Reserves 16 KB of the calling thread's stack, which remain usable after an
-// overflow. Does nothing where the platform cannot.
+// overflow. Does nothing if the platform lacks SetThreadStackGuarantee.
 void guarantee_stack() noexcept;
 
 }  // namespace velt::detail

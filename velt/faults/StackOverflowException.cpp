@@ -15,8 +15,8 @@ using velt::detail::check;
 
 namespace {
 
-// One overflow at a time. What the thread that overflowed hands to the one that
-// makes the exception, and how it learns of the end.
+// The lock admits one overflow at a time. The other variables pass the fault to the
+// thread that makes the exception, and report back that it is done.
 VELT_LOAD_STEP(stack_overflow_lock) TCriticalSection StackOverflowLock;
 VELT_LOAD_STEP(stack_overflow_thread) THandle StackOverflowThread;
 _EXCEPTION_POINTERS* StackOverflowPointers = nullptr;
@@ -30,7 +30,7 @@ void throw_copy(void* target) {
   throw EStackOverflowException(*static_cast<EStackOverflowException*>(target));
 }
 
-// Calls that are queued meanwhile are run.
+// A queued call ends a wait early, hence the loop.
 void wait_until_done() {
   while (StackOverflowDone.WaitForSingleObject(INFINITE, TRUE) != WAIT_OBJECT_0) {
   }
@@ -44,7 +44,7 @@ EStackOverflowException::EStackOverflowException(_EXCEPTION_POINTERS* pointers,
                                                  unsigned long thread_id)
     : EStructuredException(EXCEPTION_STACK_OVERFLOW, pointers, thread_id) {}
 
-// Every byte of this frame and of those below counts.
+// Runs on the stack that overflowed: each byte of this frame and of its callees' counts.
 void EStackOverflowException::Throw(_EXCEPTION_POINTERS* pointers, unsigned long thread_id) {
   TLock const guard(StackOverflowLock);
   EStackOverflowException target;

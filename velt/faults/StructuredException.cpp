@@ -10,7 +10,7 @@
 
 namespace {
 
-// An upper bound makes a row hold for all codes in between.
+// A row holds for all codes from `first` to `last`.
 struct row {
   unsigned int first, last;
   char const* text;
@@ -34,7 +34,7 @@ constexpr row texts[] = {
     {0xC00002B4, 0xC00002B5, "FPU Error"},
 };
 
-// Any access that is not a read counts as a write, an execution too.
+// Any access that is not a read counts as a write, even the execution of data.
 std::string access(EXCEPTION_RECORD const& record) {
   ULONG_PTR const address = record.ExceptionInformation[1];
   return format_string(
@@ -49,7 +49,7 @@ std::string text_of(unsigned int code, EXCEPTION_RECORD const& record) {
   return {};
 }
 
-// The stack and its names tell whole addresses.
+// Values of the exception are 32 bits wide; its stack holds whole addresses.
 int low_half(ULONG_PTR value) { return static_cast<int>(value); }
 
 void TranslateStructuredException(unsigned int code, _EXCEPTION_POINTERS* pointers) {

@@ -15,7 +15,7 @@
 #include "velt/base/TypeName.h"
 #include "velt/faults/ThrownObjectInternal.h"
 
-// The run time has it, its headers do not.
+// The run time exports the function, but no header declares it.
 extern "C" __declspec(dllimport) char* __unDName(char* buffer, char const* decorated, int size,
                                                  void* (*allocate)(std::size_t),
                                                  void (*release)(void*), unsigned short flags);
@@ -23,14 +23,14 @@ extern "C" __declspec(dllimport) char* __unDName(char* buffer, char const* decor
 namespace velt::detail {
 namespace {
 
-// This run time's throws: one parameter, the unwinder's exception object. The
-// language's header lies in front of it and the thrown object behind it. An
-// exception that was kept and is thrown again has a header of its own, which
-// refers to the object and so to the first header.
+// This run time's throws have one parameter, the unwinder's exception object. The
+// language's header ends with that object, and the thrown object follows it. An
+// exception that is thrown again by std::rethrow_exception has a second header,
+// which points to the object and thereby to the first header.
 struct throw_header {
   union {
     std::type_info const* type;
-    void* kept_object;
+    void* kept_object;  // in a second header
   };
   void (*destroy)(void*);
   std::terminate_handler unexpected, terminate;
@@ -45,15 +45,15 @@ static_assert(offsetof(throw_header, unwinder) == 80 && sizeof(throw_header) == 
               "the layout of libstdc++ with the platform's unwinding");
 
 constexpr std::uint64_t language = 0x474E5543432B2B00;  // "GNUCC++", then the kind
-constexpr std::uint64_t kept = 1;
+constexpr std::uint64_t kept = 1;                       // the kind with a second header
 
 struct own_object {
   std::type_info const* type;
   void* address;
 };
 
-// The header in front of the thrown object itself; null for other languages. For
-// records of real throws.
+// The header in front of the thrown object itself; null for other languages. Follows
+// the record's pointers unchecked, so the record must be known to be readable.
 throw_header* header_of(EXCEPTION_RECORD const& record) noexcept {
   if (record.ExceptionCode != own_throw_code || record.NumberParameters < 1) return nullptr;
   auto const unwinder = reinterpret_cast<_Unwind_Exception*>(record.ExceptionInformation[0]);
@@ -63,8 +63,8 @@ throw_header* header_of(EXCEPTION_RECORD const& record) noexcept {
                                           : header;
 }
 
-// Anybody may raise the codes of throws, with any parameters, so that nothing of
-// a record is followed before this was asked.
+// Any module may raise an exception with the code of a throw and arbitrary
+// parameters. So every pointer of a record is checked before it is followed.
 bool is_readable(void const* memory, std::size_t size) noexcept {
   constexpr DWORD readable = PAGE_READONLY | PAGE_READWRITE | PAGE_WRITECOPY | PAGE_EXECUTE_READ |
                              PAGE_EXECUTE_READWRITE | PAGE_EXECUTE_WRITECOPY;
@@ -73,6 +73,7 @@ bool is_readable(void const* memory, std::size_t size) noexcept {
   if (end < at) return false;
   while (at < end) {
     MEMORY_BASIC_INFORMATION region;
+    // Reading a guard page would fault and take the guard from its stack.
     if (!VirtualQuery(at, &region, sizeof region) || region.State != MEM_COMMIT ||
         !(region.Protect & readable) || (region.Protect & PAGE_GUARD))
       return false;
@@ -88,7 +89,8 @@ T const* readable(std::uintptr_t address) noexcept {
   return is_readable(object, sizeof *object) ? object : nullptr;
 }
 
-// Whether a text can be read up to its end, page by page.
+// Whether a text can be read up to its end. Checks page by page, since the length is
+// unknown, and gives up on texts too long for a name.
 bool ends_readably(char const* text) noexcept {
   constexpr std::size_t page = 4096, longest = 16 * page;
   for (std::size_t size = 0; size < longest;) {
@@ -106,6 +108,8 @@ bool has_readable_header(std::uintptr_t object) noexcept {
 
 std::optional<own_object> own_object_of(EXCEPTION_RECORD const& record) {
   auto const unwinder = record.ExceptionInformation[0];
+  // The first check makes header_of() safe; the second is for the header that it
+  // returns, which is another one if the exception was kept.
   if (record.NumberParameters < 1 || !has_readable_header(unwinder + sizeof(_Unwind_Exception)))
     return {};
   auto const header = header_of(record);
@@ -115,16 +119,17 @@ std::optional<own_object> own_object_of(EXCEPTION_RECORD const& record) {
   return own_object{header->type, header + 1};
 }
 
-// The mark of an exception that was born of a fault: its terminate handler, which
-// the run time keeps in the object's header and calls if the exception ends the
-// process.
+// The address of this function marks an exception that came from a fault. The run
+// time keeps a terminate handler in each object's header, and calls it if the
+// exception ends the process. So the mark must do the work of the handler it replaces.
 [[noreturn]] void terminate_for_fault() {
   std::get_terminate()();
   std::abort();
 }
 
-// The run time's own test of a handler, with its conversions: null if the
-// handler is not for the object. What a handler of a pointer gets is the pointer.
+// Applies the run time's own test of a handler, with its conversions. Empty if the
+// handler would not catch the object. A handler of a pointer receives the pointer
+// itself, not the address of the thrown one.
 std::optional<void*> caught_as(std::type_info const& type, own_object const& object) {
   void* address = object.address;
   if (object.type->__is_pointer_p()) address = *static_cast<void**>(address);
@@ -132,10 +137,10 @@ std::optional<void*> caught_as(std::type_info const& type, own_object const& obj
   return address;
 }
 
-// Throws of the platform's compiler: a magic number, the object, a descriptor
-// and, on 64 bits, the base that the descriptor's references are relative to.
-// The descriptor lists every type that the object can be caught as, its own
-// first.
+// Throws of the platform's compiler have these parameters: a magic number, the
+// object, a descriptor and, on 64 bits, the base address for the descriptor's
+// references. The descriptor lists every type that the object can be caught as, its
+// own type first.
 struct foreign_type {
   void const* functions;
   void* readable;
@@ -161,12 +166,13 @@ struct throw_descriptor {
   std::uint32_t types;
 };
 
-// A type of a foreign module is compared by name with one of ours: that
-// compiler's type information has another layout. Its names spell out class keys
-// and the size of pointers, and have blanks elsewhere.
+// Types of foreign modules are compared with ours by name, because that compiler's
+// type information has another layout. Its names contain class keys and the size of
+// pointers, and place blanks differently, so all of these are removed.
 std::string comparable(std::string name) {
   for (std::string_view const word : {"class ", "struct ", "union ", "enum ", "__ptr64"})
     for (std::size_t at = 0; (at = name.find(word, at)) != name.npos;) {
+      // Otherwise the word is the end of a longer name.
       bool const begins = at == 0 || std::string_view("<, *&").find(name[at - 1]) != name.npos;
       if (begins)
         name.erase(at, word.size());
@@ -200,7 +206,7 @@ public:
                           record.NumberParameters >= 4 ? parameters[3] : 0);
   }
 
-  // The first entry of the type, if any; `direct`: not one in a virtual base.
+  // The first entry of the type, or null. With `direct`, skips virtual bases.
   catchable_type const* find(std::type_info const& type, bool direct) const {
     auto const wanted = comparable(detail::readable_name(type));
     for (auto const reference : types) {
@@ -211,8 +217,8 @@ public:
     return nullptr;
   }
 
-  // The member offset is left out: a class of the family has EGeneric as its
-  // first base.
+  // Ignores the member offset: EGeneric is the first base of each class of its
+  // family, so the offset is 0.
   void* address_of(catchable_type const& entry) const {
     if (!entry.in_virtual_base()) return object;
     auto const holder = object + entry.table_offset;

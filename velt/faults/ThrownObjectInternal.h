@@ -1,6 +1,6 @@
 // Reads the object of a C++ throw from the exception record, while the throw is
-// under way. Knows both kinds of records: those of this compiler's run time and
-// those of modules that the platform's own compiler built.
+// under way. Knows the records of this compiler's run time and those of modules
+// that the platform's own compiler built.
 #pragma once
 
 #include <string>
@@ -20,13 +20,13 @@ bool is_typed_throw(_EXCEPTION_POINTERS const* pointers) noexcept;
 bool ThrownTypeIs(_EXCEPTION_POINTERS const* pointers, std::type_info const& type);
 // The object as `type`, or null.
 void* ThrownObjectAs(_EXCEPTION_POINTERS const* pointers, std::type_info const& type);
-// Readable name of the object's own type, or empty if it is not known.
+// Readable name of the object's own type, or empty if the type is unknown.
 std::string ThrownTypeName(_EXCEPTION_POINTERS const* pointers);
 
 // Exceptions that left a translator are marked. The mark belongs to the thrown
-// object: it stays when that is thrown again, by `throw;` or from where it was
-// kept, on any thread, and a copy of the object does not have it. Neither does
-// anything for the record of something else than a C++ throw of this compiler.
+// object. It stays when the object is thrown again, by `throw;` or by
+// std::rethrow_exception, on any thread. A copy of the object is unmarked. A record
+// that is no C++ throw of this compiler cannot be marked and never counts as marked.
 void mark_born_of_fault(_EXCEPTION_RECORD const& record) noexcept;
 bool is_born_of_fault(_EXCEPTION_RECORD const& record) noexcept;
 

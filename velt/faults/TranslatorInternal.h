@@ -1,5 +1,5 @@
-// Each thread's translator of faults. How a fault gets to it is the matter of
-// the compiler: one source file for each that the library knows.
+// Each thread's translator of faults. Delivery of faults is compiler-specific: one
+// source file per supported compiler.
 #pragma once
 
 #include "velt/faults/StructuredException.h"
@@ -7,16 +7,16 @@
 namespace velt::detail {
 
 // Sets the calling thread's translator, which may be null; returns the one
-// before. The translator is called on the faulting stack, before any unwinding,
-// and throws or returns; after a return the search for a handler goes on. It
-// must throw for an overflow of the stack.
+// before. The translator is called on the faulting stack, before any unwinding. It
+// throws or returns; after a return the search for a handler goes on. For a stack
+// overflow it must throw.
 structured_exception_translator set_translator(structured_exception_translator translator) noexcept;
 
-// Calls the thrower, which throws. Takes 8 to 9 KB of stack under Wine, where a
-// bare throw takes 12.
+// Calls the thrower, which must throw. The throw takes 8 to 9 KB of stack under
+// Wine, where a bare throw takes 12.
 [[noreturn]] void throw_leanly(void (*thrower)(void* argument), void* argument);
 
-// `throw;` in the same way, for handlers of overflows.
+// Rethrows the current exception in the same way, for handlers of overflows.
 [[noreturn]] void throw_on_leanly();
 
 // True if the vectored handler that watches throws is registered.
