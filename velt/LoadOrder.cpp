@@ -8,7 +8,7 @@
 namespace velt::detail {
 namespace {
 
-// At the end of the process its memory goes as a whole.
+// At the end of the process the platform frees its memory.
 VELT_LOAD_STEP(memory_of_holders) struct memory_end {
   ~memory_end() {
     if (!process_ends()) close_holder_cache();

@@ -1,15 +1,15 @@
 // The order in which the library's static objects are built when it is loaded.
-// They are destroyed in the reverse order when it is unloaded. The language
-// settles it within one source only, so every object that does something when it
-// is built or destroyed names its step.
+// They are destroyed in the reverse order when it is unloaded. The language defines
+// this order only within one source file, so every object whose constructor or
+// destructor does something names its step.
 #pragma once
 
 #include "velt/base/EntryInternal.h"
 
 namespace velt::detail {
 
-// From first to last: a step may use what stands above it. What is constant from
-// the start, such as the switches of Settings.h, has no step.
+// From first to last: a step may use the steps above it. Objects that are initialised
+// at compile time, such as the switches of Settings.h, have no step.
 enum load_step {
   // Destroyed last: everything else may hold values.
   memory_of_holders = 1000,
@@ -17,7 +17,7 @@ enum load_step {
   symbol_lock_made,       // throws ESystemException
   known_ranges_emptied,   // nothing to build
   debug_stream,
-  error_stream,           // its file is not opened before it is written
+  error_stream,           // opens its file at the first write
   console_stream,
   locale_of_user,
   performance_frequency,
@@ -31,20 +31,21 @@ enum load_step {
   types_without_dumps,
   modules_not_to_blame,
   program_name_found,
-  platform_locks,         // the entries of ntdll: one that is missing stays null
-  process_heap_found,     // and the section that guards it
+  platform_locks,         // the entries of ntdll; a missing one stays null
+  process_heap_found,     // with the section that guards it
   translator_slots,       // throw ESystemException
   handler_active_slot,    // throws ESystemException
   system_pool_stopped,    // nothing to build
 
-  // After all that it reads, and the first to go: until then throws go unwatched.
+  // Built after everything that it reads, and destroyed before all of it. Earlier and
+  // later throws are not watched.
   throws_watched,
 
   stack_guarantee_found,
 };
 
-// Builds at its step what a function would else build on its first use: for
-// objects that others may ask for before, such as an exception of a failed step.
+// Calls a function at its step that otherwise builds its object on first use. For
+// objects that may be needed earlier, for example by the exception of a failed step.
 struct build_now {
   template <class Function>
   explicit build_now(Function const& function) {
@@ -52,8 +53,8 @@ struct build_now {
   }
 };
 
-// Then the platform has stopped all other threads, perhaps with the locks of the
-// heap and of the loader in their hands, and a destructor leaves things alone.
+// True if the process is ending. Then the platform has ended all other threads, which
+// may have owned the locks of the heap and the loader, so destructors must do nothing.
 inline bool process_ends() noexcept {
   auto const ask = find_entry<BOOLEAN NTAPI()>(L"ntdll", "RtlDllShutdownInProgress");
   return ask && ask();
@@ -61,5 +62,5 @@ inline bool process_ends() noexcept {
 
 }  // namespace velt::detail
 
-// On the definition of an object, which has to be of a class.
+// For the definition of an object of class type.
 #define VELT_LOAD_STEP(STEP) [[gnu::init_priority(velt::detail::STEP)]]

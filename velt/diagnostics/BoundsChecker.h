@@ -1,4 +1,4 @@
-// IBoundsChecker: what a checker of memory bounds offers.
+// IBoundsChecker: an interface for checkers of memory bounds.
 #pragma once
 
 #include <cstddef>
@@ -6,9 +6,9 @@
 #include "velt/base/Export.h"
 #include "velt/base/SmartPtr.h"
 
-// The library has none and calls none: this is the interface on which a program
-// and its checker agree. Held by SmartPtr. Whether threads may share a checker is
-// for the checker to say.
+// The library implements and calls no checker: this is the interface between a
+// program and its checker. Held by SmartPtr. Each checker defines whether threads may
+// share it.
 class VELT_API IBoundsChecker : public virtual SmartPtrObj {
 public:
   IBoundsChecker();
@@ -16,10 +16,10 @@ public:
   IBoundsChecker& operator=(IBoundsChecker const& other);
   ~IBoundsChecker() noexcept override;
 
-  // From now on the block may be used, and no longer.
+  // Called when the block becomes usable, and when it no longer is.
   virtual void BlockAllocated(void const* block, std::size_t size) = 0;
   virtual void BlockFreed(void const* block) = 0;
 
-  // Do all of the bytes lie in one block that may be used?
+  // Do all of the bytes lie in one usable block?
   virtual bool IsInBounds(void const* address, std::size_t size) const = 0;
 };

@@ -13,8 +13,9 @@ namespace {
 using velt::detail::engine_hold;
 using velt::detail::short_stack;
 
-// This function, its caller and the constructor lie between the walk of an own
-// stack and the thrower; so the first two are not inlined, in whole or in part.
+// When a thread walks its own stack, put_stack(), its caller and the constructor lie
+// between the walk and the thrower. So the first two must not be inlined, not even in
+// part.
 constexpr unsigned int frames_above_thrower = 3;
 
 [[gnu::noipa]] void put_stack(EGeneric& exception, _CONTEXT* context) {
@@ -50,7 +51,7 @@ EGeneric::EGeneric(bool extend) {
   if (SaveMiniDumpOnCppException && !watched && !dynamic_cast<EStructuredException*>(this))
     put_dump(*this, nullptr);
   if (!ExtendDebugInformationFromException) return;
-  // The watch brings the stack of the throw, from a real context.
+  // The watch adds the stack of the throw, from the context of the throw.
   if (!context && watched) return;
   if (engine_hold const engine; engine) put_stack(*this, context);
 }
@@ -59,7 +60,7 @@ EGeneric::EGeneric(bool extend) {
   velt::detail::collecting_scope const collecting;
   std::optional<engine_hold const> engine;
   if (SaveMiniDumpOnStructuredException || ExtendDebugInformationFromException) engine.emplace();
-  // Tried without the engine too.
+  // Attempted even without the engine.
   if (SaveMiniDumpOnStructuredException) put_dump(*this, pointers);
   if (ExtendDebugInformationFromException && engine && *engine)
     put_stack(*this, pointers->ContextRecord);

@@ -16,7 +16,7 @@ namespace {
 using namespace velt::detail;
 
 constexpr unsigned int most_threads = 1024;
-constexpr DWORD all_access = 0x1F03FF;           // to a thread, as every system knows it
+constexpr DWORD all_access = 0x1F03FF;           // to a thread, on every system
 constexpr ULONGLONG patience_with_loader = 5000;  // milliseconds
 
 bool loader_hangs() {
@@ -36,7 +36,7 @@ struct seen_thread {
   std::optional<short_stack> stack;
 };
 
-// Room for all is made before a thread is stopped.
+// The memory is reserved before a thread is stopped.
 std::vector<seen_thread> no_threads() {
   std::vector<seen_thread> threads;
   threads.reserve(most_threads);
@@ -84,7 +84,7 @@ std::string block(seen_thread const& thread) {
 
 }  // namespace
 
-// Names are looked up when the threads run again: that takes long.
+// Names are looked up after the threads run again, because that takes long.
 std::string TakeDebugSnapshot() {
   if (!engine_is_loaded() && loader_hangs()) return {};
   engine_hold const engine;

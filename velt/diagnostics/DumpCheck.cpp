@@ -11,8 +11,8 @@
 namespace velt::detail {
 namespace {
 
-// The content of a file; empty if it cannot be read. A view, since a dump may be
-// larger than what one would like to copy.
+// The content of a file; empty if it cannot be read. Mapped, since a dump may be too
+// large to copy.
 class file_view {
 public:
   explicit file_view(char const* path) noexcept {
@@ -44,7 +44,7 @@ public:
     std::memcpy(&value, start + offset, sizeof value);
     return value;
   }
-  // Does the test hold for each of so many records in a row?
+  // Does the test hold for each of `count` consecutive records?
   template <class T, class Test>
   bool all_of(std::uint64_t offset, std::uint64_t count, Test const& test) const noexcept {
     for (; count != 0; --count, offset += sizeof(T)) {
@@ -59,19 +59,19 @@ private:
   std::uint64_t size = 0;
 };
 
-// A place in the file that another place names.
+// Does the dump contain the range that a descriptor in it refers to?
 bool has(file_view const& dump, MINIDUMP_LOCATION_DESCRIPTOR const& place) noexcept {
   return dump.has(place.Rva, place.DataSize);
 }
 
-// Of a list that begins with a number of 32 bits.
+// For a list that begins with a 32-bit count.
 template <class T, class Test>
 bool list_is_whole(file_view const& dump, RVA list, Test const& test) noexcept {
   auto const count = dump.read<ULONG32>(list);
   return count && dump.all_of<T>(list + sizeof *count, *count, test);
 }
 
-// The ranges of a full dump lie one behind the other.
+// The ranges of a full dump are contiguous.
 bool long_memory_is_whole(file_view const& dump, RVA list) noexcept {
   struct head {
     ULONG64 count, start;
@@ -87,7 +87,7 @@ bool long_memory_is_whole(file_view const& dump, RVA list) noexcept {
       });
 }
 
-// What a stream of this kind refers to outside of itself.
+// Checks the data that a stream of this kind refers to outside of itself.
 bool stream_is_whole(file_view const& dump, ULONG32 kind, RVA start) noexcept {
   switch (kind) {
     case ThreadListStream:

@@ -3,13 +3,13 @@
 
 #include "velt/base/Export.h"
 
-// One object of the library's own does its work; clients need none. Nothing
-// fails: what the platform does not offer is left out.
+// The library has one object of its own; clients need none. Nothing fails: features
+// that the platform lacks are skipped.
 class VELT_API MemoryOptimizer {
 public:
-  // Asks for the low-fragmentation heap, for the process's heap and the run
-  // time's, if IsActualVersion(), and turns off the small-block heap of an
-  // msvcrt that is in the process already.
+  // If IsActualVersion(), turns on the low-fragmentation heap for the process's heap
+  // and the run time's. Turns off the small-block heap of an msvcrt that is already
+  // in the process.
   MemoryOptimizer();
 
   // Is the system of the NT family, and newer than version 5.0?

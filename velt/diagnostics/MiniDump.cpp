@@ -27,13 +27,13 @@ using namespace velt::detail;
 
 enum class outcome { written, failed, given_up };
 
-// What the platform's writer is asked for.
+// The arguments for the platform's writer.
 struct request {
   HANDLE file;
   unsigned long type, thread_id;
   _EXCEPTION_POINTERS* pointers;
 
-  // The writer would follow a pointer that is null.
+  // The writer would dereference a null pointer.
   bool has_records() const noexcept {
     return pointers && pointers->ExceptionRecord && pointers->ContextRecord;
   }
@@ -50,18 +50,18 @@ outcome write_file(request const& dump) {
   return written ? outcome::written : outcome::failed;
 }
 
-// The writer does not know the registers of the thread that it runs on. So without
-// records another one writes.
+// The writer cannot read the registers of the thread that it runs on. So without
+// records another thread writes.
 outcome write_on_helper(process_stop& stop, request const& dump) {
   auto const result = std::make_shared<std::atomic<outcome>>(outcome::failed);
   stop.run_on_helper([=] { *result = write_file(dump); });
   return *result;
 }
 
-// A thread that is stopped in one of these locks would keep the writer waiting for
-// ever. With all of them owned nobody is in one; and with everybody stopped nobody
-// can take one, so that they are free for the threads that the writer makes.
-// Threads that begin, end or load libraries have the loader lock now and then.
+// If a stopped thread owned one of these locks, the writer would wait for ever. While
+// this thread owns them all, no other thread does; once all others are stopped, none
+// can take one. The locks are then free for the threads that the writer creates.
+// Threads that begin, end or load libraries hold the loader lock for a moment.
 bool take_all(std::optional<process_locks>& locks) {
   constexpr ULONGLONG patience = 1000;  // milliseconds
   for (auto const end = GetTickCount64() + patience; GetTickCount64() < end; Sleep(1))
@@ -80,7 +80,7 @@ outcome write_alone(request const& dump) {
   return result;
 }
 
-// What a thrower knows better than the stack.
+// A module that the thrower named takes precedence over the stack.
 std::string module_of_thrower(_EXCEPTION_POINTERS* pointers) {
   auto const exception = static_cast<EGeneric*>(ThrownObjectAs(pointers, typeid(EGeneric)));
   if (!exception) return {};
@@ -99,7 +99,7 @@ std::string find_program_name() {
   return name.substr(0, name.rfind('.'));
 }
 
-// Found at load: to ask for it can wait for the loader lock.
+// Found at load: the platform call may wait for the loader lock.
 VELT_LOAD_STEP(program_name_found) std::string const program_name = find_program_name();
 
 std::string module_name(_EXCEPTION_POINTERS* pointers, bool with_symbols) {
@@ -126,12 +126,12 @@ std::string kind_name(_EXCEPTION_POINTERS* pointers) {
   if (!pointers || !pointers->ExceptionRecord) return "Dump";
   auto kind =
       is_typed_throw(pointers) ? kind_of_throw(pointers) : code_of(*pointers->ExceptionRecord);
-  // Of templates and namespaces, and not for a file name.
+  // They occur in templates and namespaces, and are not allowed in file names.
   std::erase_if(kind, [](char c) { return std::string_view("<>:").find(c) != std::string::npos; });
   return kind;
 }
 
-// Empty, which no file can be named, if it is too long.
+// Empty if it is too long; no file can be created then.
 std::string dump_path(std::string const& module, std::string const& kind, SYSTEMTIME const& now) {
   std::string path(MAX_PATH, '\0');
   int const length = _snprintf_s(path.data(), path.size(), _TRUNCATE, MiniDumpFileFormat,
@@ -146,7 +146,7 @@ HANDLE create(std::string const& path, DWORD disposition) {
                      FILE_ATTRIBUTE_NORMAL, nullptr);
 }
 
-// A second dump of the same millisecond has a number behind its name.
+// A second dump of the same millisecond gets a number after its name.
 HANDLE create_unused(std::string& path) {
   auto const end = std::min(path.rfind('.'), path.size());
   auto const name = path.substr(0, end), extension = path.substr(end);
@@ -156,10 +156,10 @@ HANDLE create_unused(std::string& path) {
   return file;
 }
 
-// A writer that runs in a thread of its own would wait for the loader lock.
+// A writer that uses a thread of its own would wait for the loader lock.
 bool may_write() { return !owns_loader_lock() && SymInitialize(); }
 
-// Into the new file of this path.
+// Writes into the new file at this path.
 bool write_and_close(std::string const& path, request const& dump) {
   if (dump.file == INVALID_HANDLE_VALUE) return false;
   auto const result = write_alone(dump);

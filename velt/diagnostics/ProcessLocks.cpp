@@ -55,8 +55,8 @@ std::uint32_t word_at(std::byte const* address) noexcept {
   return word;
 }
 
-// A guard page, which is not readable at first either, is left untouched: one of a
-// stack must not lose its guard.
+// Does not touch a guard page: the first access would remove the guard, which a
+// stack needs.
 bool is_writable(std::byte const* address, std::size_t size) noexcept {
   MEMORY_BASIC_INFORMATION region;
   if (VirtualQuery(address, &region, sizeof region) != sizeof region) return false;
@@ -71,8 +71,8 @@ bool is_section_of_this_thread(std::byte const* candidate) noexcept {
          word_at(candidate + offsetof(CRITICAL_SECTION, OwningThread)) == GetCurrentThreadId();
 }
 
-// Where a heap's header may hold the address, of which only addresses of 32 bits
-// are known.
+// The offsets in a heap's header that may hold the section's address. Only 32-bit
+// addresses are searched for.
 constexpr std::size_t first_offset = 96, last_offset = 540, step = 4;
 
 CRITICAL_SECTION* search_header(std::byte const* heap) noexcept {
@@ -84,8 +84,9 @@ CRITICAL_SECTION* search_header(std::byte const* heap) noexcept {
   return nullptr;
 }
 
-// The critical section that guards the process heap, which the platform does not
-// publish: looked for while this thread holds it. Null if it is not found.
+// The critical section that guards the process heap. The platform does not publish
+// it, so the search looks for a section that this thread owns while it holds the
+// heap's lock. Null if there is none.
 CRITICAL_SECTION* find_heap_section() noexcept {
   if (!heap_of_process.handle || !lock_heap()) return nullptr;
   auto const section = search_header(static_cast<std::byte const*>(heap_of_process.handle));
@@ -100,8 +101,8 @@ bool lock_environment() noexcept {
   return true;
 }
 
-// Asks the section first, where it is known. If somebody holds it, the heap itself
-// is asked all the same, and waits.
+// Tries the section first, if it is known. If another thread owns it, waits for the
+// heap's lock.
 bool lock_process_heap() noexcept {
   if (!heap_of_process.handle) return false;
   auto const section = heap_section.pointer;
@@ -146,7 +147,7 @@ void process_locks::take_symbols_and_loader(bool with_patience) {
   }
 }
 
-// False if all are wanted and one is missing.
+// False if `all` are required and one could not be taken.
 bool process_locks::take_rest(bool all) {
   if (!loader->held() && all) return false;
   environment = lock_environment();

@@ -1,6 +1,6 @@
 // The locks of the process that a walk or a dump needs while other threads are
-// stopped. A stopped thread may be inside any of them, and a walk that needs that
-// lock would wait for ever; so they are taken before, always in this order:
+// stopped. A stopped thread may own any of them, and the walk would wait for it for
+// ever. So all of them are taken beforehand, always in this order:
 //
 //   symbol_lock(), the loader lock, the lock of the process environment, the heap
 //   of the process, the heaps of the run times
@@ -13,17 +13,17 @@
 
 namespace velt::detail {
 
-// What to do without a lock that somebody else holds. The loader lock is only
-// tried, and the environment's where the platform can; the others are waited for.
+// What to do if a lock cannot be taken. The loader lock is only tried, and so is the
+// environment's where the platform can; the others are waited for.
 enum class when_taken {
   give_up,    // hold none
   go_on,      // do without it
-  try_again,  // for a second, giving symbol_lock() back in between; then go on
+  try_again,  // the loader lock, for a second, releasing symbol_lock() in between; then go on
 };
 
 class [[nodiscard]] process_locks {
 public:
-  // What the wait for symbol_lock() throws passes out.
+  // Throws what the wait for symbol_lock() throws.
   explicit process_locks(when_taken policy);
   process_locks(process_locks const&) = delete;
   process_locks& operator=(process_locks const&) = delete;

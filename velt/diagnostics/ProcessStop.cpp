@@ -23,7 +23,7 @@ constexpr DWORD pause = 10;
 constexpr int tries = 500;
 
 VELT_LOAD_STEP(platform_locks) struct {
-  // Unlike other lists of threads, takes no memory from a heap.
+  // Unlike other ways to list threads, allocates nothing from a heap.
   LONG(NTAPI* const next_thread)(HANDLE process, HANDLE previous, ACCESS_MASK access,
                                      ULONG attributes, ULONG flags, HANDLE* next) =
       find_entry<LONG NTAPI(HANDLE, HANDLE, ACCESS_MASK, ULONG, ULONG, HANDLE*)>(
@@ -35,7 +35,7 @@ VELT_LOAD_STEP(platform_locks) struct {
   std::uint64_t const start = reinterpret_cast<std::uintptr_t>(module);
   std::uint64_t const size = size_of(module);
 
-  // In its code, and not in a system call.
+  // Is the address in this module's code, but not right behind a system call?
   bool has_within(std::uint64_t address) const noexcept {
     constexpr unsigned char system_call[] = {0x0F, 0x05};
     return address - start < size &&
@@ -69,8 +69,8 @@ HANDLE handle_of_calling_thread() noexcept {
   return handle;
 }
 
-// Threads that were stopped, or have ended. Its memory comes from no heap: another
-// thread owns their locks while it grows.
+// Threads that were stopped, or have ended. Its memory does not come from a heap:
+// while it grows, another thread owns the locks of the heaps.
 class stopped_threads {
 public:
   stopped_threads() noexcept
@@ -83,15 +83,16 @@ public:
   stopped_threads(stopped_threads const&) = delete;
   stopped_threads& operator=(stopped_threads const&) = delete;
 
-  // All but two. Again from the start until nobody is new: a thread that was about
-  // to be made when its maker was stopped would run as soon as the locks are free.
+  // Stops all but two. Repeats from the start until no new thread appears: a thread
+  // whose creator was stopped while creating it would run as soon as the locks are
+  // free.
   bool stop_all_but(DWORD one, DWORD other) noexcept {
     auto found = outcome::is_new;
     while (found == outcome::is_new) found = stop_new_ones(one, other);
     return found == outcome::nobody_new;
   }
 
-  // Only the first call does something.
+  // Only the first call has an effect.
   void resume() noexcept {
     for (auto left = count.exchange(0); left != 0; --left) {
       auto const& [thread, id, is_stopped] = records[left - 1];
@@ -118,7 +119,7 @@ private:
 
   enum class outcome { nobody_new, is_new, runs_on };
 
-  // Goes through the list of threads.
+  // Goes through the list of threads once.
   outcome stop_new_ones(DWORD one, DWORD other) noexcept {
     if (!entries.next_thread) return outcome::runs_on;
     auto found = outcome::nobody_new;
@@ -129,7 +130,7 @@ private:
       if (!is_kept) continue;
       if (!stop(thread, id)) return outcome::runs_on;
       found = outcome::is_new;
-      // No list leads on from a thread that has ended.
+      // The list cannot continue from a thread that has ended.
       if (!records[count - 1].is_stopped) return found;
     }
     return found;
@@ -142,7 +143,7 @@ private:
     return is_there;
   }
 
-  // False if the thread runs on.
+  // False if the thread still runs.
   bool stop(HANDLE thread, DWORD id) noexcept {
     if (count == most ||
         !VirtualAlloc(records + count, sizeof *records, MEM_COMMIT, PAGE_READWRITE))
@@ -155,11 +156,12 @@ private:
                       : WaitForSingleObject(thread, tries * pause) == WAIT_OBJECT_0;
   }
 
-  // A thread that was suspended may run on for a moment. Who has its registers
-  // knows that it does not.
+  // A suspended thread may still run for a moment. It has stopped once its registers
+  // can be read.
   //
-  // The lowest module of the platform has locks that nobody else can own, held for
-  // a few instructions. A thread that stands in its code is let go for a moment.
+  // The lowest module of the platform has internal locks, which are held for a few
+  // instructions and which no other code can take. A thread that stands in this
+  // module's code is resumed for a moment.
   static bool stands(HANDLE thread, bool is_held_by_others) noexcept {
     for (int left = tries; left != 0; --left, Sleep(1)) {
       CONTEXT context;
@@ -183,7 +185,7 @@ private:
 
 }  // namespace
 
-// What both threads know. They take turns, each setting the other's event.
+// The state that both threads share. They take turns, each setting the other's event.
 class process_stop::helper {
 public:
   helper() noexcept = default;
@@ -216,8 +218,8 @@ public:
   bool all_stand = false;
 
 private:
-  // The library must be there for as long as the thread runs. Who takes a reference
-  // waits for the loader lock, unless it has that already.
+  // The library must stay loaded while the thread runs. Taking a reference waits for
+  // the loader lock, unless this thread owns it already.
   static bool create_thread(std::shared_ptr<helper> const& shared) {
     auto own = std::make_unique<std::shared_ptr<helper>>(shared);
     for (auto const end = GetTickCount64() + patience; GetTickCount64() < end; Sleep(1)) {

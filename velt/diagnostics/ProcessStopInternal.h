@@ -6,14 +6,14 @@
 
 namespace velt::detail {
 
-// A helper thread stops the others and gets them going again: when it is told to,
-// when the thread that asked for the stop has ended, or after 30 seconds. So nobody
-// stays asleep, whatever becomes of the writer of the dump.
+// A helper thread stops the others. It resumes them when it is told to, when the
+// thread that asked for the stop has ended, or after 30 seconds. So no thread stays
+// stopped, even if the writer of the dump fails.
 //
-// The steps, by one thread: make the object before any lock is taken; take the
-// locks that the writer needs; stop_others(); give the locks back; write, by
-// run_on_helper() if need be; let_others_go(). The locks are free then, and nobody
-// is left to take them but the writer and the threads that it makes.
+// One thread performs these steps: construct the object before taking any lock; take
+// the locks that the writer needs; stop_others(); release the locks; write, with
+// run_on_helper() if needed; let_others_go(). During the write the locks are free,
+// and only the writer and the threads that it creates can take them.
 //
 // No wait here is alertable.
 class [[nodiscard]] process_stop {
@@ -25,18 +25,18 @@ public:
   // Lets the others go.
   ~process_stop();
 
-  // Does the helper run? Not where the loader lock, which a thread takes when it
-  // begins, is held too long.
+  // Does the helper run? It needs the loader lock to begin, so it does not run if
+  // another thread holds that lock too long.
   bool is_ready() const noexcept { return at == step::ready; }
 
-  // False if a thread cannot be stopped; all go on then.
+  // False if a thread cannot be stopped; all run again then.
   bool stop_others() noexcept;
 
-  // Has the helper do the work, which must not throw, and then let the others go.
-  // The work outlives the calling thread if need be: it owns what it uses.
+  // Runs the work on the helper, which then lets the others go. The work must not
+  // throw. It may outlive the calling thread, so it must own everything that it uses.
   void run_on_helper(std::function<void()> work) noexcept;
 
-  // Returns when they go on.
+  // Returns when they run again.
   void let_others_go() noexcept;
 
 private:

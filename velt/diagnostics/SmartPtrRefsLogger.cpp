@@ -30,8 +30,8 @@ bool step(STACKFRAME64& frame) {
   return velt::detail::StackWalkStep(&frame, nullptr, GetCurrentThread());
 }
 
-// The functions of the caller that count its references. False if the walk ends
-// with them.
+// Skips the caller's functions that count its references. False if the walk ends in
+// them.
 bool leave_reference_machinery(STACKFRAME64& frame) {
   EnsureModuleSymbolsLoaded(frame.AddrPC.Offset);
   for (int i = 0; i < 2; ++i)
@@ -43,7 +43,7 @@ bool leave_reference_machinery(STACKFRAME64& frame) {
 
 bool SmartPtrRefsLogger::RefStack::operator<(RefStack const& other) const {
   if (Depth != other.Depth) return Depth < other.Depth;
-  // An address has twice as many, so the second half of the frames is not looked at.
+  // An address has twice as many, so the second half of the frames is not compared.
   constexpr std::size_t bytes_of_frame = 4;
   return std::memcmp(&Frames, &other.Frames, Depth * bytes_of_frame) < 0;
 }
@@ -70,7 +70,7 @@ bool SmartPtrRefsLogger::EnableSmartPtrRefsLogger() {
   return Enabled || (Enabled = SymInitialize());
 }
 
-// Inlined nowhere, so that the return address lies in the caller.
+// Never inlined, so that the return address lies in the caller.
 [[gnu::noipa]] long SmartPtrRefsLogger::add(void const* reference) const {
   auto const slot = reinterpret_cast<std::uintptr_t>(__builtin_dwarf_cfa()) - size_of_slot;
   auto frame = frame_of_call(__builtin_return_address(0), slot);

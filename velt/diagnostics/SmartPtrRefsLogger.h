@@ -1,7 +1,7 @@
-// SmartPtrRefsLogger: who still holds an object that refuses to go? One logger in
-// the object of interest is told of each reference that is taken and dropped, and
-// reports the call stacks from which those that are left were taken. A SmartPtr
-// does not call it by itself.
+// SmartPtrRefsLogger: finds the references that keep an object alive. The object has
+// one logger. Its users report each reference that they take and release, and the
+// logger reports the call stacks that took the remaining ones. A SmartPtr does not
+// call it by itself.
 #pragma once
 
 #include <map>
@@ -12,35 +12,35 @@
 
 struct _tagSTACKFRAME64;
 
-// Disabled and empty at first, and as cheap as the test of a flag until it is
-// enabled. A reference is any address by which the caller knows it again, such as
-// that of the pointer that holds it.
+// Disabled and empty at first; until it is enabled, a call costs the test of a flag.
+// A reference is identified by any address that the caller chooses, such as that of
+// the pointer that holds it.
 //
 // Any thread may call the operations on references. EnableSmartPtrRefsLogger() is
-// not guarded and belongs before the first of them.
+// not synchronised: call it before the first of them.
 class SmartPtrRefsLogger {
 public:
-  // Frames kept of each stack, without the three innermost, which are those of the
-  // caller's own counting.
+  // Frames kept of each stack. The three innermost, which belong to the caller's
+  // reference counting, are left out.
   static constexpr unsigned int MaxStackDepth = 4;
 
   SmartPtrRefsLogger() = default;
 
   // For disabled loggers. The critical section's state is copied bit for bit, as by
-  // TCriticalSection, and a copy of an enabled logger gives a hold on the symbol
-  // engine back that it never took.
+  // TCriticalSection. A copy of an enabled logger releases a hold on the symbol
+  // engine that it never took.
   SmartPtrRefsLogger(SmartPtrRefsLogger const&) = default;
   SmartPtrRefsLogger& operator=(SmartPtrRefsLogger const&) = default;
 
   VELT_API ~SmartPtrRefsLogger();
 
-  // From here on it records, and holds the symbol engine until it is destroyed.
-  // False if the engine is not to be had; may be tried again then. There is no way
-  // back. Throws what SymInitialize() throws.
+  // Starts recording, and holds the symbol engine until the logger is destroyed. False
+  // if the engine is unavailable; may be called again then. An enabled logger cannot
+  // be disabled. Throws what SymInitialize() throws.
   VELT_API bool EnableSmartPtrRefsLogger();
 
-  // Record a reference, of which a second with the same address is dropped, and
-  // forget one, if it is there. Return how many there are; 0 while disabled.
+  // Record a reference, or forget one. Ignore an address that is already recorded, or
+  // not recorded. Return the number of references; 0 while disabled.
   [[gnu::always_inline]] long AddPointerRef(void const* reference) const {
     return Enabled ? add(reference) : 0;
   }
@@ -48,8 +48,8 @@ public:
     return Enabled ? remove(reference) : 0;
   }
 
-  // The distinct stacks of all references but the given one, each with their
-  // number, from the few to the many:
+  // The distinct stacks of all references but the given one, each with the number of
+  // its references, fewest first:
   //
   //   ----------------------------------------------------------------------------
   //   References: 2
@@ -57,9 +57,9 @@ public:
   //   -> outer frame
   //   -> inner frame
   //
-  // A stack of one frame is headed by "Refs: 2, Stack: " alone, and one that could
-  // not be walked is empty. Stacks of the same depth that agree in the first half
-  // of their frames are taken for one.
+  // A stack of one frame is headed by "Refs: 2, Stack: " alone. A stack that could not
+  // be walked is empty. Stacks of the same depth count as one if the first half of
+  // their frames agree.
   VELT_API std::string GetObjectReferences(void const* reference) const;
 
 private:

@@ -20,7 +20,8 @@ std::optional<short_stack> stop_and_walk(HANDLE thread) {
 
 }  // namespace
 
-// The caller runs on from its context, and writes over the stack behind it.
+// The calling thread goes on running and would overwrite the stack below a captured
+// context, so its walk uses none.
 std::optional<short_stack> walk_stopped(void* thread) {
   CONTEXT context{};
   context.ContextFlags = CONTEXT_FULL;

@@ -1,4 +1,4 @@
-// Walks of threads that are stopped for it.
+// Stack walks of stopped threads.
 #pragma once
 
 #include <optional>
@@ -8,14 +8,14 @@
 
 namespace velt::detail {
 
-// The thread is stopped, or the calling one. Nothing if its registers cannot be
-// read. While other threads are stopped, for holders of process_locks under an
+// The thread must be stopped, or be the calling one. Empty if its registers cannot be
+// read. If other threads are stopped, the caller must hold process_locks and an
 // engine_isolation.
 std::optional<short_stack> walk_stopped(void* thread);
 
-// Stops the thread, which must not be the calling one, for the walk; it runs on
-// when its text is made. Empty if it has ended. If somebody else has suspended
-// it the text is empty, and it stays suspended once more.
+// Stops the thread, which must not be the calling one, for the walk, and resumes it
+// before the text is made. Empty if the thread has ended. If other code has suspended
+// it, the text is empty, and its suspend count stays one higher.
 std::string text_of_running_thread(void* thread);
 
 }  // namespace velt::detail

@@ -16,7 +16,7 @@
 
 namespace velt::detail {
 
-// What EGeneric lets do with an exception that is under way.
+// A friend of EGeneric, which adds values to an exception in flight.
 class throw_watcher {
 public:
   explicit throw_watcher(_EXCEPTION_POINTERS* pointers)
@@ -37,10 +37,10 @@ private:
     return generic && ExtendDebugInformationFromException && !has("Stack");
   }
 
-  // One that is thrown again brings what was collected at its first throw.
+  // An exception that is thrown again has the values of its first throw.
   bool has(char const* name) const { return generic && generic->get_value(name).size() != 0; }
 
-  // Anywhere in the text, whatever stands around it.
+  // The name may occur anywhere in the text, even as part of another name.
   bool is_excluded() const {
     auto const name = ThrownTypeName(fault);
     return MiniDumpExcludedTypes.find(name.empty() ? "C++" : name) != std::string::npos;
@@ -59,7 +59,7 @@ private:
 
 namespace {
 
-// Looked up by name: not every platform has them.
+// Looked up by name, since not every platform has them.
 struct platform_entries {
   decltype(&::AddVectoredExceptionHandler) AddVectoredExceptionHandler = nullptr;
   decltype(&::RemoveVectoredExceptionHandler) RemoveVectoredExceptionHandler = nullptr;
@@ -70,8 +70,8 @@ constinit void* VectoredHandlerHandle = nullptr;
 
 bool is_for_debuggers(DWORD code) noexcept { return (code & 0xFFFF0000) == 0x40010000; }
 
-// The first have all that there is to have, from their constructors; the second
-// are no errors.
+// EStructuredException collected its diagnostics in its constructor;
+// EThreadInterrupt is not an error.
 bool is_of_no_interest(_EXCEPTION_POINTERS const* pointers) {
   return ThrownTypeIs(pointers, typeid(EStructuredException)) ||
          ThrownTypeIs(pointers, typeid(EThreadInterrupt));
@@ -83,7 +83,7 @@ LONG WINAPI WatchExceptions(_EXCEPTION_POINTERS* pointers) {
     return EXCEPTION_CONTINUE_SEARCH;
   if (!SaveMiniDumpOnCppException && !ExtendDebugInformationFromException)
     return EXCEPTION_CONTINUE_SEARCH;
-  // What is done here may itself throw and catch.
+  // The handler's own calls may throw and catch.
   if (collecting_scope::exists()) return EXCEPTION_CONTINUE_SEARCH;
   last_error_keeper const error;
   collecting_scope const collecting;
@@ -91,7 +91,7 @@ LONG WINAPI WatchExceptions(_EXCEPTION_POINTERS* pointers) {
   try {
     if (!is_of_no_interest(pointers)) throw_watcher(pointers).watch();
   } catch (...) {
-    // The exception under way is what matters; it goes on with what it has.
+    // The exception in flight matters more; it continues with the values that it has.
   }
   return EXCEPTION_CONTINUE_SEARCH;
 }
@@ -112,7 +112,7 @@ void start_watching_throws() {
 
 void stop_watching_throws(bool process_ends) noexcept {
   void* const handle = std::exchange(VectoredHandlerHandle, nullptr);
-  // The platform would wait for its lock and free memory.
+  // At the end of the process the call could deadlock: it takes a lock and frees memory.
   if (handle && !process_ends) platform.RemoveVectoredExceptionHandler(handle);
 }
 

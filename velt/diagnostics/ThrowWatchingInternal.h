@@ -1,12 +1,12 @@
-// The watch on throws: stack and dump of each C++ throw, taken before any
+// The watch on throws: collects the stack and the dump of each C++ throw before any
 // unwinding.
 #pragma once
 
 namespace velt::detail {
 
-// Called when the library is loaded, after all that the watch reads is there,
-// and before any of that goes when it is unloaded. `process_ends`: then the
-// other threads are gone, perhaps with the platform's locks in their hands.
+// Called when the library is loaded, after everything that the watch reads is built,
+// and when it is unloaded, before any of that is destroyed. `process_ends`: the other
+// threads are gone, and may have owned locks of the platform.
 void start_watching_throws();
 void stop_watching_throws(bool process_ends) noexcept;
 

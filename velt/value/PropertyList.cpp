@@ -14,8 +14,8 @@ int lower_ascii(wchar_t character) {
   return character >= L'A' && character <= L'Z' ? character + (L'a' - L'A') : character;
 }
 
-// What _wcsicmp gives, which asks the locale about each character. The case of
-// ASCII is that of every locale, and equal characters are equal in all cases.
+// Gives the result of _wcsicmp without its look-up in the locale for each character.
+// All locales agree on the case of ASCII, and equal characters need no look-up.
 int compare_without_case(wchar_t const* a, wchar_t const* b) {
   for (;; ++a, ++b) {
     if (*a == *b) {
@@ -44,9 +44,9 @@ _value_t TPropertyList::GetProperty(_bstr_t const& name) const {
   return found == properties.end() ? _value_t() : found->second;
 }
 
-// The last owner of an old value runs the destructor of what is in it, which may
-// use this list or wait for a thread that does. So the write operations take old
-// values out and release them after the hold.
+// Releasing an old value may run a destructor that uses this list or waits for a
+// thread that does. So the write operations take old values out and release them
+// once the lock is free.
 void TPropertyList::PutProperty(_bstr_t const& name, _value_t const& value) {
   _value_t exchanged = value;
   TLock const hold(lock);

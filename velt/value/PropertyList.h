@@ -16,11 +16,11 @@ public:
   virtual _value_t GetProperty(_bstr_t const& name) const = 0;
   virtual void PutProperty(_bstr_t const& name, _value_t const& value) = 0;
   // Replaces `out` by the values (not the names) in the order of the names, each
-  // read strictly as _bstr_t. A value that is no text throws EBadCastException;
-  // the values before it stay in `out`.
+  // read strictly as _bstr_t. Throws EBadCastException if a value is not text; the
+  // values before it stay in `out`.
   virtual void GetProperties(std::vector<_bstr_t>& out) const = 0;
   virtual int GetCount() const = 0;
-  // A missing name is no error.
+  // Does nothing if the name is missing.
   virtual void Delete(_bstr_t const& name) = 0;
   virtual bool Have(_bstr_t const& name) const = 0;
 
@@ -40,7 +40,7 @@ struct VELT_API less_without_case {
 // Any thread may call any operation: readers run in parallel, a writer excludes
 // all others. Each operation holds the list's lock while it runs, waits for it
 // without limit, and throws what TMultiLock throws. A value that is replaced or
-// deleted is released after the hold, so its destructor may use the list.
+// deleted is released once the lock is free, so its destructor may use the list.
 //
 // A value that is read shares its content with the list. Writing to it does not
 // change the list, except through element views.
@@ -49,14 +49,14 @@ public:
   TPropertyList();
   ~TPropertyList();
 
-  // Takes neither lock and copies the other list's lock as it stands, so that
-  // both lists share it. For lists that no thread uses; use and destroy only one
-  // of the two afterwards.
+  // Takes neither lock. Copies the other list's lock bit for bit, so both lists share
+  // it. For lists that no other thread uses; use and destroy only one of the two
+  // afterwards.
   TPropertyList& operator=(TPropertyList const& other);
 
   _value_t GetProperty(_bstr_t const& name) const override;
-  // The entry shares the value's content, whatever type the old value had. The
-  // first spelling of a name stays.
+  // The entry shares the value's content; the type may differ from the old value's.
+  // The first spelling of a name stays.
   void PutProperty(_bstr_t const& name, _value_t const& value) override;
   void GetProperties(std::vector<_bstr_t>& out) const override;
   int GetCount() const override;
