@@ -30,6 +30,7 @@ struct Scenario {
 struct Recursion {
   char const* name;
   long (*run)(long depth);
+  bool allocates = false;
 };
 
 struct Build {
