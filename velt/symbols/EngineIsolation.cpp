@@ -11,8 +11,8 @@ namespace {
 
 constexpr std::size_t most_modules = 1024;
 
-// Through a real handle of the process, the list is read without the loader's
-// lock, which a thread that hangs may have.
+// With a real handle of the process, the platform reads the list without the loader lock,
+// which a hanging thread may own.
 std::vector<HMODULE> all_modules() {
   THandle process;
   process.AttachHandle(
@@ -40,7 +40,7 @@ void load_all_symbols() {
 
 }  // namespace
 
-// The walk of an own stack shows what walks need.
+// A walk of this thread's own stack shows whether walks need symbols.
 void prepare_walks() {
   short_stack(nullptr, GetCurrentThread());
   bool const reads_symbols =

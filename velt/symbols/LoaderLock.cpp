@@ -17,7 +17,7 @@ constexpr ULONG acquired = 1;
 using lock_function = LONG NTAPI(ULONG flags, ULONG* state, ULONG_PTR* cookie);
 using unlock_function = LONG NTAPI(ULONG flags, ULONG_PTR cookie);
 
-// Entries that are missing stay null.
+// Null if missing.
 VELT_LOAD_STEP(platform_locks) struct {
   lock_function* const lock = find_entry<lock_function>(L"ntdll", "LdrLockLoaderLock");
   unlock_function* const unlock = find_entry<unlock_function>(L"ntdll", "LdrUnlockLoaderLock");
@@ -27,9 +27,9 @@ bool owns(CRITICAL_SECTION const* section) noexcept {
   return section && section->OwningThread == ULongToHandle(GetCurrentThreadId());
 }
 
-// The process environment block names the section that is the loader lock, at a
-// place that no header publishes. It is the right one if this thread owns it: a
-// library is built under the loader lock.
+// The process environment block points to the critical section of the loader lock, at an
+// offset that no header publishes. Static objects of a library are built under the loader
+// lock, so the section is the right one if this thread owns it.
 CRITICAL_SECTION* find_section() noexcept {
   constexpr std::size_t offset_of_section = 0x110;
   std::byte* block;

@@ -1,13 +1,13 @@
-// The lock of the platform's loader, which threads also take when they begin and
-// end, and which a DllMain owns. Nobody waits for it with symbol_lock() held: its
-// owner may be waiting for symbol_lock(), to report an exception out of a DllMain.
+// The lock of the platform's loader. A DllMain runs with it, and threads take it when they
+// begin and end. No holder of symbol_lock() waits for it: its owner may wait for
+// symbol_lock(), to report an exception out of a DllMain.
 #pragma once
 
 #include <cstdint>
 
 namespace velt::detail {
 
-// Tries once, and holds the lock for a scope if it was free or the caller's own.
+// Tries once to take the lock for a scope. Succeeds if the lock is free or the caller's.
 class [[nodiscard]] loader_lock {
 public:
   loader_lock() noexcept;
@@ -22,8 +22,8 @@ private:
   std::uintptr_t cookie = 0;
 };
 
-// How long to go on trying: for a second. Not at all after a second in vain, until
-// the lock has been free again; so a loader that hangs costs the process one second.
+// Limits repeated attempts to one second. After a second in vain the limit is zero until
+// an attempt succeeds, so that a loader that hangs costs the process one second.
 class loader_patience {
 public:
   loader_patience() noexcept;
@@ -34,7 +34,7 @@ private:
   std::uint64_t const end;
 };
 
-// False also where the platform does not show who owns the lock.
+// False also if the platform does not show the owner.
 bool owns_loader_lock() noexcept;
 
 }  // namespace velt::detail

@@ -58,7 +58,7 @@ struct local_free {
 
 struct type_name {
   DWORD basic = 0;
-  std::unique_ptr<wchar_t, local_free> name;  // of a type that is not basic
+  std::unique_ptr<wchar_t, local_free> name;  // null for a basic type
 
   bool is_smart_pointer() const { return name && std::wcsncmp(name.get(), L"SmartPtr<", 9) == 0; }
   std::string text() const { return name ? as_string(name.get()) : basic_type_name(basic); }
@@ -80,7 +80,7 @@ type_name type_of(SYMBOL_INFO const& symbol) {
   return type;
 }
 
-// Only variables that lie on the frame can be read.
+// 0 for a variable outside the stack frame: only those in it can be read.
 std::int32_t value_of(SYMBOL_INFO const& symbol) {
   constexpr ULONG on_frame = SYMFLAG_LOCAL | SYMFLAG_REGREL;
   std::int32_t value = 0;

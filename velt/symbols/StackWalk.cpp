@@ -10,7 +10,7 @@ bool is_calling_thread(HANDLE thread) {
   return thread == GetCurrentThread() || GetThreadId(thread) == GetCurrentThreadId();
 }
 
-// From a function to its caller.
+// Moves the context from a function to its caller.
 void leave_function(CONTEXT& context) {
   DWORD64 base, frame;
   void* data;
@@ -27,8 +27,8 @@ bool is_code(DWORD64 address) {
          region.State == MEM_COMMIT && (region.Protect & executable);
 }
 
-// A call of something that is no code has done nothing yet but to store its
-// return address. The engine would not get past such a place.
+// A call to an address without code, such as null, has only pushed its return address. The
+// engine cannot unwind from there, so the walk begins at the return address.
 void leave_call_of_no_code(CONTEXT& context) {
   DWORD64 return_address;
   SIZE_T read;
@@ -50,8 +50,9 @@ STACKFRAME64 start_of_walk(CONTEXT const& context) {
   return frame;
 }
 
-// The engine stops in front of a module that it does not know. The return
-// address of a frame is that of the next one, and there is none at the start.
+// The engine stops before a frame in a module that it does not know, so the module of the
+// next frame is made known first. The next frame lies at the return address of this one;
+// the first frame has none yet and lies at its own address.
 bool step(STACKFRAME64& frame, CONTEXT& context, HANDLE thread) {
   auto const next = frame.AddrReturn.Offset ? frame.AddrReturn.Offset : frame.AddrPC.Offset;
   return ask_engine_at(next, [&](symbol_engine& engine, bool) {
@@ -79,7 +80,7 @@ unsigned int walk(unsigned __int64* frames, CONTEXT& context, HANDLE thread, uns
 
 }  // namespace
 
-// Not inlined anywhere, in whole or in part: callers count the frames.
+// Never inlined or cloned: the number of frames to skip depends on it.
 [[gnu::noipa]] unsigned int StackWalk(unsigned __int64* frames, _CONTEXT* context, void* thread,
                                       unsigned int skip, unsigned int max) {
   CONTEXT own;  // the walk changes it

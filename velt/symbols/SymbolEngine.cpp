@@ -23,7 +23,8 @@ constexpr DWORD size_of_line_record = 40;
 constexpr DWORD size_of_symbol_record = 32;
 constexpr DWORD longest_symbol_name = 1960;
 
-// Without the lines the engine leaves them out of its tables altogether.
+// Without SYMOPT_LOAD_LINES the engine never finds a line. SYMOPT_DEFERRED_LOADS makes
+// it read a module's symbols when it first needs them, so that the start stays cheap.
 constexpr DWORD engine_options = SYMOPT_UNDNAME | SYMOPT_DEFERRED_LOADS | SYMOPT_LOAD_LINES;
 
 template <class Entry>
@@ -32,7 +33,8 @@ bool bind(HMODULE library, char const* name, Entry& entry) {
   return entry != nullptr;
 }
 
-// False if one that is required is missing.
+// False if a required entry is missing. The last two are optional: without them the engine
+// cannot find modules that are loaded later.
 bool bind_all(HMODULE library, debug_help& calls) {
   bool const complete = bind(library, "SymInitialize", calls.initialize) &&
                         bind(library, "SymCleanup", calls.cleanup) &&
@@ -51,11 +53,12 @@ bool bind_all(HMODULE library, debug_help& calls) {
   return complete;
 }
 
+// The platform's failures come as null or as INVALID_HANDLE_VALUE.
 void close_if_held(HANDLE handle) {
   if (THandle::IsValidHandle(handle)) CloseHandle(handle);
 }
 
-// Under Wine each run time has a heap of its own.
+// Under Wine each run time has a heap of its own, whose lock a stopped thread may hold.
 HANDLE heap_of(wchar_t const* run_time) {
   auto const module = GetModuleHandleW(run_time);
   decltype(&_get_heap_handle) ask;
@@ -64,15 +67,15 @@ HANDLE heap_of(wchar_t const* run_time) {
   return heap == GetProcessHeap() ? nullptr : heap;
 }
 
+// Saturates, for ranges at the end of the address space.
 std::uint64_t last_byte(std::uint64_t start, std::uint64_t size) {
   auto const last = start + (size - 1);
   return last >= start ? last : std::numeric_limits<std::uint64_t>::max();
 }
 
-// Path of the module at the base. Asked through a real handle, the platform
-// reads its list of modules from outside; through the one that stands for the
-// process it would wait for the loader lock, which a thread that is suspended
-// for a walk may have.
+// Path of the module at the base. With the pseudo handle of GetCurrentProcess() the
+// platform would wait for the loader lock, which a thread suspended for a walk may own.
+// With a real handle it reads the list of modules as that of a foreign process.
 template <std::size_t size>
 bool find_path(HMODULE base, wchar_t (&path)[size]) {
   HANDLE const process =
@@ -114,6 +117,8 @@ std::unique_ptr<engine_library> engine_library::load() {
 engine_library::engine_library(HMODULE library, debug_help const& bound)
     : heaps{heap_of(L"msvcrt"), heap_of(L"ucrtbase")}, module(library), calls(bound) {}
 
+// The engine lists the modules that are loaded now; find_new_module() adds later ones.
+// Nothing reads the snapshot.
 symbol_engine::symbol_engine(std::unique_ptr<engine_library> loaded)
     : library(std::move(loaded)), calls(library->entries()) {
   calls.set_options(engine_options);
@@ -127,8 +132,8 @@ symbol_engine::~symbol_engine() {
 }
 
 // An address in no module is remembered with its eight bytes, so that it is looked for
-// once; not so if it was not looked for, because threads are stopped or the loader is
-// busy.
+// only once. It is not remembered if the search was skipped, because threads are stopped
+// or the loader lock is busy.
 module_state symbol_engine::ensure_module(std::uint64_t address) {
   if (known.meets(address)) return module_state::known;
   IMAGEHLP_MODULE64 record;
@@ -147,7 +152,8 @@ bool symbol_engine::find_module(std::uint64_t address, IMAGEHLP_MODULE64& record
   return calls.module_info(GetCurrentProcess(), address, &record);
 }
 
-// The platform lists its modules under the loader lock.
+// The refresh waits for the loader lock, to list the modules. Therefore the lock is taken
+// first, by an attempt that does not wait. New modules give new names to addresses.
 module_state symbol_engine::find_new_module(std::uint64_t address, IMAGEHLP_MODULE64& record) {
   if (!finds_new_modules || GetLastError() != ERROR_MOD_NOT_FOUND) return module_state::unknown;
   loader_lock const loader;
@@ -161,7 +167,7 @@ module_state symbol_engine::find_new_module(std::uint64_t address, IMAGEHLP_MODU
   return find_module(address, record) ? module_state::known : module_state::unknown;
 }
 
-// For engines whose refresh finds nothing new.
+// For engines whose refresh reports success but finds nothing new, as Wine's does.
 void symbol_engine::load_module_at(std::uint64_t address) {
   MEMORY_BASIC_INFORMATION region;
   if (!calls.load_module ||
@@ -188,8 +194,8 @@ bool symbol_engine::find_line(std::uint64_t address, IMAGEHLP_LINE64& line) {
   return calls.line(GetCurrentProcess(), address, &displacement, &line);
 }
 
-// The first step finds the frame where the walk begins, and leaves none. Each later
-// one that leaves a frame shows whether that took its module's symbols.
+// The first step finds the frame where the walk begins. Each later step leaves a frame;
+// if the engine has still not read the symbols of that frame's module, walks need none.
 bool symbol_engine::walk(DWORD machine, HANDLE thread, STACKFRAME64& frame, CONTEXT* context) {
   bool const leaves_frame = frame.AddrReturn.Offset != 0;
   auto const left = frame.AddrPC.Offset;
@@ -205,11 +211,12 @@ bool symbol_engine::walk(DWORD machine, HANDLE thread, STACKFRAME64& frame, CONT
 namespace {
 
 std::atomic<long> hold_count = 0;
-// Never destroyed: when the process ends with the engine held, threads may have
-// been stopped with the heap's lock in their hands.
+// Never destroyed: if the process ends with the engine held, the platform may have
+// stopped threads that own the lock of the heap.
 std::atomic<symbol_engine*> engine = nullptr;
 
-// An engine without a hold is one that could not be ended, for want of a lock.
+// An engine without a hold could not be ended, because a lock was unavailable. The next
+// hold takes it over.
 bool hold_if_loaded() {
   if (hold_count == 0 && !engine) return false;
   ++hold_count;
@@ -222,7 +229,8 @@ bool start_engine(std::unique_ptr<engine_library>& library) {
   return engine != nullptr;
 }
 
-// What is left is the library, to be freed when the locks are.
+// The caller frees the returned library after both locks: FreeLibrary waits for the
+// loader lock.
 std::unique_ptr<engine_library> end_engine() {
   std::unique_ptr<symbol_engine> const ended(engine.exchange(nullptr));
   ++engine_changes;
@@ -230,14 +238,16 @@ std::unique_ptr<engine_library> end_engine() {
   return ended ? std::move(ended->library) : nullptr;
 }
 
-// Without symbol_lock() the engine stays; false then too.
+// False also if symbol_lock() is unavailable: the hold is released, but the engine stays.
+// Therefore the count is atomic.
 bool release_is_last() {
   symbol_hold const symbols;
   return --hold_count == 0 && engine && symbols;
 }
 
-// Both locks, and never one while waiting for the other: the owner of the loader
-// lock may be waiting for symbol_lock(), to report an exception out of a DllMain.
+// Runs the action under both locks, and holds neither while it waits for the other: the
+// owner of the loader lock may wait for symbol_lock(), to report an exception out of a
+// DllMain.
 template <class Action>
 bool under_loader_lock(Action action) {
   for (loader_patience patience;; patience.pause()) {
@@ -259,6 +269,8 @@ namespace {
 
 VELT_LOAD_STEP(handler_active_slot) thread_slot<collecting_scope> const collecting;
 
+// An abandoned mutex counts as taken: a thread that ended with it must not stop all reports.
+// A limited wait also returns false when a queued call has run.
 class engine_mutex final : public TMutex {
 public:
   bool Lock(unsigned int limit) override {
@@ -277,7 +289,8 @@ collecting_scope::collecting_scope() noexcept : outer(collecting.get()) { collec
 collecting_scope::~collecting_scope() { collecting.set(outer); }
 bool collecting_scope::exists() noexcept { return collecting.get(); }
 
-// Static objects may ask before those of this file are made.
+// A local object, because other static objects may need the lock before those of this
+// file are built.
 TMutex& symbol_lock() {
   static engine_mutex lock;
   return lock;
@@ -289,7 +302,7 @@ VELT_LOAD_STEP(symbol_lock_made) build_now const lock_made(symbol_lock);
 
 }  // namespace
 
-// A second in vain is not waited again while the lock stays taken.
+// After a second in vain later calls try without waiting, until one of them succeeds.
 bool lock_symbols() {
   if (!owns_loader_lock()) {
     symbol_lock().Lock();
@@ -337,12 +350,13 @@ bool SymInitialize() {
     if (!symbols) return false;
     if (hold_if_loaded()) return true;
   }
-  // Two threads may come here at once; each reference but the first engine's goes.
+  // LoadLibrary waits for the loader lock, so it runs outside symbol_lock(). Two threads
+  // may come here at once; the second frees its reference to the library again.
   auto library = engine_library::load();
   return library && under_loader_lock([&] { return hold_if_loaded() || start_engine(library); });
 }
 
-// Between the two steps another thread may take a new hold: the engine lives on.
+// Between the two steps another thread may take a new hold; the engine then stays.
 void SymCleanup() {
   if (!release_is_last()) return;
   std::unique_ptr<engine_library> library;
@@ -352,6 +366,7 @@ void SymCleanup() {
   });
 }
 
+// The engine's lock is given back before each pause.
 bool EnsureModuleSymbolsLoaded(unsigned __int64 address) {
   for (loader_patience patience;; patience.pause()) {
     auto state = module_state::unknown;

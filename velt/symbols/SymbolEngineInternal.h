@@ -1,5 +1,6 @@
-// The platform's debug-help library while it is loaded, and the way to it: all
-// of the library's contact with dbghelp goes through here.
+// Access to the platform's debug-help library, dbghelp. Every call into it goes through
+// the classes of this file. The file also declares what the sources of this folder
+// share: the isolation of the engine, the cache of texts and the text of variables.
 #pragma once
 
 #include <windows.h>
@@ -36,7 +37,7 @@ struct debug_help {
    PREAD_PROCESS_MEMORY_ROUTINE64, PFUNCTION_TABLE_ACCESS_ROUTINE64, PGET_MODULE_BASE_ROUTINE64,
    PTRANSLATE_ADDRESS_ROUTINE64);
   decltype(&MiniDumpWriteDump) write_dump;
-  // May be missing.
+  // Null if missing.
   decltype(&SymRefreshModuleList) refresh;
   decltype(&SymLoadModuleExW) load_module;
 };
@@ -44,9 +45,9 @@ struct debug_help {
 // Ranges of addresses that never overlap.
 class address_ranges {
 public:
-  // Whether a range has one of the eight bytes from the address on.
+  // Whether a range contains one of the eight bytes that begin at the address.
   bool meets(std::uint64_t address) const;
-  // Does nothing if the new range overlaps one that is there.
+  // Does nothing if the new range overlaps an existing one.
   void insert(std::uint64_t start, std::uint64_t size);
 
 private:
@@ -66,8 +67,8 @@ struct symbol_record {
   };
 };
 
-// dbghelp.dll. To load and to free it waits for the loader lock: neither is for
-// holders of symbol_lock().
+// A reference to dbghelp.dll. load() and the destructor wait for the loader lock, so a
+// holder of symbol_lock() must not call them.
 class engine_library {
 public:
   // Null if the library or an entry is missing.
@@ -78,8 +79,8 @@ public:
 
   debug_help const& entries() const { return calls; }
 
-  // Of the run times that may be the engine's and this library's; null for one
-  // that is not there or uses the heap of the process.
+  // The heaps of the C run times that the engine or this library may use; null for a run
+  // time that is not loaded or uses the process heap.
   std::array<void*, 2> const heaps;
 
 private:
@@ -91,21 +92,22 @@ private:
 
 enum class module_state { known, unknown, loader_is_busy };
 
-// The engine of the library, started for this process. For holders of symbol_lock().
+// The engine in dbghelp, started for this process. For holders of symbol_lock().
 class symbol_engine {
 public:
-  // To start the engine and to end it takes the loader lock, which the caller holds.
+  // Constructor and destructor start and end the engine, which takes the loader lock; the
+  // caller holds it already.
   explicit symbol_engine(std::unique_ptr<engine_library> loaded);
   symbol_engine(symbol_engine const&) = delete;
   symbol_engine& operator=(symbol_engine const&) = delete;
   ~symbol_engine();
 
-  // See EnsureModuleSymbolsLoaded. A module that the engine does not know is looked
-  // for under the loader lock, if that is free.
+  // See EnsureModuleSymbolsLoaded. Looks for an unknown module under the loader lock, if
+  // that is free.
   module_state ensure_module(std::uint64_t address);
   bool find_module(std::uint64_t address, IMAGEHLP_MODULE64& record);
   bool find_symbol(std::uint64_t address, symbol_record& symbol);
-  // What `line` points to is the engine's.
+  // The engine owns the texts that `line` points to.
   bool find_line(std::uint64_t address, IMAGEHLP_LINE64& line);
   bool walk(DWORD machine, HANDLE thread, STACKFRAME64& frame, CONTEXT* context);
 
@@ -127,11 +129,11 @@ private:
   bool needs_no_symbols = false;
 };
 
-// Null if it is not loaded. Only a holder of symbol_lock() may use what it
-// points to.
+// Null if the engine is not loaded. Only a holder of symbol_lock() may dereference the
+// pointer.
 symbol_engine* loaded_engine() noexcept;
 
-// Grows whenever addresses may have got other names than before.
+// Grows whenever the names of addresses may have changed.
 extern std::atomic<unsigned> engine_changes;
 
 // For holders of symbol_lock(); false if the engine is not loaded.
@@ -148,8 +150,8 @@ bool ask_engine(Query query) {
   return hold && ask_own_engine(query);
 }
 
-// The same after ensure_module() for the address; the query is told whether its
-// module is known. While the loader lock is busy symbol_lock() is given back.
+// Like ask_engine(), after ensure_module() for the address; the query learns whether the
+// module is known. Gives symbol_lock() back while the loader lock is busy.
 template <class Query>
 bool ask_engine_at(std::uint64_t address, Query query) {
   for (loader_patience patience;; patience.pause()) {
@@ -162,7 +164,8 @@ bool ask_engine_at(std::uint64_t address, Query query) {
   }
 }
 
-// False also if the lock is unavailable for 20 seconds.
+// Like ask_engine(), with a wait of 20 seconds at most; false after that, and if anything
+// throws.
 template <class Query>
 bool try_asking_engine(Query query) noexcept {
   try {
@@ -174,15 +177,15 @@ bool try_asking_engine(Query query) noexcept {
   }
 }
 
-// While threads are stopped.
+// Use of the engine while threads are stopped.
 
-// Makes the engine read all that it would otherwise read in the middle of a walk:
-// where its walks need symbols, those of all modules, which takes long. Before
-// threads are stopped or heaps are locked.
+// Makes the engine read now what it would otherwise read in the middle of a walk. If its
+// walks need symbols, it reads those of all modules, which takes long. Call this before
+// stopping threads or locking heaps.
 void prepare_walks();
 
-// While it lives the engine neither looks for modules that it does not know nor
-// remembers that they were asked for. For holders of symbol_lock().
+// While it lives, the engine does not look for unknown modules, and does not remember the
+// addresses that were asked for in vain. For holders of symbol_lock().
 class [[nodiscard]] engine_isolation {
 public:
   engine_isolation() noexcept;
@@ -191,26 +194,26 @@ public:
   ~engine_isolation();
 };
 
-// The full names of addresses that were asked for since the engine was loaded. A
-// process that reports much reports the same frames again and again. No operation
-// waits for another thread, which may be suspended in the middle of one so that its
-// stack can be walked; a thread that does not get in goes without.
+// The cache of the full names that were asked for since the engine was loaded: a process
+// that reports often reports the same frames again and again. No operation waits for
+// another thread, because that may have been suspended inside the cache. If another
+// thread is inside, a look-up finds nothing and a change is skipped.
 
-// Empty if it is not known.
+// Empty if the text is not in the cache.
 std::string known_text(unsigned __int64 address);
 
-// `changes` is what engine_changes was when the making of the text began.
+// `changes` is the value that engine_changes had before the text was made.
 void remember_text(unsigned __int64 address, std::string const& text, unsigned changes) noexcept;
 
 void forget_texts();
 
-// Text of the variables of a function, as the engine lists them. For holders of
-// symbol_lock(): where the variables lie, and what was written of them.
+// The text of a function's variables, as the engine lists them: the address that their
+// offsets count from, and the text so far. For holders of symbol_lock().
 extern std::uint64_t variable_frame_base;
 extern std::string variable_text;
 
-// In the form that the engine calls for each symbol. Adds a line for one of four
-// bytes: type, name and value in both notations.
+// The engine's callback, called for each symbol. For a variable of four bytes it appends
+// a line with the type, the name and the value, hexadecimal and decimal.
 BOOL CALLBACK append_variable(SYMBOL_INFO* symbol, ULONG size, void* unused);
 
 }  // namespace velt::detail

@@ -14,7 +14,7 @@ using namespace velt::detail;
 
 namespace {
 
-// What is too long is cut at 1023 characters.
+// Cuts the formatted text at 1023 characters.
 void append(std::string& text, char const* format, ...) {
   char buffer[1024];
   va_list arguments;
@@ -126,7 +126,7 @@ std::string SymGetFullNameFromAddress(unsigned __int64 address) {
   return text;
 }
 
-// An engine that is held is not asked for names that are known.
+// Takes a hold on the engine only for the first name that is not in the cache.
 std::string SymGetStackTrace(unsigned __int64 const* frames, unsigned int count) {
   std::string text;
   try {

@@ -1,4 +1,5 @@
-// What the diagnostics share of the symbol engine.
+// The parts of the symbol engine that other folders of the library use: its lock, holds
+// for a scope, and short stacks.
 #pragma once
 
 #include <array>
@@ -12,10 +13,9 @@ class TMutex;
 
 namespace velt::detail {
 
-// While it lives, its thread collects the diagnostics of an exception that is under
-// way. Throws in there are not watched, and waits for symbol_lock() are not
-// alertable: what a queued call throws would be lost in there, so the call is left
-// to the thread's next wait.
+// While it lives, its thread collects the diagnostics of an exception in flight. Throws
+// are not watched meanwhile. Waits for symbol_lock() are not alertable: an exception of a
+// queued call would be lost, so the call stays queued for the thread's next wait.
 class [[nodiscard]] collecting_scope {
 public:
   collecting_scope() noexcept;
@@ -23,20 +23,20 @@ public:
   collecting_scope& operator=(collecting_scope const&) = delete;
   ~collecting_scope();
 
-  // Does the calling thread have one?
+  // Whether the calling thread has one.
   static bool exists() noexcept;
 
 private:
   collecting_scope* const outer;
 };
 
-// Guards the engine. Recursive. Taken before the loader lock, the lock of the
-// process environment and the heaps. Whoever holds it only tries for the loader
-// lock. Waits for it are alertable, but not in a collecting_scope.
+// Guards the engine. Recursive. Taken before the loader lock, the lock of the process
+// environment and the heaps. Its holder tries for the loader lock without waiting. Waits
+// for it are alertable, except in a collecting_scope.
 TMutex& symbol_lock();
 
-// Waits for symbol_lock(). A caller that owns the loader lock waits for a second at
-// most, since the platform's engine may wait for that lock; false then.
+// Waits for symbol_lock(). A caller that owns the loader lock waits a second at most, as
+// the platform's engine may wait for the loader lock; false after that second.
 bool lock_symbols();
 
 // lock_symbols() for a scope.
@@ -53,12 +53,12 @@ private:
   bool held;
 };
 
-// The heaps of the run times that the engine or this library may use, while the
-// engine is loaded; null for one that is not there or that is the process heap.
-// For holders of symbol_lock().
+// The heaps of the C run times that the engine or this library may use; null for a run
+// time that is not loaded or uses the process heap, and without the engine. For holders
+// of symbol_lock().
 std::array<void*, 2> heaps_of_run_times() noexcept;
 
-// SymInitialize() for a scope. A release that fails leaves the engine loaded.
+// SymInitialize() for a scope. If the release fails, the engine stays loaded.
 class [[nodiscard]] engine_hold {
 public:
   engine_hold() : held(SymInitialize()) {}
@@ -80,7 +80,8 @@ private:
 // Up to 64 return addresses of a stack, innermost first.
 class short_stack {
 public:
-  // As StackWalk(): with a null context `skip` counts from the maker's frame on.
+  // As StackWalk(): with a null context, `skip` counts from the frame of the function that
+  // constructs the object.
   [[gnu::always_inline]] explicit short_stack(_CONTEXT* context, void* thread,
                                               unsigned int skip = 0)
       : count(StackWalk(frames, context, thread, skip, most)) {}
@@ -95,19 +96,18 @@ private:
   unsigned int count;
 };
 
-// The name in "module!name+1f[File.cpp#12]", never shortened.
+// The part "module!name+1f" of "module!name+1f[File.cpp#12]", never shortened.
 std::string SymGetQualifiedNameFromAddress(unsigned __int64 address);
 
-// One step of a walk in the 32-bit form, whose context may be null. False also
-// without the engine, and if its lock is unavailable for 20 seconds. Does
-// not throw.
+// One step of a walk in the 32-bit form; the context may be null. False also without the
+// engine, and if its lock is unavailable for 20 seconds. Does not throw.
 bool StackWalkStep(_tagSTACKFRAME64* frame, _CONTEXT* context, void* thread);
 
-// The engine's dump writer; null if the engine is not loaded. Whoever calls it
-// holds symbol_lock().
+// The engine's dump writer; null if the engine is not loaded. Call the writer with
+// symbol_lock() held.
 void* dump_writer();
 
-// When the library is unloaded although the engine is still held.
+// For the unloading of the library while the engine is still held.
 void forget_known_ranges();
 
 }  // namespace velt::detail
