@@ -461,7 +461,7 @@ Recursion const recursions[] = {
     {"WithLocks", with_locks},
     {"WithHeldLocks", with_held_locks},
     {"WithTextsOfErrors", with_texts_of_errors, true},
-    {"WithALog", with_a_log},
+    {"WithALog", with_a_log, true},
 };
 
 }  // namespace

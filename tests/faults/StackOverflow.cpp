@@ -137,7 +137,7 @@ protected:
 // A frame that is left half-made may hide as much as a page of the guarantee.
 // A recursion that the optimiser made a loop returns. One that allocates runs once
 // only: an overflow inside the heap, with its lock taken, stops every thread that
-// allocates, which nothing can mend.
+// allocates, which nothing can mend. One that logs runs once too, since it takes long.
 TEST_P(Overflow, IsRecoveredAgainAndAgainAndLeavesAQuarterOfTheGuarantee) {
   auto const& [build, index] = GetParam();
   auto const& recursion = build.recursions[index];
