@@ -27,7 +27,7 @@ class throw_watcher;
 
 // The library itself writes these names: "Text", the message for people; "Code", a
 // number; and, in the diagnostics, "MiniDump", "ModuleName", "AddressName" and
-// "Stack". All other names belong to the thrower.
+// "Stack". A derived class adds those that its comment names. Throwers choose others.
 //
 // Lookup of a name ignores the case of the 26 ASCII letters; every other byte must
 // match. Copies share their values. Only one thread at a time may use an object.
