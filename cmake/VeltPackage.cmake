@@ -20,11 +20,13 @@ install(FILES ${PROJECT_BINARY_DIR}/veltConfig.cmake ${PROJECT_BINARY_DIR}/veltC
   DESTINATION ${package_dir})
 
 # The flags that the target hands to its users, for a compiler that is called by
-# hand. Only C++ is compiled with them, so the condition on the language goes.
+# hand. Only C++ is compiled with them, so the condition on the language goes, and a
+# choice by a property of the client's target becomes its default.
 function(velt_usage_flags result property prefix)
   get_target_property(items velt ${property})
   set(flags "")
   foreach(item IN LISTS items)
+    string(REGEX REPLACE "\\$<IF:\\$<BOOL:\\$<TARGET_PROPERTY:[^<>]*>>,[^,]*,([^<>]*)>" "\\1" item "${item}")
     string(REGEX REPLACE "^\\$<\\$<COMPILE_LANGUAGE:CXX>:([^<>]*)>$" "\\1" item "${item}")
     if(item MATCHES "\\$<")
       message(FATAL_ERROR "velt.pc cannot express ${item}, which ${property} of velt contains.")

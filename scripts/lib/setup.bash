@@ -53,18 +53,20 @@ begin() {
   prepare_wine
 }
 
+debian_version() { [ ! -r /etc/os-release ] || (. /etc/os-release && printf %s "${VERSION_ID:-}"); }
+
 check_machine() {
-  local id='' version='' name='an unknown system'
+  local id='' version name='an unknown system'
+  version=$(debian_version)
   if [ -r /etc/os-release ]; then
     id=$(. /etc/os-release && printf %s "${ID:-}")
-    version=$(. /etc/os-release && printf %s "${VERSION_ID:-}")
     name=$(. /etc/os-release && printf %s "${PRETTY_NAME:-$name}")
   fi
   [ "$id" = debian ] ||
-    fail "this command needs Debian 12, and this is $name; README.md tells how to build elsewhere"
+    fail "this command needs Debian 12 or 13, and this is $name; README.md tells how to build elsewhere"
   [ "$(dpkg --print-architecture)" = amd64 ] ||
     fail "Wine runs 64-bit Windows programs on amd64 only, and this is $(dpkg --print-architecture)"
-  [ "$version" = 12 ] || say "made for Debian 12; trying it on $name"
+  case $version in 12 | 13) ;; *) say "tested on Debian 12 and 13; trying it on $name" ;; esac
 }
 
 # Descriptor 9 is the lock. Commands that may leave a Wine server running are started

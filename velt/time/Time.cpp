@@ -38,6 +38,10 @@ tm record_of(fields const& f, int daylight_saving) {
   return record;
 }
 
+// Run times differ before 1970: one gives -1 there, another a smaller number for the hours
+// that are still 1970 in some zone.
+__int64 moment(__time64_t counted) { return counted < 0 ? -1 : counted; }
+
 // Seconds by which UTC runs ahead of local standard time.
 long standard_offset() {
   static bool const zone_is_read = (_tzset(), true);
@@ -49,17 +53,17 @@ long standard_offset() {
 __int64 from_utc_by_zone(fields const& f) {
   tm record = record_of(f, 0);
   long const offset = standard_offset();
-  return _mktime64(&record) - offset;
+  return moment(_mktime64(&record)) - offset;
 }
 
 __int64 from_utc(fields const& f) {
   tm record = record_of(f, 0);
-  return _mkgmtime64(&record);
+  return moment(_mkgmtime64(&record));
 }
 
 __int64 from_local(fields const& f) {
   tm record = record_of(f, -1);
-  return _mktime64(&record);
+  return moment(_mktime64(&record));
 }
 
 // The run time takes records by pointers to mutable ones.
@@ -67,7 +71,7 @@ tm* writable(tm const& record) { return const_cast<tm*>(&record); }
 
 tm broken_down(errno_t (*convert)(tm*, __time64_t const*), __time64_t t) {
   tm record;
-  if (convert(&record, &t) != 0) std::memset(&record, 0xFF, sizeof record);
+  if (t < 0 || convert(&record, &t) != 0) std::memset(&record, 0xFF, sizeof record);
   return record;
 }
 
@@ -97,7 +101,7 @@ __int64 moment_of_day(tm day, int hour, int minute, int second) {
   day.tm_sec = second;
   day.tm_wday = 0;
   day.tm_isdst = -1;
-  return _mktime64(&day);
+  return moment(_mktime64(&day));
 }
 
 bool is_space(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
@@ -133,13 +137,15 @@ void write_digits(char* place, int count, int number) {
 
 constinit const _time_t _time_t::invalid(-1);
 
-_time_t::_time_t(tm const& record) : seconds(_mktime64(writable(record))) {}
+_time_t::_time_t(tm const& record) : seconds(moment(_mktime64(writable(record)))) {}
 _time_t::_time_t(tm const* record) : _time_t(*record) {}
 _time_t::_time_t(_variant_t const& date, bool utc) : _time_t(mktime(date.date, utc)) {}
 
 _time_t _time_t::time() { return _time64(nullptr); }
 
-_time_t _time_t::mkgmtime(tm const& record) { return _mkgmtime64(writable(record)); }
+_time_t _time_t::mkgmtime(tm const& record) {
+  return moment(_mkgmtime64(writable(record)));
+}
 _time_t _time_t::mkgmtime(tm const* record) { return mkgmtime(*record); }
 
 _time_t _time_t::mktime(int year, int month, int day, int hour, int minute, int second) {
