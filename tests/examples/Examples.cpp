@@ -3,10 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <filesystem>
 #include <regex>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tests/os/ScratchPrinter.h"
@@ -110,15 +112,32 @@ std::string form_of(std::string const& line) {
   return std::regex_replace(form, std::regex("-?[0-9][0-9a-fx_]*"), "#");
 }
 
+// Most of them wait more than they compute, so that three run at a time.
+std::vector<velt_test::finished_process> run_all() {
+  std::vector<velt_test::finished_process> results(std::size(rows));
+  std::atomic<size_t> next = 0;
+  auto const run_some = [&] {
+    for (size_t i; (i = next++) < results.size();) {
+      velt_test::scratch_folder const scratch;
+      results[i] = velt_test::run_program(rows[i].program + std::wstring(L".exe"),
+                                          rows[i].arguments, scratch.path());
+    }
+  };
+  {
+    std::jthread const first(run_some), second(run_some), third(run_some);
+  }
+  return results;
+}
+
 }  // namespace
 
 TEST(Examples, PrintWhatTheyAreFor) {
   velt_test::ScratchPrinter const printer;
+  auto const results = run_all();
   lines printed;
-  for (auto const& [program, arguments, status, output, errors] : rows) {
-    velt_test::scratch_folder const scratch;
-    auto const result =
-        velt_test::run_program(program + std::wstring(L".exe"), arguments, scratch.path());
+  for (size_t i = 0; i != results.size(); ++i) {
+    auto const& [program, arguments, status, output, errors] = rows[i];
+    auto const& result = results[i];
     std::string const name(program, program + wcslen(program));
     SCOPED_TRACE(name + " printed\n" + result.output);
     EXPECT_EQ(result.status, status);

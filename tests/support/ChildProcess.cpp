@@ -13,7 +13,7 @@
 namespace velt_test {
 namespace {
 
-constexpr DWORD longest_run_ms = 60'000;
+constexpr DWORD longest_run_ms = 240'000;
 
 struct handle_closer {
   void operator()(void* handle) const { CloseHandle(handle); }
@@ -28,8 +28,8 @@ std::filesystem::path own_folder() {
 
 handle_owner new_inherited_file(std::filesystem::path const& path) {
   SECURITY_ATTRIBUTES inherited{sizeof inherited, nullptr, TRUE};
-  HANDLE const file = CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inherited,
-                                  CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+  HANDLE const file = CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_DELETE,
+                                  &inherited, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
   if (file == INVALID_HANDLE_VALUE) throw ESystemException(GetLastError(), {"File", path.native()});
   return handle_owner(file);
 }
