@@ -8,12 +8,16 @@
 #include <string>
 #include <thread>
 
+#include "tests/support/Expect.h"
+#include "tests/support/Imports.h"
 #include "tests/support/OpenHandles.h"
 #include "tests/threads/Support.h"
-#include "velt/exceptions/ExceptionFamily.h"
 #include "velt/locks/MultiLock.h"
+#include "velt/symbols/Symbols.h"
 
 using namespace velt_test;
+
+VELT_WATCH(TerminateThread, WaitForSingleObjectEx);
 
 struct Mishap : std::exception {
   explicit Mishap(char const* its_text) : text(its_text) {}
@@ -21,10 +25,20 @@ struct Mishap : std::exception {
   char const* text;
 };
 
+// A name that the stacks can be searched for.
+[[gnu::noinline]] void wait_in_a_function_of_the_test(TEvent& event) {
+  event.WaitForSignal();
+  asm volatile("");
+}
+
 namespace {
 
 // Its destructor is the library's alone.
 struct Sleeper final : TThreadClass {
+  Sleeper() {
+    StartThread();
+    in_body.WaitForSignal();
+  }
   void ThreadBody() override {
     in_body.Set();
     ::Sleep(60'000);
@@ -32,17 +46,43 @@ struct Sleeper final : TThreadClass {
   static inline TEvent& in_body = *new TEvent(false, false);
 };
 
-// Runs a body to its end.
 void run(Worker& worker) {
   worker.StartThread();
   ASSERT_TRUE(worker.ended_within(patience));
 }
 
-void interrupt_at_next_wait() {
-  QueueUserAPC([](ULONG_PTR) { throw EThreadInterrupt(); }, GetCurrentThread(), 0);
-}
+// Starting the symbol engine takes far longer than a walk.
+struct CurrentStack : ::testing::Test {
+  static void SetUpTestSuite() { ASSERT_TRUE(SymInitialize()); }
+  static void TearDownTestSuite() { SymCleanup(); }
+};
 
 }  // namespace
+
+TEST(Thread, CreationOverwritesTheEarlierHandleAndDoesNotCloseIt) {
+  long const before = open_handles();
+  {
+    TThread thread([](void*) { return 42u; }, nullptr), earlier(DoNotInitialize);
+    earlier.AttachHandle(thread);
+    thread.CreateThread(
+        [](void*) {
+          ULONG_PTR low, high;
+          GetCurrentThreadStackLimits(&low, &high);
+          return static_cast<unsigned int>(high - low);
+        },
+        nullptr, 3 << 20);
+    auto const exit_code = [](TThread const& of) {
+      DWORD code = 0;
+      EXPECT_TRUE(signaled_within(of, patience) && GetExitCodeThread(of, &code));
+      return code;
+    };
+    EXPECT_EQ(exit_code(earlier), 42u);
+    EXPECT_GE(exit_code(thread), 3u << 20);
+    EXPECT_EQ(system_code([&] { thread.QueueUserAPC([](unsigned __int64) {}, 0); }),
+              ERROR_GEN_FAILURE);
+  }
+  EXPECT_TRUE(open_handles_fall_to(before));
+}
 
 TEST(ThreadClass, ExceptionThatNobodyCaughtIsWrittenAndEndsTheThreadAlone) {
   struct {
@@ -55,7 +95,6 @@ TEST(ThreadClass, ExceptionThatNobodyCaughtIsWrittenAndEndsTheThreadAlone) {
       {[] { throw Mishap(""); }, "exception Mishap:"},
       {[] { throw Mishap("one line"); }, "exception Mishap:one line"},
       {[] { throw Mishap("\n"); }, "exception Mishap:\n\n"},
-      {[] { throw EGeneric({"Text", "No room"}); }, "exception EGeneric:No room"},
       {[] { throw ESystemException(5); },
        "exception ESystemException:\nCode: 5 (0x5)\nText: Access denied."},
   };
@@ -69,9 +108,10 @@ TEST(ThreadClass, ExceptionThatNobodyCaughtIsWrittenAndEndsTheThreadAlone) {
       EXPECT_EQ(worker.InterruptState, Worker::Idle);
     };
     run(worker);
+    DWORD code = 1;
+    EXPECT_TRUE(GetExitCodeThread(worker, &code) && code == 0);
     EXPECT_EQ(debug.text(), line);
     EXPECT_EQ(worker.exceptions, !text.empty());
-    EXPECT_EQ(worker.exit_code(), 0u);
     EXPECT_EQ(worker.InterruptState, Worker::Idle);
   }
 }
@@ -96,37 +136,13 @@ TEST(ThreadClass, LineOfARunawayIsOneStatement) {
   EXPECT_EQ(writer->all(), "(!) Thread runaway with exception Mishap:\ntwo\nlines\nother");
 }
 
-TEST(ThreadClass, EndedThreadCanBeStartedAgainAndItsHandleStaysOpen) {
-  Worker worker([] {});
-  run(worker);
-  void* const earlier = worker;
-  run(worker);
-  EXPECT_EQ(worker.bodies, 2);
-  EXPECT_TRUE(CloseHandle(earlier));
-}
-
-TEST(ThreadClass, CopyRefersToTheSameThreadWithTheStateAsItStands) {
-  TEvent end;
-  Worker worker([&] { end.WaitForSignal(); });
-  worker.start_into_body();
-  Worker copy = worker, assigned([] {});
-  assigned = worker;
-  for (Worker* const each : {&copy, &assigned}) {
-    EXPECT_EQ(GetThreadId(*each), GetThreadId(worker));
-    EXPECT_EQ(each->InterruptState, Worker::Running);
-  }
-  end.Set();
-  EXPECT_TRUE(copy.ended_within(patience));
-  EXPECT_EQ(copy.InterruptState, Worker::Running);
-}
-
 TEST(ThreadClass, QueuedCallEndsAStopWithoutAKill) {
   TEvent end;
   Worker worker([&] { end.WaitForSignal(); });
   worker.start_into_body();
-  QueueUserAPC([](ULONG_PTR) {}, GetCurrentThread(), 0);
+  queue_for_caller([](ULONG_PTR) {});
   worker.StopThread(60'000);
-  interrupt_at_next_wait();
+  interrupt_caller();
   EXPECT_THROW(worker.StopThread(60'000), EThreadInterrupt);
   EXPECT_FALSE(worker.ended_within(20));
   end.Set();
@@ -139,10 +155,8 @@ TEST(ThreadClass, InterruptionInTheDestructorComesOutUnlessTheStackUnwinds) {
   long const before = open_handles();
   auto const destroy = [&](bool unwinding) {
     Sleeper sleeper;
-    sleeper.StartThread();
-    sleeper.in_body.WaitForSignal();
     thread = sleeper;
-    interrupt_at_next_wait();
+    interrupt_caller();
     if (unwinding) throw Mishap("first");
   };
   EXPECT_THROW(destroy(false), EThreadInterrupt);
@@ -155,6 +169,28 @@ TEST(ThreadClass, InterruptionInTheDestructorComesOutUnlessTheStackUnwinds) {
   thread = nullptr;
   EXPECT_THROW(SleepEx(0, TRUE), EThreadInterrupt);
   EXPECT_TRUE(open_handles_fall_to(before));
+}
+
+TEST(ThreadClass, FailureInTheDestructorComesOutAndLosesNoHandle) {
+  std::string const wait = "WaitForSingleObjectEx(handle, 1000, 1)";
+  for (std::string const kill : {"", "TerminateThread(handle, 0)"}) {
+    long const before = open_handles();
+    {
+      THandle thread;
+      Watch watch;
+      EXPECT_EQ(system_code([&] {
+                  Sleeper sleeper;
+                  thread = sleeper;
+                  watch.failing = kill.empty() ? "WaitForSingleObjectEx" : "TerminateThread";
+                  watch.calls.clear();
+                }),
+                injected_code);
+      EXPECT_EQ(watch.calls, wait + kill);
+      watch.failing.clear();
+      ::TerminateThread(thread, 0);
+    }
+    EXPECT_TRUE(open_handles_fall_to(before)) << kill;
+  }
 }
 
 TEST(ThreadClass, KilledThreadLeavesWhatItsBodyHeld) {
@@ -182,4 +218,42 @@ TEST(ThreadClass, KilledThreadLeavesWhatItsBodyHeld) {
   run(worker);
   EXPECT_EQ(worker.bodies, 2);
   EXPECT_EQ(worker.InterruptState, Worker::Idle);
+}
+
+TEST_F(CurrentStack, OfAWaitingThreadShowsWhatItWaitsInOutermostFirst) {
+  TEvent end;
+  Worker worker([&] { wait_in_a_function_of_the_test(end); });
+  EXPECT_EQ(worker.GetCurrentStack(), "");
+  worker.start_into_body();
+  std::string stack;
+  ASSERT_TRUE(eventually([&] {
+    stack = worker.GetCurrentStack();
+    return stack.find("wait_in_a_function_of_the_test") != stack.npos;
+  })) << stack;
+  EXPECT_TRUE(stack.starts_with("\n-> ")) << stack;
+  EXPECT_LT(stack.find("StaticThreadEntry"), stack.find("wait_in_a_function_of_the_test")) << stack;
+
+  worker.SuspendThread();
+  EXPECT_EQ(worker.GetCurrentStack(), "");
+  EXPECT_EQ(::ResumeThread(worker), 2u) << "suspended once more";
+  EXPECT_EQ(::ResumeThread(worker), 1u);
+  EXPECT_NE(worker.GetCurrentStack(), "");
+  end.Set();
+  EXPECT_TRUE(worker.ended_within(patience));
+  EXPECT_EQ(worker.GetCurrentStack(), "");
+}
+
+// The thread is stopped in the middle of the heap again and again: the walk must
+// not wait for what it holds. Each walk is the first of its engine, which has most
+// to remember.
+TEST_F(CurrentStack, OfAThreadThatAllocatesComesBackEachTime) {
+  std::atomic<bool> stop = false;
+  Worker worker([&] {
+    while (!stop) delete new std::string(200, 'x');
+  });
+  worker.start_into_body();
+  SymCleanup();
+  for (int i = 0; i < 5; ++i) EXPECT_NE(worker.GetCurrentStack(), "");
+  ASSERT_TRUE(SymInitialize());
+  stop = true;
 }
