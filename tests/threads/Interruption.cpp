@@ -1,10 +1,5 @@
-#include <gtest/gtest.h>
-#include <windows.h>
-
 #include <thread>
 
-#include "tests/locks/OpenLock.h"
-#include "tests/support/Expect.h"
 #include "tests/threads/Support.h"
 
 using namespace velt_test;
@@ -12,21 +7,6 @@ using namespace velt_test;
 namespace {
 
 constexpr unsigned int obey = 20'000;
-
-// Code 31 tells that the thread ended just before the call was queued.
-void interrupt(Worker& worker) {
-  int const code = system_code([&] { worker.InterruptThread(0, obey); });
-  EXPECT_TRUE(code == -1 || (code == ERROR_GEN_FAILURE && worker.ended_within(patience)));
-}
-
-// Does the step as soon as the worker is asked to run no body.
-template <class Step>
-std::jthread when_requested(Worker& worker, Step step) {
-  return std::jthread([&worker, step] {
-    while (worker.InterruptState != Worker::InterruptRequested) ::Sleep(1);
-    step();
-  });
-}
 
 }  // namespace
 
@@ -58,17 +38,6 @@ TEST(Interruption, ObjectThatNeverStartedWaitsOutTheTimeAndNeverRunsABody) {
   EXPECT_EQ(worker.InterruptState, Worker::InterruptRequested);
 }
 
-TEST(Interruption, ThreadOnItsWayToTheBodySkipsIt) {
-  Worker worker([] {});
-  worker.entrance.Reset();
-  worker.StartThread();
-  auto const opener = when_requested(worker, [&] { worker.entrance.Set(); });
-  worker.InterruptThread(0, obey);
-  EXPECT_TRUE(worker.ended_within(0));
-  EXPECT_EQ(worker.bodies, 0);
-  EXPECT_EQ(worker.InterruptState, Worker::InterruptRequested);
-}
-
 // The body begins between the two steps with which InterruptThread() finds no
 // body and says so: it goes on unasked. What the first step found is set here by
 // hand.
@@ -82,7 +51,8 @@ TEST(Interruption, BodyThatBeginsInTheGapRunsToItsEndOrIsKilled) {
     });
     worker.start_into_body();
     worker.InterruptState = Worker::Idle;
-    auto const ender = when_requested(worker, [&] {
+    std::jthread const ender([&] {
+      while (worker.InterruptState != Worker::InterruptRequested) ::Sleep(1);
       if (in_time) end.Set();
     });
     worker.InterruptThread(0, in_time ? obey : 50);
@@ -118,62 +88,25 @@ TEST(Interruption, ThreadCanInterruptItself) {
 }
 
 // Whatever ends the first wait but the thread's end leads on to the interruption,
-// such as a queued call of the caller.
-TEST(Interruption, InterruptedThreadRunsAgainAndItsHandleStaysOpen) {
+// such as a queued call of the caller. A start overwrites the earlier handle and does
+// not close it.
+TEST(Interruption, InterruptedThreadRunsAgain) {
   TEvent never;
-  bool went_on = false;
   Worker worker([&] {
     never.WaitForSignal();
-    went_on = true;
+    throw 1;
   });
   DebugText debug;
   for (unsigned int const grace : {0u, 20u, INFINITE}) {
+    void* const earlier = worker;
     worker.start_into_body();
     if (grace == INFINITE) queue_for_caller([](ULONG_PTR) {});
     worker.InterruptThread(grace, obey);
     EXPECT_TRUE(worker.ended_within(0));
     EXPECT_EQ(worker.InterruptState, Worker::Idle);
-    EXPECT_TRUE(grace == INFINITE || CloseHandle(worker.DetachHandle()));
+    EXPECT_TRUE(grace == 0 || CloseHandle(earlier));
   }
   EXPECT_EQ(worker.bodies, 3);
   EXPECT_EQ(worker.exceptions, 0);
-  EXPECT_FALSE(went_on);
   EXPECT_EQ(debug.text(), "");
-}
-
-// In the release of a lock, where nothing can be thrown, an interruption waits
-// for the next wait; a second one that comes while the first unwinds the stack
-// does so too.
-TEST(Interruption, ReleaseOfALockIsDoneFirst) {
-  for (bool const unwinding : {true, false}) {
-    OpenLock lock;
-    TEvent holding, never;
-    bool released = false, went_on = false;
-    Worker worker([&] {
-      {
-        TLock guard(lock);
-        holding.Set();
-        ::WaitForSingleObjectEx(never, INFINITE, unwinding);
-      }
-      released = true;
-      TThread::Pause();
-      went_on = true;
-    });
-    worker.start_into_body();
-    holding.WaitForSignal();
-    lock.hold_inner();
-    if (!unwinding) never.Set();
-    {
-      std::jthread const first(interrupt, std::ref(worker));
-      // It finds the inner lock taken.
-      EXPECT_FALSE(worker.ended_within(40));
-      std::jthread const second(interrupt, std::ref(worker));
-      EXPECT_FALSE(worker.ended_within(40));
-      lock.let_inner_go();
-    }
-    EXPECT_TRUE(worker.ended_within(patience));
-    EXPECT_EQ(released, !unwinding);
-    EXPECT_FALSE(went_on);
-    EXPECT_EQ(lock.GetStatusString(), "not_locked");
-  }
 }

@@ -12,9 +12,7 @@ namespace {
 TEvent& never = *new TEvent(true, false);
 
 struct OwnPool {
-  ~OwnPool() {
-    if (pool) pool->Stop();
-  }
+  ~OwnPool() { pool->Stop(); }
   SmartPtr<IThreadPool> pool = CreateNewThreadPool();
 };
 
@@ -36,16 +34,11 @@ EXPORT void stop() { GetSystemThreadPool()->Stop(); }
 
 EXPORT void start_jobs() {
   for (auto const& pool : {GetSystemThreadPool(), CreateNewThreadPool(8, 2)}) {
-    for (int i = 0; i < 2; ++i) {
-      start(*pool, [] { never.WaitForSignal(); });
-      start(*pool, [] { for (;;) YieldProcessor(); });
-    }
+    start(*pool, [] { never.WaitForSignal(); });
+    start(*pool, [] { for (;;) YieldProcessor(); });
+    start(*pool, [] { for (;;) Debug << "still here\n"; });
     pool->AddJob([] {});
   }
-}
-
-EXPORT void log_for_ever() {
-  start(*CreateNewThreadPool(), [] { for (;;) Debug << "still here\n"; });
 }
 
 // On a pool that the static destructor stops.
@@ -53,11 +46,3 @@ EXPORT void wait_for_ever() {
   static OwnPool own;
   start(*own.pool, [] { never.WaitForSignal(); });
 }
-
-// The caller's job to stop it.
-EXPORT void* wait_in_pool() {
-  auto const own = new OwnPool;
-  start(*own->pool, [] { never.WaitForSignal(); });
-  return own;
-}
-EXPORT void stop_pool(void* own) { delete static_cast<OwnPool*>(own); }

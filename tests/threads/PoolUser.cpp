@@ -20,20 +20,10 @@ void expect(bool is_so, char const* fault) {
 
 HMODULE client;
 
-template <class Result = void, class... Arguments>
-Result call(char const* name, Arguments... arguments) {
+void call(char const* name) {
   if (!client) client = LoadLibraryW(L"pool_client");
-  auto const function = reinterpret_cast<void*>(GetProcAddress(client, name));
-  return reinterpret_cast<Result (*)(Arguments...)>(function)(arguments...);
+  reinterpret_cast<void (*)()>(reinterpret_cast<void*>(GetProcAddress(client, name)))();
 }
-
-// Other threads still run when static objects are destroyed.
-struct StopAtEnd {
-  ~StopAtEnd() {
-    if (pool) call("stop_pool", pool);
-  }
-  void* pool = nullptr;
-} at_end;
 
 void unload() {
   ULONGLONG const begin = GetTickCount64();
@@ -81,8 +71,6 @@ int main(int, char** arguments) {
   std::string_view const way = arguments[1];
   if (way == "return") call("start_jobs");
   if (way == "exit") call("start_jobs"), ExitProcess(7);
-  if (way == "log") call("log_for_ever");
-  if (way == "static") at_end.pool = call<void*>("wait_in_pool");
   if (way == "ending") call("wait_for_ever");
   // Threads cannot end while the static destructor that stops them runs.
   if (way == "running") call("wait_for_ever"), unload();

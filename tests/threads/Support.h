@@ -136,11 +136,13 @@ inline SmartPtr<IThreadJob> job(std::function<void()> work) {
 struct Gate {
   SmartPtr<IThreadJob> job() {
     return velt_test::job([this] {
+      thread = GetCurrentThread();
       ++inside;
       open.WaitForSignal();
     });
   }
   std::atomic<int> inside = 0;
+  THandle thread;  // of the last
   TEvent open{true, false};
 };
 

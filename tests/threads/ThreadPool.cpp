@@ -1,15 +1,10 @@
 #include "velt/threads/ThreadPool.h"
 
-#include <gtest/gtest.h>
 #include <process.h>
-#include <windows.h>
 
 #include <algorithm>
-#include <atomic>
-#include <memory>
 #include <new>
 #include <random>
-#include <string>
 
 #include "tests/support/Expect.h"
 #include "tests/support/Imports.h"
@@ -47,12 +42,10 @@ struct IdleWait {
 }  // namespace
 
 TEST(ThreadPool, NewPoolIsIdleAndHasNoThreadsAndItsLimits) {
-  TestPool const pool(CreateNewThreadPool()), other(CreateNewThreadPool(-1, 2, 1));
-  std::string const counts = " RunningJobs=0 Threads=0 Queue=0 Idle=0 ";
-  EXPECT_TRUE(pool->describe().ends_with(counts + "MaxTotalThreads=50 MinIdleThreads=0"));
-  EXPECT_TRUE(other->describe().ends_with(counts + "MaxTotalThreads=-1 MinIdleThreads=2"));
-  EXPECT_TRUE(pool->WaitForIdle(0));
-  EXPECT_EQ(GetSystemThreadPool(), GetSystemThreadPool());
+  std::string const counts = " RunningJobs=0 Threads=0 Queue=0 Idle=0 MaxTotalThreads=";
+  EXPECT_TRUE(CreateNewThreadPool()->describe().ends_with(counts + "50 MinIdleThreads=0"));
+  EXPECT_TRUE(CreateNewThreadPool(-1, 2)->describe().ends_with(counts + "-1 MinIdleThreads=2"));
+  EXPECT_TRUE(CreateNewThreadPool()->WaitForIdle(0));
   for (int const limit : {0, -1})
     EXPECT_EQ(system_code([&] { CreateNewThreadPool(1, 0, 0, limit); }), ERROR_INVALID_PARAMETER);
 }
@@ -69,24 +62,17 @@ TEST(ThreadPool, RunsJobsInTheOrderTheyCame) {
 // A worker that has not come to its job yet counts as idle.
 TEST(ThreadPool, WorkerIsAddedOnlyIfMoreJobsWaitThanWorkersAreIdle) {
   TEvent go_on{false, false};
-  Gate gate;
   IdleWait wait;
   wait.woken = [&] { go_on.WaitForSignal(); };
   TestPool const pool(CreateNewThreadPool());
   for (int jobs = 1; jobs <= 2; ++jobs) {
-    pool->AddJob(gate.job());
+    pool->AddJob(job([] {}));
     ASSERT_TRUE(pool.become({jobs, jobs, jobs, jobs}));
   }
   go_on.Set();
-  ASSERT_TRUE(eventually([&] { return gate.inside == 1; }));
-  EXPECT_EQ(pool.counts(), (PoolCounts{2, 2, 1, 1}));
-  go_on.Set();
-  ASSERT_TRUE(pool.become({2, 2, 0, 0}));
-  gate.open.Set();
-  ASSERT_TRUE(pool.become({0, 2, 0, 2}));
-  pool->AddJob(gate.job());
-  EXPECT_EQ(pool.counts(), (PoolCounts{1, 2, 1, 2}));
-  go_on.Set();
+  ASSERT_TRUE(pool.become({1, 2, 1, 2}));
+  pool->AddJob(job([] {}));
+  EXPECT_EQ(pool.counts(), (PoolCounts{2, 2, 2, 2}));
 }
 
 TEST(ThreadPool, BacklogIsToldAndAFullQueueRefusesAJob) {
@@ -110,7 +96,7 @@ TEST(ThreadPool, BacklogIsToldAndAFullQueueRefusesAJob) {
 
 TEST(ThreadPool, HigherMaximumStartsWorkersAndALowerOneEndsThemAsTheyFinishAJob) {
   TestPool const pool(CreateNewThreadPool(0, 0));
-  Gate gate, last;
+  Gate gate;
   for (int i = 0; i < 3; ++i) EXPECT_FALSE(pool->AddJob(gate.job()));
   EXPECT_EQ(pool.counts(), (PoolCounts{3, 0, 3, 0}));
   pool->SetLimits(3, 0, 0);
@@ -119,13 +105,6 @@ TEST(ThreadPool, HigherMaximumStartsWorkersAndALowerOneEndsThemAsTheyFinishAJob)
   EXPECT_EQ(pool.counts(), (PoolCounts{3, 3, 0, 0}));
   gate.open.Set();
   EXPECT_TRUE(pool.become({0, 1, 0, 1}));
-
-  // An idle worker stays, whatever the maximum, and even works on.
-  pool->SetLimits(0, 0, 0);
-  pool->AddJob(last.job());
-  ASSERT_TRUE(pool.become({1, 1, 0, 0}));
-  last.open.Set();
-  EXPECT_TRUE(pool.become({0, 0, 0, 0}));
 }
 
 // Above a lowered maximum too.
@@ -141,32 +120,24 @@ TEST(ThreadPool, IdleWorkersLeaveAfterTenSecondsDownToTheMinimum) {
     gate.open.Set();
     ASSERT_TRUE(pool.become({0, 3, 0, 3}));
     pool->SetLimits(1, minimum, 0);
-    for (int left = 2; left >= minimum; --left) {
+    for (int left = 2; left >= 0; --left) {
+      int const before = wait.begun;
       wait.pass();
-      EXPECT_TRUE(pool.become({0, left, 0, left}));
+      EXPECT_TRUE(left >= minimum || eventually([&] { return wait.begun > before; }));
+      EXPECT_TRUE(pool.become({0, std::max(left, minimum), 0, std::max(left, minimum)}));
+      if (left < minimum) break;
     }
-    if (minimum == 0) continue;
-    // In vain.
-    int const before = wait.begun;
-    wait.pass();
-    EXPECT_TRUE(eventually([&] { return wait.begun > before; }));
-    EXPECT_TRUE(pool.become({0, minimum, 0, minimum}));
   }
 }
 
 // The destructors of the jobs may use the pool.
 TEST(ThreadPool, ClearedQueueLeavesThePoolBusyUntilTheNextJobHasFinished) {
   TestPool const pool(CreateNewThreadPool(0, 0));
-  int dropped = 0;
-  auto const drop = [&](void*) {
-    ++dropped;
-    pool->AddJob(job([] {}));
-  };
+  auto const add_another = [&](void*) { pool->AddJob(job([] {})); };
   for (int i = 0; i < 3; ++i)
-    pool->AddJob(job([use = std::shared_ptr<void>(&dropped, drop)] { ADD_FAILURE() << "ran"; }));
+    pool->AddJob(job([use = std::shared_ptr<void>(&i, add_another)] { ADD_FAILURE() << "ran"; }));
   EXPECT_FALSE(pool->WaitForIdle(0));
   pool->ClearQueue();
-  EXPECT_EQ(dropped, 3);
   EXPECT_EQ(pool.counts(), (PoolCounts{3, 0, 3, 0}));
   pool->ClearQueue();
   EXPECT_EQ(pool.counts(), (PoolCounts{0, 0, 0, 0}));
@@ -230,23 +201,6 @@ TEST(ThreadPool, JobForWhichTheQueueHasNoMemoryIsNotCounted) {
   EXPECT_EQ(pool.counts(), (PoolCounts{added, 0, added, 0}));
 }
 
-// Not replaced as long as there are others.
-TEST(ThreadPool, JobThatThrowsCostsItsWorker) {
-  DebugText debug;
-  TestPool const pool(CreateNewThreadPool(2, 0));
-  Gate gate;
-  pool->AddJob(gate.job());
-  ASSERT_TRUE(pool.become({1, 1, 0, 0}));
-  pool->AddJob(job([] { *static_cast<int volatile*>(nullptr) = 1; }));
-  ASSERT_TRUE(pool.become({1, 1, 0, 0}));
-  gate.open.Set();
-  EXPECT_TRUE(pool->WaitForIdle(patience));
-  pool->Stop();
-  EXPECT_TRUE(debug.text().starts_with(
-      "(!) Thread runaway with exception EStructuredException:\nText: Access Violation"))
-      << debug.text();
-}
-
 TEST(ThreadPool, LastWorkerIsReplacedWhileJobsWait) {
   DebugText debug;
   TestPool const pool(CreateNewThreadPool(1, 0));
@@ -262,19 +216,6 @@ TEST(ThreadPool, LastWorkerIsReplacedWhileJobsWait) {
   EXPECT_TRUE(pool.become({0, 0, 0, 0}));
   EXPECT_EQ(runs, 3);
   EXPECT_TRUE(pool->WaitForIdle(0));
-}
-
-TEST(ThreadPool, InterruptedJobIsNotReportedAndItsWorkerStaysRegistered) {
-  DebugText debug;
-  {
-    TestPool const pool(CreateNewThreadPool(2, 0));
-    pool->AddJob(job([] { throw EThreadInterrupt(); }));
-    ASSERT_TRUE(pool.become({1, 1, 0, 0}));
-    pool->AddJob(job([] {}));
-    EXPECT_TRUE(pool.become({1, 2, 0, 1}));
-    EXPECT_FALSE(pool->WaitForIdle(0));
-  }
-  EXPECT_EQ(debug.text(), "");
 }
 
 TEST(ThreadPool, CancelledTaskGivesItsWorkerBack) {
@@ -303,9 +244,7 @@ TEST(ThreadPool, CancelledTaskGivesItsWorkerBack) {
 TEST(ThreadPool, TaskThatEndsWhileItIsCancelledLeavesTheNextOneAlone) {
   TestPool const pool(CreateNewThreadPool(1, 1));
   std::minstd_rand random(7);
-  auto const compute = [](unsigned rounds) {
-    while (rounds-- != 0) YieldProcessor();
-  };
+  auto const compute = [](unsigned rounds) { while (rounds-- != 0) YieldProcessor(); };
   for (int i = 0; i < 60; ++i) {
     std::atomic<bool> begun = false, go_on = false, done = false;
     auto const task = pool->AddJob([&, rounds = random() % 3'000] {
@@ -325,7 +264,7 @@ TEST(ThreadPool, TaskThatEndsWhileItIsCancelledLeavesTheNextOneAlone) {
 
 TEST(ThreadPool, WorkThatSwallowsAnInterruptionCostsNoOtherTaskItsWorker) {
   TestPool const pool(CreateNewThreadPool(1, 1));
-  TEvent never, made;
+  TEvent never;
   auto const task = pool->AddJob([&] {
     try {
       never.WaitForSignal();
@@ -336,15 +275,8 @@ TEST(ThreadPool, WorkThatSwallowsAnInterruptionCostsNoOtherTaskItsWorker) {
   ULONGLONG const begin = GetTickCount64();
   task->Cancel();
   EXPECT_LT(GetTickCount64() - begin, 4'000u);
-  SmartPtr<IThreadTask> resigning;
-  resigning = pool->AddJob([&] {
-    made.WaitForSignal();
-    resigning->Cancel();
-  });
-  made.Set();
-  EXPECT_TRUE(resigning->WaitForFinish(patience) && resigning->IsException());
-  EXPECT_TRUE(pool->AddJob([] {})->WaitForFinish(patience));
-  resigning.reset();
+  auto const next = pool->AddJob([] {});
+  EXPECT_TRUE(next->WaitForFinish(patience) && !next->IsException());
 }
 
 TEST(ThreadPool, StopEndsIdleAndBusyWorkersAndDropsTheQueue) {
@@ -353,20 +285,14 @@ TEST(ThreadPool, StopEndsIdleAndBusyWorkersAndDropsTheQueue) {
   {
     TestPool const pool(CreateNewThreadPool(2, 2));
     Gate idle, busy;
-    THandle threads[2];
     for (auto const gate : {&idle, &busy}) {
-      auto& thread = threads[gate == &busy];
-      pool->AddJob(job([gate, &thread] {
-        thread = GetCurrentThread();
-        ++gate->inside;
-        gate->open.WaitForSignal();
-      }));
+      pool->AddJob(gate->job());
       ASSERT_TRUE(eventually([&] { return gate->inside == 1; }));
     }
     idle.open.Set();
     ASSERT_TRUE(pool.become({1, 2, 0, 1}));
     pool->Stop();
-    for (auto const& thread : threads) EXPECT_TRUE(signaled_within(thread, 0));
+    for (auto const gate : {&idle, &busy}) EXPECT_TRUE(signaled_within(gate->thread, 0));
     // What was interrupted stays counted.
     EXPECT_EQ(pool.counts(), (PoolCounts{1, 0, 0, 0}));
 
