@@ -76,6 +76,23 @@ TEST_F(ThreadContext, JobThatThrowsIsReportedThenTheWorkerThenTheLineIsWritten) 
   EXPECT_EQ(debug.text(), "(!) Thread runaway with exception EGeneric:No room\n");
 }
 
+TEST_F(ThreadContext, EndsBehindAJobThatSwallowedItsInterruptionAndStartsAgain) {
+  TEvent in_job, never;
+  owner->add([&] {
+    in_job.Set();
+    EXPECT_THROW(never.WaitForSignal(), EThreadInterrupt);
+  });
+  owner->add([] {});
+  context->Start();
+  in_job.WaitForSignal();
+  THandle first;
+  first.AttachHandle(thread_of(context));
+  context->Restart();
+  EXPECT_TRUE(signaled_within(first, 0));
+  EXPECT_TRUE(signaled_within(thread_of(context), patience));
+  EXPECT_EQ(owner->notes, "get job_finished get job_finished get thread_finished ");
+}
+
 // A context that is dropped waits for its thread. Where the thread itself drops
 // the last reference there is nothing to wait for, and nobody to report to.
 TEST_F(ThreadContext, MayBeLeftToItsOwnThread) {

@@ -88,7 +88,8 @@ struct Wait {
   void (*go_on)(Stage&, TThreadClass& rival);  // for ever
   std::atomic<unsigned int> interrupted = 0;
 };
-#define WAIT(NAME, ...) {NAME, []([[maybe_unused]] Stage& s, [[maybe_unused]] TThreadClass& rival) { __VA_ARGS__; }}
+#define WAIT(NAME, ...) \
+  {NAME, []([[maybe_unused]] Stage& s, [[maybe_unused]] TThreadClass& rival) { __VA_ARGS__; }}
 #define BUSY(NAME, ...) WAIT(NAME, again_and_again([&] { __VA_ARGS__; }))
 Wait waits[] = {
     WAIT("mutex", TLock guard(s.taken_mutex)),
@@ -185,25 +186,22 @@ void interrupt_many(Round const& round, std::mt19937 random) {
   stage.inner_taken.let_inner_go();
 }
 
-Registered const interruption{{
-    .name = "interruption",
-    .threads = 2,
-    .fewest = 1,
-    .most = 16,
-    .round = [](Round& round) {
-      if (round.number == 0) Debug.AddWriter(MakeCounted<RunawayAlarm>());
-      std::vector<std::jthread> threads;
-      for (unsigned int i = 0; i < round.threads; ++i)
-        threads.emplace_back(interrupt_many, std::cref(round), std::mt19937(round.random()));
-    },
-    .result = [] {
-      unsigned int sum = 0;
-      for (auto const& each : waits) {
-        expect(each.interrupted > 0, std::string(each.name) + ": was never interrupted");
-        sum += each.interrupted;
-      }
-      return std::to_string(sum) + " interrupted in all kinds of waits";
-    },
-}};
+void interrupt_in_pairs(Round& round) {
+  if (round.number == 0) Debug.AddWriter(MakeCounted<RunawayAlarm>());
+  std::vector<std::jthread> threads;
+  for (unsigned int i = 0; i < round.threads; ++i)
+    threads.emplace_back(interrupt_many, std::cref(round), std::mt19937(round.random()));
+}
+
+std::string result() {
+  unsigned int sum = 0;
+  for (auto const& each : waits) {
+    expect(each.interrupted > 0, std::string(each.name) + ": was never interrupted");
+    sum += each.interrupted;
+  }
+  return std::to_string(sum) + " interrupted in all kinds of waits";
+}
+
+Registered const interruption{{"interruption", 2, 1, 16, interrupt_in_pairs, result}};
 
 }  // namespace

@@ -179,14 +179,8 @@ void play(Round& round) {
   all_run += run;
 }
 
-Registered const pool{{
-    .name = "pool",
-    .threads = 3,
-    .fewest = 1,
-    .most = 16,
-    .round = play,
-    .result = [] { return std::to_string(all_run) + " jobs run"; },
-    .late_handles = 19,
-}};
+std::string result() { return std::to_string(all_run) + " jobs run"; }
+
+Registered const pool{{"pool", 3, 1, 16, play, result, 19}};
 
 }  // namespace
