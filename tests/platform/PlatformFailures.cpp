@@ -1,6 +1,6 @@
 // Calls of the platform that fail under an object: the code reaches the caller,
 // the handle is left as the class says, and no handle is lost. A row has the call,
-// with its arguments where the object computes them.
+// with its arguments where the object computes them, behind those that succeed.
 #include <gtest/gtest.h>
 #include <windows.h>
 
@@ -15,6 +15,8 @@
 #include "velt/os/Mailslot.h"
 #include "velt/os/Overlapped.h"
 #include "velt/os/Process.h"
+#include "velt/threads/ThreadClass.h"
+#include "velt/threads/ThreadPool.h"
 
 using namespace velt_test;
 
@@ -22,6 +24,9 @@ VELT_WATCH(CancelIo, CloseHandle, CreateFileA, CreateFileMappingA, CreateFileMap
            CreateMailslotA, CreateMailslotW, CreateProcessA, CreateProcessW, FlushFileBuffers,
            GetFileInformationByHandle, GetOverlappedResult, MapViewOfFile, OpenFileMappingA,
            OpenFileMappingW, ReadFile, SetFilePointerEx, TerminateProcess, WriteFile);
+VELT_WATCH(CreateEventW, CreateSemaphoreW, QueueUserAPC, ResumeThread, SetThreadPriority,
+           SetThreadToken, SleepEx, SuspendThread, TerminateThread, WaitForSingleObjectEx,
+           _beginthreadex);
 
 namespace {
 
@@ -50,8 +55,9 @@ void expect_failures(Object (*subject)(), handle_left left,
       Object object(subject());
       void* const expected = left.value_or(object);
       {
-        std::string const name(call);
-        Watch watch(name.substr(0, name.find('(')), left);
+        std::string_view name(call);
+        name.remove_prefix(name.rfind(')', name.size() - 2) + 1);
+        Watch watch(std::string(name.substr(0, name.find('('))), left);
         EXPECT_EQ(system_code([&] { run(object); }), injected_code);
         EXPECT_TRUE(watch.calls.starts_with(call)) << watch.calls;
       }
@@ -83,9 +89,32 @@ TFileMapping some_mapping() {
 
 TProcess some_process() {
   TProcess process;
-  process.AttachHandle(CreateEventW(nullptr, FALSE, FALSE, nullptr));
+  process.AttachHandle(CreateEventExW(nullptr, nullptr, 0, EVENT_ALL_ACCESS));
   return process;
 }
+
+TThread ended_thread() {
+  TThread thread([](void*) { return 0u; }, nullptr);
+  ::WaitForSingleObject(thread, INFINITE);
+  return thread;
+}
+
+// In its body, which waits by a call that is not watched.
+struct RunningThread final : TThreadClass {
+  RunningThread() {
+    StartThread();
+    ::WaitForSingleObject(began, INFINITE);
+  }
+  ~RunningThread() {
+    end.Set();
+    ::WaitForSingleObject(handle, INFINITE);
+  }
+  void ThreadBody() override {
+    began.Set();
+    ::WaitForSingleObject(end, INFINITE);
+  }
+  TEvent began, end;
+};
 
 unsigned long moved;
 
@@ -178,4 +207,43 @@ TEST(PlatformFailures, OfProcesses) {
   EXPECT_EQ(system_code([&] { process.CreateProcessW(L"cmd /c exit", 0); }), -1);
   EXPECT_TRUE(watch.calls.ends_with(")CloseHandle(handle)")) << watch.calls;
   EXPECT_TRUE(process.IsValidHandle());
+}
+
+TEST(PlatformFailures, OfThreads) {
+  using Thread = TThread;
+  static auto const entry = [](void*) { return 0u; };
+  expect_failures<Thread>(
+      nothing, unchanged,
+      {{"_beginthreadex(none, 0, routine, buffer, 0, out)", [](Thread&) { Thread(entry, buffer); }},
+       {"_beginthreadex(none, 70000, routine, buffer, 0, out)",
+        [](Thread& t) { t.CreateThread(entry, buffer, 70'000); }}});
+  expect_failures<Thread>(
+      ended_thread, unchanged,
+      {{"SetThreadPriority(handle, -2)", [](Thread& t) { t.SetThreadPriority(-2); }},
+       {"SetThreadPriority(handle, 1)", [](Thread& t) { t.DisableThreadPriorityBoost(true); }},
+       {"TerminateThread(handle, 9)", [](Thread& t) { t.TerminateThread(9); }},
+       {"SetThreadToken(out, none)", [](Thread& t) { t.SetThreadToken(nullptr); }},
+       {"SuspendThread(handle)", [](Thread& t) { t.SuspendThread(); }},
+       {"ResumeThread(handle)", [](Thread& t) { t.ResumeThread(); }},
+       {"QueueUserAPC(routine, handle, 5)",
+        [](Thread& t) { t.QueueUserAPC([](unsigned __int64) {}, 5); }},
+       {"SleepEx(3, 0)", [](Thread&) { TThread::Sleep(3, FALSE); }},
+       {"SleepEx(1, 1)", [](Thread&) { TThread::Pause(); }}});
+  using Running = RunningThread;
+  expect_failures<Running>(
+      [] { return Running(); }, unchanged,
+      {{"WaitForSingleObjectEx(handle, 5, 1)", [](Running& t) { t.StopThread(5); }},
+       {"WaitForSingleObjectEx(handle, 5, 1)TerminateThread(handle, 0)",
+        [](Running& t) { t.StopThread(5); }},
+       {"WaitForSingleObjectEx(handle, 3, 1)QueueUserAPC(routine, handle, ",
+        [](Running& t) { t.InterruptThread(3, 4); }}});
+}
+
+TEST(PlatformFailures, OfPoolsAndTasks) {
+  expect_failures<TThread>(
+      nothing, unchanged,
+      {{"CreateSemaphoreW(none, 0, 7, none)", [](TThread&) { CreateNewThreadPool(1, 0, 0, 7); }},
+       {"CreateSemaphoreW(none, 0, 7, none)CreateEventW(none, 1, 1, none)",
+        [](TThread&) { CreateNewThreadPool(1, 0, 0, 7); }},
+       {"CreateEventW(none, 1, 0, none)", [](TThread&) { MakeThreadTask([] {}); }}});
 }

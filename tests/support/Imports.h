@@ -193,7 +193,8 @@ template <class Result, class... Parameters>
 Result watched(char const* call, Result(WINAPI* platform)(Parameters...),
                std::type_identity_t<Parameters>... arguments) {
   DWORD const code = GetLastError();
-  auto answer = Watch::answer_to(call, usual_failure<Result>, {text_of_argument(arguments)...});
+  auto const failure = call == std::string_view("QueueUserAPC") ? 0 : usual_failure<Result>;
+  auto answer = Watch::answer_to(call, failure, {text_of_argument(arguments)...});
   if (!answer) {
     SetLastError(code);
     return platform(arguments...);

@@ -1,12 +1,6 @@
-#include <gtest/gtest.h>
-#include <windows.h>
-
 #include <thread>
 
-#include "tests/locks/OpenLock.h"
 #include "tests/threads/Support.h"
-#include "velt/exceptions/ExceptionFamily.h"
-#include "velt/threads/ThreadClass.h"
 
 using namespace velt_test;
 
@@ -40,20 +34,6 @@ TEST(Interruption, ObjectThatNeverStartedWaitsOutTheTimeAndNeverRunsABody) {
     EXPECT_TRUE(worker.ended_within(patience));
     worker.CloseHandle();
   }
-  EXPECT_EQ(worker.bodies, 0);
-  EXPECT_EQ(worker.InterruptState, Worker::InterruptRequested);
-}
-
-TEST(Interruption, ThreadOnItsWayToTheBodySkipsIt) {
-  Worker worker([] {});
-  worker.close_entrance();
-  worker.StartThread();
-  std::jthread const opener([&] {
-    while (worker.InterruptState != Worker::InterruptRequested) ::Sleep(1);
-    worker.open_entrance();
-  });
-  worker.InterruptThread(0, obey);
-  EXPECT_TRUE(worker.ended_within(0));
   EXPECT_EQ(worker.bodies, 0);
   EXPECT_EQ(worker.InterruptState, Worker::InterruptRequested);
 }
@@ -98,79 +78,35 @@ TEST(Interruption, ThreadCanInterruptItself) {
       TThread::Pause();
       went_on = true;
     };
-    worker.close_entrance();
+    worker.entrance.Reset();
     worker.StartThread();
-    worker.open_entrance();
+    worker.entrance.Set();
     EXPECT_TRUE(worker.ended_within(patience));
     EXPECT_EQ(went_on, throws);
     EXPECT_EQ(worker.InterruptState, throws ? Worker::InterruptRequested : Worker::Idle);
   }
 }
 
-// Whatever ends the first wait but the thread's end leads on to the interruption.
-TEST(Interruption, QueuedCallOfTheCallerCutsTheGraceShort) {
-  TEvent never;
-  Worker worker([&] { never.WaitForSignal(); });
-  worker.start_into_body();
-  QueueUserAPC([](ULONG_PTR) {}, GetCurrentThread(), 0);
-  ULONGLONG const before = GetTickCount64();
-  worker.InterruptThread(60'000, obey);
-  EXPECT_LT(GetTickCount64() - before, 30'000u);
-  EXPECT_TRUE(worker.ended_within(0));
-}
-
+// Whatever ends the first wait but the thread's end leads on to the interruption,
+// such as a queued call of the caller. A start overwrites the earlier handle and does
+// not close it.
 TEST(Interruption, InterruptedThreadRunsAgain) {
   TEvent never;
-  bool went_on = false;
   Worker worker([&] {
     never.WaitForSignal();
-    went_on = true;
+    throw 1;
   });
   DebugText debug;
-  for (int start = 0; start < 3; ++start) {
+  for (unsigned int const grace : {0u, 20u, INFINITE}) {
+    void* const earlier = worker;
     worker.start_into_body();
-    worker.InterruptThread(20, obey);
+    if (grace == INFINITE) queue_for_caller([](ULONG_PTR) {});
+    worker.InterruptThread(grace, obey);
     EXPECT_TRUE(worker.ended_within(0));
     EXPECT_EQ(worker.InterruptState, Worker::Idle);
-    worker.CloseHandle();
+    EXPECT_TRUE(grace == 0 || CloseHandle(earlier));
   }
   EXPECT_EQ(worker.bodies, 3);
   EXPECT_EQ(worker.exceptions, 0);
-  EXPECT_FALSE(went_on);
   EXPECT_EQ(debug.text(), "");
-}
-
-// In the release of a lock, where nothing can be thrown, an interruption waits
-// for the next wait; a second one that comes while the first unwinds the stack
-// does so too.
-TEST(Interruption, ReleaseOfALockIsDoneFirst) {
-  for (bool const unwinding : {true, false}) {
-    OpenLock lock;
-    TEvent holding, never;
-    bool released = false, went_on = false;
-    Worker worker([&] {
-      {
-        TLock guard(lock);
-        holding.Set();
-        ::WaitForSingleObjectEx(never, INFINITE, unwinding);
-      }
-      released = true;
-      TThread::Pause();
-      went_on = true;
-    });
-    worker.start_into_body();
-    holding.WaitForSignal();
-    lock.hold_inner();
-    if (!unwinding) never.Set();
-    std::jthread const first([&] { worker.interrupt(obey); });
-    // It finds the inner lock taken.
-    EXPECT_FALSE(worker.ended_within(40));
-    std::jthread const second([&] { worker.interrupt(obey); });
-    EXPECT_FALSE(worker.ended_within(40));
-    lock.let_inner_go();
-    EXPECT_TRUE(worker.ended_within(patience));
-    EXPECT_EQ(released, !unwinding);
-    EXPECT_FALSE(went_on);
-    EXPECT_EQ(lock.GetStatusString(), "not_locked");
-  }
 }

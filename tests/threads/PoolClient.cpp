@@ -1,36 +1,48 @@
-// A DLL that uses pools, for programs that load and unload it.
+// A DLL that uses pools, for a program that loads and unloads it. The jobs keep away
+// from the heap: this platform may hang at the end of any process whose threads were
+// stopped in it.
 #include <windows.h>
 
+#include "velt/debug/DebugStream.h"
 #include "velt/locks/Event.h"
 #include "velt/threads/ThreadPool.h"
 
 namespace {
 
+TEvent& never = *new TEvent(true, false);
+
 struct OwnPool {
-  ~OwnPool() {
-    if (pool) pool->Stop();
-  }
-  SmartPtr<IThreadPool> pool;
-} own;
+  ~OwnPool() { pool->Stop(); }
+  SmartPtr<IThreadPool> pool = CreateNewThreadPool();
+};
+
+void start(IThreadPool& pool, void (*job)()) { pool.AddJob(job)->WaitForStart(-1); }
 
 }  // namespace
 
-extern "C" {
+#define EXPORT extern "C" __declspec(dllexport)
 
 // Runs a job on the shared pool and drops it, as its code must not be needed any
 // more when this module is unloaded; the worker is idle then.
-__declspec(dllexport) void run_job() {
+EXPORT void run_job() {
   auto const task = GetSystemThreadPool()->AddJob([] {});
   task->WaitForFinish(-1);
   while (task.use_count() != 1) Sleep(1);
 }
 
-__declspec(dllexport) void stop() { GetSystemThreadPool()->Stop(); }
+EXPORT void stop() { GetSystemThreadPool()->Stop(); }
+
+EXPORT void start_jobs() {
+  for (auto const& pool : {GetSystemThreadPool(), CreateNewThreadPool(8, 2)}) {
+    start(*pool, [] { never.WaitForSignal(); });
+    start(*pool, [] { for (;;) YieldProcessor(); });
+    start(*pool, [] { for (;;) Debug << "still here\n"; });
+    pool->AddJob([] {});
+  }
+}
 
 // On a pool that the static destructor stops.
-__declspec(dllexport) void wait_for_ever() {
-  static TEvent& never = *new TEvent(true, false);
-  own.pool = CreateNewThreadPool();
-  own.pool->AddJob([] { never.WaitForSignal(); })->WaitForStart(-1);
-}
+EXPORT void wait_for_ever() {
+  static OwnPool own;
+  start(*own.pool, [] { never.WaitForSignal(); });
 }

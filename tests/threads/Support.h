@@ -1,8 +1,11 @@
-// Threads that a test can look into.
+// Threads and pools that a test can look into.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <windows.h>
 
+#include <array>
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
@@ -10,10 +13,11 @@
 #include <utility>
 
 #include "tests/debug/Support.h"
-#include "tests/support/Expect.h"
 #include "velt/debug/DebugStream.h"
+#include "velt/exceptions/ExceptionFamily.h"
 #include "velt/locks/Event.h"
 #include "velt/threads/ThreadClass.h"
+#include "velt/threads/ThreadPool.h"
 
 namespace velt_test {
 
@@ -48,35 +52,17 @@ public:
     std::_Exit(1);
   }
 
-  // New threads wait there, not alertably, before they look at the state.
-  void close_entrance() { entrance.Reset(); }
-  void open_entrance() { entrance.Set(); }
-
   void start_into_body() {
     in_body.Reset();
     StartThread();
     if (!signaled_within(in_body, patience)) std::abort();
   }
-
-  // Code 31 tells that the thread ended just before the call was queued.
-  void interrupt(unsigned int stop_ms) {
-    int const code = system_code([&] { InterruptThread(0, stop_ms); });
-    if (code == ERROR_GEN_FAILURE)
-      EXPECT_TRUE(ended_within(patience));
-    else
-      EXPECT_EQ(code, -1);
-  }
-
   bool ended_within(DWORD milliseconds) const { return signaled_within(handle, milliseconds); }
 
-  DWORD exit_code() const {
-    DWORD code = 12345;
-    GetExitCodeThread(handle, &code);
-    return code;
-  }
-
+  // New threads wait there, not alertably, before they look at the state.
+  TEvent entrance{true, true};
   int bodies = 0, exceptions = 0;
-  std::function<void()> at_entry, at_exception;
+  std::function<void()> at_exception;
 
   using TThreadClass::Idle;
   using TThreadClass::InterruptRequested;
@@ -97,14 +83,18 @@ public:
 protected:
   void DynamicThreadEntry() override {
     ::WaitForSingleObject(entrance, INFINITE);
-    if (at_entry) at_entry();
     TThreadClass::DynamicThreadEntry();
   }
 
 private:
   std::function<void()> body;
-  TEvent entrance{true, true}, in_body{true, false};
+  TEvent in_body{true, false};
 };
+
+inline void queue_for_caller(PAPCFUNC call) { QueueUserAPC(call, GetCurrentThread(), 0); }
+inline void interrupt_caller() {
+  queue_for_caller([](ULONG_PTR) { throw EThreadInterrupt(); });
+}
 
 // What is written to the stream Debug while it lives.
 class DebugText {
@@ -117,6 +107,74 @@ public:
 
 private:
   SmartPtr<RecordingWriter> writer;
+};
+
+// Of all threads. Each throw can get a dump, and the last one is the one that is kept.
+template <class Statement>
+int throws_during(Statement statement) {
+  static std::atomic<int> count;
+  count = 0;
+  void* const handler = AddVectoredExceptionHandler(1, [](EXCEPTION_POINTERS* pointers) -> LONG {
+    count += pointers->ExceptionRecord->ExceptionCode == 0x20474343;
+    return EXCEPTION_CONTINUE_SEARCH;
+  });
+  statement();
+  RemoveVectoredExceptionHandler(handler);
+  return count;
+}
+
+struct Job : IThreadJob {
+  explicit Job(std::function<void()> its_work) : work(std::move(its_work)) {}
+  void Run(SmartPtr<IThreadContext> const&) override { work(); }
+  std::function<void()> work;
+};
+inline SmartPtr<IThreadJob> job(std::function<void()> work) {
+  return MakeCounted<Job>(std::move(work));
+}
+
+// Jobs that wait until they are let go, and can be interrupted meanwhile.
+struct Gate {
+  SmartPtr<IThreadJob> job() {
+    return velt_test::job([this] {
+      thread = GetCurrentThread();
+      ++inside;
+      open.WaitForSignal();
+    });
+  }
+  std::atomic<int> inside = 0;
+  THandle thread;  // of the last
+  TEvent open{true, false};
+};
+
+using PoolCounts = std::array<int, 4>;  // running jobs, threads, queued jobs, idle threads
+
+// Stops its pool, after which nobody else refers to it.
+class TestPool {
+public:
+  explicit TestPool(SmartPtr<IThreadPool> its_pool) : pool(std::move(its_pool)) {}
+  TestPool(TestPool const&) = delete;
+  ~TestPool() {
+    pool->Stop();
+    EXPECT_EQ(pool.use_count(), 1);
+  }
+
+  IThreadPool* operator->() const { return pool.get(); }
+
+  PoolCounts counts() const {
+    PoolCounts counts{};
+    std::string const line = pool->describe();
+    std::sscanf(line.c_str() + line.find(" RunningJobs"),
+                " RunningJobs=%d Threads=%d Queue=%d Idle=%d", &counts[0], &counts[1], &counts[2],
+                &counts[3]);
+    return counts;
+  }
+  ::testing::AssertionResult become(PoolCounts expected) const {
+    if (eventually([&] { return counts() == expected; })) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << pool->describe();
+  }
+
+private:
+  SmartPtr<IThreadPool> pool;
 };
 
 }  // namespace velt_test

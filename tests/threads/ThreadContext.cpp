@@ -1,15 +1,9 @@
 #include "velt/threads/ThreadContext.h"
 
-#include <gtest/gtest.h>
-#include <windows.h>
-
 #include <deque>
-#include <functional>
-#include <string>
 
 #include "tests/support/OpenHandles.h"
-#include "tests/threads/PoolSupport.h"
-#include "velt/exceptions/ExceptionFamily.h"
+#include "tests/threads/Support.h"
 
 #undef GetJob  // of the platform's printing
 
@@ -19,31 +13,27 @@ namespace {
 
 // Hands out the jobs of the test, and notes what it is told; to be read when the
 // worker has ended.
-class Owner : public IThreadOwner {
-public:
+struct Owner : IThreadOwner {
   SmartPtr<IThreadJob> GetJob() override {
-    note("get ");
+    notes += "get ";
     if (jobs.empty()) return nullptr;
     auto const next = jobs.front();
     jobs.pop_front();
     return next;
   }
   void ThreadFinished(SmartPtr<IThreadContext> context) override {
-    note("thread_finished ");
-    if (before_thread_finished) before_thread_finished();
-    if (keeps) finished = context;
-    context.reset();
-    if (on_thread_finished) on_thread_finished();
+    notes += "thread_finished ";
+    on_thread_finished(std::move(context));
   }
-  void JobFinished(SmartPtr<IThreadJob>) override { note("job_finished "); }
+  void JobFinished(SmartPtr<IThreadJob>) override { notes += "job_finished "; }
 
-  void note(std::string const& what) { notes += what; }
+  void add(std::function<void()> work) { jobs.push_back(job(std::move(work))); }
 
   std::string notes;
   std::deque<SmartPtr<IThreadJob>> jobs;
-  bool keeps = true;
   SmartPtr<IThreadContext> finished;
-  std::function<void()> before_thread_finished, on_thread_finished;
+  std::function<void(SmartPtr<IThreadContext>)> on_thread_finished =
+      [this](auto context) { finished = context; };
 };
 
 struct ThreadContext : ::testing::Test {
@@ -53,14 +43,12 @@ struct ThreadContext : ::testing::Test {
     EXPECT_EQ(owner.use_count(), 1);
   }
 
-  void add(std::function<void()> work) { owner->jobs.push_back(job(std::move(work))); }
-
-  // The handle of the thread.
-  void* thread() const { return dynamic_cast<TThreadContext&>(*context); }
-
-  void run_to_the_end() {
+  void run() {
     context->Start();
-    ASSERT_TRUE(signaled_within(thread(), patience));
+    EXPECT_TRUE(signaled_within(thread_of(context), patience));
+  }
+  static void* thread_of(SmartPtr<IThreadContext> const& context) {
+    return dynamic_cast<TThreadContext&>(*context);
   }
 
   SmartPtr<Owner> owner = MakeCounted<Owner>();
@@ -70,61 +58,46 @@ struct ThreadContext : ::testing::Test {
 
 }  // namespace
 
-TEST_F(ThreadContext, RunsJobsOneAfterTheOtherAndReportsEach) {
-  DWORD ran_on = 0;
-  add([&] {
-    owner->note("one ");
-    ran_on = GetCurrentThreadId();
-  });
-  add([&] { owner->note("two "); });
-  run_to_the_end();
-  EXPECT_EQ(owner->notes, "get one job_finished get two job_finished get thread_finished ");
-  EXPECT_EQ(ran_on, GetThreadId(thread()));
+TEST_F(ThreadContext, RunsJobsOneAfterTheOtherAndReportsEachThenItsEnd) {
+  owner->add([&] { owner->notes += "one "; });
+  owner->add([&] { EXPECT_EQ(GetThreadId(thread_of(context)), GetCurrentThreadId()); });
+  run();
+  EXPECT_EQ(owner->notes, "get one job_finished get job_finished get thread_finished ");
   EXPECT_EQ(owner->finished, context);
   EXPECT_EQ(debug.text(), "");
 }
 
 TEST_F(ThreadContext, JobThatThrowsIsReportedThenTheWorkerThenTheLineIsWritten) {
-  add([&] { throw EGeneric({"Text", "No room"}); });
-  add([] {});
-  owner->on_thread_finished = [&] { owner->note(debug.text() + "| "); };
-  ThrowCounter const throws;
-  run_to_the_end();
-  EXPECT_EQ(throws.count, 1);
+  owner->add([] { throw EGeneric({"Text", "No room"}); });
+  owner->add([] {});
+  owner->on_thread_finished = [&](auto) { owner->notes += debug.text() + "| "; };
+  EXPECT_EQ(throws_during([&] { run(); }), 1);
   EXPECT_EQ(owner->notes, "get job_finished thread_finished | ");
   EXPECT_EQ(debug.text(), "(!) Thread runaway with exception EGeneric:No room\n");
 }
 
-TEST_F(ThreadContext, InterruptedJobIsNotReportedAndTheWorkerStartsAgain) {
+TEST_F(ThreadContext, EndsBehindAJobThatSwallowedItsInterruptionAndStartsAgain) {
   TEvent in_job, never;
-  add([&] {
+  owner->add([&] {
     in_job.Set();
-    never.WaitForSignal();
+    EXPECT_THROW(never.WaitForSignal(), EThreadInterrupt);
   });
+  owner->add([] {});
   context->Start();
   in_job.WaitForSignal();
-  void* const first = thread();
+  THandle first;
+  first.AttachHandle(thread_of(context));
   context->Restart();
   EXPECT_TRUE(signaled_within(first, 0));
-  CloseHandle(first);
-  EXPECT_EQ(debug.text(), "");
-  EXPECT_TRUE(signaled_within(thread(), patience));
-  EXPECT_EQ(owner->notes, "get get thread_finished ");
+  EXPECT_TRUE(signaled_within(thread_of(context), patience));
+  EXPECT_EQ(owner->notes, "get job_finished get job_finished get thread_finished ");
 }
 
 // A context that is dropped waits for its thread. Where the thread itself drops
 // the last reference there is nothing to wait for, and nobody to report to.
 TEST_F(ThreadContext, MayBeLeftToItsOwnThread) {
-  struct {
-    bool during_job;
-    std::function<void()> on_thread_finished;
-    char const* notes;
-  } const rows[] = {
-      {true, nullptr, "get "},
-      {false, [] {}, "get thread_finished "},
-      {false, [] { throw EThreadInterrupt(); }, "get thread_finished "},
-  };
-  for (auto const& [during_job, on_thread_finished, notes] : rows) {
+  for (std::string const way : {"in a job", "in the report", "in a report that throws"}) {
+    SCOPED_TRACE(way);
     long const before = open_handles();
     {
       TEvent inside, dropped;
@@ -133,20 +106,20 @@ TEST_F(ThreadContext, MayBeLeftToItsOwnThread) {
         dropped.WaitForSignal();
       };
       auto const careless = MakeCounted<Owner>();
-      careless->keeps = false;
-      careless->on_thread_finished = on_thread_finished;
-      if (during_job)
-        careless->jobs.push_back(job(wait));
-      else
-        careless->before_thread_finished = wait;
+      careless->on_thread_finished = [&](auto last) {
+        wait();
+        last.reset();
+        if (way == "in a report that throws") throw EThreadInterrupt();
+      };
+      if (way == "in a job") careless->add(wait);
       auto only = CreateNewThreadContext(careless);
       only->Start();
       inside.WaitForSignal();
-      THandle const thread(static_cast<void*>(dynamic_cast<TThreadContext&>(*only)));
+      THandle const thread(thread_of(only));
       only.reset();
       dropped.Set();
       EXPECT_TRUE(signaled_within(thread, patience));
-      EXPECT_EQ(careless->notes, notes);
+      EXPECT_EQ(careless->notes, way == "in a job" ? "get " : "get thread_finished ");
       EXPECT_EQ(careless.use_count(), 1);
     }
     EXPECT_TRUE(open_handles_fall_to(before));

@@ -1,0 +1,207 @@
+// Interrupts threads at random moments, out of every kind of wait that the library
+// has: each must end by unwinding, with every lock that it held free again, and
+// nothing written to Debug. Each of `--threads` threads interrupts its own victims,
+// one after the other.
+#include <windows.h>
+
+#include <atomic>
+#include <iterator>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/locks/OpenLock.h"
+#include "tests/torture/Torture.h"
+#include "velt/debug/DebugStream.h"
+#include "velt/exceptions/ExceptionFamily.h"
+#include "velt/locks/Event.h"
+#include "velt/locks/Mutex.h"
+#include "velt/locks/Semaphore.h"
+#include "velt/locks/WaitableTimer.h"
+#include "velt/threads/ThreadClass.h"
+
+using namespace velt_test;
+
+namespace {
+
+constexpr unsigned int long_limit = 60'000;
+// What a thread gets to obey, on a busy machine.
+constexpr unsigned int obey = 20'000;
+
+// Nobody but a runaway writes to Debug.
+struct RunawayAlarm : TStreamWriter {
+  void StreamWriteString(char const* text, unsigned __int64 size) override {
+    fail(std::string(text, size));
+  }
+};
+
+// What victims wait for. The thread that interrupts them holds `taken...` for good.
+struct Stage {
+  TMutex taken_mutex, busy_mutex, own_mutex;
+  TSemaphore taken_semaphore{1, 0}, busy_semaphore{1}, own_semaphore{1};
+  TEvent never;
+  TWaitableTimer no_timer;
+  TMultiLock taken_lock, read_taken_lock, busy_lock, own_lock;
+  OpenLock inner_taken;
+  TDebugStream taken_stream, busy_stream;
+};
+
+// Takes and frees `busy...` all the time.
+struct Rival final : TThreadClass {
+  explicit Rival(Stage& its_stage) : stage(its_stage) { StartThread(); }
+  ~Rival() {
+    stop = true;
+    ::WaitForSingleObject(handle, INFINITE);
+  }
+  void ThreadBody() override {
+    while (!stop) {
+      for (int i = 0; i < 16; ++i) {
+        TLock first(stage.busy_mutex, obey), second(stage.busy_semaphore, obey),
+            third(stage.busy_lock, obey);
+        stage.busy_stream << "text" << 2;
+        if (i % 8 == 0) ::Sleep(1);
+      }
+      ::Sleep(1);
+    }
+  }
+  Stage& stage;
+  std::atomic<bool> stop = false;
+};
+
+// A thread that always gets what it asks for never waits, and could not be
+// interrupted.
+template <class Step>
+[[noreturn]] void again_and_again(Step step) {
+  for (unsigned int i = 1;; ++i) {
+    step();
+    if (i % 32 == 0) TThread::Pause();
+  }
+}
+
+void upgrade(Stage& s) {
+  TReadLock const hold(s.read_taken_lock);
+  s.read_taken_lock.WriteLock();
+}
+
+struct Wait {
+  char const* name;
+  void (*go_on)(Stage&, TThreadClass& rival);  // for ever
+  std::atomic<unsigned int> interrupted = 0;
+};
+#define WAIT(NAME, ...) \
+  {NAME, []([[maybe_unused]] Stage& s, [[maybe_unused]] TThreadClass& rival) { __VA_ARGS__; }}
+#define BUSY(NAME, ...) WAIT(NAME, again_and_again([&] { __VA_ARGS__; }))
+Wait waits[] = {
+    WAIT("mutex", TLock guard(s.taken_mutex)),
+    WAIT("mutex with limit", TLock guard(s.taken_mutex, long_limit)),
+    BUSY("busy mutex", TLock guard(s.busy_mutex)),
+    WAIT("semaphore", TLock guard(s.taken_semaphore)),
+    WAIT("semaphore with limit", TLock guard(s.taken_semaphore, long_limit)),
+    BUSY("busy semaphore", TLock guard(s.busy_semaphore)),
+    WAIT("event", s.never.WaitForSignal()),
+    WAIT("event with limit", s.never.Signaled(long_limit)),
+    WAIT("timer", s.no_timer.WaitForSingleObject(INFINITE, TRUE)),
+    WAIT("write lock", s.taken_lock.WriteLock()),
+    WAIT("write lock with limit", (void)s.taken_lock.WriteLock(long_limit)),
+    WAIT("read lock", (void)s.taken_lock.ReadLock(long_limit)),
+    WAIT("free read lock", s.taken_lock.ReadLockThreadIndependent()),
+    WAIT("free write lock", (void)s.taken_lock.WriteLockThreadIndependent(long_limit)),
+    WAIT("upgrade", upgrade(s)),
+    WAIT("inner lock", s.inner_taken.ReadLock()),
+    BUSY("busy write lock", TLock guard(s.busy_lock)),
+    BUSY("busy write lock with limit", TLock guard(s.busy_lock, long_limit)),
+    WAIT("stream", s.taken_stream << "text"),
+    BUSY("busy stream", s.busy_stream << "text" << 1),
+    WAIT("sleep", TThread::Sleep(INFINITE, TRUE)),
+    BUSY("pauses", TThread::Pause()),
+    WAIT("stop of another thread", rival.StopThread(long_limit)),
+    WAIT("end of another thread", rival.InterruptThread(long_limit, long_limit)),
+};
+
+struct Victim final : TThreadClass {
+  Victim(Stage& its_stage, TThreadClass& its_rival, Wait const& its_wait)
+      : stage(its_stage), rival(its_rival), wait(its_wait) {
+    StartThread();
+  }
+  void ThreadBody() override {
+    struct Frame {
+      ~Frame() { outcome = unwound; }
+      std::atomic<int>& outcome;
+    } const frame{outcome};
+    outcome = in_body;
+    TLock first(stage.own_mutex), second(stage.own_lock), third(stage.own_semaphore);
+    wait.go_on(stage, rival);
+    fail(std::string(wait.name) + ": ended its wait");
+  }
+  // The thread may end just before the call is queued.
+  void interrupt() try {
+    InterruptThread(0, obey);
+  } catch (ESystemException const& error) {
+    if (error["Code"].as_int() != ERROR_GEN_FAILURE) fail(error.what());
+    StopThread(obey);
+  }
+
+  enum { not_begun, in_body, unwound };
+  std::atomic<int> outcome = not_begun;
+  Stage& stage;
+  TThreadClass& rival;
+  Wait const& wait;
+};
+
+// The pause ends somewhere between the first step of the body and its wait.
+void interrupt_one(Stage& stage, Rival& rival, Wait& wait, std::mt19937& random) {
+  auto const demand = [&](bool is_so, char const* fault) {
+    expect(is_so, std::string(wait.name) + ": " + fault);
+  };
+  Victim victim(stage, rival, wait);
+  while (victim.outcome == Victim::not_begun) SwitchToThread();
+  if (random() % 4 == 0) ::Sleep(random() % 3);
+  for (auto i = random() % 3000; i > 0; --i) YieldProcessor();
+  std::jthread second;
+  if (random() % 4 == 0) second = std::jthread([&victim] { victim.interrupt(); });
+  victim.interrupt();
+  if (second.joinable()) second.join();
+  demand(victim.outcome == Victim::unwound, "did not unwind");
+  demand(stage.own_mutex.Lock(0) && stage.own_semaphore.Lock(0) &&
+             stage.own_lock.GetStatusString() == "not_locked",
+         "left a lock of its own taken");
+  stage.own_mutex.Unlock();
+  stage.own_semaphore.Unlock();
+  std::string const own = std::to_string(GetCurrentThreadId());
+  demand(stage.taken_lock.GetStatusString() == "locked_write, " + own + ":W" &&
+             stage.read_taken_lock.GetStatusString() == "locked_read, " + own + ":R",
+         "left a trace in the lock that it waited for");
+  ++wait.interrupted;
+  ++moves;
+}
+
+void interrupt_many(Round const& round, std::mt19937 random) {
+  Stage stage;
+  Rival rival(stage);
+  TLock mutex(stage.taken_mutex), lock(stage.taken_lock);
+  TReadLock const read(stage.read_taken_lock);
+  TDebugStreamSession const session(stage.taken_stream);
+  stage.inner_taken.hold_inner();
+  while (!round.is_over()) interrupt_one(stage, rival, waits[random() % std::size(waits)], random);
+  stage.inner_taken.let_inner_go();
+}
+
+void interrupt_in_pairs(Round& round) {
+  if (round.number == 0) Debug.AddWriter(MakeCounted<RunawayAlarm>());
+  std::vector<std::jthread> threads;
+  for (unsigned int i = 0; i < round.threads; ++i)
+    threads.emplace_back(interrupt_many, std::cref(round), std::mt19937(round.random()));
+}
+
+std::string result() {
+  unsigned int sum = 0;
+  for (auto const& each : waits) {
+    expect(each.interrupted > 0, std::string(each.name) + ": was never interrupted");
+    sum += each.interrupted;
+  }
+  return std::to_string(sum) + " interrupted in all kinds of waits";
+}
+
+Registered const interruption{{"interruption", 2, 1, 16, interrupt_in_pairs, result}};
+
+}  // namespace
