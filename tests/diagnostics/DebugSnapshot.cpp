@@ -8,7 +8,7 @@
 #include <atomic>
 #include <string>
 #include <thread>
-#include <vector>
+#include <utility>
 
 #include "tests/support/Imports.h"
 #include "tests/support/LoaderOwner.h"
@@ -19,13 +19,10 @@ using testing::StartsWith;
 
 namespace {
 
-// Of a thread; empty if it is missing.
-std::string stack_in(std::string const& snapshot, DWORD thread) {
-  auto const head = "Thread " + std::to_string(thread) + ": " + std::string(55, '-') + "\n";
-  auto const found = snapshot.find(head);
-  if (found == snapshot.npos) return {};
-  auto const begin = found + head.size();
-  return snapshot.substr(begin, snapshot.find("\n\n", begin + 1) - begin);
+std::string block_of(DWORD thread, std::string const& snapshot) {
+  auto const begin = std::min(snapshot.find("Thread " + std::to_string(thread) + ": ---"),
+                              snapshot.size());
+  return snapshot.substr(begin, snapshot.find("\n\nThread ", begin) - begin);
 }
 
 std::atomic<int> begun;
@@ -34,23 +31,9 @@ std::atomic<int> begun;
   for (++begun; !stop.stop_requested();) YieldProcessor();
 }
 
-[[gnu::noipa]] void use_heap(std::stop_token stop) {
-  for (++begun; !stop.stop_requested();) {
-    HeapLock(GetProcessHeap());
-    Sleep(1);
-    HeapUnlock(GetProcessHeap());
-  }
-}
-
 [[gnu::noipa]] void rest(std::stop_token stop) {
   for (++begun; !stop.stop_requested();) Sleep(1);
 }
-
-struct {
-  void (*body)(std::stop_token);
-  char const* name;
-} const works[] = {{compute, "compute+"}, {use_heap, "use_heap+"}, {rest, "rest+"}};
-auto work_of(std::size_t thread) { return works[std::min<std::size_t>(thread, 2)]; }
 
 HANDLE handle_of(std::jthread& thread) {
   return reinterpret_cast<HANDLE>(pthread_gethandle(thread.native_handle()));
@@ -60,19 +43,18 @@ HANDLE handle_of(std::jthread& thread) {
 
 TEST(DebugSnapshot, ShowsWhereEachThreadIsAndLetsItRunOn) {
   ASSERT_TRUE(SymInitialize());
-  std::vector<std::jthread> threads;
-  while (threads.size() != 30) threads.emplace_back(work_of(threads.size()).body);
-  while (begun != 30) Sleep(1);
-  SuspendThread(handle_of(threads[2]));
+  std::jthread computing(compute), resting(rest), stopped(rest);
+  while (begun != 3) Sleep(1);
+  SuspendThread(handle_of(stopped));
   auto const text = TakeDebugSnapshot();
   EXPECT_THAT(text, StartsWith("Snapshot taked on "));
-  EXPECT_THAT(stack_in(text, GetCurrentThreadId()), HasSubstr("TakeDebugSnapshot"));
-  for (std::size_t i = 0; i != threads.size(); ++i) {
-    auto const handle = handle_of(threads[i]);
-    EXPECT_THAT(stack_in(text, GetThreadId(handle)),
-                AllOf(StartsWith("\n-> ntdll!"), HasSubstr(work_of(i).name),
+  EXPECT_THAT(block_of(GetCurrentThreadId(), text), HasSubstr("TakeDebugSnapshot"));
+  for (auto const& [thread, name] : {std::pair(&computing, "compute+"), {&resting, "rest+"},
+                                     {&stopped, "rest+"}}) {
+    EXPECT_THAT(block_of(GetThreadId(handle_of(*thread)), text),
+                AllOf(HasSubstr("---\n\n-> ntdll!"), HasSubstr(name),
                       HasSubstr("[DebugSnapshot.cpp#")));
-    EXPECT_EQ(ResumeThread(handle), i == 2 ? 1u : 0u) << "suspensions";
+    EXPECT_EQ(ResumeThread(handle_of(*thread)), thread == &stopped ? 1u : 0u) << "suspensions";
   }
   SymCleanup();
 }

@@ -26,9 +26,6 @@
 
 using velt_test::Replacement;
 
-// A name that the default list of exclusions happens to contain.
-struct C {};
-
 namespace {
 
 // What the writer is told, and what it does. The smallest dump that is whole has
@@ -61,6 +58,7 @@ protected:
   static void SetUpTestSuite() { SkipModulesForError += ";libgcc_s_seh-1;libstdc++-6"; }
   Dumps() {
     SaveMiniDumpOnStructuredException = SaveMiniDumpOnCppException = UseVEH = true;
+    MiniDumpExcludedTypes = "C++";
     std::filesystem::current_path(folder.path());
     writer = {};
     SymInitialize();  // loaded once for all of a test
@@ -70,21 +68,17 @@ protected:
     EXPECT_FALSE(GetModuleHandleW(L"dbghelp")) << "somebody holds the engine";
     SaveMiniDumpOnStructuredException = SaveMiniDumpOnCppException = false;
     VeltDebugSetup(false);
-    MiniDumpExcludedTypes = excluded;
     std::filesystem::current_path(before);
   }
 
   int holds = 1;  // on the engine: one more is left of each dump that was given up
-  std::string const excluded = MiniDumpExcludedTypes;
   std::filesystem::path const before = std::filesystem::current_path();
   velt_test::scratch_folder const folder;
   Replacement<decltype(&MiniDumpWriteDump), decltype(write)> const replaced{
       VELT_CALL(MiniDumpWriteDump), write};
 };
 
-auto count_of_files() {
-  return std::distance(std::filesystem::directory_iterator("Dumps"), {});
-}
+auto count_of_files() { return std::distance(std::filesystem::directory_iterator("Dumps"), {}); }
 
 // A dump without records, as a program asks for one.
 std::string save() { return EGeneric::SaveMiniDump(nullptr, 2, GetCurrentThreadId()); }
@@ -123,8 +117,8 @@ std::string const of_fault = "Text Code Address Parameter0 Parameter1 ";
 
 // Takes the locks that a writer may need.
 void be_busy() {
-  HeapFree(GetProcessHeap(), 0, HeapAlloc(GetProcessHeap(), 0, 70'000));
-  std::free(std::malloc(3000));
+  HeapFree(GetProcessHeap(), 0, HeapAlloc(GetProcessHeap(), 0, 3000));
+  operator delete(operator new(3000));
   SetEnvironmentVariableW(L"VELT_DUMPS", L"1");
   thrown(1);
 }
@@ -163,9 +157,8 @@ TEST_F(Dumps, TellTheWriterOfTheFault) {
 
   EXCEPTION_RECORD record{};
   CONTEXT context{};
-  for (auto [of_record, of_context] : {std::pair(&record, static_cast<CONTEXT*>(nullptr)),
-                                       {nullptr, &context}, {nullptr, nullptr}}) {
-    EXCEPTION_POINTERS pointers{of_record, of_context};
+  EXCEPTION_POINTERS incomplete[] = {{&record, nullptr}, {nullptr, &context}, {}};
+  for (auto& pointers : incomplete) {
     EXPECT_TRUE(WriteMiniDump("a.dmp", &pointers, 0, 4711));
     EXPECT_EQ(writer.faulting_thread, 0u) << "the writer would follow a null pointer";
   }
@@ -213,19 +206,12 @@ TEST_F(Dumps, AreTakenBackByCancel) {
 // The dump tells of the first throw, and what follows copies it.
 TEST_F(Dumps, StayWithAnExceptionThatIsThrownAgain) {
   VeltDebugSetup(true);
-  auto error = fault();
-  error.put_value("File", "list");
+  auto const error = fault();
   auto const task = MakeThreadTask([&] { throw EGeneric(error); });
   std::thread([&] { task->Run(nullptr); }).join();
-  auto const again = [&] {
-    try {
-      task->RethrowException();
-    } catch (EGeneric&) {
-      throw;
-    }
-  };
-  for (auto const& each : {error, thrown(error), caught(again)}) {
-    EXPECT_EQ(names_of(each), of_fault + "MiniDump ModuleName AddressName Stack File ");
+  auto const kept = caught([&] { task->RethrowException(); });
+  for (auto const& each : {error, thrown(error), kept}) {
+    EXPECT_EQ(names_of(each), of_fault + "MiniDump ModuleName AddressName Stack ");
     EXPECT_EQ(each["MiniDump"].as_string(), error["MiniDump"].as_string());
   }
   EXPECT_EQ(writer.dumps, 1);
@@ -241,7 +227,6 @@ TEST_F(Dumps, AndWhatElseIsAddedFollowTheSettings) {
       EXPECT_EQ(names_of(fault()), of_fault + file + (extended ? place + "Stack " : ""));
       EXPECT_EQ(names_of(thrown(plain)), "Text " + (extended ? place + file + "Stack " : file));
     }
-  EXPECT_EQ(names_of(EGeneric(true)), "") << "the throw itself brings it";
   EXPECT_EQ(names_of(thrown(EGeneric({"Stack", ""}))), "MiniDump Stack ") << "a stack is there";
   UseVEH = false;
   EXPECT_EQ(names_of(thrown(plain)), "Text ");
@@ -253,19 +238,14 @@ TEST_F(Dumps, AndWhatElseIsAddedFollowTheSettings) {
 }
 
 TEST_F(Dumps, AreWrittenForAnyTypeThatIsNotExcluded) {
+  MiniDumpExcludedTypes = "EFoo;a runtime_error, ESystemException";
   thrown(1);
-  EXPECT_EQ(writer.dumps, 1);
-  thrown(C());
-  EXPECT_EQ(writer.dumps, 1) << "a part of \"C++\"";
-  MiniDumpExcludedTypes = "EFoo;runtime_error, ESystemException";
-  thrown(C());
-  EXPECT_EQ(writer.dumps, 2);
   thrown(std::runtime_error(""));
   thrown(ESystemException(2));
   MiniDumpExcludedTypes.clear();
   thrown(EThreadInterrupt());
   thrown(EStructuredException());
-  EXPECT_EQ(writer.dumps, 2);
+  EXPECT_EQ(writer.dumps, 1);
 }
 
 TEST_F(Dumps, LeaveTheThrowAsItIs) {
@@ -305,15 +285,14 @@ TEST_F(Dumps, AreWrittenForThrowsOfOtherKindsWithoutFollowingThem) {
   std::vector<ULONG_PTR> const records[] = {
       {foreign}, {foreign, 4711, 8, 8, 8}, {foreign, magic, 8, 8, 8},
       {foreign, magic, start, start, 0}, {foreign, magic, start, start, start},
-      {foreign, magic, start, start}, {own}, {own, 0}, {own, 8}, {own, middle},
-      {own, start + 300 * 8}};
+      {own}, {own, 0}, {own, 8}, {own, middle}, {own, start + 300 * 8}};
   VeltDebugSetup(true);
   MiniDumpExcludedTypes.clear();
   // Behind all other handlers, since nobody catches them.
   auto const handler = AddVectoredExceptionHandler(0, [](EXCEPTION_POINTERS* pointers) -> LONG {
-    auto const code = pointers->ExceptionRecord->ExceptionCode;
-    return code == foreign || code == own ? EXCEPTION_CONTINUE_EXECUTION
-                                          : EXCEPTION_CONTINUE_SEARCH;
+    return pointers->ExceptionRecord->ExceptionCode == EXCEPTION_ACCESS_VIOLATION
+               ? EXCEPTION_CONTINUE_SEARCH
+               : EXCEPTION_CONTINUE_EXECUTION;
   });
   for (auto const& record : records)
     RaiseException(DWORD(record[0]), 0, DWORD(record.size() - 1), record.data() + 1);
@@ -327,10 +306,8 @@ TEST_F(Dumps, AreWrittenByAWriterWithAThreadOfItsOwn) {
   std::atomic<int> steps = 0;
   writer.meanwhile = [&] {
     int const before_write = steps;
-    auto const begin = GetTickCount64();
     std::thread(be_busy).join();
-    EXPECT_LT(GetTickCount64() - begin, 25'000u);
-    EXPECT_EQ(steps, before_write);
+    EXPECT_EQ(steps, before_write) << "or they ran on after half a minute";
   };
   std::vector<std::jthread> threads;
   while (threads.size() != 30)
@@ -339,18 +316,14 @@ TEST_F(Dumps, AreWrittenByAWriterWithAThreadOfItsOwn) {
       for (; !stop.stop_requested(); be_busy(), ++steps, Sleep(number % 5))
         if (number == 3) FreeLibrary(LoadLibraryW(L"winmm"));
     });
-  auto const end = GetTickCount64() + 20'000;
-  for (int asked = 0; writer.dumps < 2 && GetTickCount64() < end; ++asked)
-    holds += asked % 2 ? names_of(fault()) == of_fault : save().empty();
-  EXPECT_GT(writer.dumps, 0);
+  for (auto const end = GetTickCount64() + 20'000; !writer.dumps && GetTickCount64() < end;)
+    holds += save().empty();
+  EXPECT_EQ(writer.dumps, 1);
 }
 
 TEST_F(Dumps, LeaveNobodyAsleepWhenTheirThreadIsKilled) {
   writer.meanwhile = [] { TerminateThread(GetCurrentThread(), 7); };
-  std::thread thread(fault);
-  auto const handle = reinterpret_cast<HANDLE>(pthread_gethandle(thread.native_handle()));
-  EXPECT_EQ(WaitForSingleObject(handle, 60'000), WAIT_OBJECT_0);
-  thread.detach();
+  std::thread(fault).join();
   writer.meanwhile = [] {};
   EXPECT_NE(save(), "");
   holds = 1 + 3;                   // three of the thread,
