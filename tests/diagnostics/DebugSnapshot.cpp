@@ -20,8 +20,8 @@ using testing::StartsWith;
 namespace {
 
 std::string block_of(DWORD thread, std::string const& snapshot) {
-  auto const begin = std::min(snapshot.find("Thread " + std::to_string(thread) + ": ---"),
-                              snapshot.size());
+  auto const begin =
+      std::min(snapshot.find("Thread " + std::to_string(thread) + ": ---"), snapshot.size());
   return snapshot.substr(begin, snapshot.find("\n\nThread ", begin) - begin);
 }
 
@@ -49,11 +49,11 @@ TEST(DebugSnapshot, ShowsWhereEachThreadIsAndLetsItRunOn) {
   auto const text = TakeDebugSnapshot();
   EXPECT_THAT(text, StartsWith("Snapshot taked on "));
   EXPECT_THAT(block_of(GetCurrentThreadId(), text), HasSubstr("TakeDebugSnapshot"));
-  for (auto const& [thread, name] : {std::pair(&computing, "compute+"), {&resting, "rest+"},
-                                     {&stopped, "rest+"}}) {
-    EXPECT_THAT(block_of(GetThreadId(handle_of(*thread)), text),
-                AllOf(HasSubstr("---\n\n-> ntdll!"), HasSubstr(name),
-                      HasSubstr("[DebugSnapshot.cpp#")));
+  for (auto const& [thread, name] :
+       {std::pair(&computing, "compute+"), {&resting, "rest+"}, {&stopped, "rest+"}}) {
+    EXPECT_THAT(
+        block_of(GetThreadId(handle_of(*thread)), text),
+        AllOf(HasSubstr("---\n\n-> ntdll!"), HasSubstr(name), HasSubstr("[DebugSnapshot.cpp#")));
     EXPECT_EQ(ResumeThread(handle_of(*thread)), thread == &stopped ? 1u : 0u) << "suspensions";
   }
   SymCleanup();

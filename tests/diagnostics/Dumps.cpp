@@ -126,9 +126,8 @@ void be_busy() {
 }  // namespace
 
 TEST_F(Dumps, AreNamedAfterModuleKindAndTime) {
-  Replacement const clock{VELT_CALL(GetLocalTime), [](auto, SYSTEMTIME* now) {
-                            *now = {2024, 3, 2, 5, 9, 7, 3, 42};
-                          }};
+  Replacement const clock{VELT_CALL(GetLocalTime),
+                          [](auto, SYSTEMTIME* now) { *now = {2024, 3, 2, 5, 9, 7, 3, 42}; }};
   std::string const time = "_2024_03_05_09_07_03_042";
   EXPECT_EQ(fault()["MiniDump"].as_string(), "Dumps\\diagnostics_tests_C0000005" + time + ".dmp");
   EXPECT_EQ(thrown(EGeneric({"modulename", L"own name"}))["MiniDump"].as_string(),
@@ -282,20 +281,21 @@ TEST_F(Dumps, AreWrittenForThrowsOfOtherKindsWithoutFollowingThem) {
   std::vector<ULONG_PTR> words(512, language);
   words[300] = language + 1;
   auto const start = reinterpret_cast<ULONG_PTR>(words.data()), middle = start + 200 * 8;
-  std::vector<ULONG_PTR> const records[] = {
-      {foreign}, {foreign, 4711, 8, 8, 8}, {foreign, magic, 8, 8, 8},
-      {foreign, magic, start, start, 0}, {foreign, magic, start, start, start},
-      {own}, {own, 0}, {own, 8}, {own, middle}, {own, start + 300 * 8}};
+  constexpr DWORD count = 5;
+  ULONG_PTR const records[][1 + count] = {{foreign, 4711, 8, 8, 8},
+                                          {foreign, magic, start, start, start},
+                                          {own},
+                                          {own, 8},
+                                          {own, middle},
+                                          {own, start + 300 * 8}};
   VeltDebugSetup(true);
   MiniDumpExcludedTypes.clear();
-  // Behind all other handlers, since nobody catches them.
+  // Behind all other handlers, since nobody catches them. Real throws have fewer parameters.
   auto const handler = AddVectoredExceptionHandler(0, [](EXCEPTION_POINTERS* pointers) -> LONG {
-    return pointers->ExceptionRecord->ExceptionCode == EXCEPTION_ACCESS_VIOLATION
-               ? EXCEPTION_CONTINUE_SEARCH
-               : EXCEPTION_CONTINUE_EXECUTION;
+    return pointers->ExceptionRecord->NumberParameters == count ? EXCEPTION_CONTINUE_EXECUTION
+                                                                : EXCEPTION_CONTINUE_SEARCH;
   });
-  for (auto const& record : records)
-    RaiseException(DWORD(record[0]), 0, DWORD(record.size() - 1), record.data() + 1);
+  for (auto const& record : records) RaiseException(DWORD(record[0]), 0, count, record + 1);
   RemoveVectoredExceptionHandler(handler);
   EXPECT_EQ(writer.dumps, int(std::size(records)));
 }

@@ -69,8 +69,8 @@ struct SymbolsOfThisProgram : testing::Test {
 
 TEST_F(SymbolsOfThisProgram, OwnStackBeginsAtTheCallerOfTheWalk) {
   auto const stack = walk_outer(0);
-  EXPECT_THAT(name_of_frame(stack, 0), AllOf(StartsWith("symbols_tests!"),
-                                             HasSubstr("walk_inner+"), EndsWith(stack.source)));
+  EXPECT_THAT(name_of_frame(stack, 0), AllOf(StartsWith("symbols_tests!"), HasSubstr("walk_inner+"),
+                                             EndsWith(stack.source)));
   EXPECT_THAT(name_of_frame(stack, 1), HasSubstr("walk_outer+"));
   EXPECT_THAT(name_of_frame(stack, 2), HasSubstr("[Symbols.cpp#"));
   EXPECT_THAT(name_of_frame(stack, stack.frames.size() - 1), StartsWith("ntdll!"));
@@ -113,9 +113,9 @@ TEST_F(SymbolsOfThisProgram, NamesAreShortenedInFrontOfASourceAndOtherwiseOffset
   auto const address = reinterpret_cast<std::uintptr_t>(
       &function_with_a_name_so_long_that_nobody_wants_to_read_it_in_the_line_of_a_stack);
   auto const name = "symbols_tests!" + SymGetNameFromAddress(address);
-  EXPECT_EQ(SymGetFullNameFromAddress(address),
-            name.substr(0, 40) + ".." + name.substr(name.size() - 40) + "[" +
-                SymGetSourceFromAddress(address) + "]");
+  EXPECT_EQ(SymGetFullNameFromAddress(address), name.substr(0, 40) + ".." +
+                                                    name.substr(name.size() - 40) + "[" +
+                                                    SymGetSourceFromAddress(address) + "]");
 
   auto const nameless = reinterpret_cast<std::uintptr_t>(GetModuleHandleA("libstdc++-6"));
   EXPECT_EQ(SymGetFullNameFromAddress(nameless), "libstdc++-6!");
