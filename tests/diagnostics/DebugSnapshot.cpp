@@ -60,9 +60,6 @@ TEST(DebugSnapshot, ShowsWhereEachThreadIsAndLetsItRunOn) {
 }
 
 TEST(DebugSnapshot, ShowsAThreadThatHangsInTheLoaderUnlessTheEngineIsMissing) {
-  // Seconds of patience pass ten times as fast.
-  velt_test::Replacement const fast{VELT_CALL(GetTickCount64),
-                                    [](auto platform) { return platform() * 10; }};
   ASSERT_TRUE(SymInitialize());
   {
     velt_test::loader_owner const owner;
@@ -70,6 +67,9 @@ TEST(DebugSnapshot, ShowsAThreadThatHangsInTheLoaderUnlessTheEngineIsMissing) {
   }
   SymCleanup();
   {
+    // Seconds of patience pass ten times as fast.
+    velt_test::Replacement const fast{VELT_CALL(GetTickCount64),
+                                      [](auto platform) { return platform() * 10; }};
     velt_test::loader_owner const owner;
     EXPECT_EQ(TakeDebugSnapshot(), "");
   }
