@@ -69,6 +69,8 @@ scratch_folder::scratch_folder() {
   static std::atomic<int> count;
   folder = std::filesystem::temp_directory_path() /
            format_wstring(L"velt-test-%lu-%d", GetCurrentProcessId(), ++count);
+  // Of an earlier process with this id, which left a file open.
+  std::filesystem::remove_all(folder);
   std::filesystem::create_directory(folder);
 }
 
