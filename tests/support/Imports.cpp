@@ -1,6 +1,7 @@
 #include "tests/support/Imports.h"
 
 #include <psapi.h>
+#include <winternl.h>
 
 #include <algorithm>
 #include <cstring>
@@ -120,7 +121,33 @@ namespace {
 
 std::mutex lock;
 
+struct notification {
+  ULONG flags;
+  UNICODE_STRING const *path, *name;
+};
+
 }  // namespace
+
+HMODULE load_velt(void (*patch)()) {
+  using callback = void NTAPI(ULONG reason, notification const* module, void (*patch)());
+  auto const entry = [](char const* name) {
+    return reinterpret_cast<void*>(GetProcAddress(GetModuleHandleA("ntdll"), name));
+  };
+  auto const begin = reinterpret_cast<NTSTATUS NTAPI (*)(ULONG, callback*, void (*)(), void**)>(
+      entry("LdrRegisterDllNotification"));
+  auto const end =
+      reinterpret_cast<NTSTATUS NTAPI (*)(void*)>(entry("LdrUnregisterDllNotification"));
+  callback* const on_change = [](ULONG reason, notification const* module, void (*to_patch)()) {
+    constexpr ULONG loaded = 1;
+    std::wstring_view const name(module->name->Buffer, module->name->Length / sizeof(wchar_t));
+    if (reason == loaded && name == L"velt.dll") to_patch();
+  };
+  void* cookie;
+  if (begin(0, on_change, patch, &cookie)) return nullptr;
+  HMODULE const library = LoadLibraryW(L"velt.dll");
+  end(cookie);
+  return library;
+}
 
 Watch::Watch(std::string const& call, std::optional<void*> instead)
     : failing(call), answer(instead), outer(std::exchange(current, this)) {
