@@ -1,4 +1,6 @@
-#include <algorithm>
+#include <ctype.h>
+
+#include <locale>
 
 #include "TextTypes.h"
 #include "velt/text/Case.h"
@@ -46,6 +48,10 @@ TYPED_TEST(Text, IsTrimmedOfTheCharactersOfTheSetAtItsEndsAndNowhereElse) {
   }
 }
 
+static_assert(std::same_as<decltype(strlower("A")), std::string>);
+static_assert(std::same_as<decltype(strlower(L"A")), std::wstring>);
+static_assert(std::same_as<decltype(trim(L"A", L" ")), std::wstring>);
+
 TEST(Case, WideTextKnowsEveryAlphabetAndAlsoBehindPlainLetters) {
   EXPECT_EQ(strlower(L"AΣ Москва ÄÖ Z"), L"aσ москва äö z");
   EXPECT_EQ(strupper(L"aσ москва äö zß"), L"AΣ МОСКВА ÄÖ Zß");
@@ -75,4 +81,6 @@ TEST(CharacterClasses, HoldForAWholeTextThatIsNotEmpty) {
     EXPECT_EQ(isalpha(text), row.alpha) << text;
     EXPECT_EQ(isalnum(text), row.alnum) << text;
   }
+  EXPECT_TRUE(isdigit('7') && isxdigit('f') && !isalpha('7') && isalnum('x') && isalpha("x"));
+  EXPECT_TRUE(std::isdigit('7', std::locale::classic()));
 }

@@ -36,6 +36,13 @@ TEST(Numbers, AreWrittenAsTheRunTimeWritesThem) {
   expect_like<__int64, wchar_t>(i64tow, _i64tow_s);
 }
 
+TEST(Numbers, HaveFunctionsBesideThoseOfThePlatform) {
+  char digits[20];
+  EXPECT_STREQ(itoa(5, digits, 10), itoa(5).c_str());
+  EXPECT_STREQ(ltoa(5, digits, 10), ltoa(5).c_str());
+  EXPECT_EQ(atoi("12") + atol("12"), atoi(std::string("12")) + atol(std::string("12")));
+}
+
 TEST(Numbers, AreReadFromTheStartAndNeverFail) {
   constexpr struct {
     char const* text;
