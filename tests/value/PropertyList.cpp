@@ -90,9 +90,10 @@ TEST(PropertyList, OldValuesAreReleasedWhenTheLockIsFreeAgain) {
 TEST(PropertyList, ReadersBesideWritersSeeWholeValues) {
   TPropertyList list;
   wchar_t const* const names[] = {L"alpha", L"Beta", L"gamma", L"DELTA"};
+  std::atomic<bool> stop = false;
   std::atomic<int> reads = 0, writes = 0, wrong = 0;
-  auto const write = [&](std::stop_token stop, unsigned int seed) {
-    for (std::mt19937 random(seed); !stop.stop_requested(); ++writes) {
+  auto const write = [&](unsigned int seed) {
+    for (std::mt19937 random(seed); !stop; ++writes) {
       auto const name = names[random() % 4];
       if (random() % 4 == 0)
         list.Delete(name);
@@ -100,8 +101,8 @@ TEST(PropertyList, ReadersBesideWritersSeeWholeValues) {
         list.PutProperty(name, std::string(1 + random() % 40, static_cast<char>('a' + seed)));
     }
   };
-  auto const read = [&](std::stop_token stop) {
-    for (std::vector<_bstr_t> all; !stop.stop_requested(); ++reads) {
+  auto const read = [&] {
+    for (std::vector<_bstr_t> all; !stop; ++reads) {
       list.GetProperties(all);
       auto const one = list.GetProperty(names[reads % 4]);
       if (!one.empty()) all.push_back(one.as_bstr());
@@ -114,6 +115,7 @@ TEST(PropertyList, ReadersBesideWritersSeeWholeValues) {
     std::jthread const writers[] = {std::jthread(write, 0), std::jthread(write, 1)};
     std::jthread const readers[] = {std::jthread(read), std::jthread(read), std::jthread(read)};
     Sleep(1'000);
+    stop = true;
   }
   EXPECT_EQ(wrong, 0);
   EXPECT_GT(reads, 0);
