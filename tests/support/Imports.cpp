@@ -125,27 +125,23 @@ struct notification {
   ULONG flags;
   UNICODE_STRING const *path, *name;
 };
+using on_notification = void NTAPI(ULONG reason, notification const* module, void* context);
+
+extern "C" NTSTATUS NTAPI LdrRegisterDllNotification(ULONG, on_notification*, void*, void**);
+extern "C" NTSTATUS NTAPI LdrUnregisterDllNotification(void*);
 
 }  // namespace
 
 HMODULE load_velt(void (*patch)()) {
-  using callback = void NTAPI(ULONG reason, notification const* module, void (*patch)());
-  auto const entry = [](char const* name) {
-    return reinterpret_cast<void*>(GetProcAddress(GetModuleHandleA("ntdll"), name));
-  };
-  auto const begin = reinterpret_cast<NTSTATUS NTAPI (*)(ULONG, callback*, void (*)(), void**)>(
-      entry("LdrRegisterDllNotification"));
-  auto const end =
-      reinterpret_cast<NTSTATUS NTAPI (*)(void*)>(entry("LdrUnregisterDllNotification"));
-  callback* const on_change = [](ULONG reason, notification const* module, void (*to_patch)()) {
+  auto const begin = [](ULONG reason, notification const* module, void* to_patch) {
     constexpr ULONG loaded = 1;
     std::wstring_view const name(module->name->Buffer, module->name->Length / sizeof(wchar_t));
-    if (reason == loaded && name == L"velt.dll") to_patch();
+    if (reason == loaded && name == L"velt.dll") reinterpret_cast<void (*)()>(to_patch)();
   };
   void* cookie;
-  if (begin(0, on_change, patch, &cookie)) return nullptr;
+  if (LdrRegisterDllNotification(0, begin, reinterpret_cast<void*>(patch), &cookie)) return nullptr;
   HMODULE const library = LoadLibraryW(L"velt.dll");
-  end(cookie);
+  LdrUnregisterDllNotification(cookie);
   return library;
 }
 
