@@ -7,8 +7,7 @@
 #include <string>
 
 #include "bench/Rows.h"
-#include "velt/os/ComFileStream.h"
-#include "velt/os/ComStringStream.h"
+#include "velt/os/ComStreams.h"
 #include "velt/os/File.h"
 #include "velt/os/FileMapping.h"
 

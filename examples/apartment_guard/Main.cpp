@@ -10,7 +10,7 @@
 
 #include "examples/typed_values/Terminal.h"
 #include "velt/exceptions/ExceptionFamily.h"
-#include "velt/os/CoInitialize.h"
+#include "velt/os/ComGuards.h"
 
 namespace {
 

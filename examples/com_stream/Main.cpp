@@ -13,8 +13,7 @@
 
 #include "examples/typed_values/Terminal.h"
 #include "velt/diagnostics/Settings.h"
-#include "velt/os/ComFileStream.h"
-#include "velt/os/ComStringStream.h"
+#include "velt/os/ComStreams.h"
 
 _COM_SMARTPTR_TYPEDEF(IStream, __uuidof(IStream));
 _COM_SMARTPTR_TYPEDEF(IXmlReader, __uuidof(IXmlReader));

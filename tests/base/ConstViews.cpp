@@ -1,5 +1,6 @@
-#include <comutil.h>
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
+
+#include <stdexcept>
 
 #include "velt/base/ConstArray.h"
 #include "velt/base/ConstString.h"
@@ -14,10 +15,6 @@ TEST(ConstString, OnlyTerminatedTextHasAnEnd) {
   EXPECT_EQ(basic_const_string<char>(text).c_str(), text.data());
   EXPECT_EQ(basic_const_string<char>(text).length, 7u);
   EXPECT_EQ(basic_const_string<char>("abc").length, 3u);
-  try {
-    (void)basic_const_string<char>("abcdef", 3).c_str();
-    FAIL() << "did not throw";
-  } catch (std::logic_error const& error) {
-    EXPECT_STREQ(error.what(), "Invalid _data of const_string for c_str()");
-  }
+  EXPECT_THAT([] { (void)basic_const_string<char>("abcdef", 3).c_str(); },
+              testing::ThrowsMessage<std::logic_error>("Invalid _data of const_string for c_str()"));
 }

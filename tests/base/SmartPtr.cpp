@@ -32,18 +32,18 @@ TEST(SmartPtr, AssigningAnObjectThatOnlyTheOldOneKeepsAliveIsSafe) {
 }
 
 TEST(SmartPtr, IsNullForTheDestructorOfItsObject) {
-  struct Curious : virtual SmartPtrObj {
-    SmartPtr<Curious>* own = nullptr;
-    bool* found_itself = nullptr;
-    ~Curious() override { *found_itself = static_cast<bool>(*own); }
+  static SmartPtr<SmartPtrObj>* handle;
+  static bool found;
+  struct Curious : SmartPtrObj {
+    ~Curious() override { found = static_cast<bool>(*handle); }
   };
-  bool found_itself = true;
-  {
-    SmartPtr<Curious> const handle(new Curious);
-    handle->own = const_cast<SmartPtr<Curious>*>(&handle);
-    handle->found_itself = &found_itself;
+  for (bool const reset : {false, true}) {
+    SmartPtr<SmartPtrObj> own(new Curious);
+    handle = &own;
+    found = true;
+    reset ? own.reset() : own.~SmartPtr();
+    EXPECT_FALSE(found);
   }
-  EXPECT_FALSE(found_itself);
 }
 
 TEST(SmartPtr, CopiedObjectStartsWithoutReferencesAndAssignedOneTakesTheCount) {
@@ -52,13 +52,9 @@ TEST(SmartPtr, CopiedObjectStartsWithoutReferencesAndAssignedOneTakesTheCount) {
   EXPECT_EQ(copy.count(), 0);
   copy = *first;
   EXPECT_EQ(copy.count(), 2);
-}
-
-TEST(SmartPtr, ConstHandleOfAnObjectTakesAFurtherReference) {
-  SmartPtr<SmartPtrObj> object(new Probe);
-  SmartPtr<const SmartPtrObj> constant = object;
-  EXPECT_EQ(object.use_count(), 2);
-  EXPECT_EQ(object, constant);
+  SmartPtr<const SmartPtrObj> const constant = first;
+  EXPECT_EQ(first.use_count(), 3);
+  EXPECT_EQ(first, constant);
   static_assert(!std::is_convertible_v<SmartPtr<const SmartPtrObj>, SmartPtr<SmartPtrObj>>);
 }
 
@@ -66,9 +62,7 @@ TEST(SmartPtr, MoveLeavesTheSourceNullAndTheCountAsItWas) {
   auto first = MakeCounted<Probe>();
   SmartPtr<Probe> second = std::move(first);
   EXPECT_FALSE(first);
-  EXPECT_EQ(second->count(), 1);
   first = std::move(second);
-  EXPECT_EQ(first->count(), 1);
   auto& same = first;
   first = std::move(same);
   first = same;
@@ -77,14 +71,11 @@ TEST(SmartPtr, MoveLeavesTheSourceNullAndTheCountAsItWas) {
 }
 
 TEST(SmartPtr, DescribesTypeAndLowHalfOfTheAddress) {
-  auto const object = MakeCounted<Probe>();
+  SmartPtr<SmartPtrObj> const object = MakeCounted<Probe>();
   char expected[64];
-  auto const address = reinterpret_cast<std::uintptr_t>(
-      static_cast<SmartPtrObj const*>(object.get()));
-  snprintf(expected, sizeof expected, " {0x%x}", static_cast<unsigned>(address));
-  auto const text = object->describe();
-  EXPECT_NE(text.find("Probe"), std::string::npos) << text;
-  EXPECT_TRUE(text.ends_with(expected)) << text;
+  auto const address = static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(object.get()));
+  snprintf(expected, sizeof expected, "Probe {0x%x}", address);
+  EXPECT_TRUE(object->describe().ends_with(expected)) << object->describe();
 }
 
 TEST(SmartPtr, ManyThreadsMayAssignToOneHandle) {
@@ -93,12 +84,7 @@ TEST(SmartPtr, ManyThreadsMayAssignToOneHandle) {
     std::vector<std::jthread> threads;
     for (int i = 0; i < 4; ++i)
       threads.emplace_back([&shared] {
-        for (int n = 0; n < 20'000; ++n) {
-          if (n % 7 == 0)
-            shared.reset();
-          else
-            shared = new Probe;
-        }
+        for (int n = 0; n < 20'000; ++n) shared = n % 7 ? new Probe : nullptr;
       });
   }
   shared.reset();

@@ -3,5 +3,8 @@
 #include <windows.h>
 
 #include <comdef.h>
+#include <ctype.h>
+#include <stdlib.h>
+#include <tchar.h>
 
 #include <velt/velt.h>

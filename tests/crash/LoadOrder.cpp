@@ -1,7 +1,6 @@
 // Loads the library, unloads it, and goes on to throw. With the name of a call and
 // a number, that call of this kind fails.
 #include <windows.h>
-#include <winternl.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -22,16 +21,7 @@ namespace {
 char** words;
 std::unique_ptr<Watch> watch;
 
-struct notification {
-  ULONG flags;
-  UNICODE_STRING const *path, *name;
-};
-
-// A module that was loaded has its imports by now, and has not run.
-void CALLBACK module_changes(ULONG reason, notification const* data, void*) {
-  constexpr ULONG loaded = 1;
-  std::wstring_view const name(data->name->Buffer, data->name->Length / sizeof(wchar_t));
-  if (reason != loaded || name != L"velt.dll") return;
+void watch_calls() {
   watch = std::make_unique<Watch>(words[1] ? words[1] : "");
   if (words[1]) watch->passing = std::atoi(words[2]) - 1;
 }
@@ -54,13 +44,8 @@ LONG WINAPI end_with_throw(EXCEPTION_POINTERS* pointers) {
 int main(int, char** arguments) {
   words = arguments;
   AddVectoredExceptionHandler(1, end_with_throw);
-  using register_function = NTSTATUS NTAPI(ULONG, decltype(&module_changes), void*, void**);
-  auto const notify_of_modules = reinterpret_cast<register_function*>(reinterpret_cast<void*>(
-      GetProcAddress(GetModuleHandleA("ntdll"), "LdrRegisterDllNotification")));
-  void* cookie;
-  if (notify_of_modules(0, module_changes, nullptr, &cookie)) return 4;
   for (int round = 0; round < 3; ++round) {
-    HMODULE const library = LoadLibraryA("velt.dll");
+    HMODULE const library = velt_test::load_velt(watch_calls);
     if (!library) return 5;
     FreeLibrary(library);
     if (GetModuleHandleA("velt.dll")) return 6;

@@ -5,41 +5,13 @@
 #include <thread>
 #include <utility>
 
-#include "tests/support/Expect.h"
 #include "velt/exceptions/ExceptionFamily.h"
-
-namespace {
-
-std::string names_of(EGeneric const& exception) {
-  std::string names;
-  for (auto const& value : exception.values()) names += value.first + " ";
-  return names;
-}
-
-// Opens what the family alone may do.
-struct Family : EGeneric {
-  using EGeneric::EGeneric;
-  using EGeneric::move_to_back;
-};
-
-}  // namespace
 
 static_assert(sizeof(EGeneric) == sizeof(std::exception) + sizeof(std::vector<int>),
               "the list is the only field");
 static_assert(sizeof(EBadCastException) == sizeof(EGeneric));
 static_assert(!std::is_base_of_v<std::exception, EThreadInterrupt> &&
               sizeof(EThreadInterrupt) == 1);
-
-TEST(EGeneric, KeepsUpToSixPairsInOrder) {
-  using P = EGeneric::P;
-  P const a{"a", 1}, b{"b", 2}, c{"c", 3}, d{"d", 4}, e{"e", 5}, f{"f", 6};
-  EXPECT_EQ(names_of(EGeneric(a)), "a ");
-  EXPECT_EQ(names_of(EGeneric(a, b)), "a b ");
-  EXPECT_EQ(names_of(EGeneric(a, b, c)), "a b c ");
-  EXPECT_EQ(names_of(EGeneric(a, b, c, d)), "a b c d ");
-  EXPECT_EQ(names_of(EGeneric(a, b, c, d, e)), "a b c d e ");
-  EXPECT_EQ(names_of(EGeneric(f, e, d, c, b, a)), "f e d c b a ");
-}
 
 TEST(EGeneric, FindsNamesWhateverTheirAsciiCase) {
   EGeneric exception({"text", "found"}, {"\xC4", "capital"}, {"TEXT", "never seen"});
@@ -49,28 +21,11 @@ TEST(EGeneric, FindsNamesWhateverTheirAsciiCase) {
   EXPECT_TRUE(exception.get_value("[").empty());
 
   exception.put_value("TexT", 5);
-  EXPECT_EQ(exception.values()[0].first, "text") << "the stored name keeps its spelling";
-  EXPECT_EQ(exception.values()[0].second, 5);
   exception.put_value("new", 6);
-  EXPECT_EQ(names_of(exception), "text \xC4 TEXT new ");
   EXPECT_TRUE(std::as_const(exception)["absent"].empty());
-  EXPECT_EQ(exception.values().size(), 4u);
+  EXPECT_STREQ(exception.what(), "text: 5 (0x5)\n\xC4: capital\nTEXT: never seen\nnew: 6 (0x6)");
   exception["absent"];
   EXPECT_EQ(exception.values().size(), 5u) << "indexing adds the name unless const";
-}
-
-TEST(EGeneric, ListGrowsByHalf) {
-  EGeneric exception;
-  std::vector<std::size_t> capacities;
-  for (int i = 0; i < 10; ++i) {
-    exception.put_value("name" + std::to_string(i), i);
-    if (capacities.empty() || capacities.back() != exception.values().capacity())
-      capacities.push_back(exception.values().capacity());
-  }
-  EXPECT_EQ(capacities, (std::vector<std::size_t>{1, 2, 3, 4, 6, 9, 13}));
-  exception.clear_values();
-  EXPECT_TRUE(exception.values().empty());
-  EXPECT_EQ(exception.values().capacity(), 13u);
 }
 
 TEST(EGeneric, TakesValuesOfItsOwnListAlsoAsItGrows) {
@@ -83,12 +38,15 @@ TEST(EGeneric, TakesValuesOfItsOwnListAlsoAsItGrows) {
 }
 
 TEST(EGeneric, MovingToTheBackSwapsWithTheLast) {
-  Family exception({"a", 1}, {"b", 2}, {"c", 3});
+  struct Family : EGeneric {
+    using EGeneric::EGeneric;
+    using EGeneric::move_to_back;
+  };
+  Family exception({"a", true}, {"b", true}, {"c", true});
   exception.move_to_back("A");
-  EXPECT_EQ(names_of(exception), "c b a ");
   exception.move_to_back("a");
   exception.move_to_back("absent");
-  EXPECT_EQ(names_of(exception), "c b a ");
+  EXPECT_STREQ(exception.what(), "c: true\nb: true\na: true");
 }
 
 TEST(EBadCastException, NamesTheTypes) {
@@ -99,8 +57,8 @@ TEST(EBadCastException, NamesTheTypes) {
 
 TEST(ExceptionText, SingleTextStandsAlone) {
   EXPECT_STREQ(EGeneric().what(), "");
-  EXPECT_STREQ(EGeneric({"Text", L"Gr\u00FC\u00DFe"}).what(), "Gr\xFC\xDF"
-                                                              "e");
+  EXPECT_STREQ(EGeneric({"Text", L"Gr\u00FCn"}).what(), "Gr\xFCn");
+  EXPECT_STREQ(EGeneric({"Text", 5}).what(), "") << "an int does not read strictly as text";
   EXPECT_STREQ(EGeneric({"text", "small"}).what(), "text: small");
   EXPECT_STREQ(EGeneric({"Text", "a"}, {"text", "b"}).what(), "Text: a\ntext: b");
 }
@@ -109,12 +67,8 @@ TEST(ExceptionText, ShowsNumbersOfThirtyTwoBitsInBothForms) {
   EGeneric const exception({"n", 255ul}, {"i", -1073741819}, {"w", 255ll}, {"b", true},
                            {"s", std::vector<int>{16, 17}}, {"t", "x"});
   EXPECT_STREQ(exception.what(),
-               "n: 255 (0xff)\n"
-               "i: -1073741819 (0xc0000005)\n"
-               "w: 255\n"
-               "b: true\n"
-               "s: {16,17} (0x10)\n"
-               "t: x");
+               "n: 255 (0xff)\ni: -1073741819 (0xc0000005)\nw: 255\nb: true\n"
+               "s: {16,17} (0x10)\nt: x");
 }
 
 TEST(ExceptionText, ValueThatCannotBePrintedLeavesItsPlaceEmpty) {
@@ -124,18 +78,14 @@ TEST(ExceptionText, ValueThatCannotBePrintedLeavesItsPlaceEmpty) {
   EGeneric const exception({"first", 1ll}, {"mute", new Mute}, {"none", _value_t()},
                            {"empty", std::vector<int>()}, {"last", 2ll});
   EXPECT_STREQ(exception.what(), "first: 1\nmute: \nnone: \nempty: \nlast: 2");
-  EXPECT_STREQ(EGeneric({"Text", 5}).what(), "") << "an int does not read strictly as text";
   EXPECT_STREQ(EGeneric({"x", 1ll}).what(), "x: 1") << "the lock was released";
 }
 
-TEST(ExceptionText, OneBufferServesAllExceptions) {
+TEST(ExceptionText, OneBufferServesAllExceptionsAndThreads) {
   EGeneric const first({"Text", "first"}), second({"Text", "second"});
   char const* const text = first.what();
   EXPECT_EQ(second.what(), text);
   EXPECT_STREQ(text, "second");
-}
-
-TEST(ExceptionText, ThreadsMayAskAtTheSameTime) {
   std::vector<std::jthread> threads;
   for (int i = 0; i < 4; ++i)
     threads.emplace_back([] {

@@ -14,8 +14,7 @@
 #include "tests/support/Imports.h"
 #include "tests/support/OpenHandles.h"
 #include "velt/debug/DebugStream.h"
-#include "velt/os/ComFileStream.h"
-#include "velt/os/ComStringStream.h"
+#include "velt/os/ComStreams.h"
 
 using namespace velt_test;
 

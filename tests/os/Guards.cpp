@@ -13,8 +13,7 @@
 #include "tests/support/Expect.h"
 #include "tests/support/Imports.h"
 #include "velt/debug/DebugStream.h"
-#include "velt/os/CoInitialize.h"
-#include "velt/os/ImpersonationContext.h"
+#include "velt/os/ComGuards.h"
 
 using velt_test::Watch;
 

@@ -15,10 +15,7 @@ namespace {
 
 constexpr DWORD longest_run_ms = 240'000;
 
-struct handle_closer {
-  void operator()(void* handle) const { CloseHandle(handle); }
-};
-using handle_owner = std::unique_ptr<void, handle_closer>;
+using handle_owner = std::unique_ptr<void, decltype([](void* handle) { CloseHandle(handle); })>;
 
 std::filesystem::path own_folder() {
   wchar_t path[MAX_PATH];

@@ -9,9 +9,8 @@ namespace {
 
 std::string cleaned(std::string cell) {
   std::erase(cell, '`');
-  auto const first = cell.find_first_not_of(' ');
-  if (first == cell.npos) return std::string();
-  return cell.substr(first, cell.find_last_not_of(' ') - first + 1);
+  cell.erase(0, cell.find_first_not_of(' '));
+  return cell.erase(cell.find_last_not_of(' ') + 1);
 }
 
 table_row cells_of(std::string const& line) {
@@ -29,15 +28,9 @@ std::vector<table_row> doc_table(std::string const& page, std::string const& nam
   bool inside = false;
   for (std::string line; std::getline(file, line);) {
     std::erase(line, '\r');
-    if (line == "<!-- table: " + name + " -->") {
-      inside = true;
-    } else if (inside && line.starts_with("|---")) {
-      continue;
-    } else if (inside && line.starts_with("|")) {
-      rows.push_back(cells_of(line));
-    } else if (inside) {
-      break;
-    }
+    if (inside && !line.starts_with("|")) break;
+    if (inside && !line.starts_with("|---")) rows.push_back(cells_of(line));
+    inside = inside || line == "<!-- table: " + name + " -->";
   }
   if (rows.size() < 2) throw std::runtime_error("no table \"" + name + "\" in " + page);
   return rows;

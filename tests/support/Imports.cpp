@@ -1,6 +1,7 @@
 #include "tests/support/Imports.h"
 
 #include <psapi.h>
+#include <winternl.h>
 
 #include <algorithm>
 #include <cstring>
@@ -120,7 +121,29 @@ namespace {
 
 std::mutex lock;
 
+struct notification {
+  ULONG flags;
+  UNICODE_STRING const *path, *name;
+};
+using on_notification = void NTAPI(ULONG reason, notification const* module, void* context);
+
+extern "C" NTSTATUS NTAPI LdrRegisterDllNotification(ULONG, on_notification*, void*, void**);
+extern "C" NTSTATUS NTAPI LdrUnregisterDllNotification(void*);
+
 }  // namespace
+
+HMODULE load_velt(void (*patch)()) {
+  auto const begin = [](ULONG reason, notification const* module, void* to_patch) {
+    constexpr ULONG loaded = 1;
+    std::wstring_view const name(module->name->Buffer, module->name->Length / sizeof(wchar_t));
+    if (reason == loaded && name == L"velt.dll") reinterpret_cast<void (*)()>(to_patch)();
+  };
+  void* cookie;
+  if (LdrRegisterDllNotification(0, begin, reinterpret_cast<void*>(patch), &cookie)) return nullptr;
+  HMODULE const library = LoadLibraryW(L"velt.dll");
+  LdrUnregisterDllNotification(cookie);
+  return library;
+}
 
 Watch::Watch(std::string const& call, std::optional<void*> instead)
     : failing(call), answer(instead), outer(std::exchange(current, this)) {

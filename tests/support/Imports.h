@@ -132,6 +132,10 @@ private:
   std::optional<detail::Patches> patches;
 };
 
+// Loads velt.dll into a program that is not linked with it; null if it cannot be
+// loaded. `patch` runs when the library has its imports and has not run yet.
+HMODULE load_velt(void (*patch)());
+
 // What operations move.
 inline char buffer[16];
 

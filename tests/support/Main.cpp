@@ -4,8 +4,6 @@
 #include "velt/diagnostics/Settings.h"
 #include "velt/value/HolderCacheInternal.h"
 
-long velt_test::skipped_values = 0;
-
 namespace {
 
 // Every value that a test program made is gone when its tests are, but for those

@@ -34,10 +34,11 @@ inline long listed_handles() {
   std::vector<std::max_align_t> buffer(1024);
   NTSTATUS status;
   ULONG used;
-  auto const bytes = [&] { return static_cast<ULONG>(buffer.size() * sizeof buffer[0]); };
-  while ((status = NtQuerySystemInformation(all_handles, buffer.data(), bytes(), &used)) ==
-         too_short)
+  do {
     buffer.resize(buffer.size() * 2);
+    auto const bytes = static_cast<ULONG>(buffer.size() * sizeof buffer[0]);
+    status = NtQuerySystemInformation(all_handles, buffer.data(), bytes, &used);
+  } while (status == too_short);
   if (status) throw std::runtime_error("the system does not list its handles");
   auto const list = reinterpret_cast<handle_list const*>(buffer.data());
   return static_cast<long>(

@@ -3,6 +3,6 @@
 namespace velt_test {
 
 // How many values a test left behind in frames whose destructors are not run.
-extern long skipped_values;
+inline long skipped_values = 0;
 
 }  // namespace velt_test

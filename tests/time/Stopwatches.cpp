@@ -1,95 +1,60 @@
+// The watches, by clocks that the tests set.
 #include "velt/time/Stopwatches.h"
 
-#include <gtest/gtest.h>
-#include <windows.h>
+#include "tests/support/Imports.h"
 
-#include <bit>
-#include <cmath>
-#include <cstring>
-#include <thread>
+using velt_test::Replacement;
 
-namespace {
-
-_ticks_t ticks_started_at(unsigned long start) { return std::bit_cast<_ticks_t>(start); }
-
-// Spins until the watch moves; the clocks of CPU time are coarse.
-template <class Watch>
-void work_until_seen(Watch const& watch) {
-  _pcounter_t const limit;
-  volatile double sink = 0;
-  while (watch.get_elapsed_ticks() < 100'000 && limit.get_elapsed() < 10.0)
-    for (int i = 0; i < 100'000; ++i) sink = sink + std::sqrt(i);
+TEST(Stopwatches, CountTicksAcrossAWrapOfTheCounter) {
+  DWORD now = 0xFFFFFFF0;
+  Replacement const clock{VELT_CALL(GetTickCount), [&now](auto) { return now; }};
+  _ticks_t const early;
+  now = 0x10;
+  EXPECT_EQ(early.get_elapsed_ticks(), 32u);
+  EXPECT_EQ(early.get_elapsed(), 0.032);
+  _ticks_t const late;
+  EXPECT_EQ(late - early, 32);
+  EXPECT_EQ(early - late, -32);
+  EXPECT_TRUE(late < early && !(early < late)) << "the order does not mind the wrap";
+  EXPECT_TRUE(late == _ticks_t() && !(late == early));
 }
 
-__int64 number(FILETIME const& time) {
-  ULARGE_INTEGER const whole{.u = {time.dwLowDateTime, time.dwHighDateTime}};
-  return static_cast<__int64>(whole.QuadPart);
-}
-
-struct ThreadTimes {
-  __int64 kernel, user;
-};
-
-ThreadTimes platform_times() {
-  FILETIME unwanted, kernel, user;
-  GetThreadTimes(GetCurrentThread(), &unwanted, &unwanted, &kernel, &user);
-  return {number(kernel), number(user)};
-}
-
-}  // namespace
-
-TEST(Ticks, SpanAcrossAWrapOfTheCounterIsRight) {
-  auto const watch = ticks_started_at(0xFFFFFF00);
-  auto const before = GetTickCount();
-  auto const elapsed = watch.get_elapsed_ticks();
-  ASSERT_LT(before, 0xFFFFFF00) << "the machine runs for too long: the span has no wrap";
-  EXPECT_GE(elapsed, before + 0x100);
-  EXPECT_LE(elapsed, GetTickCount() + 0x100);
-  EXPECT_NEAR(watch.get_elapsed(), elapsed / 1000.0, 1.0);
-}
-
-TEST(Ticks, DifferenceOfStartsMindsTheWrapAndTheirOrderDoesNot) {
-  auto const a = ticks_started_at(0xFFFFFFF0), b = ticks_started_at(0x10);
-  EXPECT_EQ(b - a, 32);
-  EXPECT_EQ(a - b, -32);
-  EXPECT_FALSE(a < b);
-  EXPECT_TRUE(b < a);
-  EXPECT_TRUE(a == ticks_started_at(0xFFFFFFF0));
-  EXPECT_FALSE(a == b);
-}
-
-TEST(PerformanceCounter, LapsAddUpToTheWholeWithoutAGap) {
+TEST(Stopwatches, LapsAddUpToTheWholeWithoutAGap) {
+  __int64 now = 5'000'000'000;
+  Replacement const clock{VELT_CALL(QueryPerformanceCounter), [&now](auto, LARGE_INTEGER* count) {
+                            count->QuadPart = now++;
+                            return TRUE;
+                          }};
   _pcounter_t watch;
-  __int64 const first_start = watch;
-  Sleep(2);
-  auto const first = watch.get_elapsed_ticks_and_restart();
-  auto const second = watch.get_elapsed_ticks_and_restart();
-  EXPECT_EQ(first + second, watch - first_start);
-  EXPECT_LT(second, first);
-  Sleep(2);
-  auto const third = watch.get_elapsed_restart();
-  EXPECT_GE(third, 0.001);
-  EXPECT_LT(third, 1.0);
+  now += 100;
+  EXPECT_EQ(watch.get_elapsed_ticks_and_restart(), 101);
+  EXPECT_EQ(watch.get_elapsed_ticks_and_restart(), 1);
+  EXPECT_EQ(watch, 5'000'000'102);
+  now += _PerformanceCounterFrequency.QuadPart / 2 - 1;
+  EXPECT_NEAR(watch.get_elapsed(), 0.5, 1e-6);
+  EXPECT_NEAR(watch.get_elapsed_restart(), 0.5, 1e-6);
 }
 
-TEST(ThreadTimes, EachWatchTakesItsOwnClock) {
-  work_until_seen(_thread_user_times_t());
-  auto const before = platform_times();
-  __int64 const user = _thread_user_times_t();
-  __int64 const kernel = _thread_kernel_times_t();
-  __int64 const both = _thread_times_t();
-  auto const after = platform_times();
-  ASSERT_NE(before.user, before.kernel);
-  EXPECT_TRUE(before.user <= user && user <= after.user);
-  EXPECT_TRUE(before.kernel <= kernel && kernel <= after.kernel);
-  EXPECT_TRUE(before.user + before.kernel <= both && both <= after.user + after.kernel);
-}
-
-TEST(ThreadTimes, SleepAndWorkOfOtherThreadsDoNotCount) {
-  _pcounter_t const clock;
-  _thread_times_t const watch;
-  std::thread([] { work_until_seen(_thread_user_times_t()); }).join();
-  Sleep(50);
-  EXPECT_GE(clock.get_elapsed(), 0.05);
-  EXPECT_LT(watch.get_elapsed(), clock.get_elapsed() / 2);
+TEST(Stopwatches, OfAThreadTakeItsOwnTimes) {
+  constexpr __int64 high_word = 1ll << 32;
+  DWORD now = 3;
+  Replacement const clock{VELT_CALL(GetThreadTimes),
+                          [&now](auto, HANDLE thread, FILETIME* made, FILETIME* ended,
+                                 FILETIME* kernel, FILETIME* user) {
+                            EXPECT_EQ(thread, GetCurrentThread());
+                            *made = *ended = {0xFFFF, 0xFFFF};
+                            *kernel = {now, 1};
+                            *user = {now * 10, 2};
+                            return TRUE;
+                          }};
+  _thread_user_times_t const user;
+  _thread_kernel_times_t const kernel;
+  _thread_times_t const both;
+  EXPECT_EQ(user, 2 * high_word + 30);
+  EXPECT_EQ(kernel, high_word + 3);
+  EXPECT_EQ(both, 3 * high_word + 33);
+  now += 10'000'000;
+  EXPECT_EQ(user.get_elapsed(), 10.0);
+  EXPECT_EQ(kernel.get_elapsed(), 1.0);
+  EXPECT_EQ(both.get_elapsed_ticks(), 110'000'000);
 }

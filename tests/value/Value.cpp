@@ -25,12 +25,10 @@ TEST(Value, TakesTheTypeThatItIsMadeOf) {
     assigned = element<T>::sample();
     EXPECT_EQ(assigned.type(), typeid(T));
   });
-  EXPECT_EQ(_value_t("text").type(), typeid(std::string));
-  EXPECT_EQ(_value_t(L"text").type(), typeid(std::wstring));
   EXPECT_EQ(_value_t(short(3)).type(), typeid(int));
   EXPECT_EQ(_value_t(1.5f).type(), typeid(double));
-  EXPECT_EQ(_value_t(SmartPtr<Object>(new Object)).type(), typeid(SmartPtr<SmartPtrObj>));
-  EXPECT_EQ(_value_t(SmartPtr<const Object>(new Object)).type(),
+  EXPECT_EQ(_value_t(new Object).type(), typeid(SmartPtr<SmartPtrObj>));
+  EXPECT_EQ(_value_t(static_cast<Object const*>(new Object)).type(),
             typeid(SmartPtr<const SmartPtrObj>));
   EXPECT_EQ(_value_t().type(), typeid(void));
 }
@@ -53,27 +51,24 @@ TEST(Value, CopySharesUntilOneIsWrittenAndMovedFromIsEmpty) {
 }
 
 TEST(Value, TextOfAGivenLengthIsTakenWhole) {
-  EXPECT_EQ(_value_t(basic_const_string<char>("abcdef", 3)).get<std::string>(), "abc");
   EXPECT_EQ(_value_t(basic_const_string<wchar_t>(nullptr, 0)).get<std::wstring>(), L"");
-  EXPECT_EQ(_value_t(basic_const_string<char>("a\0b", 3)).get<std::string>(),
+  EXPECT_EQ(_value_t(basic_const_string<char>("a\0bc", 3)).get<std::string>(),
             std::string("a\0b", 3));
   _value_t wide = L"before";
   wide = basic_const_string<char>("afterwards", 5);
-  EXPECT_EQ(wide.type(), typeid(std::wstring)) << "keeps its type";
   EXPECT_EQ(wide.get<std::wstring>(), L"after");
 }
 
 TEST(Value, ComparesByTheTypeOnTheLeft) {
-  _value_t const empty, one = 1, yes = true, text = "b", wide = L"b", nan_value = std::nan("");
+  _value_t const empty, one = 1, yes = true, text = "b", nan_value = std::nan("");
   EXPECT_EQ(empty, _value_t());
   EXPECT_NE(empty, one);
   EXPECT_LT(empty, one);
-  EXPECT_FALSE(one < empty);
-  EXPECT_FALSE(empty < _value_t());
+  EXPECT_FALSE(one < empty || empty < _value_t());
 
   EXPECT_EQ(one, yes);
   EXPECT_BAD_CAST(int, bool, (void)(yes == one));
-  EXPECT_EQ(text, wide);
+  EXPECT_EQ(text, _value_t(L"b"));
   EXPECT_LT(_value_t("B"), text);
   EXPECT_NE(nan_value, nan_value);
   EXPECT_LT(_value_t(-1), one);
@@ -82,16 +77,15 @@ TEST(Value, ComparesByTheTypeOnTheLeft) {
 }
 
 TEST(Value, ComStringsCompareByCodeUnitsAndLength) {
-  _value_t const null = _bstr_t(), empty = _bstr_t(L""), a = _bstr_t(L"a"),
-                 z = _bstr_t(L"\uFFFD"), longer = _bstr_t(L"aa");
-  EXPECT_EQ(null, empty);
-  EXPECT_LT(null, a);
-  EXPECT_LT(empty, a);
-  EXPECT_LT(a, z);
-  EXPECT_LT(a, longer);
-  EXPECT_FALSE(null < empty);
-  BSTR const with_nul = SysAllocStringLen(L"a\0b", 3);
-  EXPECT_NE(_value_t(_bstr_t(with_nul, false)), a);
+  _bstr_t const with_nul(SysAllocStringLen(L"a\0", 2), false);
+  _value_t const ascending[] = {_bstr_t(), _bstr_t(L"a"), with_nul, _bstr_t(L"aa"),
+                                _bstr_t(L"\uFFFD")};
+  for (auto& a : ascending)
+    for (auto& b : ascending) {
+      EXPECT_EQ(a == b, &a == &b);
+      EXPECT_EQ(a < b, &a < &b);
+    }
+  EXPECT_EQ(ascending[0], _value_t(_bstr_t(L"")));
 }
 
 TEST(Value, ScalarIsASequenceOfOneInComparisons) {
@@ -105,6 +99,4 @@ TEST(Value, ScalarIsASequenceOfOneInComparisons) {
   EXPECT_LT(ones, pair);
   EXPECT_FALSE(pair < ones);
   EXPECT_BAD_CAST(double, int, (void)(pair < _value_t(std::vector<double>{1.0})));
-  EXPECT_BAD_CAST(double, int,
-                  (void)(_value_t(std::vector<int>()) == _value_t(std::vector<double>())));
 }

@@ -9,12 +9,15 @@
 #include "velt/base/EntryInternal.h"
 #include "velt/base/LoadOrderInternal.h"
 
+using velt::detail::find_entry;
+
 namespace {
 
 HANDLE heap_of_run_time() noexcept { return reinterpret_cast<HANDLE>(_get_heap_handle()); }
 
 void use_low_fragmentation_heaps() {
-  auto const set = velt::detail::find_entry<decltype(HeapSetInformation)>(L"kernel32.dll", "HeapSetInformation");
+  auto const set =
+      find_entry<decltype(HeapSetInformation)>(L"kernel32.dll", "HeapSetInformation");
   if (!set) return;
   ULONG low_fragmentation = 2;
   for (HANDLE const heap : {GetProcessHeap(), heap_of_run_time()})
@@ -23,7 +26,7 @@ void use_low_fragmentation_heaps() {
 
 void turn_off_small_block_heap() {
   using set_threshold = int __cdecl(std::size_t);
-  if (auto const set = velt::detail::find_entry<set_threshold>(L"msvcrt", "_set_sbh_threshold")) set(0);
+  if (auto const set = find_entry<set_threshold>(L"msvcrt", "_set_sbh_threshold")) set(0);
 }
 
 VELT_LOAD_STEP(heaps_tuned) MemoryOptimizer const optimizer;

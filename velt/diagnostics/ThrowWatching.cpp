@@ -103,7 +103,8 @@ bool throws_are_watched() noexcept { return VectoredHandlerHandle != nullptr; }
 void start_watching_throws() {
   platform = {
       find_entry<decltype(::AddVectoredExceptionHandler)>(kernel32, "AddVectoredExceptionHandler"),
-      find_entry<decltype(::RemoveVectoredExceptionHandler)>(kernel32, "RemoveVectoredExceptionHandler"),
+      find_entry<decltype(::RemoveVectoredExceptionHandler)>(kernel32,
+                                                             "RemoveVectoredExceptionHandler"),
   };
   constexpr ULONG first = 1;
   if (platform.AddVectoredExceptionHandler && platform.RemoveVectoredExceptionHandler)

@@ -2,7 +2,6 @@
 
 #include <unordered_map>
 
-
 namespace velt::detail {
 namespace {
 

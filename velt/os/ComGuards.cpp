@@ -1,4 +1,4 @@
-#include "velt/os/ImpersonationContext.h"
+#include "velt/os/ComGuards.h"
 
 #include <windows.h>
 
@@ -11,6 +11,8 @@
 #include <new>
 
 #include "velt/debug/DebugStream.h"
+
+using _com_util::CheckError;
 
 namespace {
 
@@ -59,10 +61,16 @@ void report() {
 
 }  // namespace
 
+CoInitialize::CoInitialize() { CheckError(::CoInitialize(nullptr)); }
+CoInitialize::~CoInitialize() { ::CoUninitialize(); }
+
+CoInitializeEx::CoInitializeEx() { CheckError(::CoInitializeEx(nullptr, COINIT_MULTITHREADED)); }
+CoInitializeEx::~CoInitializeEx() { ::CoUninitialize(); }
+
 CImpersonationContext::CImpersonationContext(bool raiseOnFailure) {
   HRESULT const result = CoImpersonateClient();
   Impersonated = SUCCEEDED(result);
-  if (raiseOnFailure) _com_util::CheckError(result);
+  if (raiseOnFailure) CheckError(result);
 }
 
 CImpersonationContext::~CImpersonationContext() {
