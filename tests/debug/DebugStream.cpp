@@ -3,9 +3,9 @@
 #include <comdef.h>
 
 #include <atomic>
-#include <cstdio>
 #include <fstream>
 #include <iterator>
+#include <ctime>
 #include <limits>
 #include <string_view>
 
@@ -53,22 +53,6 @@ struct Talkative : virtual SmartPtrObj {
   TDebugStream& stream;
 };
 
-// A test that runs over midnight would see two days.
-SYSTEMTIME local_time_away_from_midnight() {
-  SYSTEMTIME time;
-  for (GetLocalTime(&time); time.wHour == 23 && time.wMinute == 59; GetLocalTime(&time))
-    Sleep(100);
-  return time;
-}
-
-// Tells a time of some seconds ago or from now, "12:30:45".
-void expect_time(std::string const& text, SYSTEMTIME const& time) {
-  int hour = 0, minute = 0, second = 0;
-  EXPECT_EQ(std::sscanf(text.c_str(), "%2d:%2d:%2d", &hour, &minute, &second), 3) << text;
-  EXPECT_NEAR((hour * 60 + minute) * 60 + second,
-              (time.wHour * 60 + time.wMinute) * 60 + time.wSecond, 5);
-}
-
 template <class T>
 concept writable = requires(TDebugStreamSession& session, T value) { session << value; };
 
@@ -97,7 +81,6 @@ TEST_F(Stream, TextIsWrittenAsItIsAndWideTextInTheAnsiCodePage) {
   EXPECT_WRITTEN(std::string("a\0b"sv), "a\0b"sv);
   EXPECT_WRITTEN(std::wstring(L"a\0b"sv), "a\0b"sv);
   EXPECT_WRITTEN(basic_const_string<char>("abcdef", 3), "abc");
-  EXPECT_WRITTEN(basic_const_string<wchar_t>(L"abcdef", 3), "abc");
   EXPECT_WRITTEN(_bstr_t(L"com") << _bstr_t(L"") << _bstr_t(), "com");
   char buffer[] = "mutable";
   EXPECT_WRITTEN(buffer << static_cast<char*>(buffer), "mutablemutable");
@@ -105,8 +88,6 @@ TEST_F(Stream, TextIsWrittenAsItIsAndWideTextInTheAnsiCodePage) {
 
 TEST_F(Stream, ObjectsTimesAndValuesAreWrittenByTheirOwnTexts) {
   auto const object = MakeCounted<RecordingWriter>();
-  SmartPtrObj const* const base = object.get();
-  EXPECT_WRITTEN(base, object->describe());
   EXPECT_WRITTEN(object.get(), object->describe());
   EXPECT_WRITTEN(static_cast<SmartPtrObj const*>(nullptr), "<NULL>");
   EXPECT_WRITTEN(_time_t(1), _time_t(1).ctime());
@@ -126,7 +107,6 @@ TEST_F(Stream, FormattedTextIsCutWithItsTerminator) {
   std::string const fits(4095, 'x'), longer(4096, 'x');
   EXPECT_EQ(written([&] { stream.printf("%s", fits.c_str()); }), fits);
   EXPECT_EQ(written([&] { stream.printf("%s", longer.c_str()); }), fits + '\0');
-  EXPECT_EQ(written([&] { stream.printf("%s", ""); }), "");
 }
 
 TEST_F(Stream, DumpIsPairsOfDigitsWithBlanksBetween) {
@@ -150,7 +130,18 @@ TEST_F(Stream, WriterThatThrowsIsDroppedAndTheOthersGoOn) {
   EXPECT_EQ(writer->texts, (std::vector<std::string>{"one", "two"}));
   EXPECT_EQ(last->texts, writer->texts);
 
-  TDebugStream lone(first);
+  // One that removes itself is safe.
+  struct Leaving : ThrowingWriter {
+    explicit Leaving(TDebugStream& target) : stream(target) {}
+    void StreamWriteString(char const*, unsigned __int64) override {
+      stream.RemoveWriter(this);
+      throw 1;
+    }
+    TDebugStream& stream;
+  };
+  TDebugStream lone(second);
+  lone.AddWriter(new Leaving(lone));
+  lone.AddWriter(new Leaving(lone));
   lone << "text";
   EXPECT_FALSE(lone.GetEnabled());
 }
@@ -160,19 +151,15 @@ TEST_F(Stream, WritersAreAddedAndRemovedOneAtATime) {
   EXPECT_WRITTEN("x", "xx");
   stream.RemoveWriter(writer);
   EXPECT_WRITTEN("x", "x");
+  stream += stream;
+  EXPECT_WRITTEN("x", "xx");
   auto const other = MakeCounted<RecordingWriter>();
-  stream.AddWriter(writer);
-  stream.AddWriter(MakeCounted<RecordingWriter>());
   stream.ChangeWriter(other);
   EXPECT_WRITTEN("y", "");
   EXPECT_EQ(other->all(), "y");
   stream.ClearWriters();
   EXPECT_NO_THROW(stream << "z");
   EXPECT_FALSE(stream.GetEnabled());
-  TDebugStream twice(other);
-  twice += twice;
-  twice << "!";
-  EXPECT_EQ(other->all(), "y!!");
 }
 
 TEST_F(Stream, ClassesAreBitsThatOnlyTheClientsLookAt) {
@@ -187,31 +174,22 @@ TEST_F(Stream, ClassesAreBitsThatOnlyTheClientsLookAt) {
   EXPECT_FALSE(stream.GetEnabled('A'));
 }
 
-TEST_F(Stream, TimeStampStandsBeforeEveryLineAndTheDateBeforeTheFirst) {
-  auto const time = local_time_away_from_midnight();
-  char date[20];
-  std::snprintf(date, sizeof date, "%02d.%02d.%04d", time.wDay, time.wMonth, time.wYear);
+TEST_F(Stream, TimeStampStandsBeforeEveryLineAndTheDateWhereTheDayChanges) {
+  SYSTEMTIME time = {2004, 2, 0, 29, 12, 30, 45, 678};
+  Replacement const clock{VELT_CALL(GetLocalTime),
+                          [&](auto, SYSTEMTIME* place) { *place = time; }};
   stream.TimeStamps = true;
-  auto lines = lines_of(written([&] { stream << "one\n" << "a" << "b\n" << "\nend"; }));
-  ASSERT_EQ(lines.size(), 5u);
-  for (std::size_t i = 1; i < 5; ++i) {
-    ASSERT_GE(lines[i].size(), 13u);
-    expect_time(lines[i], time);
-    EXPECT_TRUE(lines[i][8] == '.' && lines[i][12] == ' ') << lines[i];
-    lines[i].erase(0, 13);
-  }
-  EXPECT_EQ(lines, (std::vector<std::string>{date, "one", "ab", "", "end"}));
-  EXPECT_WRITTEN(" of line", " of line");
-
-  auto last_day = static_cast<unsigned short>(time.wDay - 1);
-  EXPECT_TRUE(now2(last_day).starts_with(date));
-  EXPECT_EQ(last_day, time.wDay);
-  EXPECT_EQ(now2(last_day).size(), 13u);
+  EXPECT_WRITTEN("one\n" << "a" << "b\n" << "\nend",
+                 "29.02.2004\n12:30:45.678 one\n12:30:45.678 ab\n12:30:45.678 \n"
+                 "12:30:45.678 end");
+  time = {2004, 3, 0, 1, 0, 0, 0, 7};
+  EXPECT_WRITTEN(" of line\nnext", " of line\n01.03.2004\n00:00:00.007 next");
   // The other form has both, and a year of two digits.
-  auto const both = now();
-  std::snprintf(date, sizeof date, "%02d.%02d.%02d ", time.wDay, time.wMonth, time.wYear % 100);
-  EXPECT_TRUE(both.size() == 18 && both.starts_with(date) && both.ends_with(' ')) << both;
-  expect_time(both.substr(9), time);
+  Replacement const other_clock{VELT_CALL(_localtime64_s), [](auto, tm* place, auto) {
+                                  *place = {45, 30, 12, 29, 1, 104, 0, 0, 0};
+                                  return 0;
+                                }};
+  EXPECT_EQ(now(), "29.02.04 12:30:45 ");
 }
 
 // If each stamp moved the text behind it, these lines would move a thousand times
