@@ -84,19 +84,6 @@ TEST(KernelObjects, QueuedCallsEndTimedWaitsAndNotUntimedOnes) {
                                [&] { mutex.Unlock(); });
 }
 
-TEST(KernelObjects, ObjectOpenedByItsNameIsTheSame) {
-  auto const name = "velt-locks-" + std::to_string(GetCurrentProcessId());
-  std::wstring const wide(name.begin(), name.end());
-  TEvent event((name + "e").c_str(), false, false), same_event(DoNotInitialize);
-  TSemaphore semaphore((wide + L"s").c_str(), 3, 0), same_semaphore(DoNotInitialize);
-  same_event.OpenEventW((wide + L"e").c_str(), EVENT_MODIFY_STATE);
-  same_semaphore.OpenSemaphoreW((name + "s").c_str(), SEMAPHORE_MODIFY_STATE);
-  EXPECT_FALSE(event.Signaled(0) || semaphore.Lock(0));
-  same_event.Set();
-  same_semaphore.Unlock();
-  EXPECT_TRUE(event.Signaled(0) && semaphore.Lock(0));
-}
-
 TEST(KernelObjects, MutexOfAnOwnerThatEndedIsAcquired) {
   auto const acquire_from_the_dead = [](auto acquire) {
     TMutex mutex;

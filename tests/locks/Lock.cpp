@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
+#include <array>
 #include <cmath>
 #include <stdexcept>
 #include <string>
@@ -14,7 +15,6 @@
 #include "tests/support/Expect.h"
 #include "tests/support/Imports.h"
 #include "velt/locks/CriticalSection.h"
-#include "velt/locks/MultiLock.h"
 #include "velt/locks/TimedLock.h"
 #include "velt/time/Stopwatches.h"
 
@@ -131,55 +131,37 @@ TEST_F(Guard, FailureOfUnlockPassesOutAndLeavesTheGuardHolding) {
   EXPECT_EQ(probe.asked, "Lock Unlock Unlock ");
 }
 
-TEST(TimedLock, SumsUpBusyAndIdleTime) {
+TEST(TimedLock, ForwardsEveryOperationAndSumsUpBusyAndIdleTime) {
   __int64 now = 1'000;
   velt_test::Replacement const clock{VELT_CALL(QueryPerformanceCounter),
                                      [&](auto, LARGE_INTEGER* place) -> BOOL {
                                        place->QuadPart = now;
                                        return TRUE;
                                      }};
-  TMultiLock target;
+  Probe target;
   TTimedLock lock(target);
   EXPECT_TRUE(std::isnan(lock.get_busy())) << "within the tick of its construction";
   now += 30;
-  EXPECT_EQ(lock.get_busy(), 0.0);
-  lock.Lock();
-  now += 10;
-  EXPECT_EQ(lock.get_busy(), 0.25);
-  // A further hold does not begin a period anew.
-  lock.ReadLock();
-  now += 20;
-  lock.Unlock();
-  lock.Unlock();
-  EXPECT_EQ(lock.get_busy(), 0.5);
-  now += 60;
-  EXPECT_EQ(lock.get_busy(), 0.25);
-  lock.ReadLockThreadIndependent();
-  now += 40;
-  EXPECT_EQ(lock.get_busy(), 70.0 / 160);
-  lock.UnlockThreadIndependent();
-  EXPECT_EQ(lock.get_elapsed_ticks(), 160);
-  EXPECT_EQ(lock.get_elapsed(), 160 / _pcounter_t::frequency);
-}
-
-TEST(TimedLock, EveryOperationGoesToItsOwnAndCountsUnlessItFails) {
-  Probe target;
-  TTimedLock lock(target);
+  auto const lock_all = [&] {
+    return std::array{lock.Lock(1), lock.ReadLock(2), lock.WriteLock(3),
+                      lock.ReadLockThreadIndependent(4), lock.WriteLockThreadIndependent(5)};
+  };
   target.available = false;
-  EXPECT_FALSE(lock.Lock(1) || lock.ReadLock(2) || lock.WriteLock(3) ||
-               lock.ReadLockThreadIndependent(4) || lock.WriteLockThreadIndependent(5));
-  EXPECT_FALSE(lock.IsLocked());
+  EXPECT_EQ(lock_all(), (std::array<bool, 5>{}));
+  EXPECT_EQ(lock.get_busy(), 0.0);
   target.available = true;
-  EXPECT_TRUE(lock.Lock(1) && lock.ReadLock(2) && lock.WriteLock(3) &&
-              lock.ReadLockThreadIndependent(4) && lock.WriteLockThreadIndependent(5));
+  EXPECT_EQ(lock_all(), (std::array{true, true, true, true, true}));
   std::string const timed =
       "Lock 1 ReadLock 2 WriteLock 3 ReadLockThreadIndependent 4 WriteLockThreadIndependent 5 ";
   EXPECT_EQ(std::exchange(target.asked, ""), timed + timed);
+  now += 10;
+  EXPECT_EQ(lock.get_busy(), 0.25);
   lock.Lock();
   lock.ReadLock();
   lock.WriteLock();
   lock.ReadLockThreadIndependent();
   lock.WriteLockThreadIndependent();
+  now += 20;
   for (int left = 10; left > 0; --left) {
     EXPECT_TRUE(lock.IsLocked());
     left % 2 ? lock.Unlock() : lock.UnlockThreadIndependent();
@@ -188,6 +170,11 @@ TEST(TimedLock, EveryOperationGoesToItsOwnAndCountsUnlessItFails) {
   EXPECT_TRUE(target.asked.starts_with(
       "Lock ReadLock WriteLock ReadLockThreadIndependent WriteLockThreadIndependent "
       "UnlockThreadIndependent Unlock UnlockThreadIndependent ")) << target.asked;
+  EXPECT_EQ(lock.get_busy(), 0.5);
+  now += 60;
+  EXPECT_EQ(lock.get_busy(), 0.25);
+  EXPECT_EQ(lock.get_elapsed_ticks(), 120);
+  EXPECT_EQ(lock.get_elapsed(), 120 / _pcounter_t::frequency);
 }
 
 TEST(CriticalSection, KeepsOtherThreadsOutUntilEveryLockIsUndone) {
