@@ -218,7 +218,7 @@ TEST_F(Stream, TimeStampsMoveALongTextOnlyAFewTimes) {
   EXPECT_LT(moved, 12 * size);
 }
 
-TEST_F(Stream, StatementCostsOnePairHoweverLongItIs) {
+TEST_F(Stream, StatementOrSessionCostsOnePairHoweverLongItIsAndACopyItsOwn) {
   Talkative const object(stream);
   expect_pairs(1, [&] { stream << "a"; });
   expect_pairs(1, [&] {
@@ -227,9 +227,6 @@ TEST_F(Stream, StatementCostsOnePairHoweverLongItIs) {
   expect_pairs(1, [&] { stream.Dump("abcdefgh", 8) << "\n"; });
   expect_pairs(1, [&] { stream.printf("%d", 1); });
   EXPECT_EQ(writer->all(), "a12.5w3(1)talkative\n61 62 63 64 65 66 67 68\n1");
-}
-
-TEST_F(Stream, SessionPaysForAllThatItsThreadDoesMeanwhileAndACopyForItself) {
   expect_pairs(1, [&] {
     TDebugStreamSession session(stream);
     TDebugStreamSession same = session;
