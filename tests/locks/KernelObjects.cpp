@@ -85,15 +85,14 @@ TEST(KernelObjects, QueuedCallsEndTimedWaitsAndNotUntimedOnes) {
 }
 
 TEST(KernelObjects, MutexOfAnOwnerThatEndedIsAcquired) {
-  auto const acquire_from_the_dead = [](auto acquire) {
-    TMutex mutex;
-    std::thread([&] { mutex.Lock(); }).join();
-    acquire(mutex);
-    mutex.Unlock();
-  };
-  acquire_from_the_dead([](TMutex& mutex) { EXPECT_TRUE(mutex.Lock(limit)); });
-  acquire_from_the_dead([](TMutex& mutex) { mutex.Lock(); });
-  acquire_from_the_dead([](TMutex& mutex) {
-    EXPECT_EQ(mutex.WaitForSingleObject(limit, FALSE), DWORD{WAIT_ABANDONED});
-  });
+  TMutex mutex;
+  auto const abandon = [&] { std::thread([&] { mutex.Lock(); }).join(); };
+  abandon();
+  EXPECT_TRUE(mutex.Lock(limit));
+  mutex.Unlock();
+  abandon();
+  mutex.Lock();
+  mutex.Unlock();
+  abandon();
+  EXPECT_EQ(mutex.WaitForSingleObject(limit, FALSE), DWORD{WAIT_ABANDONED});
 }

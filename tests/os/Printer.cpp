@@ -155,12 +155,9 @@ TEST(PrinterCalls, OnlyTextsAndNumbersAreStored) {
   EXPECT_EQ(system_code([&] { printer.SetPrinterDataW(L"data", 1); }), static_cast<int>(denied));
 }
 
-TEST(Printers, UnknownNameIsToldWithTheAccess) {
+TEST(Printers, RealOneNamesItselfAndKeepsWhatIsSet) {
   EXPECT_EQ(values_of([] { TPrinter(L"no such printer", PRINTER_ACCESS_USE); }),
             "Code=1801;Text=Invalid printer name.;Name=no such printer;Access=8");
-}
-
-TEST(Printers, RealOneNamesItselfAndKeepsWhatIsSet) {
   ScratchPrinter const scratch;
   TPrinter printer(scratch.name.c_str(), PRINTER_ALL_ACCESS);
   AutoPtr<PRINTER_INFO_2W> info, all;
