@@ -143,6 +143,33 @@ TEST_F(MultiLock, NoWakeUpOfManyIsLost) {
   EXPECT_EQ(passed, 3 * rounds);
 }
 
+// Between any two instructions another thread may take the inner lock if it is free.
+TEST_F(MultiLock, StateFitsTheHoldsWheneverTheInnerLockIsFree) {
+  static OpenLock* stepped;
+  static int looks, torn;
+  stepped = &lock;
+  looks = torn = 0;
+  constexpr unsigned int trap_flag = 0x100;
+  void* const handler = AddVectoredExceptionHandler(1, [](EXCEPTION_POINTERS* at) -> LONG {
+    if (at->ExceptionRecord->ExceptionCode != DWORD{EXCEPTION_SINGLE_STEP})
+      return EXCEPTION_CONTINUE_SEARCH;
+    ++looks;
+    torn += stepped && stepped->is_torn();
+    if (stepped) at->ContextRecord->EFlags |= trap_flag;
+    return EXCEPTION_CONTINUE_EXECUTION;
+  });
+  __builtin_ia32_writeeflags_u64(__builtin_ia32_readeflags_u64() | trap_flag);
+  steps("RRUUWURWUUWRUU");
+  lock.ReadLockThreadIndependent();
+  lock.UnlockThreadIndependent();
+  lock.WriteLockThreadIndependent();
+  lock.UnlockThreadIndependent();
+  stepped = nullptr;
+  RemoveVectoredExceptionHandler(handler);
+  EXPECT_GT(looks, 500);
+  EXPECT_EQ(torn, 0);
+}
+
 TEST_F(MultiLock, QueuedCallThatThrowsEndsTheSpinOfAnAcquisition) {
   lock.hold_inner();
   start(b, "R");
