@@ -1,18 +1,13 @@
-// Writers and captures for the tests of the debug streams.
+// For the tests of what writes to debug streams.
 #pragma once
 
-#include <gtest/gtest.h>
 #include <windows.h>
 
-#include <cstdio>
-#include <fstream>
-#include <iterator>
-#include <mutex>
 #include <sstream>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "tests/support/Imports.h"
 #include "velt/debug/Writers.h"
 
 // Keeps every text that it is given.
@@ -34,65 +29,17 @@ class ThrowingWriter : public TStreamWriter {
 public:
   void StreamWriteString(char const*, unsigned __int64) override {
     ++calls;
-    throw std::runtime_error("no paper");
+    throw calls;
   }
 
   int calls = 0;
 };
 
-// A file name of the test's own; the file goes with the object.
-class TemporaryFile {
-public:
-  TemporaryFile() {
-    char folder[MAX_PATH];
-    GetTempPathA(MAX_PATH, folder);
-    static int count = 0;
-    path = folder + ("velt" + std::to_string(GetCurrentProcessId())) + "_" +
-           std::to_string(++count) + ".txt";
-    DeleteFileA(path.c_str());
-  }
-  TemporaryFile(TemporaryFile const&) = delete;
-  ~TemporaryFile() { DeleteFileA(path.c_str()); }
-
-  char const* name() const { return path.c_str(); }
-
-  std::string bytes() const {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-  }
-
-private:
-  std::string path;
-};
-
-// What this process sends to the debugger while the object lives.
-class DebuggerCapture {
-public:
-  DebuggerCapture() {
-    text().clear();
-    handler = AddVectoredExceptionHandler(1, see);
-  }
-  DebuggerCapture(DebuggerCapture const&) = delete;
-  ~DebuggerCapture() { RemoveVectoredExceptionHandler(handler); }
-
-  static std::string& text() {
-    static std::string captured;
-    return captured;
-  }
-
-private:
-  static LONG CALLBACK see(EXCEPTION_POINTERS* pointers) {
-    constexpr DWORD print_to_debugger = 0x40010006;
-    auto const& record = *pointers->ExceptionRecord;
-    if (record.ExceptionCode != print_to_debugger) return EXCEPTION_CONTINUE_SEARCH;
-    static std::mutex lock;
-    std::lock_guard const guard(lock);
-    text() += reinterpret_cast<char const*>(record.ExceptionInformation[1]);
-    return EXCEPTION_CONTINUE_EXECUTION;
-  }
-
-  void* handler;
-};
+// Keeps what is sent to the debugger while it lives.
+inline auto debugger_capture(std::string& text) {
+  auto const keep = [&text](auto, char const* sent) { text += sent; };
+  return velt_test::Replacement{VELT_CALL(OutputDebugStringA), keep};
+}
 
 inline std::vector<std::string> lines_of(std::string const& text) {
   std::vector<std::string> lines;

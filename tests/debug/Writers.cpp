@@ -1,9 +1,12 @@
+#include <gtest/gtest.h>
+
 #include <string_view>
 
-#include "ChildProcess.h"
 #include "Support.h"
-#include "velt/debug/Writers.h"
+#include "tests/support/ChildProcess.h"
+#include "velt/debug/DebugStream.h"
 
+using namespace velt_test;
 using namespace std::string_view_literals;
 
 namespace {
@@ -12,77 +15,69 @@ void write(TStreamWriter& writer, std::string_view text) {
   writer.StreamWriteString(text.data(), text.size());
 }
 
+struct FileWriters : ::testing::Test {
+  scratch_folder const scratch;
+  std::filesystem::path const path = scratch.path() / "file";
+  std::string const name = path.string();
+};
+
 }  // namespace
 
 TEST(DebugWriter, SendsTerminatedTextToTheDebuggerWhateverItsSize) {
-  DebuggerCapture capture;
+  std::string sent;
+  auto const capture = debugger_capture(sent);
   TDebugWriter writer;
   writer.StreamWriteString("one\n", 4);
   writer.StreamWriteString("two", 1);
-  EXPECT_EQ(capture.text(), "one\ntwo");
+  EXPECT_EQ(sent, "one\ntwo");
 }
 
-TEST(FileWriter, AppendsInTextModeAndClosesTheFileEachTime) {
-  TemporaryFile file;
-  TFileWriter writer{file.name()};
-  EXPECT_EQ(GetFileAttributesA(file.name()), INVALID_FILE_ATTRIBUTES);
+TEST_F(FileWriters, PlainOneAppendsInTextModeAndClosesTheFileEachTime) {
+  TFileWriter writer(name);
+  EXPECT_FALSE(exists(path));
   write(writer, "a\nb");
-  EXPECT_EQ(file.bytes(), "a\r\nb");
+  EXPECT_EQ(content_of(path), "a\r\nb");
   TFileWriter copy = writer;
   write(copy, "\0c"sv);
-  EXPECT_EQ(file.bytes(), "a\r\nb\0c"sv);
-
-  EXPECT_TRUE(DeleteFileA(file.name()));
+  EXPECT_EQ(content_of(path), "a\r\nb\0c"sv);
+  EXPECT_TRUE(remove(path));
   write(writer, "anew");
-  EXPECT_EQ(file.bytes(), "anew");
+  EXPECT_EQ(content_of(path), "anew");
 }
 
-TEST(FileWriters, FileThatCannotBeOpenedSwallowsEverything) {
+TEST_F(FileWriters, FileThatCannotBeOpenedSwallowsEverything) {
   TFileWriter writer("c:\\no such folder\\log.txt");
   TPermanentFileWriter permanent("c:\\no such folder\\log.txt");
   EXPECT_NO_THROW(write(writer, "lost"));
   EXPECT_NO_THROW(write(permanent, "lost"));
 }
 
-TEST(PermanentFileWriter, EveryLineFeedGetsACarriageReturn) {
-  TemporaryFile file;
-  TPermanentFileWriter writer(file.name());
+TEST_F(FileWriters, PermanentOneAddsCarriageReturnsAndKeepsOtherWritersOut) {
+  { TPermanentFileWriter(name.c_str()).StreamWriteString("old ", 4); }
+  TPermanentFileWriter writer(path.c_str());
   for (auto const text : {"a\nb"sv, "\n\n"sv, "c\r\n\0\n"sv, "plain"sv}) write(writer, text);
-  EXPECT_EQ(file.bytes(), "a\r\nb\r\n\r\nc\r\r\n\0\r\nplain"sv);
-}
-
-TEST(PermanentFileWriter, KeepsWhatTheFileHoldsAndLetsOthersReadOnly) {
-  TemporaryFile file;
-  { TPermanentFileWriter(file.name()).StreamWriteString("old ", 4); }
-  TPermanentFileWriter writer(std::wstring(file.name(), file.name() + strlen(file.name())).c_str());
-  write(writer, "new");
-  EXPECT_EQ(file.bytes(), "old new");
-
-  EXPECT_EQ(CreateFileA(file.name(), GENERIC_WRITE, 7, nullptr, OPEN_EXISTING, 0, nullptr),
-            INVALID_HANDLE_VALUE);
-  TPermanentFileWriter second(file.name());
+  TPermanentFileWriter second(name.c_str());
   write(second, "swallowed");
-  EXPECT_EQ(file.bytes(), "old new");
-}
-
-TEST(PermanentFileWriter, CopiesShareTheHandleAndTheFirstToGoClosesIt) {
-  TemporaryFile file;
-  TPermanentFileWriter writer(file.name());
-  {
-    TPermanentFileWriter copy = writer;
-    write(copy, "both");
-  }
+  EXPECT_EQ(content_of(path), "old a\r\nb\r\n\r\nc\r\r\n\0\r\nplain"sv);
+  EXPECT_EQ(CreateFileA(name.c_str(), GENERIC_WRITE, 7, nullptr, OPEN_EXISTING, 0, nullptr),
+            INVALID_HANDLE_VALUE);
+  // Copies share the handle, and the first to go closes it.
+  { TPermanentFileWriter const copy = writer; }
   write(writer, "closed");
-  EXPECT_EQ(file.bytes(), "both");
+  EXPECT_TRUE(remove(path));
 }
 
-// The child writes "größe" in the ANSI code page, reads its console back and
-// tells the characters; in the OEM code page, 437, these are 0x94 and 0xE1.
-TEST(ConsoleWriter, ConsoleShowsTheTextInItsOwnCodePage) {
-  TemporaryFile report;
-  ASSERT_EQ(run_child({"console", report.name()}, CREATE_NO_WINDOW), 0u);
-  auto const lines = lines_of(report.bytes());
-  ASSERT_GE(lines.size(), 2u);
-  EXPECT_EQ(lines[0], "gr\x94\xE1" "e 1");
-  EXPECT_EQ(lines[1], "second");
+// "größe" in the ANSI code page; in the OEM code page, 437, these letters are 0x94
+// and 0xE1.
+TEST(ConsoleWriter, ConsoleGetsTheTextInItsOwnCodePage) {
+  std::string shown;
+  Replacement const console{VELT_CALL(WriteConsoleA),
+                            [&](auto, HANDLE, void const* text, DWORD size, auto...) -> BOOL {
+                              shown.append(static_cast<char const*>(text), size);
+                              return TRUE;
+                            }};
+  TDebugStream stream(MakeCounted<TConsoleWriter>(false));
+  stream << "gr\xF6\xDF" "e " << 1 << "\n";
+  Console << "second\n";
+  EXPECT_EQ(shown, "gr\x94\xE1" "e 1\nsecond\n");
 }

@@ -5,14 +5,16 @@
 #include <windows.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <exception>
 #include <functional>
-#include <stdexcept>
+#include <future>
 #include <string>
 #include <thread>
 #include <utility>
+
+#include "velt/locks/Event.h"
 
 namespace velt_test {
 
@@ -21,45 +23,35 @@ struct Interrupted {};
 
 class Agent {
 public:
-  Agent() : Agent("an agent") {}
-  explicit Agent(char const* its_name)
-      : name(its_name),
-        begin(CreateEventW(nullptr, FALSE, FALSE, nullptr)),
-        end(CreateEventW(nullptr, TRUE, FALSE, nullptr)),
-        thread([this] { work(); }) {
-    finish_or_give_up();
-  }
+  explicit Agent(char const* its_name = "an agent") : name(its_name) { run([] {}); }
   Agent(Agent const&) = delete;
-  ~Agent() {
-    finish_or_give_up();
-    stopping = true;
-    SetEvent(begin);
+  ~Agent() noexcept {
+    expect_end();
+    begin.Set();
     thread.join();
-    for (HANDLE const each : {begin, end, handle}) CloseHandle(each);
   }
 
   // Returns at once.
-  void start(std::function<void()> the_step) {
+  void start(std::function<void()> step) {
     finish();
-    step = std::move(the_step);
-    ResetEvent(end);
-    SetEvent(begin);
+    next = std::packaged_task<void()>(std::move(step));
+    end = next.get_future();
+    begin.Set();
   }
 
-  bool finished_within(unsigned long milliseconds) {
-    return WaitForSingleObject(end, milliseconds) == WAIT_OBJECT_0;
-  }
   // For showing that a step does not go on.
-  bool waits(unsigned long milliseconds = 40) { return !finished_within(milliseconds); }
+  bool waits(unsigned int milliseconds = 40) const {
+    return end.wait_for(std::chrono::milliseconds(milliseconds)) == std::future_status::timeout;
+  }
 
   // Waits for the step and throws what it threw.
   void finish() {
-    finish_or_give_up();
-    if (auto const thrown = std::exchange(failure, nullptr)) std::rethrow_exception(thrown);
+    expect_end();
+    if (end.valid()) end.get();
   }
 
-  void run(std::function<void()> the_step) {
-    start(std::move(the_step));
+  void run(std::function<void()> step) {
+    start(std::move(step));
     finish();
   }
 
@@ -70,30 +62,30 @@ public:
     return answer;
   }
 
-  // Queues a call, which runs when the step next waits alertably.
-  void queue(PAPCFUNC call) { QueueUserAPC(call, handle, reinterpret_cast<ULONG_PTR>(this)); }
+  // Queues a call, which runs when the step next waits alertably. One at a time.
+  void queue(std::function<void()> call) {
+    queued = std::move(call);
+    THandle target;
+    target.AttachHandle(OpenThread(THREAD_SET_CONTEXT, FALSE, thread_id));
+    QueueUserAPC([](ULONG_PTR agent) { reinterpret_cast<Agent*>(agent)->queued(); }, target,
+                 reinterpret_cast<ULONG_PTR>(this));
+  }
   void interrupt() {
     interrupted = false;
-    queue([](ULONG_PTR agent) {
-      reinterpret_cast<Agent*>(agent)->interrupted = true;
+    queue([this] {
+      interrupted = true;
       throw Interrupted();
     });
   }
-  // Until the call of interrupt() throws. False if it never does.
-  bool is_interrupted_soon() const {
-    for (unsigned long passed = 0; passed < patience && !interrupted; ++passed) Sleep(1);
-    return interrupted;
-  }
 
-  unsigned long id() const { return thread_id; }
   std::string id_text() const { return std::to_string(thread_id); }
 
-private:
-  static constexpr unsigned long patience = 30'000;
+  std::atomic<bool> interrupted = false;  // by the call of interrupt()
 
+private:
   // A step that never ends would hang the test: it ends the program instead.
-  void finish_or_give_up() {
-    if (finished_within(patience)) return;
+  void expect_end() const {
+    if (!end.valid() || !waits(30'000)) return;
     std::fprintf(stderr, "%s never ended its step\n", name);
     std::fflush(stderr);
     std::_Exit(1);
@@ -101,30 +93,21 @@ private:
 
   void work() {
     thread_id = GetCurrentThreadId();
-    HANDLE const process = GetCurrentProcess();
-    DuplicateHandle(process, GetCurrentThread(), process, &handle, 0, FALSE,
-                    DUPLICATE_SAME_ACCESS);
-    SetEvent(end);
     for (;;) {
-      WaitForSingleObject(begin, INFINITE);
-      if (stopping) return;
-      try {
-        step();
-      } catch (...) {
-        failure = std::current_exception();
-      }
-      SetEvent(end);
+      begin.WaitForSingleObject(INFINITE, FALSE);
+      auto step = std::move(next);
+      if (!step.valid()) return;
+      step();
     }
   }
 
   char const* name;
-  HANDLE begin, end, handle = nullptr;
+  TEvent begin{false, false};
   unsigned long thread_id = 0;
-  bool stopping = false;
-  std::atomic<bool> interrupted = false;
-  std::function<void()> step;
-  std::exception_ptr failure;
-  std::thread thread;
+  std::function<void()> queued;
+  std::packaged_task<void()> next;
+  std::future<void> end;
+  std::thread thread{[this] { work(); }};
 };
 
 }  // namespace velt_test

@@ -1,272 +1,277 @@
 #include "velt/locks/MultiLock.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <atomic>
-#include <functional>
 #include <string>
+#include <tuple>
+#include <vector>
 
-#include "tests/locks/Agent.h"
-#include "tests/locks/OpenLock.h"
-#include "velt/exceptions/ExceptionFamily.h"
+#include "tests/locks/LockTest.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/Expect.h"
+#include "tests/support/Imports.h"
 #include "velt/time/Stopwatches.h"
 
-using velt_test::Agent;
-using velt_test::Interrupted;
-using velt_test::OpenLock;
+using namespace velt_test;
+
+VELT_WATCH(CloseHandle, CreateEventW, CreateWaitableTimerW, ResetEvent, SetEvent, SetWaitableTimer,
+           SleepEx, WaitForMultipleObjectsEx, WaitForSingleObjectEx);
 
 namespace {
 
-std::string record(Agent const& agent, char kind) { return agent.id_text() + ":" + kind; }
+constexpr Call<void* (*)(std::size_t)> call_of_malloc{"malloc"}, call_of_new{"_Znwy"};
+constexpr Call<void* (*)(void*, std::size_t)> call_of_realloc{"realloc"};
 
-class MultiLock : public ::testing::Test {
-protected:
-  OpenLock lock;
-  Agent a{"A"}, b{"B"}, c{"C"};
-
-  std::string status() { return lock.GetStatusString(); }
-  void read(Agent& agent) {
-    agent.run([this] { lock.ReadLock(); });
-  }
-  void write(Agent& agent) {
-    agent.run([this] { lock.WriteLock(); });
-  }
-  void unlock(Agent& agent) {
-    agent.run([this] { lock.Unlock(); });
-  }
-  void start_read(Agent& agent) {
-    agent.start([this] { lock.ReadLock(); });
-    EXPECT_TRUE(agent.waits());
-  }
-  void start_write(Agent& agent) {
-    agent.start([this] { lock.WriteLock(); });
-    EXPECT_TRUE(agent.waits());
-  }
-};
+using MultiLock = LockTest<OpenLock>;
 
 }  // namespace
 
-TEST_F(MultiLock, UnlockRemovesTheNewestHoldOfTheCallerFromTheMiddle) {
-  for (Agent* const each : {&a, &b, &a, &b, &c}) read(*each);
-  unlock(a);
-  EXPECT_EQ(status(), "locked_read, " + record(a, 'R') + "," + record(b, 'R') + "," +
-                          record(b, 'R') + "," + record(c, 'R'));
-  for (Agent* const each : {&a, &b, &b, &c}) unlock(*each);
+TEST_F(MultiLock, UnlockRemovesTheNewestHoldOfItsOwnerFromTheMiddle) {
+  for (Agent* const each : {&a, &b, &a, &b, &c}) by(*each, "R");
+  lock.ReadLockThreadIndependent();
+  by(a, "U");
+  EXPECT_EQ(status(), "locked_read, A:R,B:R,B:R,C:R,0:R");
+  by(a, "UU");
+  b.run([&] { lock.UnlockThreadIndependent(); });
+  EXPECT_EQ(status(), "locked_read, B:R,B:R,C:R");
+  lock.UnlockThreadIndependent();
+  by(b, "UU");
+  by(c, "U");
   EXPECT_EQ(status(), "not_locked");
 }
 
 TEST_F(MultiLock, SecondUpgraderThrowsAtOnceAndFirstGetsTheLock) {
-  read(a);
-  read(b);
-  start_write(a);
-  try {
-    b.run([&] { lock.WriteLock(); });
-    ADD_FAILURE() << "did not throw";
-  } catch (EDeadLockException const& e) {
-    EXPECT_EQ(e["Status"].as_string(),
-              "locked_read, " + record(a, 'R') + "," + record(b, 'R') + ", 1 r->w waiters");
-  }
+  by(a, "R");
+  by(b, "R");
+  start(a, "W");
+  std::string const held = lock.GetStatusString(), thrown = values_of<EDeadLockException>([&] {
+    by(b, "W");
+  });
+  EXPECT_TRUE(held.ends_with(", 1 r->w waiters")) << held;
+  EXPECT_TRUE(thrown.ends_with(";Status=" + held)) << thrown;
   EXPECT_TRUE(a.waits());
-  unlock(b);
+  by(b, "U");
   a.finish();
-  EXPECT_EQ(status(), "locked_write, " + record(a, 'R') + "," + record(a, 'W'));
-  unlock(a);
-  unlock(a);
-}
-
-TEST_F(MultiLock, HoldOfNoThreadEndsOnAnotherThreadAndOnlyByItsOwnUnlock) {
-  a.run([&] { lock.WriteLockThreadIndependent(); });
-  unlock(a);
-  EXPECT_EQ(status(), "locked_write, 0:W");
-  b.run([&] { lock.UnlockThreadIndependent(); });
-  read(a);
-  b.run([&] { lock.UnlockThreadIndependent(); });
-  EXPECT_EQ(status(), "locked_read, " + record(a, 'R'));
-  unlock(a);
+  EXPECT_EQ(status(), "locked_write, A:R,A:W");
 }
 
 TEST_F(MultiLock, ReadersAfterAWriterAreServedOneAtATimeAndNewcomersPassThem) {
-  Agent newcomer("the newcomer");
-  write(a);
-  start_read(b);
-  start_read(c);
-  unlock(a);
+  by(a, "W");
+  start(b, "R");
+  start(c, "R");
+  by(a, "U");
   while (b.waits() && c.waits()) {
   }
-  bool const b_was_first = b.finished_within(0);
-  Agent& first = b_was_first ? b : c;
-  Agent& second = b_was_first ? c : b;
+  auto const [first, second] = b.waits(0) ? std::tie(c, b) : std::tie(b, c);
   EXPECT_TRUE(second.waits());
-  EXPECT_TRUE(newcomer.ask([&] { return lock.ReadLock(0); }));
-  unlock(first);
+  EXPECT_TRUE(a.ask([&] { return lock.ReadLock(0); }));
+  by(first, "U");
   EXPECT_TRUE(second.waits());
-  unlock(newcomer);
+  by(a, "U");
   second.finish();
-  EXPECT_EQ(status(), "locked_read, " + record(second, 'R'));
-  unlock(second);
 }
 
 // The shortest of many waits: what the machine adds is not the lock's doing, and
 // nothing may make a wait shorter.
 TEST_F(MultiLock, WaitLastsAsLongAsItsLimit) {
   constexpr unsigned int limit = 20;
-  auto const shortest = [](auto wait) {
-    double result = 1e9;
+  auto const expect_limit = [&](auto wait) {
+    double shortest = 1e9;
     for (int i = 0; i < 12; ++i) {
       _pcounter_t const watch;
       EXPECT_FALSE(wait());
-      result = std::min(result, 1'000 * watch.get_elapsed());
+      shortest = std::min(shortest, 1'000 * watch.get_elapsed());
     }
-    return result;
+    EXPECT_GE(shortest, limit - 1);  // the timer's clock is not the watch's
+    EXPECT_LT(shortest, 4 * limit);
   };
-  auto const expect_limit = [&](auto wait) {
-    double const milliseconds = shortest(wait);
-    EXPECT_GE(milliseconds, limit - 1);  // the timer's clock is not the watch's
-    EXPECT_LT(milliseconds, 4 * limit);
-  };
-  write(a);
+  by(a, "W");
   expect_limit([this] { return lock.ReadLock(limit); });
   expect_limit([this] { return lock.WriteLock(limit); });
-  unlock(a);
-  read(a);
-  TReadLock const reading(lock);
+  by(a, "UR");
+  lock.ReadLock();
   expect_limit([this] { return lock.WriteLock(limit); });
-  unlock(a);
 }
 
-// A reader that finds the signal for readers still up returns from every wait at
-// once, so its limit, which each wait starts anew, never runs out.
-TEST_F(MultiLock, LimitBoundsOneWaitAndNotTheOperation) {
-  read(a);
-  write(a);
-  unlock(a);
-  unlock(a);
-  a.run([&] { lock.WriteLockThreadIndependent(); });
-  b.start([&] { EXPECT_TRUE(lock.ReadLock(20)); });
-  EXPECT_TRUE(b.waits(200));
-  a.run([&] { lock.UnlockThreadIndependent(); });
-  b.finish();
-  unlock(b);
-
-  // A write lock of a thread lowers the signal, and the limit holds again.
-  write(a);
+TEST_F(MultiLock, LimitBeginsAnewAfterAWakeUpAndNotAfterAQueuedCall) {
+  std::vector<DWORD> ends{WAIT_IO_COMPLETION, WAIT_OBJECT_0, WAIT_IO_COMPLETION, WAIT_OBJECT_0};
+  Replacement const waits{VELT_CALL(WaitForMultipleObjectsEx),
+                          [&](auto platform, auto... rest) {
+                            if (ends.empty()) return platform(rest...);
+                            DWORD const end = ends.back();
+                            ends.pop_back();
+                            return end;
+                          }};
+  std::vector<__int64> limits;
+  Replacement const timers{VELT_CALL(SetWaitableTimer),
+                           [&](auto platform, HANDLE timer, auto due, auto... rest) {
+                             limits.push_back(due->QuadPart);
+                             return platform(timer, due, rest...);
+                           }};
+  by(a, "W");
   EXPECT_FALSE(b.ask([&] { return lock.ReadLock(20); }));
-  unlock(a);
+  EXPECT_EQ(limits, std::vector<__int64>(3, -200'000));
 }
 
-// Two threads let each other through, each at a gate of its own: nobody else waits
-// there who could take up a wake-up that was lost.
+// Nobody else waits who could take up a wake-up that was lost.
 TEST_F(MultiLock, NoWakeUpOfManyIsLost) {
-  constexpr int rounds = 400;
-  TMultiLock gate_of_a, gate_of_b;
-  gate_of_a.WriteLockThreadIndependent();
-  gate_of_b.WriteLockThreadIndependent();
-  int a_passed = 0, b_passed = 0;
-  b.start([&] {
-    while (b_passed < rounds && gate_of_b.WriteLockThreadIndependent(5'000)) {
-      ++b_passed;
-      gate_of_a.UnlockThreadIndependent();
-    }
-  });
-  a.run([&] {
-    do gate_of_b.UnlockThreadIndependent();
-    while (gate_of_a.WriteLockThreadIndependent(5'000) && ++a_passed < rounds);
-  });
-  b.finish();
-  EXPECT_EQ(a_passed, rounds);
-  EXPECT_EQ(b_passed, rounds);
-}
-
-TEST_F(MultiLock, QueuedCallsRunInTheWaitWhichThenGoesOn) {
-  static std::atomic<int> calls;
-  calls = 0;
-  write(a);
-  start_write(b);
-  for (int i = 0; i < 3; ++i) b.queue([](ULONG_PTR) { ++calls; });
-  for (int i = 0; i < 1'000 && calls < 3; ++i) Sleep(1);
-  EXPECT_EQ(calls, 3);
-  EXPECT_TRUE(b.waits());
-  unlock(a);
-  b.finish();
-  unlock(b);
-}
-
-TEST_F(MultiLock, QueuedCallThatThrowsEndsTheWaitAndLeavesTheLockUsable) {
-  read(a);
-  read(b);
-  std::string const before = status();
-  auto const interrupted = [&](Agent& agent, std::function<void()> step) {
-    agent.start(step);
-    EXPECT_TRUE(agent.waits());
-    agent.interrupt();
-    EXPECT_THROW(agent.finish(), Interrupted);
-    EXPECT_EQ(status(), before);
+  constexpr int rounds = 200;
+  std::atomic<int> waiting;
+  int passed = 0;
+  Replacement const waits{VELT_CALL(WaitForMultipleObjectsEx), [&](auto platform, auto... rest) {
+                            ++waiting;
+                            return platform(rest...);
+                          }};
+  auto const hand_over = [&](Agent& holder, char const* letters, Agent& waiter, auto wait) {
+    waiting = 0;
+    waiter.start([&] { passed += (lock.*wait)(5'000); });
+    while (!waiting && waiter.waits(0)) Sleep(0);
+    by(holder, letters);
+    waiter.finish();
   };
-  interrupted(c, [&] { (void)lock.WriteLock(20'000); });
-  interrupted(c, [&] { lock.WriteLockThreadIndependent(); });
-  interrupted(a, [&] { lock.WriteLock(); });
-  interrupted(b, [&] { (void)lock.WriteLock(20'000); });
-  unlock(b);
-  write(a);
-  unlock(a);
-  unlock(a);
-  EXPECT_EQ(status(), "not_locked");
+  bool (OpenLock::*const read)(unsigned int) = &OpenLock::ReadLock;
+  bool (OpenLock::*const write)(unsigned int) = &OpenLock::WriteLock;
+  for (int round = 0; round < rounds && passed == 3 * round; ++round) {
+    // So that a signal that is lost each so many times is now and then one of those below.
+    for (int i = 0; i < round % 3; ++i) by(a, "RWUU");
+    by(a, "RW");
+    hand_over(a, "U", b, read);    // at the end of an upgrade
+    hand_over(a, "U", b, write);   // to the sole owner
+    hand_over(b, "UU", a, write);  // of a free lock
+    by(a, "U");
+  }
+  EXPECT_EQ(passed, 3 * rounds);
 }
 
-// It looks like the wait's own failure, which would stay counted.
-TEST_F(MultiLock, SystemExceptionOfAQueuedCallEndsAnUpgradeUncounted) {
-  read(a);
-  read(b);
-  start_write(a);
-  a.queue([](ULONG_PTR) { throw ESystemException(5); });
-  EXPECT_THROW(a.finish(), ESystemException);
-  EXPECT_EQ(status(), "locked_read, " + record(a, 'R') + "," + record(b, 'R'));
-  unlock(a);
-  unlock(b);
+// Between any two instructions another thread may take the inner lock if it is free.
+TEST_F(MultiLock, StateFitsTheHoldsWheneverTheInnerLockIsFree) {
+  static OpenLock* stepped;
+  static int looks, torn;
+  stepped = &lock;
+  looks = torn = 0;
+  constexpr unsigned int trap_flag = 0x100;
+  void* const handler = AddVectoredExceptionHandler(1, [](EXCEPTION_POINTERS* at) -> LONG {
+    if (at->ExceptionRecord->ExceptionCode != DWORD{EXCEPTION_SINGLE_STEP})
+      return EXCEPTION_CONTINUE_SEARCH;
+    ++looks;
+    torn += stepped && stepped->is_torn();
+    if (stepped) at->ContextRecord->EFlags |= trap_flag;
+    return EXCEPTION_CONTINUE_EXECUTION;
+  });
+  __builtin_ia32_writeeflags_u64(__builtin_ia32_readeflags_u64() | trap_flag);
+  steps("RRUUWURWUUWRUU");
+  lock.ReadLockThreadIndependent();
+  lock.UnlockThreadIndependent();
+  lock.WriteLockThreadIndependent();
+  lock.UnlockThreadIndependent();
+  stepped = nullptr;
+  RemoveVectoredExceptionHandler(handler);
+  EXPECT_GT(looks, 500);
+  EXPECT_EQ(torn, 0);
 }
 
 TEST_F(MultiLock, QueuedCallThatThrowsEndsTheSpinOfAnAcquisition) {
-  read(a);
   lock.hold_inner();
-  b.start([&] { lock.ReadLock(); });
-  EXPECT_TRUE(b.waits());
-  b.interrupt();
-  EXPECT_THROW(b.finish(), Interrupted);
+  start(b, "R");
+  expect_interrupted(b);
   lock.let_inner_go();
-  EXPECT_EQ(status(), "locked_read, " + record(a, 'R'));
-  unlock(a);
+  EXPECT_EQ(status(), "not_locked");
 }
 
 // The release of a guard amid the unwinding of an exception could not throw.
 TEST_F(MultiLock, QueuedCallWaitsUntilAReleaseIsDone) {
-  write(a);
+  by(a, "W");
   lock.hold_inner();
-  a.start([&] {
-    lock.Unlock();
-    SleepEx(INFINITE, TRUE);
-  });
-  EXPECT_TRUE(a.waits());
+  start(a, "U");
   a.interrupt();
   EXPECT_TRUE(a.waits());
+  EXPECT_FALSE(a.interrupted);
   lock.let_inner_go();
-  EXPECT_THROW(a.finish(), Interrupted);
+  a.finish();
   EXPECT_EQ(status(), "not_locked");
 }
 
 // One wake-up is all that the end of the last hold gives: whoever got it and
 // then ends by an exception must hand it on.
 TEST_F(MultiLock, WokenWaiterThatIsInterruptedPassesTheWakeUpOn) {
-  write(a);
-  start_write(b);
-  start_write(c);
+  by(a, "W");
+  start(b, "W");
+  start(c, "W");
   a.run([&] { lock.unlock_and_keep_inner(); });
   EXPECT_TRUE(b.waits());
   EXPECT_TRUE(c.waits());
-  b.interrupt();
-  EXPECT_THROW(b.finish(), Interrupted);
+  expect_interrupted(b);
   lock.let_inner_go();
   c.finish();
-  EXPECT_EQ(status(), "locked_write, " + record(c, 'W'));
-  unlock(c);
+  EXPECT_EQ(status(), "locked_write, C:W");
+}
+
+TEST_F(MultiLock, UncontendedLockCallsNeitherPlatformNorAllocator) {
+  int allocations = 0;
+  auto const count = [&](auto call, auto... arguments) {
+    ++allocations;
+    return call(arguments...);
+  };
+  Watch watch;
+  Replacement const blocks{call_of_malloc, count};
+  Replacement const longer_blocks{call_of_realloc, count};
+  Replacement const objects{call_of_new, [&](auto... rest) { return count(rest...); }};
+  allocations = 0;
+  for (int i = 0; i < 3; ++i) {
+    steps("RURWUU");
+    EXPECT_TRUE(lock.WriteLock(500) && lock.ReadLock(500));
+    steps("UU");
+    lock.WriteLockThreadIndependent();
+    EXPECT_FALSE(lock.ReadLockThreadIndependent(0));
+    lock.UnlockThreadIndependent();
+  }
+  EXPECT_EQ(allocations, 0);
+  EXPECT_EQ(watch.calls, "");
+}
+
+TEST_F(MultiLock, FailedUpgradeWaitStaysCountedAndOneThatAQueuedCallEndsDoesNot) {
+  by(a, "R");
+  by(b, "R");
+  start(a, "W");
+  a.queue([] { throw ESystemException(5); });
+  EXPECT_EQ(system_code([&] { a.finish(); }), 5);
+  EXPECT_EQ(status(), "locked_read, A:R,B:R");
+  {
+    Watch const watch("WaitForMultipleObjectsEx");
+    EXPECT_EQ(system_code([&] { by(a, "W"); }), injected_code);
+  }
+  EXPECT_EQ(status(), "locked_read, A:R,B:R, 1 r->w waiters");
+  EXPECT_THROW(b.ask([&] { return lock.WriteLock(0); }), EDeadLockException);
+  by(b, "U");
+  EXPECT_TRUE(a.ask([&] { return lock.WriteLock(0); }));
+}
+
+// The settled exceptions to the rule that a failed lock stays usable.
+TEST_F(MultiLock, NoMemoryForAHoldAndATimerThatCannotBeSetLeaveTheInnerLockTaken) {
+  auto const expect_inner_is_taken = [&] {
+    c.start([this] { (void)lock.ReadLock(0); });
+    EXPECT_TRUE(c.waits());
+    lock.let_inner_go();
+    c.finish();
+  };
+  steps("RR");
+  {
+    // The optimiser takes either for a reallocation of nothing.
+    Replacement const none{call_of_malloc, [](auto...) -> void* { return nullptr; }};
+    Replacement const no_more{call_of_realloc, [](auto...) -> void* { return nullptr; }};
+    EXPECT_EQ(values_of([&] { steps("R"); }), "bad allocation");
+  }
+  expect_inner_is_taken();
+  by(c, "U");
+  steps("UUW");
+  {
+    Watch const watch("SetWaitableTimer");
+    EXPECT_EQ(a.ask([&] { return system_code([&] { (void)lock.ReadLock(50); }); }), injected_code);
+  }
+  expect_inner_is_taken();
+}
+
+// The lock's destructor cannot wait for a thread that is no more.
+TEST_F(MultiLock, ProcessEndsWhileAThreadIsInsideTheInnerWordOfAStaticLock) {
+  EXPECT_EQ(run_program(L"locks_child.exe", {}, L".").status, 0u);
 }

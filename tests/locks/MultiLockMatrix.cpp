@@ -5,7 +5,6 @@
 #include <optional>
 #include <sstream>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "tests/locks/Agent.h"
@@ -25,146 +24,114 @@ struct Way {
   void (TMultiLock::*undo)();
 };
 
-constexpr unsigned int no_limit = 0xFFFFFFFF;
+#define VELT_WAY(OPERATION, UNDO) \
+  {#OPERATION, &TMultiLock::OPERATION, &TMultiLock::OPERATION, &TMultiLock::UNDO}
+constexpr Way ways[] = {VELT_WAY(ReadLock, Unlock), VELT_WAY(WriteLock, Unlock),
+                        VELT_WAY(ReadLockThreadIndependent, UnlockThreadIndependent),
+                        VELT_WAY(WriteLockThreadIndependent, UnlockThreadIndependent)};
 
-constexpr Way ways[] = {
-    {"ReadLock", &TMultiLock::ReadLock, &TMultiLock::ReadLock, &TMultiLock::Unlock},
-    {"WriteLock", &TMultiLock::WriteLock, &TMultiLock::WriteLock, &TMultiLock::Unlock},
-    {"ReadLockThreadIndependent", &TMultiLock::ReadLockThreadIndependent,
-     &TMultiLock::ReadLockThreadIndependent, &TMultiLock::UnlockThreadIndependent},
-    {"WriteLockThreadIndependent", &TMultiLock::WriteLockThreadIndependent,
-     &TMultiLock::WriteLockThreadIndependent, &TMultiLock::UnlockThreadIndependent},
-};
-
-std::vector<std::string> words_of(std::string const& text) {
-  std::istringstream stream(text);
-  std::vector<std::string> words;
-  for (std::string word; stream >> word;) words.push_back(word);
-  return words;
-}
-
-// Takes and ends the holds that a cell such as "own:R other:R" names. "other:up"
-// is another thread that waits to upgrade.
-class Holders {
+// A lock with the holds that a cell such as "own:R other:R" names. "other:up" is
+// another thread that waits to upgrade.
+class Held {
 public:
-  Holders(TMultiLock& the_lock, Agent& own_agent, Agent& other_agent, std::string const& cell)
-      : lock(the_lock), own(own_agent), other(other_agent), holds(words_of(cell)) {
-    for (auto const& each : holds) take(each);
+  Held(Agent& the_own, Agent& the_other, std::string const& cell) : own(the_own), other(the_other) {
+    std::istringstream words(cell);
+    for (std::string word; words >> word;) {
+      if (word == "other:up") {
+        upgrading = true;
+        other.start([this] { lock.WriteLock(); });
+        EXPECT_TRUE(other.waits());
+      } else if (word != "nobody") {
+        bool const by_none = word.starts_with("none");
+        auto const who = by_none ? nullptr : word.starts_with("own") ? &own : &other;
+        auto const& way = ways[2 * by_none + word.ends_with("W")];
+        by(who, [&] { (lock.*way.untimed)(); });
+        holds.push_back({who, &way});
+      }
+    }
   }
-  ~Holders() {
-    if (upgrading) other.interrupt();
-    EXPECT_TRUE(end_upgrade());
-    for (auto const& each : holds) end(each);
+  ~Held() {
+    others_leave();
+    for (auto const& [who, way] : holds)
+      if (who == &own) by(who, [&] { (lock.*way->undo)(); });
   }
 
   bool waits_for_itself(Way const& way) const {
-    std::string const asked = way.name;
-    bool const independent = asked.ends_with("Independent");
-    bool const write = asked.starts_with("Write");
-    for (auto const& each : holds)
-      if (independent && each.starts_with("own") && (write || each.ends_with("W"))) return true;
+    bool const writes = &way == &ways[3], independent = writes || &way == &ways[2];
+    for (auto const& hold : holds)
+      if (independent && hold.who == &own && (writes || hold.way == &ways[1])) return true;
     return false;
   }
 
-  // Everybody but A, and A with its own holds, leaves.
   void others_leave() {
     if (upgrading) {
       other.interrupt();
-      end_upgrade();
+      EXPECT_THROW(other.finish(), Interrupted);
     }
-    for (auto& each : holds)
-      if (!each.starts_with("own")) end(std::exchange(each, "own:gone"));
+    upgrading = false;
+    std::erase_if(holds, [&](auto const& hold) {
+      if (hold.who != &own) by(hold.who, [&] { (lock.*hold.way->undo)(); });
+      return hold.who != &own;
+    });
   }
+
+  TMultiLock lock;
 
 private:
-  void take(std::string const& hold) {
-    if (hold == "own:R") own.run([&] { lock.ReadLock(); });
-    if (hold == "own:W") own.run([&] { lock.WriteLock(); });
-    if (hold == "other:R") other.run([&] { lock.ReadLock(); });
-    if (hold == "other:W") other.run([&] { lock.WriteLock(); });
-    if (hold == "none:R") lock.ReadLockThreadIndependent();
-    if (hold == "none:W") lock.WriteLockThreadIndependent();
-    if (hold == "other:up") {
-      other.start([&] { lock.WriteLock(); });
-      EXPECT_TRUE(other.waits());
-      upgrading = true;
-    }
+  struct Hold {
+    Agent* who;  // null: no thread
+    Way const* way;
+  };
+
+  template <class Step>
+  static void by(Agent* who, Step const& step) {
+    who ? who->run(step) : step();
   }
 
-  void end(std::string const& hold) {
-    if (hold == "own:R" || hold == "own:W") own.run([&] { lock.Unlock(); });
-    if (hold == "other:R" || hold == "other:W") other.run([&] { lock.Unlock(); });
-    if (hold.starts_with("none")) lock.UnlockThreadIndependent();
-  }
-
-  bool end_upgrade() {
-    if (!std::exchange(upgrading, false)) return true;
-    try {
-      other.finish();
-      return false;
-    } catch (Interrupted const&) {
-      return true;
-    }
-  }
-
-  TMultiLock& lock;
   Agent &own, &other;
-  std::vector<std::string> holds;
+  std::vector<Hold> holds;
   bool upgrading = false;
 };
 
-class MultiLockMatrix : public ::testing::Test {
-protected:
+// No answer: it throws.
+std::optional<bool> ask(Agent& agent, TMultiLock& lock, Way const& way, unsigned int limit) {
+  try {
+    return agent.ask([&] { return (lock.*way.timed)(limit); });
+  } catch (EDeadLockException const&) {
+    return std::nullopt;
+  }
+}
+
+struct MultiLockMatrix : ::testing::Test {
   Agent a{"A"}, other{"the other"};
 
-  std::optional<bool> ask(TMultiLock& lock, Way const& way, unsigned int limit) {
-    try {
-      return a.ask([&] { return (lock.*way.timed)(limit); });
-    } catch (EDeadLockException const&) {
-      return std::nullopt;
+  void expect_answer(std::string const& held, Way const& way, std::optional<bool> answer) {
+    for (unsigned int const limit : {0u, 20u, answer == false ? 20u : 0xFFFFFFFF}) {
+      Held cell(a, other, held);
+      auto const before = cell.lock.GetStatusString();
+      EXPECT_EQ(ask(a, cell.lock, way, limit), answer);
+      EXPECT_EQ(cell.lock.GetStatusString() == before, answer != true);
+      if (answer == true) a.run([&] { (cell.lock.*way.undo)(); });
     }
   }
 
-  void expect_granted(std::string const& held, Way const& way) {
-    for (unsigned int const limit : {0u, 20u, no_limit}) {
-      TMultiLock lock;
-      Holders holders(lock, a, other, held);
-      auto const before = lock.GetStatusString();
-      ASSERT_EQ(ask(lock, way, limit), true);
-      EXPECT_NE(lock.GetStatusString(), before);
-      a.run([&] { (lock.*way.undo)(); });
-    }
-  }
-
-  void expect_throws(std::string const& held, Way const& way) {
-    for (unsigned int const limit : {0u, 20u, no_limit}) {
-      TMultiLock lock;
-      Holders holders(lock, a, other, held);
-      auto const before = lock.GetStatusString();
-      EXPECT_EQ(ask(lock, way, limit), std::nullopt);
-      EXPECT_EQ(lock.GetStatusString(), before);
-    }
-  }
-
-  void expect_waits(std::string const& held, Way const& way) {
-    TMultiLock lock;
-    Holders holders(lock, a, other, held);
-    auto const before = lock.GetStatusString();
-    EXPECT_EQ(ask(lock, way, 0), false);
-    EXPECT_EQ(ask(lock, way, 20), false);
-    EXPECT_EQ(lock.GetStatusString(), before);
-
-    a.start([&] { (lock.*way.untimed)(); });
-    ASSERT_TRUE(a.waits());
-    if (holders.waits_for_itself(way)) {
-      a.interrupt();
-      EXPECT_THROW(a.finish(), Interrupted);
-      EXPECT_EQ(lock.GetStatusString(), before);
-    } else {
-      holders.others_leave();
-      a.finish();
-      a.run([&] { (lock.*way.undo)(); });
-    }
+  // Until a queued call throws, or the others leave.
+  void expect_wait(std::string const& held, Way const& way) {
+    Held cell(a, other, held);
+    auto const before = cell.lock.GetStatusString();
+    auto const start = [&] {
+      a.start([&] { (cell.lock.*way.untimed)(); });
+      ASSERT_TRUE(a.waits());
+    };
+    start();
+    a.interrupt();
+    EXPECT_THROW(a.finish(), Interrupted);
+    EXPECT_EQ(cell.lock.GetStatusString(), before);
+    if (cell.waits_for_itself(way)) return;
+    start();
+    cell.others_leave();
+    a.finish();
+    a.run([&] { (cell.lock.*way.undo)(); });
   }
 };
 
@@ -172,23 +139,17 @@ protected:
 
 TEST_F(MultiLockMatrix, HoldsAsDocumented) {
   auto const rows = velt_test::doc_table("locks.md", "multilock");
-  ASSERT_EQ(rows[0].size(), 1 + std::size(ways));
-  for (std::size_t i = 1; i < rows.size(); ++i) {
-    std::string const held = rows[i][0] == "nobody" ? "" : rows[i][0];
-    for (std::size_t column = 1; column < rows[i].size(); ++column) {
-      SCOPED_TRACE("held: " + rows[i][0] + ", asked: " + rows[0][column]);
-      Way const& way = ways[column - 1];
-      ASSERT_EQ(rows[0][column], way.name);
-      std::string const& answer = rows[i][column];
-      if (answer == "granted") {
-        expect_granted(held, way);
-      } else if (answer == "throws") {
-        expect_throws(held, way);
-      } else if (answer.starts_with("waits: ")) {
-        expect_waits(held, way);
-      } else {
-        ADD_FAILURE() << "unknown answer: " << answer;
-      }
+  for (std::size_t column = 1; column < rows[0].size(); ++column) {
+    Way const& way = ways[column - 1];
+    ASSERT_EQ(rows[0][column], way.name);
+    for (std::size_t i = 1; i < rows.size(); ++i) {
+      auto const &held = rows[i][0], &answer = rows[i][column];
+      SCOPED_TRACE("held: " + held + ", asked: " + way.name);
+      bool const granted = answer == "granted", waits = answer.starts_with("waits: ");
+      ASSERT_TRUE(granted || waits || answer == "throws");
+      expect_answer(held, way, answer == "throws" ? std::nullopt : std::optional(granted));
+      if (waits) expect_wait(held, way);
     }
   }
+  EXPECT_EQ(rows[0].size(), 1 + std::size(ways));
 }

@@ -1,218 +1,162 @@
 #include "velt/locks/MultiLockWithNotify.h"
 
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <functional>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <thread>
-#include <utility>
-#include <vector>
 
-#include "tests/locks/Agent.h"
-#include "velt/exceptions/ExceptionFamily.h"
+#include "tests/locks/LockTest.h"
 
-using velt_test::Agent;
-using velt_test::Interrupted;
+using namespace velt_test;
 
 namespace {
 
-using strings = std::vector<std::string>;
-
 // Writes down what it is told, and lets a test act inside a notification.
-struct RecordingLock : TMultiLockWithNotify {
-  strings told;
+struct RecordingLock : Opened<TMultiLockWithNotify> {
+  std::string told;
   std::function<void(std::string const&)> during = [](std::string const&) {};
 
-  void hold_inner() { inner_lock(own_id()); }
-  void let_inner_go() { inner_unlock(); }
-
-  strings take_told() { return std::exchange(told, {}); }
-
-  void OnWriteLock() override { tell("OnWriteLock"); }
-  void OnReadLock() override { tell("OnReadLock"); }
-  void OnWriteUnlock() override { tell("OnWriteUnlock"); }
-  void OnReadUnlock() override { tell("OnReadUnlock"); }
-  void OnWriteAfterReadLock() override { tell("OnWriteAfterReadLock"); }
-  void OnWriteAfterReadUnlock() override { tell("OnWriteAfterReadUnlock"); }
+  void OnWriteLock() override { tell("OnWriteLock "); }
+  void OnReadLock() override { tell("OnReadLock "); }
+  void OnWriteUnlock() override { tell("OnWriteUnlock "); }
+  void OnReadUnlock() override { tell("OnReadUnlock "); }
+  void OnWriteAfterReadLock() override { tell("OnWriteAfterReadLock "); }
+  void OnWriteAfterReadUnlock() override { tell("OnWriteAfterReadUnlock "); }
 
 private:
   void tell(std::string const& name) {
-    told.push_back(name);
+    told += name;
     during(name);
   }
 };
 
-class MultiLockWithNotify : public ::testing::Test {
-protected:
-  RecordingLock lock;
-  Agent a{"A"}, b{"B"};
+struct MultiLockWithNotify : LockTest<RecordingLock> {
+  TEvent go_on{true, false};
 
-  std::string record(Agent const& agent, char kind) { return agent.id_text() + ":" + kind; }
-  std::string status() { return lock.GetStatusString(); }
-  // Steps of thread A, one after the other: Read, Write, Unlock.
-  void by_a(std::string const& steps) {
-    a.run([&] {
-      for (char const step : steps) {
-        if (step == 'R') lock.ReadLock();
-        if (step == 'W') lock.WriteLock();
-        if (step == 'U') lock.Unlock();
-      }
-    });
+  ~MultiLockWithNotify() noexcept override {}
+
+  std::string told_of(char const* letters) {
+    lock.told.clear();
+    by(a, letters);
+    return lock.told;
   }
   void throw_in(std::string const& name) {
     lock.during = [name](std::string const& told) {
       if (told == name) throw std::runtime_error(name);
     };
   }
+  void expect_throw(std::string const& name, char const* letters, std::string const& status_left) {
+    throw_in(name);
+    EXPECT_THROW(told_of(letters), std::runtime_error);
+    EXPECT_TRUE(lock.told.ends_with(name)) << lock.told;
+    EXPECT_EQ(status(), status_left);
+  }
 };
 
 }  // namespace
 
 TEST_F(MultiLockWithNotify, OnlyTheEdgesBetweenFreeAndHeldAndTheUpgradeAreTold) {
-  by_a("RRUU");
-  EXPECT_EQ(lock.take_told(), (strings{"OnReadLock", "OnReadUnlock"}));
-  by_a("RWUU");
-  EXPECT_EQ(lock.take_told(), (strings{"OnReadLock", "OnWriteAfterReadLock",
-                                       "OnWriteAfterReadUnlock", "OnReadUnlock"}));
-  by_a("WRUU");
-  EXPECT_EQ(lock.take_told(), (strings{"OnWriteLock", "OnWriteUnlock"}));
-  by_a("WWUU");
-  EXPECT_EQ(lock.take_told(), (strings{"OnWriteLock", "OnWriteUnlock"}));
-  // Two write holds over a read: the first to go is no longer the only one.
-  by_a("RWWUUU");
-  EXPECT_EQ(lock.take_told(), (strings{"OnReadLock", "OnWriteAfterReadLock",
-                                       "OnWriteAfterReadUnlock", "OnReadUnlock"}));
+  std::string const upgrade =
+      "OnReadLock OnWriteAfterReadLock OnWriteAfterReadUnlock OnReadUnlock ";
+  EXPECT_EQ(told_of("RRUU"), "OnReadLock OnReadUnlock ");
+  EXPECT_EQ(told_of("RWUU"), upgrade);
+  EXPECT_EQ(told_of("WRUU"), "OnWriteLock OnWriteUnlock ");
+  EXPECT_EQ(told_of("WWUU"), "OnWriteLock OnWriteUnlock ");
+  // Two write holds over a read: the first to go is not the only one.
+  EXPECT_EQ(told_of("RWWUUU"), upgrade);
   EXPECT_EQ(status(), "not_locked");
-}
 
-// Each notification against the lock during the call: its status, and what
-// another thread gets.
-TEST_F(MultiLockWithNotify, LockDuringEachCallIsAsDocumented) {
-  struct Seen {
-    std::string name, status;
-    bool other_may_read, other_may_write;
-    bool operator==(Seen const&) const = default;
-  };
-  std::vector<Seen> seen;
-  lock.during = [&](std::string const& name) {
-    Seen now{name, status(), false, false};
-    b.run([&] {
-      if ((now.other_may_write = lock.WriteLockNoNotify(0))) lock.UnlockNoNotify();
-      if ((now.other_may_read = lock.ReadLockNoNotify(0))) lock.UnlockNoNotify();
-    });
-    seen.push_back(now);
-  };
-  by_a("RWUUWU");
-  std::string const r = record(a, 'R'), w = record(a, 'W');
-  std::vector<Seen> const expected{
-      {"OnReadLock", "locked_write, " + r, false, false},
-      {"OnWriteAfterReadLock", "locked_write, " + r + "," + w, false, false},
-      {"OnWriteAfterReadUnlock", "locked_write, " + r + "," + w, false, false},
-      {"OnReadUnlock", "locked_read, " + r, true, false},
-      {"OnWriteLock", "locked_write, " + w, false, false},
-      {"OnWriteUnlock", "locked_write, " + w, false, false}};
-  ASSERT_EQ(seen.size(), expected.size());
-  for (std::size_t i = 0; i < seen.size(); ++i)
-    EXPECT_EQ(seen[i], expected[i]) << expected[i].name << " saw " << seen[i].status;
-}
-
-TEST_F(MultiLockWithNotify, ReadersThatWaitForTheFirstOneEnterTogetherWhenItIsDone) {
-  Agent c("C");
-  HANDLE const go_on = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-  lock.during = [&](std::string const&) { WaitForSingleObject(go_on, INFINITE); };
-  a.start([&] { lock.ReadLock(); });
-  EXPECT_TRUE(a.waits());
-  for (Agent* const each : {&b, &c}) {
-    each->start([&] { lock.ReadLock(); });
-    EXPECT_TRUE(each->waits());
-  }
-  SetEvent(go_on);
-  for (Agent* const each : {&a, &b, &c}) each->finish();
-  EXPECT_EQ(lock.take_told(), strings{"OnReadLock"});
-  for (Agent* const each : {&a, &b, &c}) each->run([&] { lock.Unlock(); });
-  CloseHandle(go_on);
-}
-
-TEST_F(MultiLockWithNotify, WhatALockNotificationThrowsTakesTheHoldBack) {
-  for (auto const& [name, step] : {std::pair{"OnReadLock", "R"}, {"OnWriteLock", "W"}}) {
-    throw_in(name);
-    EXPECT_THROW(by_a(step), std::runtime_error) << name;
-    EXPECT_EQ(lock.take_told(), strings{name});
-    EXPECT_EQ(status(), "not_locked");
-  }
-  throw_in("OnReadLock");
-  EXPECT_THROW(lock.ReadLockThreadIndependent(), std::runtime_error);
-  throw_in("OnWriteLock");
-  EXPECT_THROW(lock.WriteLockThreadIndependent(), std::runtime_error);
-  EXPECT_EQ(status(), "not_locked");
-  EXPECT_TRUE(b.ask([&] { return lock.WriteLockNoNotify(0); }));
-}
-
-TEST_F(MultiLockWithNotify, FailureOfTheUpgradeNotificationIsSwallowedAndLeavesTheReadHold) {
-  throw_in("OnWriteAfterReadLock");
-  by_a("RW");
-  EXPECT_EQ(status(), "locked_read, " + record(a, 'R'));
-  EXPECT_TRUE(b.ask([&] { return lock.ReadLock(0); }));
-}
-
-TEST_F(MultiLockWithNotify, WhatAnUnlockNotificationThrowsComesAfterTheRelease) {
-  throw_in("OnReadUnlock");
-  EXPECT_THROW(by_a("RU"), std::runtime_error);
-  EXPECT_EQ(status(), "not_locked");
-  throw_in("OnWriteUnlock");
-  EXPECT_THROW(by_a("WU"), std::runtime_error);
-  EXPECT_EQ(status(), "not_locked");
-  throw_in("OnWriteAfterReadUnlock");
-  EXPECT_THROW(by_a("RWU"), std::runtime_error);
-  EXPECT_EQ(status(), "locked_read, " + record(a, 'R'));
-}
-
-TEST_F(MultiLockWithNotify, EachFormFiresItsOwnWhateverTookTheHold) {
+  // Each form fires its own, whichever took the hold.
+  lock.told.clear();
   lock.WriteLockNoNotify();
   lock.Unlock();
   lock.ReadLock();
   lock.UnlockNoNotify();
   lock.ReadLockThreadIndependentNoNotify();
   lock.UnlockThreadIndependent();
-  EXPECT_EQ(lock.take_told(), (strings{"OnWriteUnlock", "OnReadLock", "OnReadUnlock"}));
+  EXPECT_EQ(lock.told, "OnWriteUnlock OnReadLock OnReadUnlock ");
+}
+
+// Each notification against the lock during the call: its status, and what
+// another thread gets.
+TEST_F(MultiLockWithNotify, LockDuringEachCallIsAsDocumented) {
+  std::string seen;
+  lock.during = [&](std::string const& name) {
+    seen += name + status();
+    b.run([&] {
+      if (lock.WriteLockNoNotify(0)) seen += ", others may write";
+      if (lock.ReadLockNoNotify(0)) seen += ", others may read", lock.UnlockNoNotify();
+    });
+    seen += "\n";
+  };
+  told_of("RWUUWU");
+  EXPECT_EQ(seen,
+            "OnReadLock locked_write, A:R\n"
+            "OnWriteAfterReadLock locked_write, A:R,A:W\n"
+            "OnWriteAfterReadUnlock locked_write, A:R,A:W\n"
+            "OnReadUnlock locked_read, A:R, others may read\n"
+            "OnWriteLock locked_write, A:W\n"
+            "OnWriteUnlock locked_write, A:W\n");
+}
+
+TEST_F(MultiLockWithNotify, ReadersThatWaitForTheFirstOneEnterTogetherWhenItIsDone) {
+  lock.during = [&](std::string const&) { go_on.WaitForSignal(); };
+  for (Agent* const each : {&a, &b, &c}) start(*each, "R");
+  go_on.Set();
+  for (Agent* const each : {&a, &b, &c}) each->finish();
+  EXPECT_EQ(lock.told, "OnReadLock ");
+}
+
+TEST_F(MultiLockWithNotify, WhatALockNotificationThrowsTakesTheHoldBack) {
+  expect_throw("OnReadLock ", "R", "not_locked");
+  EXPECT_THROW(lock.ReadLockThreadIndependent(), std::runtime_error);
+  expect_throw("OnWriteLock ", "W", "not_locked");
+  EXPECT_THROW(lock.WriteLockThreadIndependent(), std::runtime_error);
+  // Whoever waits meanwhile gets the lock.
+  lock.during = [&](std::string const&) {
+    go_on.WaitForSignal();
+    throw std::runtime_error("no");
+  };
+  start(a, "R");
+  b.start([&] { lock.WriteLockNoNotify(); });
+  EXPECT_TRUE(b.waits());
+  go_on.Set();
+  EXPECT_THROW(a.finish(), std::runtime_error);
+  b.finish();
+  EXPECT_EQ(status(), "locked_write, B:W");
+}
+
+TEST_F(MultiLockWithNotify, WhatAnUnlockNotificationThrowsComesAfterTheRelease) {
+  expect_throw("OnReadUnlock ", "RU", "not_locked");
+  expect_throw("OnWriteUnlock ", "WU", "not_locked");
+  expect_throw("OnWriteAfterReadUnlock ", "RWU", "locked_read, A:R");
+}
+
+TEST_F(MultiLockWithNotify, FailureOfTheUpgradeNotificationIsSwallowedAndLeavesTheReadHold) {
+  throw_in("OnWriteAfterReadLock ");
+  by(a, "RW");
+  EXPECT_EQ(status(), "locked_read, A:R");
+  EXPECT_TRUE(b.ask([&] { return lock.ReadLock(0); }));
 }
 
 TEST_F(MultiLockWithNotify, FirstReaderThatIsInterruptedAfterItsNotificationHoldsNothing) {
   std::atomic<bool> held = false;
   lock.during = [&](std::string const& name) {
-    if (name != "OnReadLock") return;
+    if (name != "OnReadLock ") return;
     b.run([&] { lock.hold_inner(); });
     held = true;
   };
-  a.start([&] { lock.ReadLock(); });
+  start(a, "R");
   while (!held) Sleep(1);
   EXPECT_TRUE(a.waits());
   a.interrupt();
-  ASSERT_TRUE(a.is_interrupted_soon());
+  while (!a.interrupted) Sleep(1);
   EXPECT_TRUE(a.waits());
   lock.let_inner_go();
   EXPECT_THROW(a.finish(), Interrupted);
   EXPECT_EQ(status(), "not_locked");
-}
-
-TEST_F(MultiLockWithNotify, WaiterGetsTheLockWhenTheFirstNotificationThrows) {
-  HANDLE const go_on = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-  lock.during = [&](std::string const&) {
-    WaitForSingleObject(go_on, INFINITE);
-    throw std::runtime_error("no");
-  };
-  a.start([&] { lock.ReadLock(); });
-  EXPECT_TRUE(a.waits());
-  b.start([&] { lock.WriteLockNoNotify(); });
-  EXPECT_TRUE(b.waits());
-  SetEvent(go_on);
-  EXPECT_THROW(a.finish(), std::runtime_error);
-  b.finish();
-  EXPECT_EQ(status(), "locked_write, " + record(b, 'W'));
-  CloseHandle(go_on);
 }
 
 // In every hold the lock is as its notifications have told.

@@ -10,6 +10,10 @@
 #include "tests/support/Expect.h"
 #include "tests/support/Imports.h"
 #include "tests/support/OpenHandles.h"
+#include "velt/locks/Event.h"
+#include "velt/locks/Mutex.h"
+#include "velt/locks/Semaphore.h"
+#include "velt/locks/WaitableTimer.h"
 #include "velt/os/File.h"
 #include "velt/os/FileMapping.h"
 #include "velt/os/Mailslot.h"
@@ -20,13 +24,17 @@
 
 using namespace velt_test;
 
-VELT_WATCH(CancelIo, CloseHandle, CreateFileA, CreateFileMappingA, CreateFileMappingW, CreateFileW,
-           CreateMailslotA, CreateMailslotW, CreateProcessA, CreateProcessW, FlushFileBuffers,
-           GetFileInformationByHandle, GetOverlappedResult, MapViewOfFile, OpenFileMappingA,
-           OpenFileMappingW, ReadFile, SetFilePointerEx, TerminateProcess, WriteFile);
-VELT_WATCH(CreateEventW, CreateSemaphoreW, QueueUserAPC, ResumeThread, SetThreadPriority,
-           SetThreadToken, SleepEx, SuspendThread, TerminateThread, WaitForSingleObjectEx,
-           _beginthreadex);
+VELT_WATCH(CancelIo, CancelWaitableTimer, CloseHandle, CreateEventA, CreateEventW, CreateFileA,
+           CreateFileMappingA, CreateFileMappingW, CreateFileW, CreateMailslotA, CreateMailslotW,
+           CreateMutexA, CreateMutexW, CreateProcessA, CreateProcessW, CreateSemaphoreA,
+           CreateSemaphoreW, CreateWaitableTimerA, CreateWaitableTimerW, DuplicateHandle,
+           FlushFileBuffers, GetFileInformationByHandle, GetOverlappedResult, MapViewOfFile,
+           OpenEventA, OpenEventW, OpenFileMappingA, OpenFileMappingW, OpenMutexA, OpenMutexW,
+           OpenSemaphoreA, OpenSemaphoreW, OpenWaitableTimerA, OpenWaitableTimerW, PulseEvent,
+           QueueUserAPC, ReadFile, ReleaseMutex, ReleaseSemaphore, ResetEvent, ResumeThread,
+           SetEvent, SetFilePointerEx, SetThreadPriority, SetThreadToken, SetWaitableTimer,
+           SleepEx, SuspendThread, TerminateProcess, TerminateThread, WaitForSingleObjectEx,
+           WriteFile, _beginthreadex);
 
 namespace {
 
@@ -164,6 +172,7 @@ TEST(PlatformFailures, OfOverlappedFiles) {
 TEST(PlatformFailures, OfMappings) {
   using Mapping = TFileMapping;
   constexpr unsigned __int64 large = 0x2'0000'0003;
+  static TProcess const file = some_process();
   expect_failures<Mapping>(
       [] { return Mapping(); }, nullptr,
       {{"CreateFileMappingA(process, none, 4, 2, 3, name)",  // -1 is no file, too
@@ -171,9 +180,9 @@ TEST(PlatformFailures, OfMappings) {
        {"CreateFileMappingW(process, none, 4, 2, 3, name)",
         [](Mapping& m) { m.CreateFileMappingW(PAGE_READWRITE, large, L"name"); }},
        {"CreateFileMappingA(handle, none, 2, 0, 0, name)",
-        [](Mapping& m) { m.CreateFileMappingW(PAGE_READONLY, some_process(), "name"); }},
+        [](Mapping& m) { m.CreateFileMappingW(PAGE_READONLY, file, "name"); }},
        {"CreateFileMappingW(handle, none, 2, 0, 0, name)",
-        [](Mapping& m) { m.CreateFileMappingW(PAGE_READONLY, some_process(), L"name"); }},
+        [](Mapping& m) { m.CreateFileMappingW(PAGE_READONLY, file, L"name"); }},
        {"OpenFileMappingA", [](Mapping& m) { m.OpenFileMappingW("name", FILE_MAP_READ); }},
        {"OpenFileMappingW", [](Mapping& m) { m.OpenFileMappingW(L"name", FILE_MAP_READ); }}});
   expect_failures<Mapping>(some_mapping, unchanged,
@@ -246,4 +255,113 @@ TEST(PlatformFailures, OfPoolsAndTasks) {
        {"CreateSemaphoreW(none, 0, 7, none)CreateEventW(none, 1, 1, none)",
         [](TThread&) { CreateNewThreadPool(1, 0, 0, 7); }},
        {"CreateEventW(none, 1, 0, none)", [](TThread&) { MakeThreadTask([] {}); }}});
+}
+
+// What a constructor that fails leaves alone.
+template <class Object>
+static Object null() {
+  Object object(DoNotInitialize);
+  object.AttachHandle(nullptr);
+  return object;
+}
+
+TEST(PlatformFailures, OfMutexes) {
+  using Mutex = TMutex;
+  expect_failures<Mutex>(
+      null, nullptr,
+      {{"CreateMutexW(none, 0, none)", [](Mutex&) { TMutex(); }},
+       {"CreateMutexA(default access, 0, name)", [](Mutex&) { TMutex("name"); }},
+       {"CreateMutexW(default access, 0, name)", [](Mutex&) { TMutex(L"name"); }}});
+  expect_failures<Mutex>(
+      nothing, nullptr,
+      {{"CreateMutexW(none, 1, none)", [](Mutex& m) { m.CreateMutexW(true); }},
+       {"OpenMutexA(5, 0, name)", [](Mutex& m) { m.OpenMutexW("name", 5); }},
+       {"OpenMutexW(5, 0, name)", [](Mutex& m) { m.OpenMutexW(L"name", 5); }}});
+  expect_failures<Mutex>(
+      [] { return TMutex(); }, unchanged,
+      {{"ReleaseMutex", [](Mutex& m) { m.Unlock(); }},
+       {"WaitForSingleObjectEx(handle, 7, 1)", [](Mutex& m) { (void)m.Lock(7); }},
+       {"WaitForSingleObjectEx(handle, 4294967295, 1)", [](Mutex& m) { m.Lock(); }}});
+}
+
+TEST(PlatformFailures, OfSemaphores) {
+  using Semaphore = TSemaphore;
+  expect_failures<Semaphore>(
+      null, nullptr,
+      {{"CreateSemaphoreW(none, 3, 3, none)", [](Semaphore&) { TSemaphore(3); }},
+       {"CreateSemaphoreW(none, 1, 3, none)", [](Semaphore&) { TSemaphore(3, 1); }},
+       {"CreateSemaphoreA(default access, 1, 3, name)",
+        [](Semaphore&) { TSemaphore("name", 3, 1); }},
+       {"CreateSemaphoreW(default access, 1, 3, name)",
+        [](Semaphore&) { TSemaphore(L"name", 3, 1); }}});
+  expect_failures<Semaphore>(
+      nothing, nullptr,
+      {{"OpenSemaphoreA(5, 0, name)", [](Semaphore& s) { s.OpenSemaphoreW("name", 5); }},
+       {"OpenSemaphoreW(5, 0, name)", [](Semaphore& s) { s.OpenSemaphoreW(L"name", 5); }}});
+  expect_failures<Semaphore>(
+      [] { return TSemaphore(4, 2); }, unchanged,
+      {{"ReleaseSemaphore(handle, 2, out)", [](Semaphore& s) { s.ReleaseSemaphore(2); }},
+       {"ReleaseSemaphore(handle, 1, out)", [](Semaphore& s) { s.Unlock(); }},
+       {"WaitForSingleObjectEx(handle, 7, 1)", [](Semaphore& s) { (void)s.Lock(7); }},
+       {"WaitForSingleObjectEx(handle, 4294967295, 1)", [](Semaphore& s) { s.Lock(); }}});
+}
+
+TEST(PlatformFailures, OfEvents) {
+  using Event = TEvent;
+  expect_failures<Event>(
+      null, nullptr,
+      {{"CreateEventW(none, 1, 0, none)", [](Event&) { TEvent(); }},
+       {"CreateEventW(none, 0, 1, none)", [](Event&) { TEvent(false, true); }},
+       {"CreateEventA(open access, 0, 1, name)", [](Event&) { TEvent("name", false, true); }},
+       {"CreateEventW(open access, 1, 0, name)", [](Event&) { TEvent(L"name", true, false); }}});
+  expect_failures<Event>(
+      nothing, nullptr,
+      {{"OpenEventA(5, 0, name)", [](Event& e) { e.OpenEventW("name", 5); }},
+       {"OpenEventW(5, 0, name)", [](Event& e) { e.OpenEventW(L"name", 5); }}});
+  expect_failures<Event>([] { return TEvent(); }, unchanged,
+                         {{"SetEvent", [](Event& e) { e.Set(); }},
+                          {"ResetEvent", [](Event& e) { e.Reset(); }},
+                          {"PulseEvent", [](Event& e) { e.Pulse(); }},
+                          {"WaitForSingleObjectEx(handle, 7, 1)", [](Event& e) { e.Signaled(7); }},
+                          {"WaitForSingleObjectEx(handle, 4294967295, 1)",
+                           [](Event& e) { e.WaitForSignal(); }},
+                          {"CloseHandle", [](Event& e) { e.CloseHandle(); }},
+                          {"CloseHandle", [](Event& e) { e.AttachHandle(&e); }},
+                          {"CloseHandle", [](Event& e) { e = TEvent(DoNotInitialize); }},
+                          {"DuplicateHandle(process, handle, process, out, 0, 0, 2)",
+                           [](Event& e) { TEvent copy(e); }}});
+  // An assignment closes first.
+  TEvent event, other;
+  Watch const watch("DuplicateHandle", nullptr);
+  EXPECT_EQ(system_code([&] { event = other; }), injected_code);
+  EXPECT_EQ(static_cast<void*>(event), minus_one);
+  EXPECT_TRUE(watch.calls.starts_with("CloseHandle(handle)DuplicateHandle(")) << watch.calls;
+}
+
+TEST(PlatformFailures, OfTimers) {
+  using Timer = TWaitableTimer;
+  std::initializer_list<Row<Timer>> const makers{
+      {"CreateWaitableTimerW(none, 1, none)", [](Timer& t) { t.CreateTimer(true); }},
+      {"CreateWaitableTimerA(default access, 0, name)",
+       [](Timer& t) { t.CreateTimer("name", false); }},
+      {"CreateWaitableTimerW(default access, 1, name)",
+       [](Timer& t) { t.CreateTimer(L"name", true); }},
+      {"OpenWaitableTimerA(5, 0, name)", [](Timer& t) { t.OpenTimer("name", 5); }},
+      {"OpenWaitableTimerW(5, 0, name)", [](Timer& t) { t.OpenTimer(L"name", 5); }}};
+  expect_failures<Timer>(nothing, minus_one, makers);
+  // Null, which is how the platform fails, passes.
+  for (auto const& [call, run] : makers) {
+    Timer timer(DoNotInitialize);
+    std::string const name(call);
+    Watch const watch(name.substr(0, name.find('(')));
+    EXPECT_EQ(system_code([&] { run(timer); }), -1) << call;
+    EXPECT_EQ(static_cast<void*>(timer), nullptr) << call;
+  }
+  expect_failures<Timer>(
+      [] { return TWaitableTimer(); }, unchanged,
+      {{"SetWaitableTimer(handle, -42949672950000, 9, none, none, 0)",
+        [](Timer& t) { t.Set(0xFFFFFFFF, 9); }},
+       {"SetWaitableTimer(handle, -1, 0, none, none, 0)",
+        [](Timer& t) { t.Set(FILETIME{0xFFFFFFFF, 0xFFFFFFFF}); }},
+       {"CancelWaitableTimer", [](Timer& t) { t.Cancel(); }}});
 }
