@@ -169,7 +169,9 @@ struct {
     {"SymGetTypeInfo", as_entry(type_info)},
     {"SymSetContext", as_entry(never_called)},
     {"SymEnumSymbols", as_entry(never_called)},
-    {"SymFromAddr", as_entry(never_called)},
+    {"SymFromAddr", as_entry([](HANDLE, DWORD64, DWORD64*, SYMBOL_INFO*) -> BOOL {
+       return FALSE;
+     })},
     {"StackWalk64", as_entry(walk)},
     {"MiniDumpWriteDump", as_entry(never_called)},
     {"SymRefreshModuleList", as_entry([](HANDLE) -> BOOL {

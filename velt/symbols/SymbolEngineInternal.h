@@ -10,11 +10,14 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
+#include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "velt/locks/Mutex.h"
+#include "velt/symbols/CoffNamesInternal.h"
 #include "velt/symbols/LoaderLockInternal.h"
 #include "velt/symbols/SymbolsInternal.h"
 
@@ -60,11 +63,8 @@ private:
 };
 
 struct symbol_record {
+  std::string name;
   std::uint64_t displacement = 0;
-  union {
-    char bytes[2048];  // the name ends somewhere in it
-    IMAGEHLP_SYMBOL64 head;
-  };
 };
 
 // A reference to dbghelp.dll. load() and the destructor wait for the loader lock, so a
@@ -106,6 +106,8 @@ public:
   // that is free.
   module_state ensure_module(std::uint64_t address);
   bool find_module(std::uint64_t address, IMAGEHLP_MODULE64& record);
+  // From the debug information, or else from the symbol table of the module's file, or
+  // else from the module's exports.
   bool find_symbol(std::uint64_t address, symbol_record& symbol);
   // The engine owns the texts that `line` points to.
   bool find_line(std::uint64_t address, IMAGEHLP_LINE64& line);
@@ -122,10 +124,15 @@ public:
 private:
   module_state find_new_module(std::uint64_t address, IMAGEHLP_MODULE64& record);
   void load_module_at(std::uint64_t address);
+  bool ask_for_symbol(std::uint64_t address, symbol_record& symbol, bool& is_public_only);
+  bool ask_for_symbol_in_old_form(std::uint64_t address, symbol_record& symbol,
+                                  bool& is_public_only);
+  std::optional<function_place> find_in_file(std::uint64_t address);
 
   debug_help const calls;
   HANDLE snapshot;
   address_ranges known;
+  std::map<std::uint64_t, coff_names> tables;  // by the module's base
   bool needs_no_symbols = false;
 };
 
