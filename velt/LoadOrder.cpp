@@ -15,11 +15,11 @@ VELT_LOAD_STEP(memory_of_holders) struct memory_end {
   }
 } const holders;
 
-VELT_LOAD_STEP(known_ranges_emptied) struct ranges_end {
-  ~ranges_end() {
-    if (!process_ends()) forget_known_ranges();
+VELT_LOAD_STEP(engine_abandoned) struct engine_end {
+  ~engine_end() {
+    if (!process_ends()) abandon_engine();
   }
-} const ranges;
+} const engine;
 
 VELT_LOAD_STEP(system_pool_stopped) struct pool_end {
   ~pool_end() {

@@ -82,6 +82,19 @@ TEST(CoffNames, FunctionsAreNamedFromTheFile) {
               StartsWith("symbols_first_plugin!+"));
 }
 
+TEST(CoffNames, ModuleAtTheBaseOfAnotherHasItsOwnNames) {
+  engine const held;
+  std::uintptr_t base = 0;
+  for (auto const name : {"first", "second", "first"}) {
+    plugin const module(std::string("symbols_") + name + "_plugin");
+    ASSERT_TRUE(base == 0 || base == module.base());
+    base = module.base();
+    for (int i = 0; i < 2; ++i)  // from the cache, the second time
+      EXPECT_THAT(module.stack(),
+                  names_functions_of(std::string("symbols_") + name + "_plugin", name));
+  }
+}
+
 TEST(CoffNames, FileThatReplacedTheLoadedOneIsNotRead) {
   engine const held;
   auto const folder = std::filesystem::temp_directory_path();

@@ -189,6 +189,7 @@ struct {
        return base;
      }),
      false},
+    {"SymUnloadModule64", as_entry([](HANDLE, DWORD64) -> BOOL { return TRUE; }), false},
 };
 
 // The waits of this thread; those with a limit end at once if they are to.

@@ -15,7 +15,7 @@ enum load_step {
   memory_of_holders = 1000,
 
   symbol_lock_made,       // throws ESystemException
-  known_ranges_emptied,   // nothing to build
+  engine_abandoned,       // nothing to build
   debug_stream,
   error_stream,           // opens its file at the first write
   console_stream,

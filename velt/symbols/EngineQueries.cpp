@@ -62,10 +62,16 @@ void address_ranges::insert(std::uint64_t start, std::uint64_t size) {
   if (next == sorted.end() || last < next->first) sorted.insert(next, {start, last});
 }
 
+void address_ranges::erase(std::uint64_t address) {
+  auto const found = first_reaching(address);
+  if (found != sorted.end() && found->first <= address) sorted.erase(found);
+}
+
 // An address in no module is remembered with its eight bytes, so that it is looked for
 // only once. It is not remembered if the search was skipped, because threads are stopped
 // or the loader lock is busy.
 module_state symbol_engine::ensure_module(std::uint64_t address) {
+  if (finds_new_modules) unloaded.take([this](std::uint64_t base) { forget_module(base); });
   if (known.meets(address)) return module_state::known;
   IMAGEHLP_MODULE64 record;
   auto const state =
@@ -75,6 +81,19 @@ module_state symbol_engine::ensure_module(std::uint64_t address) {
   else if (state == module_state::unknown && finds_new_modules)
     known.insert(address, 8);
   return state;
+}
+
+// Another module may be loaded at this base.
+void symbol_engine::forget_module(std::uint64_t base) {
+  if (calls.unload_module) calls.unload_module(GetCurrentProcess(), base);
+  known.erase(base);
+  tables.erase(base);
+}
+
+void symbol_engine::abandon() {
+  unloaded.stop();
+  known = {};
+  tables.clear();
 }
 
 bool symbol_engine::find_module(std::uint64_t address, IMAGEHLP_MODULE64& record) {

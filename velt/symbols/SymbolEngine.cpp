@@ -24,8 +24,8 @@ bool bind(HMODULE library, char const* name, Entry& entry) {
   return entry != nullptr;
 }
 
-// False if a required entry is missing. The last two are optional: without them the engine
-// cannot find modules that are loaded later.
+// False if a required entry is missing. The last three are optional: without them the
+// engine cannot find modules that are loaded later, and cannot forget modules.
 bool bind_all(HMODULE library, debug_help& calls) {
   bool const complete = bind(library, "SymInitialize", calls.initialize) &&
                         bind(library, "SymCleanup", calls.cleanup) &&
@@ -41,6 +41,7 @@ bool bind_all(HMODULE library, debug_help& calls) {
                         bind(library, "MiniDumpWriteDump", calls.write_dump);
   bind(library, "SymRefreshModuleList", calls.refresh);
   bind(library, "SymLoadModuleExW", calls.load_module);
+  bind(library, "SymUnloadModule64", calls.unload_module);
   return complete;
 }
 
@@ -209,8 +210,8 @@ std::array<void*, 2> heaps_of_run_times() noexcept {
   return loaded ? loaded->library->heaps : std::array<void*, 2>{};
 }
 
-void forget_known_ranges() {
-  if (auto const loaded = loaded_engine()) loaded->forget_known_ranges();
+void abandon_engine() {
+  if (auto const loaded = loaded_engine()) loaded->abandon();
 }
 
 void* dump_writer() {

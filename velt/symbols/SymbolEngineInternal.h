@@ -20,6 +20,7 @@
 #include "velt/symbols/CoffNamesInternal.h"
 #include "velt/symbols/LoaderLockInternal.h"
 #include "velt/symbols/SymbolsInternal.h"
+#include "velt/symbols/UnloadedModulesInternal.h"
 
 namespace velt::detail {
 
@@ -43,6 +44,7 @@ struct debug_help {
   // Null if missing.
   decltype(&SymRefreshModuleList) refresh;
   decltype(&SymLoadModuleExW) load_module;
+  decltype(&SymUnloadModule64) unload_module;
 };
 
 // Ranges of addresses that never overlap.
@@ -52,6 +54,8 @@ public:
   bool meets(std::uint64_t address) const;
   // Does nothing if the new range overlaps an existing one.
   void insert(std::uint64_t start, std::uint64_t size);
+  // Removes the range that contains the address, if there is one.
+  void erase(std::uint64_t address);
 
 private:
   struct range {
@@ -115,13 +119,15 @@ public:
 
   // Whether a walk has led through a module without reading its symbols.
   bool walks_without_symbols() const { return needs_no_symbols; }
-  void forget_known_ranges() { known = {}; }
+  // For the unloading of the library: the engine calls no code of it from then on.
+  void abandon();
   debug_help const& entries() const { return calls; }
 
   std::unique_ptr<engine_library> library;
   bool finds_new_modules = true;
 
 private:
+  void forget_module(std::uint64_t base);
   module_state find_new_module(std::uint64_t address, IMAGEHLP_MODULE64& record);
   void load_module_at(std::uint64_t address);
   bool ask_for_symbol(std::uint64_t address, symbol_record& symbol, bool& is_public_only);
@@ -130,6 +136,7 @@ private:
   std::optional<function_place> find_in_file(std::uint64_t address);
 
   debug_help const calls;
+  unloaded_modules unloaded;
   HANDLE snapshot;
   address_ranges known;
   std::map<std::uint64_t, coff_names> tables;  // by the module's base
