@@ -4,15 +4,11 @@ __asm__(".text\n.skip " VELT_POSITION ", 0x90");
 
 namespace VELT_NAMESPACE {
 
-[[gnu::noipa]] static int call(int (*function)(void*), void* argument) {
-  return function(argument) + 1;
-}
+[[gnu::noipa]] static int call(bool (*function)()) { return function() + 1; }
 
 template <class T>
 struct reader {
-  [[gnu::noipa]] int read(int (*function)(void*), void* argument) const {
-    return call(function, argument) + 1;
-  }
+  [[gnu::noipa]] int read(bool (*function)()) const { return call(function) + 1; }
 };
 
 }  // namespace VELT_NAMESPACE
@@ -21,8 +17,8 @@ extern "C" {
 
 __declspec(dllexport) int some_data = 1;
 
-__declspec(dllexport) int call_back(int (*function)(void*), void* argument) {
-  return VELT_NAMESPACE::reader<int>().read(function, argument) + some_data;
+__declspec(dllexport) int call_back(bool (*function)()) {
+  return VELT_NAMESPACE::reader<int>().read(function) + some_data;
 }
 
 }  // extern "C"

@@ -190,6 +190,8 @@ struct {
      }),
      false},
     {"SymUnloadModule64", as_entry([](HANDLE, DWORD64) -> BOOL { return TRUE; }), false},
+    {"SymFunctionTableAccess64", as_entry(never_called), false},
+    {"SymGetModuleBase64", as_entry(never_called), false},
 };
 
 // The waits of this thread; those with a limit end at once if they are to.

@@ -191,13 +191,29 @@ bool symbol_engine::find_line(std::uint64_t address, IMAGEHLP_LINE64& line) {
   return calls.line(GetCurrentProcess(), address, &displacement, &line);
 }
 
+// Some engines walk without call-backs, others need their own entries for them. A null
+// call-back costs nothing, so these come first.
+bool symbol_engine::begin_walk(HANDLE thread, STACKFRAME64& frame, CONTEXT& context) {
+  auto const first_frame = frame;
+  auto const first_context = context;
+  if (walk(IMAGE_FILE_MACHINE_AMD64, thread, frame, &context)) return true;
+  if (walks_with_call_backs || !calls.function_table || !calls.module_base) return false;
+  frame = first_frame;
+  context = first_context;
+  walks_with_call_backs = true;
+  walks_with_call_backs = walk(IMAGE_FILE_MACHINE_AMD64, thread, frame, &context);
+  return walks_with_call_backs;
+}
+
 // The first step finds the frame where the walk begins. Each later step leaves a frame;
 // if the engine has still not read the symbols of that frame's module, walks need none.
 bool symbol_engine::walk(DWORD machine, HANDLE thread, STACKFRAME64& frame, CONTEXT* context) {
   bool const leaves_frame = frame.AddrReturn.Offset != 0;
   auto const left = frame.AddrPC.Offset;
-  if (!calls.walk(machine, GetCurrentProcess(), thread, &frame, context, nullptr, nullptr, nullptr,
-                  nullptr))
+  bool const with_call_backs = walks_with_call_backs && machine == IMAGE_FILE_MACHINE_AMD64;
+  if (!calls.walk(machine, GetCurrentProcess(), thread, &frame, context, nullptr,
+                  with_call_backs ? calls.function_table : nullptr,
+                  with_call_backs ? calls.module_base : nullptr, nullptr))
     return false;
   IMAGEHLP_MODULE64 record;
   if (!needs_no_symbols && leaves_frame && find_module(left, record))

@@ -24,8 +24,8 @@ bool bind(HMODULE library, char const* name, Entry& entry) {
   return entry != nullptr;
 }
 
-// False if a required entry is missing. The last three are optional: without them the
-// engine cannot find modules that are loaded later, and cannot forget modules.
+// False if a required entry is missing. Those after MiniDumpWriteDump are optional: they
+// find modules that are loaded later, forget modules, and serve walks as call-backs.
 bool bind_all(HMODULE library, debug_help& calls) {
   bool const complete = bind(library, "SymInitialize", calls.initialize) &&
                         bind(library, "SymCleanup", calls.cleanup) &&
@@ -42,6 +42,8 @@ bool bind_all(HMODULE library, debug_help& calls) {
   bind(library, "SymRefreshModuleList", calls.refresh);
   bind(library, "SymLoadModuleExW", calls.load_module);
   bind(library, "SymUnloadModule64", calls.unload_module);
+  bind(library, "SymFunctionTableAccess64", calls.function_table);
+  bind(library, "SymGetModuleBase64", calls.module_base);
   return complete;
 }
 
@@ -65,7 +67,8 @@ std::unique_ptr<engine_library> engine_library::load() {
   auto const module = LoadLibraryA("dbghelp.dll");
   if (!module) return nullptr;
   debug_help calls;
-  auto library = bind_all(module, calls) ? new (std::nothrow) engine_library(module, calls) : nullptr;
+  auto library =
+      bind_all(module, calls) ? new (std::nothrow) engine_library(module, calls) : nullptr;
   if (!library) FreeLibrary(module);
   return std::unique_ptr<engine_library>(library);
 }

@@ -45,6 +45,8 @@ struct debug_help {
   decltype(&SymRefreshModuleList) refresh;
   decltype(&SymLoadModuleExW) load_module;
   decltype(&SymUnloadModule64) unload_module;
+  PFUNCTION_TABLE_ACCESS_ROUTINE64 function_table;
+  PGET_MODULE_BASE_ROUTINE64 module_base;
 };
 
 // Ranges of addresses that never overlap.
@@ -115,6 +117,8 @@ public:
   bool find_symbol(std::uint64_t address, symbol_record& symbol);
   // The engine owns the texts that `line` points to.
   bool find_line(std::uint64_t address, IMAGEHLP_LINE64& line);
+  // The first step of a walk, in the 64-bit form.
+  bool begin_walk(HANDLE thread, STACKFRAME64& frame, CONTEXT& context);
   bool walk(DWORD machine, HANDLE thread, STACKFRAME64& frame, CONTEXT* context);
 
   // Whether a walk has led through a module without reading its symbols.
@@ -141,6 +145,7 @@ private:
   address_ranges known;
   std::map<std::uint64_t, coff_names> tables;  // by the module's base
   bool needs_no_symbols = false;
+  bool walks_with_call_backs = false;
 };
 
 // Null if the engine is not loaded. Only a holder of symbol_lock() may dereference the
