@@ -103,12 +103,13 @@ std::string demangled(std::string const& name) {
 }
 
 // A decorated name is followed by the types of the parameters, so its shortest part that
-// can be undecorated is the name alone. Arguments of a template belong to it.
+// can be undecorated is the name alone. The arguments of a template (I) and the tags of an
+// interface (B) belong to it.
 std::string undecorated(std::string const& name) {
   constexpr std::string_view mark = "_Z", constness = " const";
   if (!name.starts_with(mark)) return name;
   for (auto size = mark.size() + 1; size <= name.size(); ++size) {
-    if (size != name.size() && name[size] == 'I') continue;
+    if (size != name.size() && (name[size] == 'I' || name[size] == 'B')) continue;
     auto text = demangled(name.substr(0, size));
     if (text.ends_with(constness)) text.resize(text.size() - constness.size());
     if (!text.empty()) return text;
