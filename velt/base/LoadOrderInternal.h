@@ -15,7 +15,7 @@ enum load_step {
   memory_of_holders = 1000,
 
   symbol_lock_made,       // throws ESystemException
-  known_ranges_emptied,   // nothing to build
+  engine_abandoned,       // nothing to build
   debug_stream,
   error_stream,           // opens its file at the first write
   console_stream,
@@ -33,6 +33,7 @@ enum load_step {
   program_name_found,
   platform_locks,         // the entries of ntdll; a missing one stays null
   process_heap_found,     // with the section that guards it
+  insides_compared,       // nothing to destroy
   translator_slots,       // throw ESystemException
   handler_active_slot,    // throws ESystemException
   system_pool_stopped,    // nothing to build
@@ -42,6 +43,7 @@ enum load_step {
   throws_watched,
 
   stack_guarantee_found,
+  insides_reported,       // nothing to destroy
 };
 
 // Calls a function at its step that otherwise builds its object on first use. For

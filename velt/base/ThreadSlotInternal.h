@@ -16,8 +16,11 @@
 
 namespace velt::detail {
 
-// The first slots lie in the thread's own block and are read by one instruction.
-inline bool lies_in_block(DWORD slot) noexcept { return slot < TLS_MINIMUM_AVAILABLE; }
+// How many slots, the first ones, are known to lie in the thread's own block, where one
+// instruction reads them. No document gives their place: see owned_slot.
+inline constinit DWORD slots_in_block = 0;
+
+inline bool lies_in_block(DWORD slot) noexcept { return slot < slots_in_block; }
 
 inline void* read_in_block(DWORD slot) noexcept {
   return std::bit_cast<void*>(__readgsqword(offsetof(TEB, TlsSlots) + slot * sizeof(void*)));
@@ -43,7 +46,12 @@ inline bool write_thread_slot(DWORD slot, void* value) noexcept {
 // exceptions are thrown then too.
 class owned_slot {
 public:
-  owned_slot() noexcept : complement(~TlsAlloc()) {}
+  // The first slot shows whether they lie where this library supposes.
+  owned_slot() noexcept : complement(~TlsAlloc()) {
+    if (index() >= TLS_MINIMUM_AVAILABLE || slots_in_block != 0) return;
+    if (write(this) && read_in_block(index()) == this) slots_in_block = TLS_MINIMUM_AVAILABLE;
+    write(nullptr);
+  }
   ~owned_slot() { TlsFree(~std::exchange(complement, 0)); }
   owned_slot(owned_slot const&) = delete;
   owned_slot& operator=(owned_slot const&) = delete;

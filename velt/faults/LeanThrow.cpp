@@ -5,6 +5,7 @@
 // frame above the throw, and unwinding goes on from there as after a destructor.
 #include <windows.h>
 
+#include "velt/faults/ShadowStacksInternal.h"
 #include "velt/faults/ThrownObjectInternal.h"
 #include "velt/faults/TranslatorInternal.h"
 
@@ -45,6 +46,7 @@ EXCEPTION_DISPOSITION velt_cut_back(EXCEPTION_RECORD* record, void*, CONTEXT*,
 }
 
 void velt::detail::throw_leanly(void (*thrower)(void* argument), void* argument) {
+  if (!may_redirect_threads()) thrower(argument);
   velt_throw_leanly(argument, thrower);
   __builtin_unreachable();
 }

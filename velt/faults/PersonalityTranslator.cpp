@@ -33,6 +33,7 @@
 #include "velt/base/LoadOrderInternal.h"
 #include "velt/base/ThreadSlotInternal.h"
 #include "velt/faults/CallSitesInternal.h"
+#include "velt/faults/ShadowStacksInternal.h"
 #include "velt/faults/ThrownObjectInternal.h"
 #include "velt/faults/TranslatorInternal.h"
 
@@ -243,7 +244,7 @@ fault_report* report_of(EXCEPTION_RECORD const& record, CONTEXT const& context) 
 // if the fault does not allow continuing, or if the report cannot be made.
 bool redirect_below_fault(EXCEPTION_RECORD const& record, CONTEXT& context,
                           void* establisher) noexcept {
-  if (record.ExceptionFlags & EXCEPTION_NONCONTINUABLE) return false;
+  if ((record.ExceptionFlags & EXCEPTION_NONCONTINUABLE) || !may_redirect_threads()) return false;
   auto const report = report_of(record, context);
   if (!report) return false;
   ULONG64 const bottom = context.Rsp;

@@ -1,3 +1,4 @@
+#include <cxxabi.h>
 #include <unwind.h>
 #include <windows.h>
 
@@ -12,6 +13,7 @@
 #include <span>
 #include <string_view>
 
+#include "velt/base/LoadOrderInternal.h"
 #include "velt/base/TypeName.h"
 #include "velt/faults/ThrownObjectInternal.h"
 
@@ -47,6 +49,23 @@ static_assert(offsetof(throw_header, unwinder) == 80 && sizeof(throw_header) == 
 constexpr std::uint64_t language = 0x474E5543432B2B00;  // "GNUCC++", then the kind
 constexpr std::uint64_t kept = 1;                       // the kind with a second header
 
+// Of an object that the run time has made, but not thrown.
+bool has_known_layout() noexcept {
+  auto const object = abi::__cxa_allocate_exception(1);
+  auto const destroy = [](void*) {};
+  abi::__cxa_init_primary_exception(object, const_cast<std::type_info*>(&typeid(char)), destroy);
+  auto const& header = static_cast<throw_header*>(object)[-1];
+  bool const is_known = header.type == &typeid(char) && header.destroy == +destroy &&
+                        header.terminate == std::get_terminate() &&
+                        header.unwinder.exception_class == language;
+  abi::__cxa_free_exception(object);
+  return is_known;
+}
+
+VELT_LOAD_STEP(insides_compared) struct {
+  bool const is_known = has_known_layout();
+} const layout;
+
 struct own_object {
   std::type_info const* type;
   void* address;
@@ -55,7 +74,8 @@ struct own_object {
 // The header in front of the thrown object itself; null for other languages. Follows
 // the record's pointers unchecked, so the record must be known to be readable.
 throw_header* header_of(EXCEPTION_RECORD const& record) noexcept {
-  if (record.ExceptionCode != own_throw_code || record.NumberParameters < 1) return nullptr;
+  if (!layout.is_known || record.ExceptionCode != own_throw_code || record.NumberParameters < 1)
+    return nullptr;
   auto const unwinder = reinterpret_cast<_Unwind_Exception*>(record.ExceptionInformation[0]);
   if (!unwinder || (unwinder->exception_class & ~kept) != language) return nullptr;
   auto const header = reinterpret_cast<throw_header*>(unwinder + 1) - 1;
@@ -273,6 +293,8 @@ std::string clean(std::string name) {
 }
 
 }  // namespace
+
+bool knows_thrown_objects() noexcept { return layout.is_known; }
 
 void mark_born_of_fault(EXCEPTION_RECORD const& record) noexcept {
   if (auto const header = header_of(record)) header->terminate = terminate_for_fault;

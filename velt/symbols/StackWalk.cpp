@@ -53,10 +53,11 @@ STACKFRAME64 start_of_walk(CONTEXT const& context) {
 // The engine stops before a frame in a module that it does not know, so the module of the
 // next frame is made known first. The next frame lies at the return address of this one;
 // the first frame has none yet and lies at its own address.
-bool step(STACKFRAME64& frame, CONTEXT& context, HANDLE thread) {
+bool step(STACKFRAME64& frame, CONTEXT& context, HANDLE thread, bool is_first) {
   auto const next = frame.AddrReturn.Offset ? frame.AddrReturn.Offset : frame.AddrPC.Offset;
   return ask_engine_at(next, [&](symbol_engine& engine, bool) {
-    return engine.walk(IMAGE_FILE_MACHINE_AMD64, thread, frame, &context);
+    return is_first ? engine.begin_walk(thread, frame, context)
+                    : engine.walk(IMAGE_FILE_MACHINE_AMD64, thread, frame, &context);
   });
 }
 
@@ -67,7 +68,8 @@ unsigned int walk(unsigned __int64* frames, CONTEXT& context, HANDLE thread, uns
     engine_hold const hold;
     if (!hold) return 0;
     auto frame = start_of_walk(context);
-    while (count != max && step(frame, context, thread)) {
+    for (bool is_first = true; count != max && step(frame, context, thread, is_first);
+         is_first = false) {
       if (skip != 0)
         --skip;
       else

@@ -1,11 +1,8 @@
 #include "velt/symbols/SymbolEngineInternal.h"
 
 #include <malloc.h>
-#include <psapi.h>
 #include <tlhelp32.h>
 
-#include <algorithm>
-#include <limits>
 #include <new>
 #include <type_traits>
 #include <utility>
@@ -17,12 +14,6 @@
 namespace velt::detail {
 namespace {
 
-// Record sizes that old engines accept; newer headers declare longer records.
-constexpr DWORD size_of_module_record = 1672;
-constexpr DWORD size_of_line_record = 40;
-constexpr DWORD size_of_symbol_record = 32;
-constexpr DWORD longest_symbol_name = 1960;
-
 // Without SYMOPT_LOAD_LINES the engine never finds a line. SYMOPT_DEFERRED_LOADS makes
 // it read a module's symbols when it first needs them, so that the start stays cheap.
 constexpr DWORD engine_options = SYMOPT_UNDNAME | SYMOPT_DEFERRED_LOADS | SYMOPT_LOAD_LINES;
@@ -33,8 +24,8 @@ bool bind(HMODULE library, char const* name, Entry& entry) {
   return entry != nullptr;
 }
 
-// False if a required entry is missing. The last two are optional: without them the engine
-// cannot find modules that are loaded later.
+// False if a required entry is missing. Those after MiniDumpWriteDump are optional: they
+// find modules that are loaded later, forget modules, and serve walks as call-backs.
 bool bind_all(HMODULE library, debug_help& calls) {
   bool const complete = bind(library, "SymInitialize", calls.initialize) &&
                         bind(library, "SymCleanup", calls.cleanup) &&
@@ -50,6 +41,9 @@ bool bind_all(HMODULE library, debug_help& calls) {
                         bind(library, "MiniDumpWriteDump", calls.write_dump);
   bind(library, "SymRefreshModuleList", calls.refresh);
   bind(library, "SymLoadModuleExW", calls.load_module);
+  bind(library, "SymUnloadModule64", calls.unload_module);
+  bind(library, "SymFunctionTableAccess64", calls.function_table);
+  bind(library, "SymGetModuleBase64", calls.module_base);
   return complete;
 }
 
@@ -67,43 +61,7 @@ HANDLE heap_of(wchar_t const* run_time) {
   return heap == GetProcessHeap() ? nullptr : heap;
 }
 
-// Saturates, for ranges at the end of the address space.
-std::uint64_t last_byte(std::uint64_t start, std::uint64_t size) {
-  auto const last = start + (size - 1);
-  return last >= start ? last : std::numeric_limits<std::uint64_t>::max();
-}
-
-// Path of the module at the base. With the pseudo handle of GetCurrentProcess() the
-// platform would wait for the loader lock, which a thread suspended for a walk may own.
-// With a real handle it reads the list of modules as that of a foreign process.
-template <std::size_t size>
-bool find_path(HMODULE base, wchar_t (&path)[size]) {
-  HANDLE const process =
-      OpenProcess(PROCESS_QUERY_INFORMATION | PROCESS_VM_READ, FALSE, GetCurrentProcessId());
-  bool const found = process && K32GetModuleFileNameExW(process, base, path, size) != 0;
-  close_if_held(process);
-  return found;
-}
-
 }  // namespace
-
-std::vector<address_ranges::range>::const_iterator address_ranges::first_reaching(
-    std::uint64_t address) const {
-  return std::lower_bound(sorted.begin(), sorted.end(), address,
-                          [](range const& each, std::uint64_t a) { return each.last < a; });
-}
-
-bool address_ranges::meets(std::uint64_t address) const {
-  auto const found = first_reaching(address);
-  return found != sorted.end() && last_byte(address, 8) >= found->first;
-}
-
-void address_ranges::insert(std::uint64_t start, std::uint64_t size) {
-  if (size == 0) return;
-  auto const last = last_byte(start, size);
-  auto const next = first_reaching(start);
-  if (next == sorted.end() || last < next->first) sorted.insert(next, {start, last});
-}
 
 std::unique_ptr<engine_library> engine_library::load() {
   auto const module = LoadLibraryA("dbghelp.dll");
@@ -118,7 +76,7 @@ std::unique_ptr<engine_library> engine_library::load() {
 engine_library::engine_library(HMODULE library, debug_help const& bound)
     : heaps{heap_of(L"msvcrt"), heap_of(L"ucrtbase")}, module(library), calls(bound) {}
 
-// The engine lists the modules that are loaded now; find_new_module() adds later ones.
+// The engine lists the modules that are loaded now; ensure_module() adds later ones.
 // Nothing reads the snapshot.
 symbol_engine::symbol_engine(std::unique_ptr<engine_library> loaded)
     : library(std::move(loaded)), calls(library->entries()) {
@@ -130,83 +88,6 @@ symbol_engine::symbol_engine(std::unique_ptr<engine_library> loaded)
 symbol_engine::~symbol_engine() {
   close_if_held(snapshot);
   calls.cleanup(GetCurrentProcess());
-}
-
-// An address in no module is remembered with its eight bytes, so that it is looked for
-// only once. It is not remembered if the search was skipped, because threads are stopped
-// or the loader lock is busy.
-module_state symbol_engine::ensure_module(std::uint64_t address) {
-  if (known.meets(address)) return module_state::known;
-  IMAGEHLP_MODULE64 record;
-  auto const state =
-      find_module(address, record) ? module_state::known : find_new_module(address, record);
-  if (state == module_state::known)
-    known.insert(record.BaseOfImage, record.ImageSize);
-  else if (state == module_state::unknown && finds_new_modules)
-    known.insert(address, 8);
-  return state;
-}
-
-bool symbol_engine::find_module(std::uint64_t address, IMAGEHLP_MODULE64& record) {
-  record = {};
-  record.SizeOfStruct = size_of_module_record;
-  return calls.module_info(GetCurrentProcess(), address, &record);
-}
-
-// The refresh waits for the loader lock, to list the modules. Therefore the lock is taken
-// first, by an attempt that does not wait. New modules give new names to addresses.
-module_state symbol_engine::find_new_module(std::uint64_t address, IMAGEHLP_MODULE64& record) {
-  if (!finds_new_modules || GetLastError() != ERROR_MOD_NOT_FOUND) return module_state::unknown;
-  loader_lock const loader;
-  if (!loader.held()) return module_state::loader_is_busy;
-  ++engine_changes;
-  if (calls.refresh) {
-    calls.refresh(GetCurrentProcess());
-    if (find_module(address, record)) return module_state::known;
-  }
-  load_module_at(address);
-  return find_module(address, record) ? module_state::known : module_state::unknown;
-}
-
-// For engines whose refresh reports success but finds nothing new, as Wine's does.
-void symbol_engine::load_module_at(std::uint64_t address) {
-  MEMORY_BASIC_INFORMATION region;
-  if (!calls.load_module ||
-      !VirtualQuery(reinterpret_cast<void const*>(address), &region, sizeof region) ||
-      region.Type != MEM_IMAGE)
-    return;
-  wchar_t path[1024];
-  if (find_path(static_cast<HMODULE>(region.AllocationBase), path))
-    calls.load_module(GetCurrentProcess(), nullptr, path, nullptr,
-                      reinterpret_cast<std::uintptr_t>(region.AllocationBase), 0, nullptr, 0);
-}
-
-bool symbol_engine::find_symbol(std::uint64_t address, symbol_record& symbol) {
-  symbol = {};
-  symbol.head.SizeOfStruct = size_of_symbol_record;
-  symbol.head.MaxNameLength = longest_symbol_name;
-  return calls.symbol(GetCurrentProcess(), address, &symbol.displacement, &symbol.head);
-}
-
-bool symbol_engine::find_line(std::uint64_t address, IMAGEHLP_LINE64& line) {
-  line = {};
-  line.SizeOfStruct = size_of_line_record;
-  DWORD displacement;
-  return calls.line(GetCurrentProcess(), address, &displacement, &line);
-}
-
-// The first step finds the frame where the walk begins. Each later step leaves a frame;
-// if the engine has still not read the symbols of that frame's module, walks need none.
-bool symbol_engine::walk(DWORD machine, HANDLE thread, STACKFRAME64& frame, CONTEXT* context) {
-  bool const leaves_frame = frame.AddrReturn.Offset != 0;
-  auto const left = frame.AddrPC.Offset;
-  if (!calls.walk(machine, GetCurrentProcess(), thread, &frame, context, nullptr, nullptr, nullptr,
-                  nullptr))
-    return false;
-  IMAGEHLP_MODULE64 record;
-  if (!needs_no_symbols && leaves_frame && find_module(left, record))
-    needs_no_symbols = record.SymType == SymDeferred;
-  return true;
 }
 
 namespace {
@@ -332,8 +213,8 @@ std::array<void*, 2> heaps_of_run_times() noexcept {
   return loaded ? loaded->library->heaps : std::array<void*, 2>{};
 }
 
-void forget_known_ranges() {
-  if (auto const loaded = loaded_engine()) loaded->forget_known_ranges();
+void abandon_engine() {
+  if (auto const loaded = loaded_engine()) loaded->abandon();
 }
 
 void* dump_writer() {

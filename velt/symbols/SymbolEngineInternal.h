@@ -10,13 +10,17 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
+#include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "velt/locks/Mutex.h"
+#include "velt/symbols/CoffNamesInternal.h"
 #include "velt/symbols/LoaderLockInternal.h"
 #include "velt/symbols/SymbolsInternal.h"
+#include "velt/symbols/UnloadedModulesInternal.h"
 
 namespace velt::detail {
 
@@ -40,6 +44,9 @@ struct debug_help {
   // Null if missing.
   decltype(&SymRefreshModuleList) refresh;
   decltype(&SymLoadModuleExW) load_module;
+  decltype(&SymUnloadModule64) unload_module;
+  PFUNCTION_TABLE_ACCESS_ROUTINE64 function_table;
+  PGET_MODULE_BASE_ROUTINE64 module_base;
 };
 
 // Ranges of addresses that never overlap.
@@ -49,6 +56,8 @@ public:
   bool meets(std::uint64_t address) const;
   // Does nothing if the new range overlaps an existing one.
   void insert(std::uint64_t start, std::uint64_t size);
+  // Removes the range that contains the address, if there is one.
+  void erase(std::uint64_t address);
 
 private:
   struct range {
@@ -60,11 +69,8 @@ private:
 };
 
 struct symbol_record {
+  std::string name;
   std::uint64_t displacement = 0;
-  union {
-    char bytes[2048];  // the name ends somewhere in it
-    IMAGEHLP_SYMBOL64 head;
-  };
 };
 
 // A reference to dbghelp.dll. load() and the destructor wait for the loader lock, so a
@@ -106,27 +112,40 @@ public:
   // that is free.
   module_state ensure_module(std::uint64_t address);
   bool find_module(std::uint64_t address, IMAGEHLP_MODULE64& record);
+  // From the debug information, or else from the symbol table of the module's file, or
+  // else from the module's exports.
   bool find_symbol(std::uint64_t address, symbol_record& symbol);
   // The engine owns the texts that `line` points to.
   bool find_line(std::uint64_t address, IMAGEHLP_LINE64& line);
+  // The first step of a walk, in the 64-bit form.
+  bool begin_walk(HANDLE thread, STACKFRAME64& frame, CONTEXT& context);
   bool walk(DWORD machine, HANDLE thread, STACKFRAME64& frame, CONTEXT* context);
 
   // Whether a walk has led through a module without reading its symbols.
   bool walks_without_symbols() const { return needs_no_symbols; }
-  void forget_known_ranges() { known = {}; }
+  // For the unloading of the library: the engine calls no code of it from then on.
+  void abandon();
   debug_help const& entries() const { return calls; }
 
   std::unique_ptr<engine_library> library;
   bool finds_new_modules = true;
 
 private:
+  void forget_module(std::uint64_t base);
   module_state find_new_module(std::uint64_t address, IMAGEHLP_MODULE64& record);
   void load_module_at(std::uint64_t address);
+  bool ask_for_symbol(std::uint64_t address, symbol_record& symbol, bool& is_public_only);
+  bool ask_for_symbol_in_old_form(std::uint64_t address, symbol_record& symbol,
+                                  bool& is_public_only);
+  std::optional<function_place> find_in_file(std::uint64_t address);
 
   debug_help const calls;
+  unloaded_modules unloaded;
   HANDLE snapshot;
   address_ranges known;
+  std::map<std::uint64_t, coff_names> tables;  // by the module's base
   bool needs_no_symbols = false;
+  bool walks_with_call_backs = false;
 };
 
 // Null if the engine is not loaded. Only a holder of symbol_lock() may dereference the

@@ -29,7 +29,7 @@ void append_displacement(std::string& text, std::uint64_t displacement) {
 }
 
 void append_symbol(std::string& text, symbol_record const& symbol) {
-  append(text, "%s", symbol.head.Name);
+  append(text, "%s", symbol.name.c_str());
   append_displacement(text, symbol.displacement);
 }
 

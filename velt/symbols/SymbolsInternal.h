@@ -108,6 +108,6 @@ bool StackWalkStep(_tagSTACKFRAME64* frame, _CONTEXT* context, void* thread);
 void* dump_writer();
 
 // For the unloading of the library while the engine is still held.
-void forget_known_ranges();
+void abandon_engine();
 
 }  // namespace velt::detail
