@@ -178,24 +178,37 @@ bool is_run_times_routine(void const* handler) noexcept {
   return handler && routine_behind(handler) == real;
 }
 
-// Whether the run time's own routine would end the process for the frame. It serves
+// Whether the run time's own routine would stop the exception in the frame. It serves
 // modules that are not linked with ours, its own module among them. It looks up the
-// address before the place and terminates if that has no call site.
-bool would_terminate(void const* table, ULONG64 offset, bool faulted) noexcept {
+// address before the place and terminates if that has no call site, or if an exception
+// specification forbids to throw. A handler is a stop, too, while no stack is left:
+// code that does not know the library cannot restore the guard, and where a handler
+// ends so near to it, nobody can. The run time's streams have such handlers.
+bool would_stop(void const* table, ULONG64 offset, bool faulted, bool stack_is_left) noexcept {
   if (!table) return false;
   auto const found = find_call_site(table, offset - 1);
   // The address before a fault may belong to another call site: the routine would run
   // the wrong landing pad, so such a frame is passed too.
-  return !found || (faulted && found != find_call_site(table, offset));
+  return !found || (faulted && found != find_call_site(table, offset)) ||
+         has_specification(found->actions) || (!stack_is_left && has_catch(found->actions));
+}
+
+// Below it a handler could not restore the guard that an overflow has taken.
+ULONG64 end_of_stack(EXCEPTION_RECORD const& record) noexcept {
+  constexpr ULONG64 pages = 3 * 4096;
+  return record.ExceptionCode == EXCEPTION_STACK_OVERFLOW ? record.ExceptionInformation[1] + pages
+                                                          : 0;
 }
 
 // Walks from the fault outwards to the frame with the try block. Moves the place of
-// the throw past all frames that would end the process. Returns false if there are
+// the throw past all frames that would stop the exception. Returns false if there are
 // none.
-bool pass_terminating_frames(CONTEXT& place, CONTEXT& walker, void* establisher) noexcept {
+bool pass_stopping_frames(EXCEPTION_RECORD const& record, CONTEXT& place, CONTEXT& walker,
+                          void* establisher) noexcept {
   bool moved = false;
   bool faulted = true;
-  for (auto const target = reinterpret_cast<ULONG64>(establisher);; faulted = false) {
+  auto const target = reinterpret_cast<ULONG64>(establisher);
+  for (ULONG64 const end = end_of_stack(record);; faulted = false) {
     ULONG64 const at = walker.Rip;
     ULONG64 base, frame;
     auto const function = RtlLookupFunctionEntry(at, &base, nullptr);
@@ -211,7 +224,7 @@ bool pass_terminating_frames(CONTEXT& place, CONTEXT& walker, void* establisher)
                                           &frame, nullptr);
     if (frame >= target || walker.Rip == 0) return moved;
     if (!is_run_times_routine(reinterpret_cast<void const*>(handler)) ||
-        !would_terminate(table, at - base - function->BeginAddress, faulted))
+        !would_stop(table, at - base - function->BeginAddress, faulted, frame >= end))
       continue;
     place = walker;
     moved = true;
@@ -220,9 +233,10 @@ bool pass_terminating_frames(CONTEXT& place, CONTEXT& walker, void* establisher)
 
 // Asks the same for a frame of the dispatcher's search, and keeps the large records
 // out of the caller's frame.
-[[gnu::noinline]] bool has_terminating_frames(CONTEXT const& fault, void* establisher) noexcept {
+[[gnu::noinline]] bool has_stopping_frames(EXCEPTION_RECORD const& record, CONTEXT const& fault,
+                                           void* establisher) noexcept {
   CONTEXT place, walker = fault;
-  return pass_terminating_frames(place, walker, establisher);
+  return pass_stopping_frames(record, place, walker, establisher);
 }
 
 // Null if there is no memory. The upper halves of wide registers lie behind the
@@ -248,7 +262,7 @@ bool redirect_below_fault(EXCEPTION_RECORD const& record, CONTEXT& context,
   if (!report) return false;
   ULONG64 const bottom = context.Rsp;
   DWORD const flags = context.ContextFlags;
-  pass_terminating_frames(context, report->walker, establisher);
+  pass_stopping_frames(record, context, report->walker, establisher);
   // The walker's flags lack the extended state, which still lies behind this context.
   context.ContextFlags = flags;
   constexpr ULONG64 machine_frame = 40;  // five words, as the processor pushes them
@@ -286,7 +300,7 @@ EXCEPTION_DISPOSITION search(EXCEPTION_RECORD* record, void* establisher, CONTEX
   if (!has_catch_for(frame, faulted ? frame.ControlPc : frame.ControlPc - 1))
     return ExceptionContinueSearch;
   if ((record->ExceptionCode == EXCEPTION_STACK_OVERFLOW ||
-       has_terminating_frames(*context, establisher)) &&
+       has_stopping_frames(*record, *context, establisher)) &&
       redirect_below_fault(*record, *context, establisher))
     return ExceptionContinueExecution;
   call_translator(translator, record, context);

@@ -3,7 +3,11 @@
 #include <process.h>
 #include <windows.h>
 
+#include <cxxabi.h>
 #include <malloc.h>
+
+#include <new>
+#include <typeinfo>
 
 #include "velt/base/CheckInternal.h"
 #include "velt/base/LoadOrderInternal.h"
@@ -26,8 +30,19 @@ VELT_LOAD_STEP(stack_overflow_done) struct done_event : THandle {
   done_event() { AttachHandle(check(CreateEventW(nullptr, FALSE, FALSE, nullptr))); }
 } StackOverflowDone;
 
+// The run time calls it at the end of the last handler, where the stack is unwound. So
+// the next overflow is caught, too, if the handler knows nothing of guards.
+void destroy_and_reset(void* thrown) {
+  static_cast<EStackOverflowException*>(thrown)->~EStackOverflowException();
+  EStackOverflowException::ResetStack();
+}
+
+// As a throw expression does, but for the function that destroys the object.
 void throw_copy(void* target) {
-  throw EStackOverflowException(*static_cast<EStackOverflowException*>(target));
+  void* const copy = abi::__cxa_allocate_exception(sizeof(EStackOverflowException));
+  new (copy) EStackOverflowException(*static_cast<EStackOverflowException*>(target));
+  abi::__cxa_throw(copy, const_cast<std::type_info*>(&typeid(EStackOverflowException)),
+                   destroy_and_reset);
 }
 
 // A queued call ends a wait early, hence the loop.
