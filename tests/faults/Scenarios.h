@@ -30,7 +30,6 @@ struct Scenario {
 struct Recursion {
   char const* name;
   long (*run)(long depth);
-  bool allocates = false;
 };
 
 struct Build {

@@ -42,6 +42,7 @@ enum load_step {
   throws_watched,
 
   stack_guarantee_found,
+  heap_calls_found,
 };
 
 // Calls a function at its step that otherwise builds its object on first use. For

@@ -33,6 +33,7 @@
 #include "velt/base/LoadOrderInternal.h"
 #include "velt/base/ThreadSlotInternal.h"
 #include "velt/faults/CallSitesInternal.h"
+#include "velt/faults/HeapCallInternal.h"
 #include "velt/faults/ThrownObjectInternal.h"
 #include "velt/faults/TranslatorInternal.h"
 
@@ -48,6 +49,8 @@ struct fault_report;
 }
 extern "C" void velt_land_below_fault(velt::detail::fault_report*, ULONG64 rip, ULONG64 rsp);
 extern "C" void velt_translate_report(velt::detail::fault_report* report);
+extern "C" void velt_end_heap_call();
+extern "C" [[noreturn]] void velt_land_behind_heap_call();
 
 // The frame that calls the translator has a handler, which the platform calls
 // whenever it unwinds the frame. A destructor would run for some kinds of unwinding
@@ -91,13 +94,24 @@ velt_land_below_fault:
   .seh_endproc
 )");
 
+// A call of the heap returns to it, with the registers of that call's caller.
+asm(R"(
+  .text
+  .def velt_end_heap_call; .scl 3; .type 32; .endef
+velt_end_heap_call:
+  subq $32, %rsp
+  call velt_land_behind_heap_call
+  ud2
+)");
+
 namespace velt::detail {
 
 // A copy of the platform's records of a fault, in pages of its own.
 struct fault_report {
   EXCEPTION_RECORD record;
   CONTEXT context;
-  CONTEXT walker;  // work space for a walk over the frames
+  CONTEXT walker;   // work space for a walk over the frames
+  CONTEXT landing;  // where the thread continues when its call of the heap has ended
 };
 
 namespace {
@@ -114,6 +128,7 @@ struct open_fault {
 
 VELT_LOAD_STEP(translator_slots) thread_slot<void(unsigned int, _EXCEPTION_POINTERS*)> translators;
 VELT_LOAD_STEP(translator_slots) thread_slot<open_fault> open_faults;
+VELT_LOAD_STEP(translator_slots) thread_slot<fault_report> reports_behind_heap_calls;
 
 void close(open_fault const& fault) noexcept {
   open_faults.set(fault.outer);
@@ -253,24 +268,45 @@ fault_report* report_of(EXCEPTION_RECORD const& record, CONTEXT const& context) 
   return report;
 }
 
-// Changes the context so that the thread continues in velt_land_below_fault. False
-// if the fault does not allow continuing, or if the report cannot be made.
+// Changes the place, which was that of the fault, so that the thread continues in
+// velt_land_below_fault.
+void land_below(EXCEPTION_RECORD const& record, CONTEXT& place, fault_report* report,
+                void* establisher) noexcept {
+  ULONG64 const bottom = place.Rsp;
+  DWORD const flags = place.ContextFlags;
+  report->walker = report->context;
+  pass_stopping_frames(record, place, report->walker, establisher);
+  // The walker's flags lack the extended state, which still lies behind the context.
+  place.ContextFlags = flags;
+  constexpr ULONG64 machine_frame = 40;  // five words, as the processor pushes them
+  place.Rcx = reinterpret_cast<ULONG64>(report);
+  place.Rdx = place.Rip;
+  place.R8 = place.Rsp;
+  place.Rip = reinterpret_cast<ULONG64>(&velt_land_below_fault);
+  place.Rsp = (bottom & ~ULONG64{15}) - machine_frame;
+}
+
+// Changes the context so that the exception is thrown from below the fault. False if
+// the fault does not allow continuing, or if the report cannot be made. A call of the
+// heap ends first, so that its lock is free; it has the reserve of the stack. Its result
+// is lost, and the place of the fault is that of the call.
 bool redirect_below_fault(EXCEPTION_RECORD const& record, CONTEXT& context,
                           void* establisher) noexcept {
   if (record.ExceptionFlags & EXCEPTION_NONCONTINUABLE) return false;
   auto const report = report_of(record, context);
   if (!report) return false;
-  ULONG64 const bottom = context.Rsp;
-  DWORD const flags = context.ContextFlags;
-  pass_stopping_frames(record, context, report->walker, establisher);
-  // The walker's flags lack the extended state, which still lies behind this context.
-  context.ContextFlags = flags;
-  constexpr ULONG64 machine_frame = 40;  // five words, as the processor pushes them
-  context.Rcx = reinterpret_cast<ULONG64>(report);
-  context.Rdx = context.Rip;
-  context.R8 = context.Rsp;
-  context.Rip = reinterpret_cast<ULONG64>(&velt_land_below_fault);
-  context.Rsp = (bottom & ~ULONG64{15}) - machine_frame;
+  auto const return_address = leave_heap_call(report->context, report->walker);
+  if (!return_address) {
+    land_below(record, context, report, establisher);
+    return true;
+  }
+  // Within the call, since the address behind it may have another call site.
+  --report->context.Rip;
+  report->record.ExceptionAddress = reinterpret_cast<void*>(report->context.Rip);
+  report->landing = report->context;
+  land_below(record, report->landing, report, establisher);
+  reports_behind_heap_calls.set(report);
+  *return_address = reinterpret_cast<ULONG64>(&velt_end_heap_call);
   return true;
 }
 
@@ -357,6 +393,13 @@ void velt_translate_report(velt::detail::fault_report* report) {
   using namespace velt::detail;
   call_translator(translators.get(), &report->record, &report->context, report);
   std::terminate();
+}
+
+void velt_land_behind_heap_call() {
+  using namespace velt::detail;
+  auto const report = reports_behind_heap_calls.get();
+  RtlRestoreContext(&report->landing, nullptr);
+  __builtin_unreachable();
 }
 
 // The search reaches this frame before any frame further out, so the exception is marked

@@ -45,12 +45,6 @@ void throw_copy(void* target) {
                    destroy_and_reset);
 }
 
-// A queued call ends a wait early, hence the loop.
-void wait_until_done() {
-  while (StackOverflowDone.WaitForSingleObject(INFINITE, TRUE) != WAIT_OBJECT_0) {
-  }
-}
-
 }  // namespace
 
 EStackOverflowException::EStackOverflowException() = default;
@@ -68,7 +62,8 @@ void EStackOverflowException::Throw(_EXCEPTION_POINTERS* pointers, unsigned long
   unsigned int id;
   auto const thread = _beginthreadex(nullptr, 0, ThrowThread, &target, 0, &id);
   StackOverflowThread.AttachHandle(check(reinterpret_cast<void*>(thread)));
-  wait_until_done();
+  // Not alertable: an interruption would leave this frame, which the thread writes to.
+  StackOverflowDone.WaitForSingleObject(INFINITE, FALSE);
   StackOverflowThread.CloseHandle();
   velt::detail::throw_leanly(throw_copy, &target);
 }

@@ -6,8 +6,8 @@
 #include "velt/faults/StructuredException.h"
 
 // As EStructuredException, with "Stack Overflow" as its "Text". A handler that
-// catches it (or a base of it) must call ResetStack(), or the next overflow of the
-// thread ends the process:
+// catches it (or a base of it) must call ResetStack(), or the thread's next overflow,
+// if it comes before the end of the handler, ends the process:
 //
 //   try {
 //     parse(document);
@@ -25,9 +25,7 @@ public:
   // take turns.
   //
   // Throws ESystemException instead if that thread cannot be started or waited
-  // for. The wait is alertable. If a queued call throws out of it, the other thread
-  // goes on writing to a frame that is gone, so interrupt only threads that do not
-  // overflow.
+  // for. The wait is not alertable: queued calls stay for the thread's next wait.
   [[noreturn]] static void Throw(_EXCEPTION_POINTERS* pointers, unsigned long thread_id);
 
   // Restores the guard of the calling thread's stack, after the stack was unwound.
