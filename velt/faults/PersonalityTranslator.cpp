@@ -343,28 +343,45 @@ EXCEPTION_DISPOSITION search(EXCEPTION_RECORD* record, void* establisher, CONTEX
   return ExceptionContinueSearch;
 }
 
-// A C++ exception passes a frame, or is caught there. The real routine subtracts one
-// from the address it is given, because a return address may already lie in the next
-// call site. A faulting instruction must be looked up at its own address, so pass()
-// adds one for it.
-EXCEPTION_DISPOSITION pass(EXCEPTION_RECORD* record, void* establisher, CONTEXT* context,
-                           DISPATCHER_CONTEXT* frame) {
-  auto const fault = open_faults.get();
-  bool const faulted = fault && is_faulting_frame(*fault->context, establisher, *frame);
-  if (faulted) {
-    fault->frame_is_ours = true;
-    if (is_unwinding(*record)) close(*fault);
-  }
-  if (record->ExceptionCode != own_throw_code)
-    return __real___gxx_personality_seh0(record, establisher, context, frame);
-  // The compiler did not expect a throw here, so the real routine would terminate.
-  if (is_born_of_fault(*record) &&
-      !call_site_at(*frame, faulted ? frame->ControlPc : frame->ControlPc - 1))
-    return ExceptionContinueSearch;
-  if (!faulted) return __real___gxx_personality_seh0(record, establisher, context, frame);
+// The real routine subtracts one from the address it is given, because a return address
+// may already lie in the next call site. A faulting instruction must be looked up at
+// its own address, so one is added for it. Its frame is the only one of which a record
+// stays on the stack meanwhile.
+[[gnu::noinline]] EXCEPTION_DISPOSITION pass_fault(EXCEPTION_RECORD* record, void* establisher,
+                                                   CONTEXT* context, DISPATCHER_CONTEXT* frame) {
   DISPATCHER_CONTEXT behind = *frame;
   ++behind.ControlPc;
   return __real___gxx_personality_seh0(record, establisher, context, &behind);
+}
+
+// Whether the fault whose exception is under way happened in this frame. Closes it when
+// its frame is unwound.
+[[gnu::noinline]] bool note_frame_of_fault(EXCEPTION_RECORD const& record, void* establisher,
+                                           DISPATCHER_CONTEXT const& frame) noexcept {
+  auto const fault = open_faults.get();
+  if (!fault || !is_faulting_frame(*fault->context, establisher, frame)) return false;
+  fault->frame_is_ours = true;
+  if (is_unwinding(record)) close(*fault);
+  return true;
+}
+
+// The compiler did not expect a throw here, so the real routine would terminate.
+[[gnu::noinline]] bool is_unexpected(EXCEPTION_RECORD const& record,
+                                     DISPATCHER_CONTEXT const& frame, bool faulted) noexcept {
+  return is_born_of_fault(record) &&
+         !call_site_at(frame, faulted ? frame.ControlPc : frame.ControlPc - 1);
+}
+
+// A C++ exception passes a frame, or is caught there. Ends by jumps, not calls, and so
+// takes no room on the stack.
+EXCEPTION_DISPOSITION pass(EXCEPTION_RECORD* record, void* establisher, CONTEXT* context,
+                           DISPATCHER_CONTEXT* frame) {
+  bool const faulted = note_frame_of_fault(*record, establisher, *frame);
+  if (record->ExceptionCode == own_throw_code) {
+    if (is_unexpected(*record, *frame, faulted)) return ExceptionContinueSearch;
+    if (faulted) return pass_fault(record, establisher, context, frame);
+  }
+  return __real___gxx_personality_seh0(record, establisher, context, frame);
 }
 
 }  // namespace
