@@ -5,15 +5,18 @@
 #include "velt/base/Export.h"
 #include "velt/faults/StructuredException.h"
 
-// As EStructuredException, with "Stack Overflow" as its "Text". A handler that
-// catches it (or a base of it) must call ResetStack(), or the thread's next overflow,
-// if it comes before the end of the handler, ends the process:
+// As EStructuredException, with "Stack Overflow" as its "Text". The platform removes
+// the guard of the stack when it overflows. A handler that catches the exception (or a
+// base of it) restores the guard by ResetStack():
 //
 //   try {
 //     parse(document);
 //   } catch (EStackOverflowException&) {
 //     EStackOverflowException::ResetStack();
 //   }
+//
+// Without that call the guard is restored when the exception is destroyed, usually at
+// the end of the handler. An overflow before that ends the thread or the process.
 class VELT_API EStackOverflowException : public EStructuredException {
 public:
   EStackOverflowException();
