@@ -144,7 +144,6 @@ void overflow_and_catch() {
   }
 }
 
-// The platform ends the thread, or the process with it.
 void overflow_twice_without_reset() {
   struct Overflowing final : TThreadClass {
     void ThreadBody() override {

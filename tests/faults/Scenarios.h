@@ -2,6 +2,7 @@
 // at each level of optimisation as a part of the test program, and as a DLL.
 #pragma once
 
+#include <climits>
 #include <span>
 #include <string>
 
@@ -10,6 +11,8 @@ namespace velt_test {
 // What the compiler cannot know.
 struct Fault {
   int* nowhere;  // points to 0x10
+  int lowest = INT_MIN, minus_one = -1;
+  double too_large = 1e300;  // the processor traps its conversion to int
   std::string log;
   long long result = 0;
 };
@@ -30,7 +33,6 @@ struct Scenario {
 struct Recursion {
   char const* name;
   long (*run)(long depth);
-  bool allocates = false;
 };
 
 struct Build {

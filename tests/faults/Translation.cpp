@@ -1,20 +1,19 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
-#include <atomic>
+#include <algorithm>
 #include <functional>
 #include <map>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "tests/faults/PlainModule.h"
 #include "tests/faults/Scenarios.h"
 #include "tests/support/DocTables.h"
 #include "tests/support/SkippedValues.h"
 #include "velt/diagnostics/Settings.h"
 #include "velt/exceptions/EGeneric.h"
-#include "velt/faults/StructuredException.h"
+#include "velt/faults/TranslatorInternal.h"
 #include "velt/value/HolderCacheInternal.h"
 
 namespace {
@@ -24,7 +23,15 @@ using Address = int volatile*;
 Address volatile nowhere = reinterpret_cast<Address>(0x10);
 int volatile result;
 
-[[gnu::noipa]] void read_nowhere() { result = *nowhere; }
+// The processor's control of faults, 0x1F80 as usual.
+class FloatingPoint {
+public:
+  explicit FloatingPoint(unsigned control) { asm volatile("ldmxcsr %0" : : "m"(control)); }
+  ~FloatingPoint() {
+    unsigned const all_masked = 0x1F80;
+    asm volatile("ldmxcsr %0" : : "m"(all_masked));
+  }
+};
 
 // The caught exception's values but for the address, which is where the code
 // happens to lie.
@@ -41,9 +48,14 @@ std::string caught(std::function<void()> const& action) {
   return list;
 }
 
-std::string raised(DWORD code, std::vector<ULONG_PTR> const& parameters = {}) {
-  return caught(
-      [&] { RaiseException(code, 0, static_cast<DWORD>(parameters.size()), parameters.data()); });
+// Of an exception made by hand.
+std::string made(DWORD code, std::vector<ULONG_PTR> const& parameters = {}) {
+  EXCEPTION_RECORD record{code, 0, nullptr, reinterpret_cast<void*>(0x1234567880000000),
+                          static_cast<DWORD>(parameters.size()), {}};
+  std::ranges::copy(parameters, record.ExceptionInformation);
+  CONTEXT context{};
+  EXCEPTION_POINTERS pointers{&record, &context};
+  return EStructuredException(code, &pointers, 0).what();
 }
 
 }  // namespace
@@ -56,9 +68,11 @@ class Faults : public ::testing::TestWithParam<velt_test::Build> {
 protected:
   static void TearDownTestSuite() { velt_test::skipped_values = velt::detail::live_holders(); }
 
-  // What a function writes that may be left by the exception.
+  // What a function writes that may be left by the exception. Conversions of numbers
+  // that are too large trap.
   std::string log_of(void (*run)(velt_test::Fault&)) const {
-    velt_test::Fault fault{const_cast<int*>(nowhere), {}};
+    velt_test::Fault fault{.nowhere = const_cast<int*>(nowhere), .log = {}};
+    FloatingPoint const traps(0x1F00);
     try {
       run(fault);
     } catch (EStructuredException&) {
@@ -99,177 +113,106 @@ INSTANTIATE_TEST_SUITE_P(, Faults, ::testing::ValuesIn(builds), [](auto const& t
 
 // Codes, texts and parameters.
 
-// A row of the documentation's table; most are for one code.
-struct Codes {
-  DWORD first, last;
-  std::string text;
-};
-
-std::vector<Codes> documented_codes() {
-  auto table = velt_test::doc_table("faults.md", "fault codes");
-  table.erase(table.begin());
-  std::vector<Codes> all;
-  for (auto const& row : table) {
-    auto const number = [](std::string const& text) { return std::stoul(text, nullptr, 16); };
-    auto const to = row[0].find(" to ");
-    auto const first = number(row[0]);
-    all.push_back({first, to == std::string::npos ? first : number(row[0].substr(to + 4)), row[1]});
-  }
-  return all;
-}
-
+// A row of the documentation's table is for one code, or for all from one to another.
 TEST(StructuredException, NamesTheCodesThatItKnows) {
-  auto const all = documented_codes();
-  auto const beginning = [&](DWORD code) {
-    for (auto const& row : all)
-      if (row.first <= code && code <= row.last) return "Text " + row.text;
-    return std::string("Code ");
-  };
-  // Each code, and its neighbours.
-  for (auto const& row : all)
-    for (DWORD code = row.first - 1; code <= row.last + 1; ++code) {
-      auto const list = raised(code);
-      EXPECT_TRUE(list.starts_with(beginning(code))) << list;
-      EXPECT_TRUE(list.ends_with("Code " + std::to_string(static_cast<int>(code)) + ", Address"))
-          << list;
-    }
-  EXPECT_EQ(raised(1), "Code 1, Address");
-  EXPECT_EQ(raised(0xC0000099), "Code -1073741671, Address");
-}
-
-TEST(StructuredException, TellsTheAccessThatWasRefused) {
-  EXPECT_EQ(raised(0xC0000005, {0, 0x123456789ABCDEF0}),
-            "Text Access Violation (read from 0x123456789abcdef0), Code -1073741819, Address, "
-            "Parameter0 0, Parameter1 -1698898192");
-  EXPECT_EQ(raised(0xC0000005, {0x100000000, 0xAB}),
-            "Text Access Violation (write to 0xab), Code -1073741819, Address, "
-            "Parameter0 0, Parameter1 171");
-  // The record has room for parameters, whether they count or not.
-  EXPECT_TRUE(raised(0xC0000005).starts_with("Text Access Violation ("));
-}
-
-TEST(StructuredException, NumbersParametersByOneCharacter) {
-  EXPECT_EQ(raised(0xE0000000, {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14}),
-            "Code -536870912, Address, Parameter0 0, Parameter1 1, Parameter2 2, Parameter3 3, "
-            "Parameter4 4, Parameter5 5, Parameter6 6, Parameter7 7, Parameter8 8, Parameter9 9, "
-            "Parameter: 10, Parameter; 11, Parameter< 12, Parameter= 13, Parameter> 14");
-}
-
-TEST(StructuredException, KeepsTheLowHalfOfTheAddress) {
-  temporary_redirect_structured_exceptions const translated;
-  try {
-    read_nowhere();
-    FAIL();
-  } catch (EStructuredException& error) {
-    int const address = error["Address"];
-    auto const function = static_cast<int>(reinterpret_cast<ULONG_PTR>(&read_nowhere));
-    EXPECT_GE(address, function);
-    EXPECT_LT(address, function + 64);
+  std::map<DWORD, std::string> texts;
+  for (auto const& row : velt_test::doc_table("faults.md", "fault codes")) {
+    if (row[0] == "Code") continue;
+    auto const last = row[0].substr(row[0].rfind('0', row[0].rfind('x')));
+    for (auto code = std::stoul(row[0], nullptr, 16); code <= std::stoul(last, nullptr, 16); ++code)
+      texts[code] = "Text: " + row[1];
   }
+  EXPECT_EQ(texts.size(), 23u);
+  for (auto const& [known, text] : texts)
+    for (auto const code : {known - 1, known, known + 1}) {
+      auto const list = made(code);
+      EXPECT_TRUE(list.starts_with(texts.contains(code) ? texts[code] : "Code: ")) << list;
+      EXPECT_TRUE(list.ends_with("\nAddress: -2147483648 (0x80000000)")) << list;
+    }
 }
 
-TEST(StructuredException, CanBeMadeByHand) {
-  EXCEPTION_RECORD record{};
-  record.ExceptionAddress = reinterpret_cast<void*>(0x1234567880000000);
-  CONTEXT context{};
-  EXCEPTION_POINTERS pointers{&record, &context};
-  EStructuredException const error(0xC00000FD, &pointers, 0);
-  EXPECT_STREQ(error.what(),
-               "Text: Stack Overflow\nCode: -1073741571 (0xc00000fd)\n"
-               "Address: -2147483648 (0x80000000)");
+// The record has room for parameters, whether they count or not.
+TEST(StructuredException, TellsAccessAndParameters) {
+  EXPECT_TRUE(made(0xC0000005).starts_with("Text: Access Violation (read from 0x0)"));
+  auto const list = made(0xC0000005, {0x100000000, 0x123456789ABCDEF0, 2, 3, 4, 5, 6, 7, 8, 9, 10});
+  for (char const* part : {"Text: Access Violation (write to 0x123456789abcdef0)\n",
+                           "\nParameter0: 0 (0x0)\nParameter1: -1698898192 (0x9abcdef0)\n",
+                           "\nParameter9: 9 (0x9)\nParameter:: 10 (0xa)"})
+    EXPECT_TRUE(list.find(part) != list.npos) << list;
 }
 
-// What the processor does, kept from the optimiser.
-namespace {
-
-[[gnu::noipa]] void write_nowhere() { *nowhere = 1; }
-
-[[gnu::noipa]] void execute_data() {
-  static char data[] = "\xC3";
-  reinterpret_cast<void (*)()>(reinterpret_cast<ULONG_PTR>(data))();
+// The call's frame is the first that can be named.
+TEST(StructuredException, OfACallThroughABadPointerHasThePlaceOfTheCall) {
+  VeltDebugSetup(true);
+  for (ULONG_PTR const address : {0, 0x10}) {
+    auto const list = caught([volatile_address = &address] {
+      reinterpret_cast<void (*)()>(*static_cast<ULONG_PTR const volatile*>(volatile_address))();
+    });
+    for (char const* name : {", ModuleName ", ", AddressName ", ", Stack "})
+      EXPECT_TRUE(list.find(name) != list.npos) << list;
+    EXPECT_TRUE(list.find("translation_tests") != list.npos) << list;
+  }
+  VeltDebugSetup(false);
 }
-
-[[gnu::noipa]] void divide(int volatile& dividend, int volatile& divisor) {
-  result = dividend / divisor;
-}
-
-[[gnu::noipa]] void step() { asm volatile("pushfq; orq $0x100, (%rsp); popfq; nop; nop"); }
-
-[[gnu::noipa]] void divide_floats() {
-  double volatile one = 1, nothing = 0;
-  unsigned const trap_division = 0x1F80 & ~0x200;
-  asm volatile("ldmxcsr %0" : : "m"(trap_division));
-  one = one / nothing;
-}
-
-[[gnu::noipa]] void touch_guard() {
-  void* const page = VirtualAlloc(nullptr, 4096, MEM_COMMIT, PAGE_READWRITE | PAGE_GUARD);
-  result = *static_cast<Address>(page);
-}
-
-}  // namespace
 
 TEST(ProcessorFault, OfEveryKindIsTranslated) {
-  int volatile zero = 0;
   struct {
-    std::function<void()> action;
+    void (*action)();
     char const* expected;
   } const rows[] = {
-      {read_nowhere, "Text Access Violation (read from 0x10), Code -1073741819, Address"},
-      {write_nowhere, "Text Access Violation (write to 0x10), Code -1073741819, Address"},
-      {execute_data, "Text Access Violation (write to 0x"},
-      {[&] { divide(zero, zero); }, "Text Divide by Zero, Code -1073741676, Address"},
-      {[] { asm volatile("int $4"); }, "Text Integer Overflow, Code -1073741675, Address"},
+      {[] {
+         static char data[] = "\xC3";
+         reinterpret_cast<void (*)()>(reinterpret_cast<ULONG_PTR>(data))();
+       },
+       "Text Access Violation (write to 0x"},
       {[] { asm volatile("ud2"); }, "Text Illegal Instruction, Code -1073741795, Address"},
       {[] { asm volatile("int3"); }, "Text Breakpoint, Code -2147483645, Address"},
-      {step, "Text Debugger Exception, Code -2147483644, Address"},
+      {[] { asm volatile("pushfq; orq $0x100, (%rsp); popfq; nop; nop"); },
+       "Text Debugger Exception, Code -2147483644, Address"},
       {[] { asm volatile("hlt"); }, "Text Privileged Instruction, Code -1073741674, Address"},
-      {divide_floats, "Text FPU Error, Code "},
-      {touch_guard, "Code -2147483647, Address, Parameter0 0"},
+      {[] {
+         FloatingPoint const traps(0x1D80);
+         double volatile one = 1, nothing = 0;
+         one = one / nothing;
+       },
+       "Text FPU Error, Code "},
   };
   for (auto const& [action, expected] : rows) {
     auto const list = caught(action);
     EXPECT_TRUE(list.starts_with(expected)) << list << " instead of " << expected;
   }
-  unsigned const all_masked = 0x1F80;
-  asm volatile("ldmxcsr %0" : : "m"(all_masked));
-}
-
-// Frames of a module that does not know the library.
-TEST(PlainModule, CleansUpInAFrameBetweenAndCatchesWhatAFrameFurtherOutTranslates) {
-  bool cleaned_up = false, caught_there = false;
-  auto const read = [](void*) { read_nowhere(); };
-  caught([&] {
-    plain_module::call(read, [](void* context) { *static_cast<bool*>(context) = true; },
-                       &cleaned_up);
-  });
-  caught([&] { caught_there = plain_module::catches(read, nullptr); });
-  EXPECT_TRUE(cleaned_up);
-  EXPECT_TRUE(caught_there);
 }
 
 // The setting of each thread.
 
 namespace {
 
-constexpr DWORD probe_code = 0xE0000042;
+std::string calls;
 
 // Called where no frame took the exception; lets the process go on.
-LONG CALLBACK ignore_probe(EXCEPTION_POINTERS* pointers) {
-  return pointers->ExceptionRecord->ExceptionCode == probe_code ? EXCEPTION_CONTINUE_EXECUTION
-                                                                : EXCEPTION_CONTINUE_SEARCH;
-}
+class IgnoredProbes {
+public:
+  IgnoredProbes()
+      : previous(SetUnhandledExceptionFilter([](EXCEPTION_POINTERS*) -> LONG {
+          calls += "unhandled ";
+          return EXCEPTION_CONTINUE_EXECUTION;
+        })) {}
+  ~IgnoredProbes() { SetUnhandledExceptionFilter(previous); }
+
+private:
+  LPTOP_LEVEL_EXCEPTION_FILTER const previous;
+};
+
+void raise_probe() { RaiseException(0xE0000042, 0, 0, nullptr); }
 
 bool is_translated() {
-  auto const previous = SetUnhandledExceptionFilter(ignore_probe);
-  bool translated = false;
+  IgnoredProbes const probes;
   try {
-    RaiseException(probe_code, 0, 0, nullptr);
+    raise_probe();
   } catch (EStructuredException&) {
-    translated = true;
+    return true;
   }
-  SetUnhandledExceptionFilter(previous);
-  return translated;
+  return false;
 }
 
 }  // namespace
@@ -278,7 +221,9 @@ TEST(Redirection, IsOfOneThreadAndLastsToTheEndOfItsScope) {
   EXPECT_FALSE(is_translated());
   {
     temporary_redirect_structured_exceptions const outer;
+    SetLastError(4711);
     EXPECT_TRUE(is_translated());
+    EXPECT_EQ(GetLastError(), 4711u);
     { temporary_redirect_structured_exceptions const inner; }
     EXPECT_TRUE(is_translated());
     std::thread([] {
@@ -290,24 +235,59 @@ TEST(Redirection, IsOfOneThreadAndLastsToTheEndOfItsScope) {
   EXPECT_FALSE(is_translated());
 }
 
-TEST(Redirection, ServesManyThreadsAtOnce) {
-  constexpr int threads = 4, faults = 300;
-  std::atomic<int> count = 0;
-  std::vector<std::jthread> all;
-  for (int i = 0; i < threads; ++i)
-    all.emplace_back([&] {
-      for (int fault = 0; fault < faults; ++fault) count += caught(read_nowhere) != "";
-    });
-  all.clear();
-  EXPECT_EQ(count, threads * faults);
+// Translators that throw what they like, fail, or decline.
+
+namespace {
+
+class Translated {
+public:
+  explicit Translated(structured_exception_translator translator)
+      : previous(velt::detail::set_translator(translator)) {
+    calls.clear();
+  }
+  ~Translated() { velt::detail::set_translator(previous); }
+
+private:
+  structured_exception_translator const previous;
+};
+
+}  // namespace
+
+// A fault in a translator would be the next fault to translate, and so on.
+TEST(Translator, IsNotAskedForItsOwnFaults) {
+  IgnoredProbes const probes;
+  Translated const translated([](unsigned int, EXCEPTION_POINTERS*) {
+    calls += "asked ";
+    raise_probe();
+    throw 1;
+  });
+  try {
+    raise_probe();
+  } catch (int) {
+    calls += "caught";
+  }
+  EXPECT_EQ(calls, "asked unhandled caught");
 }
 
-TEST(Redirection, LeavesTheLastErrorAlone) {
-  temporary_redirect_structured_exceptions const translated;
-  try {
-    SetLastError(4711);
-    read_nowhere();
-  } catch (EGeneric&) {
-    EXPECT_EQ(GetLastError(), 4711u);
+// What it catches itself is translated, and does not get in the way of what it
+// throws then.
+TEST(Translator, MayCatchFaultsOfItsOwn) {
+  Translated const translated([](unsigned int, EXCEPTION_POINTERS* pointers) {
+    calls += "asked ";
+    if (pointers->ExceptionRecord->ExceptionInformation[1] != 0x10) throw 2;
+    try {
+      result = nowhere[1];
+    } catch (int) {
+      calls += "caught inside ";
+    }
+    throw 1;
+  });
+  for (int round = 0; round < 2; ++round) {
+    try {
+      result = *nowhere;
+    } catch (int) {
+      calls += "caught. ";
+    }
   }
+  EXPECT_EQ(calls, "asked asked caught inside caught. asked asked caught inside caught. ");
 }

@@ -44,6 +44,7 @@ enum load_step {
 
   stack_guarantee_found,
   insides_reported,       // nothing to destroy
+  heap_calls_found,
 };
 
 // Calls a function at its step that otherwise builds its object on first use. For

@@ -91,15 +91,28 @@ std::optional<call_site> find_call_site(void const* table, ULONG64 offset) noexc
   return {};
 }
 
-bool has_catch(BYTE const* actions) noexcept {
+namespace {
+
+template <class Predicate>
+bool any_of_filters(BYTE const* actions, Predicate predicate) noexcept {
   while (actions) {
     table_reader record(actions);
-    if (record.signed_number() > 0) return true;
+    if (predicate(record.signed_number())) return true;
     BYTE const* const link = record.position();
     LONG64 const distance = record.signed_number();
     actions = distance ? link + distance : nullptr;
   }
   return false;
+}
+
+}  // namespace
+
+bool has_catch(BYTE const* actions) noexcept {
+  return any_of_filters(actions, [](LONG64 filter) { return filter > 0; });
+}
+
+bool has_specification(BYTE const* actions) noexcept {
+  return any_of_filters(actions, [](LONG64 filter) { return filter < 0; });
 }
 
 }  // namespace velt::detail

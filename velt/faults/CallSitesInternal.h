@@ -22,4 +22,7 @@ std::optional<call_site> find_call_site(void const* table, ULONG64 offset) noexc
 // Whether the actions are those of a try block, whatever it catches.
 bool has_catch(BYTE const* actions) noexcept;
 
+// Whether the actions are those of an exception specification, such as `throw()`.
+bool has_specification(BYTE const* actions) noexcept;
+
 }  // namespace velt::detail

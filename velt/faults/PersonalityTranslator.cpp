@@ -33,6 +33,7 @@
 #include "velt/base/LoadOrderInternal.h"
 #include "velt/base/ThreadSlotInternal.h"
 #include "velt/faults/CallSitesInternal.h"
+#include "velt/faults/HeapCallInternal.h"
 #include "velt/faults/ShadowStacksInternal.h"
 #include "velt/faults/ThrownObjectInternal.h"
 #include "velt/faults/TranslatorInternal.h"
@@ -49,6 +50,8 @@ struct fault_report;
 }
 extern "C" void velt_land_below_fault(velt::detail::fault_report*, ULONG64 rip, ULONG64 rsp);
 extern "C" void velt_translate_report(velt::detail::fault_report* report);
+extern "C" void velt_end_heap_call();
+extern "C" [[noreturn]] void velt_land_behind_heap_call();
 
 // The frame that calls the translator has a handler, which the platform calls
 // whenever it unwinds the frame. A destructor would run for some kinds of unwinding
@@ -92,13 +95,24 @@ velt_land_below_fault:
   .seh_endproc
 )");
 
+// A call of the heap returns to it, with the registers of that call's caller.
+asm(R"(
+  .text
+  .def velt_end_heap_call; .scl 3; .type 32; .endef
+velt_end_heap_call:
+  subq $32, %rsp
+  call velt_land_behind_heap_call
+  ud2
+)");
+
 namespace velt::detail {
 
 // A copy of the platform's records of a fault, in pages of its own.
 struct fault_report {
   EXCEPTION_RECORD record;
   CONTEXT context;
-  CONTEXT walker;  // work space for a walk over the frames
+  CONTEXT walker;   // work space for a walk over the frames
+  CONTEXT landing;  // where the thread continues when its call of the heap has ended
 };
 
 namespace {
@@ -115,6 +129,7 @@ struct open_fault {
 
 VELT_LOAD_STEP(translator_slots) thread_slot<void(unsigned int, _EXCEPTION_POINTERS*)> translators;
 VELT_LOAD_STEP(translator_slots) thread_slot<open_fault> open_faults;
+VELT_LOAD_STEP(translator_slots) thread_slot<fault_report> reports_behind_heap_calls;
 
 void close(open_fault const& fault) noexcept {
   open_faults.set(fault.outer);
@@ -179,24 +194,37 @@ bool is_run_times_routine(void const* handler) noexcept {
   return handler && routine_behind(handler) == real;
 }
 
-// Whether the run time's own routine would end the process for the frame. It serves
+// Whether the run time's own routine would stop the exception in the frame. It serves
 // modules that are not linked with ours, its own module among them. It looks up the
-// address before the place and terminates if that has no call site.
-bool would_terminate(void const* table, ULONG64 offset, bool faulted) noexcept {
+// address before the place and terminates if that has no call site, or if an exception
+// specification forbids to throw. A handler is a stop, too, while no stack is left:
+// code that does not know the library cannot restore the guard, and where a handler
+// ends so near to it, nobody can. The run time's streams have such handlers.
+bool would_stop(void const* table, ULONG64 offset, bool faulted, bool stack_is_left) noexcept {
   if (!table) return false;
   auto const found = find_call_site(table, offset - 1);
   // The address before a fault may belong to another call site: the routine would run
   // the wrong landing pad, so such a frame is passed too.
-  return !found || (faulted && found != find_call_site(table, offset));
+  return !found || (faulted && found != find_call_site(table, offset)) ||
+         has_specification(found->actions) || (!stack_is_left && has_catch(found->actions));
+}
+
+// Below it a handler could not restore the guard that an overflow has taken.
+ULONG64 end_of_stack(EXCEPTION_RECORD const& record) noexcept {
+  constexpr ULONG64 pages = 3 * 4096;
+  return record.ExceptionCode == EXCEPTION_STACK_OVERFLOW ? record.ExceptionInformation[1] + pages
+                                                          : 0;
 }
 
 // Walks from the fault outwards to the frame with the try block. Moves the place of
-// the throw past all frames that would end the process. Returns false if there are
+// the throw past all frames that would stop the exception. Returns false if there are
 // none.
-bool pass_terminating_frames(CONTEXT& place, CONTEXT& walker, void* establisher) noexcept {
+bool pass_stopping_frames(EXCEPTION_RECORD const& record, CONTEXT& place, CONTEXT& walker,
+                          void* establisher) noexcept {
   bool moved = false;
   bool faulted = true;
-  for (auto const target = reinterpret_cast<ULONG64>(establisher);; faulted = false) {
+  auto const target = reinterpret_cast<ULONG64>(establisher);
+  for (ULONG64 const end = end_of_stack(record);; faulted = false) {
     ULONG64 const at = walker.Rip;
     ULONG64 base, frame;
     auto const function = RtlLookupFunctionEntry(at, &base, nullptr);
@@ -212,7 +240,7 @@ bool pass_terminating_frames(CONTEXT& place, CONTEXT& walker, void* establisher)
                                           &frame, nullptr);
     if (frame >= target || walker.Rip == 0) return moved;
     if (!is_run_times_routine(reinterpret_cast<void const*>(handler)) ||
-        !would_terminate(table, at - base - function->BeginAddress, faulted))
+        !would_stop(table, at - base - function->BeginAddress, faulted, frame >= end))
       continue;
     place = walker;
     moved = true;
@@ -221,9 +249,10 @@ bool pass_terminating_frames(CONTEXT& place, CONTEXT& walker, void* establisher)
 
 // Asks the same for a frame of the dispatcher's search, and keeps the large records
 // out of the caller's frame.
-[[gnu::noinline]] bool has_terminating_frames(CONTEXT const& fault, void* establisher) noexcept {
+[[gnu::noinline]] bool has_stopping_frames(EXCEPTION_RECORD const& record, CONTEXT const& fault,
+                                           void* establisher) noexcept {
   CONTEXT place, walker = fault;
-  return pass_terminating_frames(place, walker, establisher);
+  return pass_stopping_frames(record, place, walker, establisher);
 }
 
 // Null if there is no memory. The upper halves of wide registers lie behind the
@@ -240,24 +269,45 @@ fault_report* report_of(EXCEPTION_RECORD const& record, CONTEXT const& context) 
   return report;
 }
 
-// Changes the context so that the thread continues in velt_land_below_fault. False
-// if the fault does not allow continuing, or if the report cannot be made.
+// Changes the place, which was that of the fault, so that the thread continues in
+// velt_land_below_fault.
+void land_below(EXCEPTION_RECORD const& record, CONTEXT& place, fault_report* report,
+                void* establisher) noexcept {
+  ULONG64 const bottom = place.Rsp;
+  DWORD const flags = place.ContextFlags;
+  report->walker = report->context;
+  pass_stopping_frames(record, place, report->walker, establisher);
+  // The walker's flags lack the extended state, which still lies behind the context.
+  place.ContextFlags = flags;
+  constexpr ULONG64 machine_frame = 40;  // five words, as the processor pushes them
+  place.Rcx = reinterpret_cast<ULONG64>(report);
+  place.Rdx = place.Rip;
+  place.R8 = place.Rsp;
+  place.Rip = reinterpret_cast<ULONG64>(&velt_land_below_fault);
+  place.Rsp = (bottom & ~ULONG64{15}) - machine_frame;
+}
+
+// Changes the context so that the exception is thrown from below the fault. False if
+// the fault does not allow continuing, or if the report cannot be made. A call of the
+// heap ends first, so that its lock is free; it has the reserve of the stack. Its result
+// is lost, and the place of the fault is that of the call.
 bool redirect_below_fault(EXCEPTION_RECORD const& record, CONTEXT& context,
                           void* establisher) noexcept {
   if ((record.ExceptionFlags & EXCEPTION_NONCONTINUABLE) || !may_redirect_threads()) return false;
   auto const report = report_of(record, context);
   if (!report) return false;
-  ULONG64 const bottom = context.Rsp;
-  DWORD const flags = context.ContextFlags;
-  pass_terminating_frames(context, report->walker, establisher);
-  // The walker's flags lack the extended state, which still lies behind this context.
-  context.ContextFlags = flags;
-  constexpr ULONG64 machine_frame = 40;  // five words, as the processor pushes them
-  context.Rcx = reinterpret_cast<ULONG64>(report);
-  context.Rdx = context.Rip;
-  context.R8 = context.Rsp;
-  context.Rip = reinterpret_cast<ULONG64>(&velt_land_below_fault);
-  context.Rsp = (bottom & ~ULONG64{15}) - machine_frame;
+  auto const return_address = leave_heap_call(report->context, report->walker);
+  if (!return_address) {
+    land_below(record, context, report, establisher);
+    return true;
+  }
+  // Within the call, since the address behind it may have another call site.
+  --report->context.Rip;
+  report->record.ExceptionAddress = reinterpret_cast<void*>(report->context.Rip);
+  report->landing = report->context;
+  land_below(record, report->landing, report, establisher);
+  reports_behind_heap_calls.set(report);
+  *return_address = reinterpret_cast<ULONG64>(&velt_end_heap_call);
   return true;
 }
 
@@ -287,35 +337,52 @@ EXCEPTION_DISPOSITION search(EXCEPTION_RECORD* record, void* establisher, CONTEX
   if (!has_catch_for(frame, faulted ? frame.ControlPc : frame.ControlPc - 1))
     return ExceptionContinueSearch;
   if ((record->ExceptionCode == EXCEPTION_STACK_OVERFLOW ||
-       has_terminating_frames(*context, establisher)) &&
+       has_stopping_frames(*record, *context, establisher)) &&
       redirect_below_fault(*record, *context, establisher))
     return ExceptionContinueExecution;
   call_translator(translator, record, context);
   return ExceptionContinueSearch;
 }
 
-// A C++ exception passes a frame, or is caught there. The real routine subtracts one
-// from the address it is given, because a return address may already lie in the next
-// call site. A faulting instruction must be looked up at its own address, so pass()
-// adds one for it.
-EXCEPTION_DISPOSITION pass(EXCEPTION_RECORD* record, void* establisher, CONTEXT* context,
-                           DISPATCHER_CONTEXT* frame) {
-  auto const fault = open_faults.get();
-  bool const faulted = fault && is_faulting_frame(*fault->context, establisher, *frame);
-  if (faulted) {
-    fault->frame_is_ours = true;
-    if (is_unwinding(*record)) close(*fault);
-  }
-  if (record->ExceptionCode != own_throw_code)
-    return __real___gxx_personality_seh0(record, establisher, context, frame);
-  // The compiler did not expect a throw here, so the real routine would terminate.
-  if (is_born_of_fault(*record) &&
-      !call_site_at(*frame, faulted ? frame->ControlPc : frame->ControlPc - 1))
-    return ExceptionContinueSearch;
-  if (!faulted) return __real___gxx_personality_seh0(record, establisher, context, frame);
+// The real routine subtracts one from the address it is given, because a return address
+// may already lie in the next call site. A faulting instruction must be looked up at
+// its own address, so one is added for it. Its frame is the only one of which a record
+// stays on the stack meanwhile.
+[[gnu::noinline]] EXCEPTION_DISPOSITION pass_fault(EXCEPTION_RECORD* record, void* establisher,
+                                                   CONTEXT* context, DISPATCHER_CONTEXT* frame) {
   DISPATCHER_CONTEXT behind = *frame;
   ++behind.ControlPc;
   return __real___gxx_personality_seh0(record, establisher, context, &behind);
+}
+
+// Whether the fault whose exception is under way happened in this frame. Closes it when
+// its frame is unwound.
+[[gnu::noinline]] bool note_frame_of_fault(EXCEPTION_RECORD const& record, void* establisher,
+                                           DISPATCHER_CONTEXT const& frame) noexcept {
+  auto const fault = open_faults.get();
+  if (!fault || !is_faulting_frame(*fault->context, establisher, frame)) return false;
+  fault->frame_is_ours = true;
+  if (is_unwinding(record)) close(*fault);
+  return true;
+}
+
+// The compiler did not expect a throw here, so the real routine would terminate.
+[[gnu::noinline]] bool is_unexpected(EXCEPTION_RECORD const& record,
+                                     DISPATCHER_CONTEXT const& frame, bool faulted) noexcept {
+  return is_born_of_fault(record) &&
+         !call_site_at(frame, faulted ? frame.ControlPc : frame.ControlPc - 1);
+}
+
+// A C++ exception passes a frame, or is caught there. Ends by jumps, not calls, and so
+// takes no room on the stack.
+EXCEPTION_DISPOSITION pass(EXCEPTION_RECORD* record, void* establisher, CONTEXT* context,
+                           DISPATCHER_CONTEXT* frame) {
+  bool const faulted = note_frame_of_fault(*record, establisher, *frame);
+  if (record->ExceptionCode == own_throw_code) {
+    if (is_unexpected(*record, *frame, faulted)) return ExceptionContinueSearch;
+    if (faulted) return pass_fault(record, establisher, context, frame);
+  }
+  return __real___gxx_personality_seh0(record, establisher, context, frame);
 }
 
 }  // namespace
@@ -344,6 +411,13 @@ void velt_translate_report(velt::detail::fault_report* report) {
   using namespace velt::detail;
   call_translator(translators.get(), &report->record, &report->context, report);
   std::terminate();
+}
+
+void velt_land_behind_heap_call() {
+  using namespace velt::detail;
+  auto const report = reports_behind_heap_calls.get();
+  RtlRestoreContext(&report->landing, nullptr);
+  __builtin_unreachable();
 }
 
 // The search reaches this frame before any frame further out, so the exception is marked

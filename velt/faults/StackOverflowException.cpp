@@ -3,7 +3,11 @@
 #include <process.h>
 #include <windows.h>
 
+#include <cxxabi.h>
 #include <malloc.h>
+
+#include <new>
+#include <typeinfo>
 
 #include "velt/base/CheckInternal.h"
 #include "velt/base/LoadOrderInternal.h"
@@ -26,14 +30,19 @@ VELT_LOAD_STEP(stack_overflow_done) struct done_event : THandle {
   done_event() { AttachHandle(check(CreateEventW(nullptr, FALSE, FALSE, nullptr))); }
 } StackOverflowDone;
 
-void throw_copy(void* target) {
-  throw EStackOverflowException(*static_cast<EStackOverflowException*>(target));
+// The run time calls it at the end of the last handler, where the stack is unwound. So
+// the next overflow is caught, too, if the handler knows nothing of guards.
+void destroy_and_reset(void* thrown) {
+  static_cast<EStackOverflowException*>(thrown)->~EStackOverflowException();
+  EStackOverflowException::ResetStack();
 }
 
-// A queued call ends a wait early, hence the loop.
-void wait_until_done() {
-  while (StackOverflowDone.WaitForSingleObject(INFINITE, TRUE) != WAIT_OBJECT_0) {
-  }
+// As a throw expression does, but for the function that destroys the object.
+void throw_copy(void* target) {
+  void* const copy = abi::__cxa_allocate_exception(sizeof(EStackOverflowException));
+  new (copy) EStackOverflowException(*static_cast<EStackOverflowException*>(target));
+  abi::__cxa_throw(copy, const_cast<std::type_info*>(&typeid(EStackOverflowException)),
+                   destroy_and_reset);
 }
 
 }  // namespace
@@ -53,7 +62,8 @@ void EStackOverflowException::Throw(_EXCEPTION_POINTERS* pointers, unsigned long
   unsigned int id;
   auto const thread = _beginthreadex(nullptr, 0, ThrowThread, &target, 0, &id);
   StackOverflowThread.AttachHandle(check(reinterpret_cast<void*>(thread)));
-  wait_until_done();
+  // Not alertable: an interruption would leave this frame, which the thread writes to.
+  StackOverflowDone.WaitForSingleObject(INFINITE, FALSE);
   StackOverflowThread.CloseHandle();
   velt::detail::throw_leanly(throw_copy, &target);
 }

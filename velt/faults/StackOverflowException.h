@@ -5,15 +5,18 @@
 #include "velt/base/Export.h"
 #include "velt/faults/StructuredException.h"
 
-// As EStructuredException, with "Stack Overflow" as its "Text". A handler that
-// catches it (or a base of it) must call ResetStack(), or the next overflow of the
-// thread ends the process:
+// As EStructuredException, with "Stack Overflow" as its "Text". The platform removes
+// the guard of the stack when it overflows. A handler that catches the exception (or a
+// base of it) restores the guard by ResetStack():
 //
 //   try {
 //     parse(document);
 //   } catch (EStackOverflowException&) {
 //     EStackOverflowException::ResetStack();
 //   }
+//
+// Without that call the guard is restored when the exception is destroyed, usually at
+// the end of the handler. An overflow before that ends the thread or the process.
 class VELT_API EStackOverflowException : public EStructuredException {
 public:
   EStackOverflowException();
@@ -25,9 +28,7 @@ public:
   // take turns.
   //
   // Throws ESystemException instead if that thread cannot be started or waited
-  // for. The wait is alertable. If a queued call throws out of it, the other thread
-  // goes on writing to a frame that is gone, so interrupt only threads that do not
-  // overflow.
+  // for. The wait is not alertable: queued calls stay for the thread's next wait.
   [[noreturn]] static void Throw(_EXCEPTION_POINTERS* pointers, unsigned long thread_id);
 
   // Restores the guard of the calling thread's stack, after the stack was unwound.

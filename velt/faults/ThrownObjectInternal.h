@@ -6,6 +6,8 @@
 #include <string>
 #include <typeinfo>
 
+#include "velt/base/Export.h"
+
 struct _EXCEPTION_POINTERS;
 struct _EXCEPTION_RECORD;
 
@@ -18,14 +20,14 @@ inline constexpr unsigned long foreign_throw_code = 0xE06D7363;
 // not read: their types are unknown and they bear no mark.
 bool knows_thrown_objects() noexcept;
 
-bool is_typed_throw(_EXCEPTION_POINTERS const* pointers) noexcept;
+VELT_API bool is_typed_throw(_EXCEPTION_POINTERS const* pointers) noexcept;
 
 // Whether a handler of `type` would catch the object.
-bool ThrownTypeIs(_EXCEPTION_POINTERS const* pointers, std::type_info const& type);
+VELT_API bool ThrownTypeIs(_EXCEPTION_POINTERS const* pointers, std::type_info const& type);
 // The object as `type`, or null.
-void* ThrownObjectAs(_EXCEPTION_POINTERS const* pointers, std::type_info const& type);
+VELT_API void* ThrownObjectAs(_EXCEPTION_POINTERS const* pointers, std::type_info const& type);
 // Readable name of the object's own type, or empty if the type is unknown.
-std::string ThrownTypeName(_EXCEPTION_POINTERS const* pointers);
+VELT_API std::string ThrownTypeName(_EXCEPTION_POINTERS const* pointers);
 
 // Exceptions that left a translator are marked. The mark belongs to the thrown
 // object. It stays when the object is thrown again, by `throw;` or by

@@ -10,7 +10,8 @@ namespace velt::detail {
 // before. The translator is called on the faulting stack, before any unwinding. It
 // throws or returns; after a return the search for a handler goes on. For a stack
 // overflow it must throw.
-structured_exception_translator set_translator(structured_exception_translator translator) noexcept;
+VELT_API structured_exception_translator set_translator(
+    structured_exception_translator translator) noexcept;
 
 // Calls the thrower, which must throw. The throw takes 8 to 9 KB of stack under
 // Wine, where a bare throw takes 12.
