@@ -96,7 +96,8 @@ public:
   using element_type = T;
 
   constexpr SmartPtr() noexcept = default;
-  constexpr SmartPtr(std::nullptr_t) noexcept {}
+  // A template, so that NULL, which is a number, means the pointer.
+  constexpr SmartPtr(std::same_as<std::nullptr_t> auto) noexcept {}
   SmartPtr(T* object) noexcept : ptr(object) { add_reference(object); }
   SmartPtr(SmartPtr const& other) noexcept : SmartPtr(other.get()) {}
 
@@ -134,7 +135,7 @@ public:
     release(ptr.exchange(object));
     return *this;
   }
-  SmartPtr& operator=(std::nullptr_t) noexcept {
+  SmartPtr& operator=(std::same_as<std::nullptr_t> auto) noexcept {
     reset();
     return *this;
   }
@@ -179,7 +180,9 @@ public:
     return a.get() == b.get();
   }
   friend bool operator==(SmartPtr const& a, T const* b) noexcept { return a.get() == b; }
-  friend bool operator==(SmartPtr const& a, std::nullptr_t) noexcept { return !a; }
+  friend bool operator==(SmartPtr const& a, std::same_as<std::nullptr_t> auto) noexcept {
+    return !a;
+  }
   template <class U>
   friend std::strong_ordering operator<=>(SmartPtr const& a, SmartPtr<U> const& b) noexcept {
     return std::compare_three_way()(a.get(), b.get());
