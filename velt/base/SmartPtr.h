@@ -58,6 +58,11 @@ class SmartPtr;
 // counted bases has one count. Make objects with new: the count is 0 until the
 // first SmartPtr takes the object, and the thread that releases the last handle
 // deletes it. Until a handle takes an object, its maker owns it.
+//
+// The destructor may throw, so that a derived class may have members whose destructors
+// do, such as handles. A release does not throw: an exception out of it ends the program.
+// A class that also derives from a class of the standard library must declare its own
+// destructor noexcept.
 class VELT_API SmartPtrObj {
 public:
   SmartPtrObj() noexcept = default;
@@ -69,7 +74,7 @@ public:
   // assigned to.
   SmartPtrObj& operator=(SmartPtrObj const&) noexcept = default;
 
-  virtual ~SmartPtrObj();
+  virtual ~SmartPtrObj() noexcept(false);
 
   // A readable identity: the name of the run-time type, then the low 32 bits
   // of the address, as in "Job {0x41f0c0}". Two objects can print alike.

@@ -49,7 +49,7 @@ public:
   TThreadTask(TThreadTask const& other);
   // An exception kept before is overwritten and not deleted.
   TThreadTask& operator=(TThreadTask const& other);
-  ~TThreadTask() noexcept override;
+  ~TThreadTask() override;
 
   bool IsStarted() const override;
   bool IsFinished() const override;
