@@ -225,13 +225,13 @@ concept writable = requires(TDebugStreamSession& session, T const& value) { sess
 
 // Asked before `writable`, which would otherwise ask itself about sessions.
 template <class T>
-concept debug_stream = requires(T& stream, void (&take)(TDebugStream&)) { take(stream); };
+concept begins_statements = requires(T& stream, void (&take)(TDebugStream&)) { take(stream); };
 
 }  // namespace velt::detail
 
 // Begins a statement on the stream with anything that a session can write. The
 // result lives to the end of the full expression and holds the stream until then.
-template <velt::detail::debug_stream Stream, velt::detail::writable T>
+template <velt::detail::begins_statements Stream, velt::detail::writable T>
 TDebugStreamSession operator<<(Stream& stream, T const& value) {
   TDebugStreamSession session(stream);
   session << value;
@@ -245,7 +245,7 @@ inline TDebugStreamSession operator<<(TDebugStream& stream,
 }
 
 // Anything else: one message of the compiler, with the type in it.
-template <velt::detail::debug_stream Stream, class T>
+template <velt::detail::begins_statements Stream, class T>
   requires(!velt::detail::writable<T>)
 TDebugStreamSession operator<<(Stream&, T const& no_stream_can_write_it) = delete;
 
