@@ -46,6 +46,7 @@
 #include "velt/text/Numbers.h"
 #include "velt/text/Splitting.h"
 #include "velt/text/Trim.h"
+#include "velt/threads/PoolGuard.h"
 #include "velt/threads/Thread.h"
 #include "velt/threads/ThreadClass.h"
 #include "velt/threads/ThreadContext.h"

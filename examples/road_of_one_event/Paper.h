@@ -12,7 +12,6 @@ class paper : public SmartPtrObj {
 public:
   // Opens the file. Throws ESystemException, with the path as "File".
   paper(std::wstring const& folder, std::wstring const& its_name);
-  ~paper() noexcept override {}
 
   // Reads the file to its end and returns the worth in cents. Throws EGeneric, with
   // "File" and "Line", if a quantity is not a number. Does not handle goods without a

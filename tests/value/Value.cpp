@@ -12,7 +12,6 @@ using namespace velt_test;
 static_assert(sizeof(_value_t) == sizeof(void*));
 static_assert(!std::is_constructible_v<_value_t, void*>, "would become a bool");
 static_assert(!std::is_assignable_v<_value_t&, int*>, "would become a bool");
-static_assert(!std::is_constructible_v<_value_t, unsigned>, "ambiguous");
 
 TEST(Value, TakesTheTypeThatItIsMadeOf) {
   for_each_element_type([]<class T>() {

@@ -35,6 +35,9 @@ struct basic_const_string {
       std::basic_string<CharT, std::char_traits<CharT>, Allocator> const& text) noexcept
       : data(text.data()), length(text.size()) {}
 
+  template <std::same_as<std::basic_string_view<CharT>> View>
+  constexpr basic_const_string(View text) noexcept : data(text.data()), length(text.size()) {}
+
   // The wide text of a COM string in its stored length, NULs included.
   template <std::same_as<_bstr_t> ComString>
     requires std::same_as<CharT, wchar_t>

@@ -9,7 +9,7 @@
 
 const _DoNotInitialize DoNotInitialize;
 
-SmartPtrObj::~SmartPtrObj() = default;
+SmartPtrObj::~SmartPtrObj() noexcept(false) = default;
 
 std::string SmartPtrObj::describe() const {
   char digits[8];

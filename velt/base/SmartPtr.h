@@ -58,6 +58,11 @@ class SmartPtr;
 // counted bases has one count. Make objects with new: the count is 0 until the
 // first SmartPtr takes the object, and the thread that releases the last handle
 // deletes it. Until a handle takes an object, its maker owns it.
+//
+// The destructor may throw, so that a derived class may have members whose destructors
+// do, such as handles. A release does not throw: an exception out of it ends the program.
+// A class that also derives from a class of the standard library must declare its own
+// destructor noexcept.
 class VELT_API SmartPtrObj {
 public:
   SmartPtrObj() noexcept = default;
@@ -69,7 +74,7 @@ public:
   // assigned to.
   SmartPtrObj& operator=(SmartPtrObj const&) noexcept = default;
 
-  virtual ~SmartPtrObj();
+  virtual ~SmartPtrObj() noexcept(false);
 
   // A readable identity: the name of the run-time type, then the low 32 bits
   // of the address, as in "Job {0x41f0c0}". Two objects can print alike.
@@ -96,7 +101,8 @@ public:
   using element_type = T;
 
   constexpr SmartPtr() noexcept = default;
-  constexpr SmartPtr(std::nullptr_t) noexcept {}
+  // A template, so that NULL, which is a number, means the pointer.
+  constexpr SmartPtr(std::same_as<std::nullptr_t> auto) noexcept {}
   SmartPtr(T* object) noexcept : ptr(object) { add_reference(object); }
   SmartPtr(SmartPtr const& other) noexcept : SmartPtr(other.get()) {}
 
@@ -134,7 +140,7 @@ public:
     release(ptr.exchange(object));
     return *this;
   }
-  SmartPtr& operator=(std::nullptr_t) noexcept {
+  SmartPtr& operator=(std::same_as<std::nullptr_t> auto) noexcept {
     reset();
     return *this;
   }
@@ -179,7 +185,9 @@ public:
     return a.get() == b.get();
   }
   friend bool operator==(SmartPtr const& a, T const* b) noexcept { return a.get() == b; }
-  friend bool operator==(SmartPtr const& a, std::nullptr_t) noexcept { return !a; }
+  friend bool operator==(SmartPtr const& a, std::same_as<std::nullptr_t> auto) noexcept {
+    return !a;
+  }
   template <class U>
   friend std::strong_ordering operator<=>(SmartPtr const& a, SmartPtr<U> const& b) noexcept {
     return std::compare_three_way()(a.get(), b.get());

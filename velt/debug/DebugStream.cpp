@@ -9,6 +9,7 @@
 #include <cassert>
 #include <cstring>
 #include <new>
+#include <sstream>
 #include <stdexcept>
 #include <string_view>
 
@@ -181,6 +182,11 @@ TDebugStream& TDebugStream::operator+=(TDebugStream const& other) {
   return *this;
 }
 
+TDebugStream& TDebugStream::operator+=(SmartPtr<TStreamWriter> writer) {
+  AddWriter(std::move(writer));
+  return *this;
+}
+
 TDebugStreamSession::TDebugStreamSession(TDebugStream& owned) : stream(&owned) {
   stream->Lock.Lock();
 }
@@ -204,6 +210,10 @@ TDebugStreamSession& TDebugStreamSession::operator<<(unsigned char value) {
   return *this << static_cast<unsigned int>(value);
 }
 
+TDebugStreamSession& TDebugStreamSession::operator<<(wchar_t value) {
+  return *this << std::wstring(1, value);
+}
+
 TDebugStreamSession& TDebugStreamSession::operator<<(unsigned short value) {
   return *this << static_cast<unsigned int>(value);
 }
@@ -211,6 +221,10 @@ TDebugStreamSession& TDebugStreamSession::operator<<(unsigned short value) {
 TDebugStreamSession& TDebugStreamSession::operator<<(int value) {
   stream->printf("%d", value);
   return *this;
+}
+
+TDebugStreamSession& TDebugStreamSession::operator<<(long value) {
+  return *this << static_cast<int>(value);
 }
 
 TDebugStreamSession& TDebugStreamSession::operator<<(unsigned int value) {
@@ -256,6 +270,15 @@ TDebugStreamSession& TDebugStreamSession::operator<<(std::wstring const& text) {
   return *this << as_string(text, 0);
 }
 
+// A copy, since writers may need a terminator.
+TDebugStreamSession& TDebugStreamSession::operator<<(std::string_view text) {
+  return *this << std::string(text);
+}
+
+TDebugStreamSession& TDebugStreamSession::operator<<(std::wstring_view text) {
+  return *this << as_string(text, 0);
+}
+
 TDebugStreamSession& TDebugStreamSession::operator<<(basic_const_string<char> const& text) {
   stream->WriteString(text.data, text.length);
   return *this;
@@ -287,6 +310,19 @@ TDebugStreamSession& TDebugStreamSession::operator<<(_value_t const& value) {
 
 TDebugStreamSession& TDebugStreamSession::operator<<(SmartPtrObj const* object) {
   return object ? *this << object->describe() : *this << "<NULL>";
+}
+
+TDebugStreamSession& TDebugStreamSession::operator<<(std::exception const& error) {
+  return *this << error.what();
+}
+
+// Asks the manipulator itself what it writes, since its address is not the same in
+// every module.
+TDebugStreamSession& TDebugStreamSession::operator<<(
+    std::ostream& (*manipulator)(std::ostream&)) {
+  std::ostringstream written;
+  manipulator(written);
+  return *this << written.str();
 }
 
 VELT_LOAD_STEP(debug_stream) TDebugStream Debug(MakeCounted<TDebugWriter>());

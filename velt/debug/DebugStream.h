@@ -12,7 +12,10 @@
 #include <bitset>
 #include <cstdarg>
 #include <cstddef>
+#include <exception>
+#include <iosfwd>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "velt/base/ConstString.h"
@@ -20,6 +23,7 @@
 #include "velt/base/SmartPtr.h"
 #include "velt/debug/StreamLock.h"
 #include "velt/debug/Writers.h"
+#include "velt/text/Format.h"
 #include "velt/time/Time.h"
 #include "velt/value/Value.h"
 
@@ -104,6 +108,9 @@ public:
   // characters, with a zero byte sent as the 4096th; 4096 bytes are also sent if an
   // argument cannot be formatted.
   TDebugStream& printf(char const* format, ...);
+  template <class... Arguments>
+    requires velt::detail::has_objects<Arguments...>
+  TDebugStream& printf(char const* format, Arguments const&... pass_c_str) = delete;
 
   // Writes the number as "%g", and begins a statement.
   TDebugStreamSession WriteDouble(double value);
@@ -115,6 +122,8 @@ public:
   // Adds the writers of the other stream. Locks this stream, then the other one: two
   // threads that add two streams to each other dead-lock.
   TDebugStream& operator+=(TDebugStream const& other);
+  // AddWriter().
+  TDebugStream& operator+=(SmartPtr<TStreamWriter> writer);
 
 private:
   friend class TDebugStreamSession;
@@ -159,8 +168,10 @@ public:
   TDebugStreamSession& operator<<(bool value);  // "true" or "false"
   TDebugStreamSession& operator<<(char value);  // the byte itself
   TDebugStreamSession& operator<<(unsigned char value);  // a number
+  TDebugStreamSession& operator<<(wchar_t value);        // the character
   TDebugStreamSession& operator<<(unsigned short value);
   TDebugStreamSession& operator<<(int value);
+  TDebugStreamSession& operator<<(long value);
   TDebugStreamSession& operator<<(unsigned int value);
   TDebugStreamSession& operator<<(unsigned long value);
   TDebugStreamSession& operator<<(__int64 value);
@@ -173,6 +184,9 @@ public:
 
   TDebugStreamSession& operator<<(std::string const& text);
   TDebugStreamSession& operator<<(std::wstring const& text);
+
+  TDebugStreamSession& operator<<(std::string_view text);
+  TDebugStreamSession& operator<<(std::wstring_view text);
 
   // A TDebugWriter needs a zero byte behind a view of narrow text.
   TDebugStreamSession& operator<<(basic_const_string<char> const& text);
@@ -190,22 +204,50 @@ public:
   // The text of SmartPtrObj::describe(); "<NULL>" for null.
   TDebugStreamSession& operator<<(SmartPtrObj const* object);
 
-  // Any other pointer would be written as a bool.
-  template <velt::detail::foreign_object T>
-  TDebugStreamSession& operator<<(T* pointer) = delete;
+  TDebugStreamSession& operator<<(std::exception const& error);  // its what()
+
+  // std::endl writes "\n"; there is no buffer to flush.
+  TDebugStreamSession& operator<<(std::ostream& (*manipulator)(std::ostream&));
+
+  // Other pointers, and owners of handles, would be written as a bool.
+  template <velt::detail::never_a_value T>
+    requires(!velt::detail::text_pointer<std::decay_t<T>>)
+  TDebugStreamSession& operator<<(T const& pointer_or_handle) = delete;
 
 private:
   TDebugStream* stream;
 };
 
+namespace velt::detail {
+
+template <class T>
+concept writable = requires(TDebugStreamSession& session, T const& value) { session << value; };
+
+// Asked before `writable`, which would otherwise ask itself about sessions.
+template <class T>
+concept begins_statements = requires(T& stream, void (&take)(TDebugStream&)) { take(stream); };
+
+}  // namespace velt::detail
+
 // Begins a statement on the stream with anything that a session can write. The
 // result lives to the end of the full expression and holds the stream until then.
-template <class T>
-TDebugStreamSession operator<<(TDebugStream& stream, T const& value) {
+template <velt::detail::begins_statements Stream, velt::detail::writable T>
+TDebugStreamSession operator<<(Stream& stream, T const& value) {
   TDebugStreamSession session(stream);
   session << value;
   return session;
 }
+inline TDebugStreamSession operator<<(TDebugStream& stream,
+                                      std::ostream& (*manipulator)(std::ostream&)) {
+  TDebugStreamSession session(stream);
+  session << manipulator;
+  return session;
+}
+
+// Anything else: one message of the compiler, with the type in it.
+template <velt::detail::begins_statements Stream, class T>
+  requires(!velt::detail::writable<T>)
+TDebugStreamSession operator<<(Stream&, T const& no_stream_can_write_it) = delete;
 
 // The ready streams. They live from the load of the library to its unload, so static
 // objects of clients may use them.

@@ -5,6 +5,8 @@
 
 #include <algorithm>
 
+#include "velt/text/Encoding.h"
+
 namespace {
 
 HANDLE open_for_appending(auto create_file, auto file_name) {
@@ -40,6 +42,23 @@ void TConsoleWriter::StreamWriteString(char const* text, unsigned __int64 size) 
   CharToOemA(converted.c_str(), converted.data());
   DWORD written = 0;
   WriteConsoleA(Console, converted.data(), static_cast<DWORD>(converted.size()), &written, nullptr);
+}
+
+TStandardWriter::TStandardWriter(standard_stream which)
+    : Standard(GetStdHandle(which == Error ? STD_ERROR_HANDLE : STD_OUTPUT_HANDLE)) {
+  DWORD mode = 0;
+  IsConsole = GetConsoleMode(Standard, &mode);
+}
+
+void TStandardWriter::StreamWriteString(char const* text, unsigned __int64 size) {
+  DWORD written = 0;
+  if (IsConsole) {
+    auto const wide = as_wstring({text, size});
+    WriteConsoleW(Standard, wide.data(), static_cast<DWORD>(wide.size()), &written, nullptr);
+  } else {
+    auto const lines = with_carriage_returns(text, size);
+    WriteFile(Standard, lines.data(), static_cast<DWORD>(lines.size()), &written, nullptr);
+  }
 }
 
 void TFileWriter::StreamWriteString(char const* text, unsigned __int64 size) {

@@ -2,6 +2,7 @@
 //
 //   TDebugWriter          the debugger
 //   TConsoleWriter        the console of the process
+//   TStandardWriter       standard output or standard error, wherever it leads
 //   TFileWriter           a file that is opened and closed for each text
 //   TPermanentFileWriter  a file that stays open
 //
@@ -54,6 +55,26 @@ public:
 
 private:
   void* Console;
+};
+
+// Standard output or standard error: a console, a file, a pipe, or any other handle
+// that the program was started with.
+class VELT_API TStandardWriter : public TStreamWriter {
+public:
+  enum standard_stream { Output, Error };
+
+  // Uses the handle of this moment, and does not own it. If there is none, as in most
+  // programs with windows, the writer discards all text.
+  explicit TStandardWriter(standard_stream which = Output);
+
+  // To a console in UTF-16; to anything else the bytes, with carriage return and line
+  // feed for each line feed, as printf writes them. Passes by the buffers of printf and
+  // std::cout: flush those first.
+  void StreamWriteString(char const* text, unsigned __int64 size) override;
+
+private:
+  void* Standard;
+  bool IsConsole;
 };
 
 // A file that is opened, appended to and closed for every text. It can be read,

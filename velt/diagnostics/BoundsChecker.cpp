@@ -3,4 +3,4 @@
 IBoundsChecker::IBoundsChecker() = default;
 IBoundsChecker::IBoundsChecker(IBoundsChecker const&) = default;
 IBoundsChecker& IBoundsChecker::operator=(IBoundsChecker const&) = default;
-IBoundsChecker::~IBoundsChecker() noexcept = default;
+IBoundsChecker::~IBoundsChecker() = default;

@@ -14,7 +14,7 @@ public:
   IBoundsChecker();
   IBoundsChecker(IBoundsChecker const& other);
   IBoundsChecker& operator=(IBoundsChecker const& other);
-  ~IBoundsChecker() noexcept override;
+  ~IBoundsChecker() override;
 
   // Called when the block becomes usable, and when it no longer is.
   virtual void BlockAllocated(void const* block, std::size_t size) = 0;

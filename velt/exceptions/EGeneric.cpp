@@ -66,8 +66,12 @@ void EGeneric::put_value(std::string const& name, _value_t const& value) {
 }
 
 _value_t EGeneric::get_value(std::string const& name) const {
+  return get_value(name, _value_t());
+}
+
+_value_t EGeneric::get_value(std::string const& name, _value_t const& absent) const {
   auto const found = find_value(name);
-  return found != list.end() ? found->second : _value_t();
+  return found != list.end() ? found->second : absent;
 }
 
 _value_t EGeneric::operator[](std::string const& name) const { return get_value(name); }

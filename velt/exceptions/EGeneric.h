@@ -73,6 +73,9 @@ public:
   void put_value(std::string const& name, _value_t const& value);
   // The value; an empty one if the name is absent.
   _value_t get_value(std::string const& name) const;
+  // The value; `absent` if there is none. For handlers, where reading an empty value
+  // would throw: int const code = error.get_value("Code", -1);
+  _value_t get_value(std::string const& name, _value_t const& absent) const;
   _value_t operator[](std::string const& name) const;
   // The value in the list. Appends an empty value if the name is absent. The
   // reference is valid until the list next grows.

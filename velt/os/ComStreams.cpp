@@ -73,7 +73,7 @@ CComFileStream::CComFileStream(TFile const& file) : TFile(file) {}
 
 // THandle's destructor may throw, that of a counted object must not: so nothing is left
 // to THandle.
-CComFileStream::~CComFileStream() noexcept {
+CComFileStream::~CComFileStream() {
   if (IsValidHandle()) ::CloseHandle(DetachHandle());
 }
 

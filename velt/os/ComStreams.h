@@ -76,7 +76,7 @@ public:
   CComFileStream& operator=(CComFileStream const&) = default;
 
   // Closes the file, and does not report a failure.
-  ~CComFileStream() noexcept override;
+  ~CComFileStream() override;
 
   // Returns the new count. At 0 the object is deleted.
   ULONG STDMETHODCALLTYPE Release() override;

@@ -13,7 +13,10 @@ template <class Call, class Char>
 void create(void*& handle, Call call, Char const* name, DWORD access, DWORD share,
             DWORD disposition) {
   handle = call(name, access, share, nullptr, disposition, FILE_ATTRIBUTE_NORMAL, nullptr);
-  check(handle != INVALID_HANDLE_VALUE);
+  if (handle != INVALID_HANDLE_VALUE) return;
+  int const code = velt::detail::last_error();
+  if (!name) throw ESystemException(code);
+  throw ESystemException(code, {"FileName", name});
 }
 
 }  // namespace

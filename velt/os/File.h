@@ -28,6 +28,9 @@ public:
   TFile(wchar_t const* name, unsigned long access, unsigned long share,
         unsigned long disposition);
 
+  // After a failure the exception has a further value, "FileName". The constructors with
+  // a name are the same.
+  //
   // Opens or creates a normal file, without further attributes or flags. The new
   // handle overwrites the old one, which is not closed. After a failure the handle
   // is -1.

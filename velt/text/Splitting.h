@@ -20,6 +20,7 @@
 #include <list>
 #include <set>
 #include <string>
+#include <string_view>
 #include <type_traits>
 #include <vector>
 
@@ -67,6 +68,15 @@ VELT_API void divide_string(std::type_identity_t<Text> const& source, std::list<
 template <class Text>
 VELT_API void divide_string(std::type_identity_t<Text> const& source, std::set<Text>& words,
                             velt::detail::character_of<Text> const* separators);
+
+// The same of a view. Words is one of these containers, of std::string or std::wstring.
+template <class Words>
+void divide_string(
+    std::same_as<std::basic_string_view<typename Words::value_type::value_type>> auto source,
+    Words& words, typename Words::value_type::value_type const* separators) {
+  using text = typename Words::value_type;
+  divide_string<text>(text(source), words, separators);
+}
 
 // Replaces `result` by the words in their order, with the first character of
 // `separators` between them (NUL if there is none), and double quotes around each

@@ -10,6 +10,7 @@
 
 #include <concepts>
 #include <string>
+#include <string_view>
 
 #include "velt/base/Export.h"
 
@@ -32,3 +33,18 @@ template <std::same_as<_bstr_t> ComString>
 VELT_API ComString triml(ComString const& source, wchar_t const* characters);
 template <std::same_as<_bstr_t> ComString>
 VELT_API ComString trimr(ComString const& source, wchar_t const* characters);
+
+// The same of a view.
+#define VELT_TRIM(NAME)                                                              \
+  inline std::string NAME(std::same_as<std::string_view> auto source,                \
+                          char const* characters) {                                  \
+    return NAME(std::string(source), characters);                                    \
+  }                                                                                  \
+  inline std::wstring NAME(std::same_as<std::wstring_view> auto source,              \
+                           wchar_t const* characters) {                              \
+    return NAME(std::wstring(source), characters);                                   \
+  }
+VELT_TRIM(trim)
+VELT_TRIM(triml)
+VELT_TRIM(trimr)
+#undef VELT_TRIM

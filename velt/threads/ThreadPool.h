@@ -60,14 +60,18 @@ public:
   virtual void ClearQueue() = 0;
 
   // Makes a task by MakeThreadTask() and puts it into the queue.
-  template <class Work>
-    requires(std::invocable<std::decay_t<Work>&> &&
-             !std::convertible_to<Work &&, SmartPtr<IThreadJob>>)
+  template <velt::detail::work_without_result Work>
+    requires(!std::convertible_to<Work &&, SmartPtr<IThreadJob>>)
   SmartPtr<IThreadTask> AddJob(Work&& work) {
     auto task = MakeThreadTask(std::forward<Work>(work));
     AddJob(SmartPtr<IThreadJob>(task));
     return task;
   }
+
+  template <velt::detail::callable_work Work>
+    requires(!velt::detail::work_without_result<Work> &&
+             !std::convertible_to<Work &&, SmartPtr<IThreadJob>>)
+  SmartPtr<IThreadTask> AddJob(Work&& its_result_would_be_lost) = delete;
 
   // The same where that macro is defined.
   template <class Job>

@@ -48,7 +48,7 @@ TThreadTask& TThreadTask::operator=(TThreadTask const& other) {
   return *this;
 }
 
-TThreadTask::~TThreadTask() noexcept { delete Exception; }
+TThreadTask::~TThreadTask() { delete Exception; }
 
 bool TThreadTask::IsStarted() const { return Started.Signaled(0); }
 bool TThreadTask::IsFinished() const { return Finished.Signaled(0); }

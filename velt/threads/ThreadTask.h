@@ -49,7 +49,7 @@ public:
   TThreadTask(TThreadTask const& other);
   // An exception kept before is overwritten and not deleted.
   TThreadTask& operator=(TThreadTask const& other);
-  ~TThreadTask() noexcept override;
+  ~TThreadTask() override;
 
   bool IsStarted() const override;
   bool IsFinished() const override;
@@ -149,6 +149,12 @@ private:
 namespace velt::detail {
 
 template <class Work>
+concept callable_work = std::invocable<std::decay_t<Work>&>;
+template <class Work>
+concept work_without_result =
+    callable_work<Work> && std::is_void_v<std::invoke_result_t<std::decay_t<Work>&>>;
+
+template <class Work>
 class callable_task final : public TThreadTask {
 public:
   template <class Source>
@@ -162,12 +168,16 @@ private:
 
 }  // namespace velt::detail
 
-// A task that calls a copy of `work`, which takes no arguments and whose result
-// is dropped. The copy lives as long as the task. Throws ESystemException and
-// what the copy throws.
-template <class Work>
-  requires std::invocable<std::decay_t<Work>&>
+// A task that calls a copy of `work`, which takes no arguments and returns nothing.
+// The copy lives as long as the task. Throws ESystemException and what the copy
+// throws.
+template <velt::detail::work_without_result Work>
 SmartPtr<IThreadTask> MakeThreadTask(Work&& work) {
   return MakeCounted<velt::detail::callable_task<std::decay_t<Work>>>(std::in_place,
                                                                       std::forward<Work>(work));
 }
+
+// Nobody could read the result: store it in a variable of the submitter's.
+template <velt::detail::callable_work Work>
+  requires(!velt::detail::work_without_result<Work>)
+SmartPtr<IThreadTask> MakeThreadTask(Work&& its_result_would_be_lost) = delete;

@@ -5,7 +5,9 @@
 #pragma once
 
 #include <concepts>
+#include <cstddef>
 #include <string>
+#include <utility>
 
 #include "velt/base/Export.h"
 
@@ -29,6 +31,9 @@ public:
 
   constexpr _time_t(__int64 t = 0) noexcept : seconds(t) {}
   constexpr _time_t(int t) noexcept : seconds(t) {}
+  // A template, so that a literal 0L or 0u is not ambiguous with a null record.
+  constexpr _time_t(std::integral auto t) noexcept : seconds(static_cast<__int64>(t)) {}
+  _time_t(std::nullptr_t no_record) = delete;
 
   // Local time, by the record's own tm_isdst; `invalid` if the run time refuses it. The
   // run time normalises the caller's record in place, although it is const here: do not
@@ -45,16 +50,27 @@ public:
     seconds = t;
     return *this;
   }
-  // Exactly int, so that a literal 0 is not ambiguous with a null record.
-  constexpr _time_t& operator=(std::same_as<int> auto t) noexcept {
-    seconds = t;
+  constexpr _time_t& operator=(std::integral auto t) noexcept {
+    seconds = static_cast<__int64>(t);
     return *this;
   }
+  _time_t& operator=(std::nullptr_t no_record) = delete;
   _time_t& operator=(tm const& record) { return *this = _time_t(record); }
   _time_t& operator=(tm const* record) { return *this = _time_t(record); }
 
   constexpr bool valid() const noexcept { return seconds != -1; }
   constexpr operator __int64() const noexcept { return seconds; }
+
+  // Move the time by seconds, without a test for `invalid`.
+  constexpr _time_t& operator+=(__int64 by) noexcept {
+    seconds += by;
+    return *this;
+  }
+  constexpr _time_t& operator-=(__int64 by) noexcept { return *this += -by; }
+  constexpr _time_t& operator++() noexcept { return *this += 1; }
+  constexpr _time_t& operator--() noexcept { return *this -= 1; }
+  constexpr _time_t operator++(int) noexcept { return std::exchange(*this, seconds + 1); }
+  constexpr _time_t operator--(int) noexcept { return std::exchange(*this, seconds - 1); }
 
   // The current time.
   static _time_t time();

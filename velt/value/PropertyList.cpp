@@ -75,3 +75,11 @@ bool TPropertyList::Have(_bstr_t const& name) const {
   TReadLock const hold(lock);
   return properties.find(name) != properties.end();
 }
+
+std::vector<_bstr_t> TPropertyList::GetNames() const {
+  TReadLock const hold(lock);
+  std::vector<_bstr_t> names;
+  names.reserve(properties.size());
+  for (auto const& property : properties) names.push_back(property.first);
+  return names;
+}

@@ -47,7 +47,7 @@ struct VELT_API less_without_case {
 class VELT_API TPropertyList : public virtual IPropertyList {
 public:
   TPropertyList();
-  ~TPropertyList();
+  virtual ~TPropertyList();
 
   // Takes neither lock. Copies the other list's lock bit for bit, so both lists share
   // it. For lists that no other thread uses; use and destroy only one of the two
@@ -62,6 +62,9 @@ public:
   int GetCount() const override;
   void Delete(_bstr_t const& name) override;
   bool Have(_bstr_t const& name) const override;
+
+  // The names in their order, each in its first spelling.
+  std::vector<_bstr_t> GetNames() const;
 
 private:
   TPropertyList(TPropertyList const&) = delete;

@@ -19,6 +19,26 @@ std::basic_string<Char> string_of(basic_const_string<Char> const& text) {
   return std::basic_string<Char>(text.view());
 }
 
+// Is a greater than b, for a scalar of the type T? Then b, read as a T, is less.
+template <class T>
+bool scalar_greater(_value_t_data const& a, _value_t_data const& b) {
+  T const* const tag = nullptr;
+  return velt::detail::element_less(b.get(tag), a.get(tag));
+}
+
+// Like less(), lets the type of a decide how b is read.
+bool holder_greater(_value_t_data const& a, _value_t_data const& b) {
+  if (a.container()) {
+    a.less(b);  // throws if the element types differ
+    return SmartPtr<_value_t_data>(b.to_container())->less(a);
+  }
+#define VELT_GREATER(T, TAG) \
+  if (a.type() == typeid(T)) return scalar_greater<T>(a, b);
+  VELT_ELEMENT_TYPES(VELT_GREATER)
+#undef VELT_GREATER
+  return b.less(a);
+}
+
 }  // namespace
 
 // Copy-on-write: shared content is copied before it is written. Both return the
@@ -118,4 +138,9 @@ bool _value_t::equal(_value_t const& other) const {
 bool _value_t::less(_value_t const& other) const {
   if (empty() || other.empty()) return empty() && !other.empty();
   return data->less(*other.data);
+}
+
+bool _value_t::greater(_value_t const& other) const {
+  if (empty() || other.empty()) return !empty() && other.empty();
+  return holder_greater(*data, *other.data);
 }

@@ -9,9 +9,12 @@
 // tables.
 #pragma once
 
+#include <concepts>
+#include <initializer_list>
 #include <list>
 #include <set>
 #include <string>
+#include <string_view>
 #include <type_traits>
 #include <typeinfo>
 #include <vector>
@@ -36,12 +39,34 @@ namespace velt::detail {
 template <class Collection>
 _value_t_data* new_sequence(Collection const& elements);
 
-// Pointers that would silently become a bool: neither text nor a counted object.
 template <class T>
-concept foreign_object = !std::is_convertible_v<T*, SmartPtrObj const*> &&
-                         !std::is_convertible_v<T*, char const*> &&
-                         !std::is_convertible_v<T*, wchar_t const*> &&
-                         !std::is_convertible_v<T*, _value_t_data*>;
+concept counted_pointer = std::is_convertible_v<T, SmartPtrObj const*>;
+template <class T>
+concept text_pointer =
+    std::is_convertible_v<T, char const*> || std::is_convertible_v<T, wchar_t const*>;
+
+// What would silently become a bool: a pointer to anything but a counted object, and a
+// class that converts to a raw handle.
+template <class T>
+concept raw_pointer = (std::is_pointer_v<std::decay_t<T>> && !counted_pointer<std::decay_t<T>>) ||
+                      std::is_member_pointer_v<T>;
+template <class T>
+concept handle_owner = std::is_class_v<T> && !std::same_as<T, _value_t> && !text_pointer<T> &&
+                       requires(T const& owner, void (&take)(void*)) { take(owner); };
+template <class T>
+concept never_a_value = raw_pointer<T> || handle_owner<T>;
+// Text and holders have constructors of their own.
+template <class T>
+concept foreign_object = never_a_value<T> && !text_pointer<std::decay_t<T>> &&
+                         !std::is_convertible_v<std::decay_t<T>, _value_t_data*>;
+
+// Of this type there are no objects.
+struct no_element {
+  no_element() = delete;
+};
+
+template <class Char>
+concept text_character = std::same_as<Char, char> || std::same_as<Char, wchar_t>;
 
 template <class T>
 concept becomes_value = !std::is_same_v<T, _value_t> && std::is_constructible_v<_value_t, T const&>;
@@ -56,9 +81,19 @@ public:
   _value_t() noexcept = default;
   _value_t(_value_t const&) noexcept = default;
   _value_t(_value_t&&) noexcept = default;  // leaves the source empty
-  _value_t& operator=(_value_t const&) noexcept = default;
-  _value_t& operator=(_value_t&&) noexcept = default;
+  _value_t& operator=(_value_t const&) & noexcept = default;
+  _value_t& operator=(_value_t&&) & noexcept = default;
   ~_value_t() = default;
+
+  // v[0] = w would set the view, not the element: assign a scalar, such as w.as_int().
+  _value_t& operator=(_value_t const& an_element_takes_scalars_only) && = delete;
+  _value_t& operator=(_value_t&& an_element_takes_scalars_only) && = delete;
+
+  // v = {} empties the value, as clear() does.
+  _value_t& operator=(std::initializer_list<velt::detail::no_element>) & noexcept {
+    clear();
+    return *this;
+  }
 
   // For each element type: construction; assignment, which keeps the type that
   // the value has (an empty value takes the new one); strict reading, which throws
@@ -75,6 +110,20 @@ public:
   VELT_ELEMENT_TYPES(VELT_FRONT)
 #undef VELT_FRONT
 
+  // The other integers of 32 bits, held as an element type.
+#define VELT_FRONT(T, Held)                                                         \
+  _value_t(T value) : _value_t(static_cast<Held>(value)) {}                         \
+  _value_t& operator=(T value) { return *this = static_cast<Held>(value); }         \
+  void push_back(T value) { push_back(static_cast<Held>(value)); }
+  VELT_FRONT(long, int)
+  VELT_FRONT(unsigned int, unsigned long)
+#undef VELT_FRONT
+
+  // Such as std::size_t. Say which type shall hold it: __int64 or unsigned long.
+  _value_t(unsigned __int64 cast_it_to_an_element_type) = delete;
+  _value_t& operator=(unsigned __int64 cast_it_to_an_element_type) = delete;
+  void push_back(unsigned __int64 cast_it_to_an_element_type) = delete;
+
   // Text up to its terminator; must not be null.
   VELT_API _value_t(char const* text);
   VELT_API _value_t(wchar_t const* text);
@@ -86,6 +135,14 @@ public:
   VELT_API _value_t(basic_const_string<wchar_t> const& text);
   VELT_API _value_t& operator=(basic_const_string<char> const& text);
   VELT_API _value_t& operator=(basic_const_string<wchar_t> const& text);
+  template <velt::detail::text_character Char>
+  _value_t(std::basic_string_view<Char> text) : _value_t(basic_const_string<Char>(text)) {}
+  template <velt::detail::text_character Char>
+  _value_t& operator=(std::basic_string_view<Char> text) {
+    return *this = basic_const_string<Char>(text);
+  }
+  template <velt::detail::text_character Char>
+  void push_back(std::basic_string_view<Char> text) { push_back(std::basic_string<Char>(text)); }
 
   // An object, to which the value takes a reference. Null gives a value that holds
   // a null handle, which is not the empty value.
@@ -96,14 +153,26 @@ public:
   VELT_API void push_back(SmartPtrObj* object);
   VELT_API void push_back(SmartPtrObj const* object);
 
+  // A handle of a derived class.
   template <class T>
-    requires std::is_convertible_v<T*, SmartPtrObj const*>
+    requires velt::detail::counted_pointer<T*>
   _value_t(SmartPtr<T> const& object) : _value_t(object.get()) {}
+  template <class T>
+    requires velt::detail::counted_pointer<T*>
+  _value_t& operator=(SmartPtr<T> const& object) { return *this = object.get(); }
+  template <class T>
+    requires velt::detail::counted_pointer<T*>
+  void push_back(SmartPtr<T> const& object) { push_back(object.get()); }
 
+  // These would become a bool. Text is appended as a std::string.
+  void push_back(char const* make_it_a_string) = delete;
+  void push_back(wchar_t const* make_it_a_string) = delete;
   template <velt::detail::foreign_object T>
-  _value_t(T* pointer) = delete;
+  _value_t(T const& pointer_or_handle) = delete;
   template <velt::detail::foreign_object T>
-  _value_t& operator=(T* pointer) = delete;
+  _value_t& operator=(T const& pointer_or_handle) = delete;
+  template <velt::detail::never_a_value T>
+  void push_back(T const& pointer_or_handle) = delete;
 
   // A collection of an element type. The value becomes a sequence with copies of
   // the elements, in iteration order, whatever it held before.
@@ -117,16 +186,22 @@ public:
   _value_t(std::vector<T> const& elements) : data(velt::detail::new_sequence(elements)) {}
 
   template <velt::detail::element_type T>
-  _value_t& operator=(const_array<T> const& elements) { return replace(elements); }
+  _value_t& operator=(const_array<T> const& elements) & { return replace(elements); }
   template <velt::detail::element_type T>
-  _value_t& operator=(std::list<T> const& elements) { return replace(elements); }
+  _value_t& operator=(std::list<T> const& elements) & { return replace(elements); }
   template <velt::detail::element_type T>
-  _value_t& operator=(std::set<T> const& elements) { return replace(elements); }
+  _value_t& operator=(std::set<T> const& elements) & { return replace(elements); }
   template <velt::detail::element_type T>
-  _value_t& operator=(std::vector<T> const& elements) { return replace(elements); }
+  _value_t& operator=(std::vector<T> const& elements) & { return replace(elements); }
 
-  // Takes ownership of a client's own holder, made with new.
-  explicit _value_t(_value_t_data* holder) noexcept : data(holder) {}
+  // Take ownership of a client's own holder, made with new. Assignment drops what the
+  // value held.
+  _value_t(_value_t_data* holder) noexcept : data(holder) {}
+  _value_t& operator=(_value_t_data* holder) & noexcept {
+    data = holder;
+    return *this;
+  }
+  _value_t& operator=(_value_t_data* an_element_takes_scalars_only) && = delete;
 
   // Strict reading, the same as the conversion operators.
   template <velt::detail::element_type T>
@@ -194,25 +269,32 @@ public:
   // The holder itself, null for the empty value; it belongs to the value.
   _value_t_data const* holder() const noexcept { return data.get(); }
 
+  // Makes the value empty.
+  void clear() noexcept { data.reset(); }
+
   void swap(_value_t& other) noexcept { data.swap(other.data); }
   friend void swap(_value_t& a, _value_t& b) noexcept { a.swap(b); }
 
   // Two empty values are equal, and an empty one is less than any other.
   // Otherwise the left side's type decides, and the right side is read strictly as
   // that type: a comparison can throw EBadCastException, and can do so in one
-  // direction only.
-  friend bool operator==(_value_t const& a, _value_t const& b) { return a.equal(b); }
-  friend bool operator<(_value_t const& a, _value_t const& b) { return a.less(b); }
-
-  // The same with a value on one side and anything that becomes one on the other.
-  template <velt::detail::becomes_value T>
-  friend bool operator==(_value_t const& a, T const& b) { return a.equal(_value_t(b)); }
-  template <velt::detail::becomes_value T>
-  friend bool operator==(T const& a, _value_t const& b) { return _value_t(a).equal(b); }
-  template <velt::detail::becomes_value T>
-  friend bool operator<(_value_t const& a, T const& b) { return a.less(_value_t(b)); }
-  template <velt::detail::becomes_value T>
-  friend bool operator<(T const& a, _value_t const& b) { return _value_t(a).less(b); }
+  // direction only. For a > b and b < a the left sides differ.
+#define VELT_COMPARISON(OPERATOR, RESULT)                                             \
+  friend bool operator OPERATOR(_value_t const& a, _value_t const& b) { return RESULT; } \
+  template <velt::detail::becomes_value T>                                            \
+  friend bool operator OPERATOR(_value_t const& a, T const& other) {                  \
+    return a OPERATOR _value_t(other);                                                \
+  }                                                                                   \
+  template <velt::detail::becomes_value T>                                            \
+  friend bool operator OPERATOR(T const& other, _value_t const& b) {                  \
+    return _value_t(other) OPERATOR b;                                                \
+  }
+  VELT_COMPARISON(==, a.equal(b))
+  VELT_COMPARISON(<, a.less(b))
+  VELT_COMPARISON(>, a.greater(b))
+  VELT_COMPARISON(<=, a.less(b) || a.equal(b))
+  VELT_COMPARISON(>=, a.greater(b) || a.equal(b))
+#undef VELT_COMPARISON
 
 private:
   using holder_handle = SmartPtr<_value_t_data>;
@@ -240,6 +322,7 @@ private:
 
   VELT_API bool equal(_value_t const& other) const;
   VELT_API bool less(_value_t const& other) const;
+  VELT_API bool greater(_value_t const& other) const;
 
   holder_handle data;
 };
