@@ -67,8 +67,8 @@ std::unique_ptr<engine_library> engine_library::load() {
   auto const module = LoadLibraryA("dbghelp.dll");
   if (!module) return nullptr;
   debug_help calls;
-  auto library =
-      bind_all(module, calls) ? new (std::nothrow) engine_library(module, calls) : nullptr;
+  bool const is_whole = bind_all(module, calls);
+  auto library = is_whole ? new (std::nothrow) engine_library(module, calls) : nullptr;
   if (!library) FreeLibrary(module);
   return std::unique_ptr<engine_library>(library);
 }
