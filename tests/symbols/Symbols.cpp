@@ -125,7 +125,7 @@ TEST_F(SymbolsOfThisProgram, NamesAreShortenedInFrontOfASourceAndOtherwiseOffset
 
 TEST(Symbols, AreAskedForOnceUntilAModuleOrTheEngineChanges) {
   static int asked = 0;
-  Replacement const counted{VELT_CALL(SymGetSymFromAddr64), [](auto platform, auto... arguments) {
+  Replacement const counted{VELT_CALL(SymFromAddr), [](auto platform, auto... arguments) {
                               ++asked;
                               return platform(arguments...);
                             }};

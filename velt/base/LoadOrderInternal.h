@@ -36,6 +36,7 @@ enum load_step {
   insides_compared,       // nothing to destroy
   translator_slots,       // throw ESystemException
   handler_active_slot,    // throws ESystemException
+  insides_reported,       // nothing to destroy
   system_pool_stopped,    // nothing to build
 
   // Built after everything that it reads, and destroyed before all of it. Earlier and
@@ -43,7 +44,6 @@ enum load_step {
   throws_watched,
 
   stack_guarantee_found,
-  insides_reported,       // nothing to destroy
   heap_calls_found,
 };
 

@@ -16,10 +16,6 @@ namespace velt::detail {
 inline constexpr unsigned long own_throw_code = 0x20474343;
 inline constexpr unsigned long foreign_throw_code = 0xE06D7363;
 
-// Whether the run time keeps its thrown objects as this library supposes. If not, they are
-// not read: their types are unknown and they bear no mark.
-bool knows_thrown_objects() noexcept;
-
 VELT_API bool is_typed_throw(_EXCEPTION_POINTERS const* pointers) noexcept;
 
 // Whether a handler of `type` would catch the object.
@@ -35,5 +31,9 @@ VELT_API std::string ThrownTypeName(_EXCEPTION_POINTERS const* pointers);
 // that is no C++ throw of this compiler cannot be marked and never counts as marked.
 void mark_born_of_fault(_EXCEPTION_RECORD const& record) noexcept;
 bool is_born_of_fault(_EXCEPTION_RECORD const& record) noexcept;
+
+// Whether the run time keeps its thrown objects as this library supposes. If not, they are
+// not read: their types are unknown and they bear no mark.
+bool knows_thrown_objects() noexcept;
 
 }  // namespace velt::detail

@@ -2,6 +2,9 @@
 // engine is loaded when it is needed and unloaded after the last use. Without the engine
 // stacks are empty and addresses have no names.
 //
+// Functions for which the engine has no debug information are named from the symbol table
+// in the module's file, which is read at the first such address.
+//
 // Any thread may call any operation. One lock guards the engine; a walk takes it for each
 // frame. The wait for it is alertable, except while the diagnostics of an exception are
 // collected. Operations that do not say otherwise pass on the exceptions of queued calls,
