@@ -2,6 +2,7 @@
 // the handle is left as the class says, and no handle is lost. A row has the call,
 // with its arguments where the object computes them.
 #include <gtest/gtest.h>
+#include <process.h>
 #include <windows.h>
 
 #include <initializer_list>
@@ -10,6 +11,7 @@
 #include "tests/support/Expect.h"
 #include "tests/support/Imports.h"
 #include "tests/support/OpenHandles.h"
+#include "velt/faults/StackOverflowException.h"
 #include "velt/os/File.h"
 #include "velt/os/FileMapping.h"
 #include "velt/os/Mailslot.h"
@@ -21,7 +23,8 @@ using namespace velt_test;
 VELT_WATCH(CancelIo, CloseHandle, CreateFileA, CreateFileMappingA, CreateFileMappingW, CreateFileW,
            CreateMailslotA, CreateMailslotW, CreateProcessA, CreateProcessW, FlushFileBuffers,
            GetFileInformationByHandle, GetOverlappedResult, MapViewOfFile, OpenFileMappingA,
-           OpenFileMappingW, ReadFile, SetFilePointerEx, TerminateProcess, WriteFile);
+           OpenFileMappingW, ReadFile, SetFilePointerEx, TerminateProcess, WriteFile,
+           _beginthreadex);
 
 namespace {
 
@@ -178,4 +181,18 @@ TEST(PlatformFailures, OfProcesses) {
   EXPECT_EQ(system_code([&] { process.CreateProcessW(L"cmd /c exit", 0); }), -1);
   EXPECT_TRUE(watch.calls.ends_with(")CloseHandle(handle)")) << watch.calls;
   EXPECT_TRUE(process.IsValidHandle());
+}
+
+// Of the thread that makes the exception.
+TEST(PlatformFailures, OfOverflows) {
+  for (char const* call : {"_beginthreadex", "CloseHandle"}) {
+    Watch watch(call);
+    auto const overflow = [] {
+      EXCEPTION_RECORD record{};
+      CONTEXT context{};
+      EXCEPTION_POINTERS pointers{&record, &context};
+      EStackOverflowException::Throw(&pointers, 0);
+    };
+    EXPECT_EQ(system_code(overflow), injected_code) << call;
+  }
 }
