@@ -286,7 +286,7 @@ Recursion const recursions[] = {
        long const result = next(depth + 1) ^ block[3];
        std::free(block);
        return result;
-     }>},
+     }>, 64},
     {"WithValues", with<[](long depth, auto next) {
        _value_t const first(static_cast<int>(depth)), second(first);
        return next(depth + 1) ^ static_cast<int>(second);
@@ -310,7 +310,7 @@ Recursion const recursions[] = {
        std::ostringstream stream;
        stream << depth;
        return next(depth + 1) ^ stream.str()[0];
-     }>},
+     }>, 64},
 };
 
 }  // namespace
