@@ -58,24 +58,10 @@ LONG CALLBACK say_unhandled(EXCEPTION_POINTERS* pointers) {
   std::_Exit(3);
 }
 
-void fault_without_translator() {
-  try {
-    Note const note;
-    read(nowhere);
-  } catch (...) {
-    say("caught");
-  }
-}
-
 void fault_without_try() {
   redirect_structured_exceptions();
   Note const note;
   read(nowhere);
-}
-
-void break_without_try() {
-  redirect_structured_exceptions();
-  DebugBreak();
 }
 
 void fault_under_other_handlers() {
@@ -99,11 +85,6 @@ void fault_under_other_handlers() {
   }
 }
 
-[[gnu::noipa]] int read_noexcept(int const volatile* address) noexcept {
-  nothing();
-  return *address;
-}
-
 [[gnu::noipa]] void throw_in_handler() {
   try {
     read(nowhere);
@@ -124,10 +105,6 @@ void fault_under_other_handlers() {
 
 struct FaultsAtItsEnd {
   ~FaultsAtItsEnd() { read(nowhere); }
-};
-
-struct MayThrowAtItsEnd {
-  ~MayThrowAtItsEnd() noexcept(false) { read(nowhere); }
 };
 
 [[gnu::noipa]] int recurse(int depth) {
@@ -172,21 +149,11 @@ constexpr struct {
   std::string_view name;
   void (*run)();
 } ways[] = {
-    {"fault_without_translator", fault_without_translator},
     {"fault_without_try", fault_without_try},
-    {"break_without_try", break_without_try},
     {"fault_under_other_handlers", fault_under_other_handlers},
-    {"fault_in_noexcept", [] { guarded([] { read_noexcept(nowhere); }); }},
     {"fault_in_noexcept_with_try", [] { guarded([] { try_in_noexcept(); }); }},
     {"new_throw_in_noexcept", [] { guarded([] { handle_in_noexcept(); }); }},
     {"fault_in_destructor", [] { guarded([] { FaultsAtItsEnd const object; }); }},
-    {"fault_in_unwinding",
-     [] {
-       guarded([] {
-         MayThrowAtItsEnd const object;
-         throw 1;
-       });
-     }},
     {"fault_without_the_option", [] { guarded([] { read_without_the_option(nowhere); }); }},
     {"overflow_twice_without_reset", overflow_twice_without_reset},
     {"overflow_on_main_thread_with_guarantee", overflow_on_main_thread_with_guarantee},

@@ -64,7 +64,7 @@ std::string recover(Recursion const& recursion) {
 std::string recover_often(Recursion const& recursion) {
   auto const wanted = std::getenv("VELT_OVERFLOWS");
   std::string last = "recovered";
-  for (int rounds = wanted ? std::atoi(wanted) : 2; rounds > 0 && last == "recovered"; --rounds) {
+  for (int rounds = wanted ? std::atoi(wanted) : recursion.overflows; rounds > 0 && last == "recovered"; --rounds) {
     *static_cast<char volatile*>(__builtin_alloca(16 * 23)) = 1;
     last = recover(recursion);
   }

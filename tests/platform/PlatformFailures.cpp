@@ -2,6 +2,7 @@
 // the handle is left as the class says, and no handle is lost. A row has the call,
 // with its arguments where the object computes them, behind those that succeed.
 #include <gtest/gtest.h>
+#include <process.h>
 #include <windows.h>
 
 #include <initializer_list>
@@ -10,6 +11,7 @@
 #include "tests/support/Expect.h"
 #include "tests/support/Imports.h"
 #include "tests/support/OpenHandles.h"
+#include "velt/faults/StackOverflowException.h"
 #include "velt/locks/Event.h"
 #include "velt/locks/Mutex.h"
 #include "velt/locks/Semaphore.h"
@@ -364,4 +366,18 @@ TEST(PlatformFailures, OfTimers) {
        {"SetWaitableTimer(handle, -1, 0, none, none, 0)",
         [](Timer& t) { t.Set(FILETIME{0xFFFFFFFF, 0xFFFFFFFF}); }},
        {"CancelWaitableTimer", [](Timer& t) { t.Cancel(); }}});
+}
+
+// Of the thread that makes the exception.
+TEST(PlatformFailures, OfOverflows) {
+  for (char const* call : {"_beginthreadex", "CloseHandle"}) {
+    Watch watch(call);
+    auto const overflow = [] {
+      EXCEPTION_RECORD record{};
+      CONTEXT context{};
+      EXCEPTION_POINTERS pointers{&record, &context};
+      EStackOverflowException::Throw(&pointers, 0);
+    };
+    EXPECT_EQ(system_code(overflow), injected_code) << call;
+  }
 }
