@@ -17,10 +17,13 @@
    A thread that throws out of its first spin has done nothing, so that is no step
    here: it holds what it held.
 
-   The events are the signals here. Those of the two manual kinds follow their
-   signals at once, from whenever they are made; the automatic one is only made
-   while its signal is down, which is asserted, so it may as well have been there
-   and down before.
+   An event is set or reset only while a thread is counted that waits for it, and a
+   new waiter brings its events in line with the signals. The count is raised in the
+   step that decides to wait, and lowered in one of its own after the wait. An event
+   that was never made is one that is down. A wake-up that is under way may be sent
+   once more, or not. Of an event that nobody waits for, the two manual ones count as
+   down, since the next waiter does not care. A thread that spins before it waits does
+   what another does that asks without waiting and then asks again.
 
    Left out, since they change nothing in what is shown here: thread ids, memory,
    failures of the platform, and the order of the records of different owners.
@@ -40,6 +43,8 @@
      NO_PASSING_ON       a woken thread that a queued call takes out of the spin
                          keeps the wake-up
      PLAIN_COUNT         the count of upgraders is changed by loads and stores
+     KEPT_WAKE_UP        a woken thread that is back leaves its wake-up under way
+     LATE_COUNT          a waiter is counted when it has given the inner lock back
      SELFISH             see above
      STARVATION          claims that a writer that waits gets its turn */
 
@@ -71,8 +76,11 @@ bool inner = false;
 byte state = not_locked;
 byte rw_waiters = 0;
 byte signals = sig_free;
-bool free_event = false; /* sig_free's event: one waiter takes it */
+byte events = 0; /* those that are up; one waiter takes sig_free's */
+byte shown = 0;  /* those that the lock has set and knows nothing else of */
+byte waits_for[THREADS] = 0;
 byte throws = THROWS;
+byte changed = 0; /* between two lines of one step */
 
 /* The records: for each owner, from the oldest to the newest, a 1 for each write
    and a 0 for each read behind a leading 1. */
@@ -83,39 +91,44 @@ byte write_records = 0;
 
 byte stopped = 0;
 
-/* How often sig_free was set since a thread began to wait, and whether the thread
-   that the last time woke is known to be back. Counts beyond two are alike, and
-   so are all those of a thread that does not wait. */
-#define not_waiting 3
-byte wake_ups[THREADS] = not_waiting;
-bool last_wake_up_taken = false;
+#if THREADS == 2
+#define awaited (waits_for[0] | waits_for[1])
+#else
+#define awaited (waits_for[0] | waits_for[1] | waits_for[2])
+#endif
+#define sig_manual (sig_sole_owner | sig_read_open)
 
 inline raise(mask) {
-  if
-  :: ((mask) & ~signals & sig_free) != 0 ->
-     free_event = true;
-     last_wake_up_taken = false;
-     for (i : 0 .. THREADS - 1) {
-       if
-       :: wake_ups[i] < 2 -> wake_ups[i]++
-       :: else
-       fi
-     }
-     i = 0
-  :: else
-  fi;
+  changed = (mask) & ~signals & awaited;
   signals = signals | (mask);
+  if
+  :: (changed & shown & sig_free) == 0
+  :: (changed & shown & sig_free) != 0 -> changed = changed & ~sig_free
+  :: (changed & shown & sig_free) != 0
+  fi;
+  events = events | changed;
+  shown = shown | changed;
+  changed = 0
 }
 
-/* Without queued calls the event need not be reset where it is not. */
 inline lower(mask) {
-  if
-  :: ((mask) & signals & sig_free) != 0 && !last_wake_up_taken -> free_event = false
-  :: ((mask) & signals & sig_free) != 0 && last_wake_up_taken ->
-     assert(!free_event || throws < THROWS)
-  :: else
-  fi;
+  changed = (mask) & signals & awaited & sig_manual;
   signals = signals & ~(mask);
+  events = events & ~changed;
+  shown = shown & ~changed;
+  changed = 0
+}
+
+inline bring_in_line(mask) {
+  changed = (mask) & (signals ^ shown);
+  events = (events & ~changed) | (signals & changed);
+  shown = (shown & ~changed) | (signals & changed);
+  changed = 0
+}
+
+inline forget_events() {
+  events = events & (awaited | sig_free);
+  shown = shown & (awaited | sig_free)
 }
 
 inline add_owner(owner, writes) {
@@ -142,6 +155,10 @@ inline check_invariants() {
   assert((state == locked_write) == (write_records > 0));
   assert(state != locked_write || one_owner_has_all);
   assert((state == not_locked) == ((signals & sig_free) != 0));
+  assert(((events ^ shown) & sig_manual) == 0);
+#ifndef LATE_COUNT
+  assert(((signals ^ shown) & awaited & sig_manual) == 0);
+#endif
 #if !defined(NO_UPGRADE_CHECK) && !defined(PLAIN_COUNT)
   assert(rw_waiters <= 1);
 #endif
@@ -187,9 +204,16 @@ inline look() {
   fi;
   if
   :: outcome == waits && limit == 0 -> outcome = refused
-  :: outcome == waits && limit != 0 -> assert((signals & sig_free) == 0)
+  :: outcome == waits && limit != 0 -> assert((signals & sig_free) == 0); register()
   :: else
   fi
+}
+
+inline register() {
+  bring_in_line(mask);
+#ifndef LATE_COUNT
+  waits_for[me] = mask
+#endif
 }
 
 /* Raises the count of upgraders, under the inner lock. */
@@ -217,7 +241,7 @@ inline refuse_if_second() {
 /* A waiter that used up a wake-up and cannot go on wakes another. */
 inline pass_on() {
 #ifndef NO_PASSING_ON
-  free_event = free_event || took_wake_up
+  events = events | (took_wake_up -> sig_free : 0)
 #else
   skip
 #endif
@@ -233,7 +257,7 @@ inline uncount_upgrader() {
 #endif
 }
 
-#define up (signals & mask & (sig_sole_owner | sig_read_open))
+#define up (events & mask)
 #define may_throw (throws > 0)
 
 #define holds_of_mine (count[me] + mine_of_nobody)
@@ -270,8 +294,10 @@ inline ask() {
 #endif
 
 inline look_again() {
-  last_wake_up_taken = last_wake_up_taken || (took_wake_up && wake_ups[me] == 1);
-  wake_ups[me] = not_waiting
+#ifndef KEPT_WAKE_UP
+  shown = shown & ~(took_wake_up -> sig_free : 0);
+#endif
+  took_wake_up = false
 }
 
 inline release() {
@@ -296,8 +322,7 @@ inline release() {
 inline forget() {
   writes = false; independent = false; woken = false; took_wake_up = false;
   removed_writes = false;
-  mask = 0; limit = 0; id = me; outcome = granted;
-  wake_ups[me] = not_waiting
+  mask = 0; limit = 0; id = me; outcome = granted
 }
 
 proctype user(byte me) {
@@ -310,7 +335,6 @@ proctype user(byte me) {
 #endif
   bool writes = false, independent = false, counted = false;
   bool woken = false, took_wake_up = false, removed_writes = false;
-  byte i;
   mtype outcome = granted;
 
 choose:
@@ -337,9 +361,12 @@ entered:
        forget(); goto choose
     :: outcome == dead_lock -> forget(); goto choose
     :: outcome == refused -> goto leave
-    :: outcome == waits -> wake_ups[me] = 0; took_wake_up = false
+    :: outcome == waits
     fi
   }
+#ifdef LATE_COUNT
+  waits_for[me] = mask;
+#endif
 
 waiting:
   if
@@ -352,12 +379,13 @@ waiting:
        fi
      }
   :: atomic { (up & sig_sole_owner) != 0 && inner && may_throw -> throws--; outcome = refused }
-  :: atomic { up == sig_read_open -> woken = true }
-  :: atomic { up == 0 && free_event ->
-       free_event = false; woken = true; took_wake_up = true }
-  :: atomic { up == 0 && !free_event && limit == 1 -> outcome = refused }
-  :: atomic { up == 0 && !free_event && may_throw -> throws--; outcome = refused }
+  :: atomic { (up & sig_sole_owner) == 0 && (up & sig_read_open) != 0 -> woken = true }
+  :: atomic { up == sig_free ->
+       events = events & ~sig_free; woken = true; took_wake_up = true }
+  :: atomic { up == 0 && limit == 1 -> outcome = refused }
+  :: atomic { up == 0 && may_throw -> throws--; outcome = refused }
   fi;
+  atomic { waits_for[me] = 0; mask = 0; woken = false; forget_events() };
 
 leave:
   if
