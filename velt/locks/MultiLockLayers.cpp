@@ -18,6 +18,17 @@ namespace {
 constexpr int tries_before_sleep = 200;
 constexpr int pauses_before_yield = 20;
 
+// Some microseconds, a tenth of what a wait costs.
+constexpr int tries_before_wait = 10;
+
+// A wake-up that is under way is not sent again, except now and then: the thread that
+// has it may have been killed.
+constexpr unsigned int wake_ups_saved_at_once = 64;
+
+// The counts of the three signals share a word.
+constexpr int bits_of_count = 21;
+constexpr unsigned long long highest_count = (1ull << bits_of_count) - 1;
+
 struct bad_allocation : std::bad_alloc {
   char const* what() const noexcept override { return "bad allocation"; }
 };
@@ -122,9 +133,9 @@ bool _ml_full_owners_list::no_write_owner() const noexcept {
 // stands last: a waiter that can go on by one of the manual events, which stay up
 // for everybody, leaves the one wake-up to others.
 _ml_free_signal_event::event const _ml_free_signal_event::events[3] = {
-    {sig_sole_owner, true, &_ml_free_signal_event::ev_sole_owner},
-    {sig_read_open, true, &_ml_free_signal_event::ev_read_open},
-    {sig_free, false, &_ml_free_signal_event::ev_free},
+    {sig_sole_owner, true, &_ml_free_signal_event::ev_sole_owner, 1},
+    {sig_read_open, true, &_ml_free_signal_event::ev_read_open, 1ull << bits_of_count},
+    {sig_free, false, &_ml_free_signal_event::ev_free, 1ull << 2 * bits_of_count},
 };
 
 _ml_free_signal_event::~_ml_free_signal_event() {
@@ -139,30 +150,69 @@ _ml_free_signal_event::~_ml_free_signal_event() {
     if (handle) CloseHandle(handle);
 }
 
+// While an object of this class exists, its thread counts as a waiter.
+class _ml_free_signal_event::counted_wait {
+public:
+  counted_wait(_ml_free_signal_event& lock, signal_set mask) noexcept : waiting(lock.waiting) {
+    for (auto const& each : events)
+      if (mask & each.signal) mine += each.one_waiter;
+    waiting += mine;
+  }
+  counted_wait(counted_wait const&) = delete;
+  counted_wait& operator=(counted_wait const&) = delete;
+  ~counted_wait() { waiting -= mine; }
+
+private:
+  _ml_shared<waiter_counts>& waiting;
+  waiter_counts mine = 0;
+};
+
+bool _ml_free_signal_event::is_awaited(event const& each) const noexcept {
+  return (waiting & each.one_waiter * highest_count) != 0;
+}
+
 // The results of the calls are not checked here and below: a valid event cannot
 // fail, and an event that could not be made shows in the next wait.
 void _ml_free_signal_event::set_events(signal_set risen) noexcept {
-  if (risen & sig_free) {
-    ++wake_ups;
-    last_wake_up_taken = false;
+  for (auto const& each : events) {
+    if (!(risen & each.signal) || !is_awaited(each)) continue;
+    if ((shown & each.signal) && ++saved_wake_ups % wake_ups_saved_at_once != 0) continue;
+    SetEvent(this->*each.handle);
+    shown |= each.signal;
   }
-  for (auto const& each : events)
-    if ((risen & each.signal) && this->*each.handle) SetEvent(this->*each.handle);
 }
 
+// The event of free stays set for the thread that it is about to wake, or has woken.
+// That thread finds the lock taken and waits again.
 void _ml_free_signal_event::reset_events(signal_set fallen) noexcept {
-  if (last_wake_up_taken) fallen &= ~sig_free;
-  for (auto const& each : events)
-    if ((fallen & each.signal) && this->*each.handle) ResetEvent(this->*each.handle);
+  for (auto const& each : events) {
+    if (!each.manual || !(fallen & shown & each.signal) || !is_awaited(each)) continue;
+    ResetEvent(this->*each.handle);
+    shown &= ~each.signal;
+  }
 }
 
-// Made under the inner lock in the state that its signal has, so that no change of
-// the signal before the first wait is lost.
-void* _ml_free_signal_event::handle_for(event const& each) noexcept {
+// For a new waiter, under the inner lock: gives the event the state of its signal,
+// from which it may have departed while nobody waited.
+void* _ml_free_signal_event::event_in_line(event const& each) noexcept {
   void*& handle = this->*each.handle;
-  has_events = true;
-  if (!handle) handle = CreateEventW(nullptr, each.manual, (signals & each.signal) != 0, nullptr);
+  signal_set const up = signals & each.signal;
+  if (!handle)
+    handle = CreateEventW(nullptr, each.manual, up != 0, nullptr);
+  else if (up != (shown & each.signal))
+    up ? SetEvent(handle) : ResetEvent(handle);
+  shown = (shown & ~each.signal) | up;
   return handle;
+}
+
+void _ml_free_signal_event::spin_for(signal_set mask) const noexcept {
+  for (int i = 0; i < tries_before_wait; ++i) {
+    for (int pause = 0; pause < pauses_before_yield; ++pause) {
+      if (signals & mask) return;
+      YieldProcessor();
+    }
+    SwitchToThread();
+  }
 }
 
 bool _ml_free_signal_event::wait_signal(signal_set mask, _owner_id id, unsigned int timeout,
@@ -171,18 +221,24 @@ bool _ml_free_signal_event::wait_signal(signal_set mask, _owner_id id, unsigned 
     inner_unlock();
     return false;
   }
+  if (!history.spun) {
+    history = {.spun = true};
+    inner_unlock();
+    spin_for(mask);
+    return true;
+  }
+  history = {};
   constexpr unsigned int time_up = 1;
   wait_list waits;
   for (auto const& each : events)
-    if (mask & each.signal) waits.add(handle_for(each), each.signal);
+    if (mask & each.signal) waits.add(event_in_line(each), each.signal);
   TWaitableTimer timer(DoNotInitialize);
   if (timeout != INFINITE) {
     timer.CreateTimer(true);
     timer.SetTimer(timeout, 0);
     waits.add(timer, time_up);
   }
-  // Before the word is free again: a wake-up from then on may be this thread's.
-  history = {.wake_ups_before = wake_ups};
+  counted_wait const counted(*this, mask);
   inner_unlock();
 
   for (;;) {
@@ -209,7 +265,5 @@ void _ml_free_signal_event::inner_lock_after_wait(_owner_id id, wait_history con
     if (history.took_wake_up) SetEvent(ev_free);
     throw;
   }
-  // Exactly one wake-up since the wait began, and this thread consumed it. After two,
-  // the other one may still stand in the event.
-  if (history.took_wake_up && wake_ups == history.wake_ups_before + 1) last_wake_up_taken = true;
+  if (history.took_wake_up) shown &= ~sig_free;
 }

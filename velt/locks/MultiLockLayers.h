@@ -13,6 +13,26 @@
 
 #include "velt/base/Export.h"
 
+// A field in a class that is copied field by field. Threads without the inner lock
+// may read it, and add to it; only those with the inner lock assign to it.
+template <class T>
+class _ml_shared {
+public:
+  _ml_shared(T initial) noexcept : value(initial) {}
+  _ml_shared(_ml_shared const& other) noexcept : value(T(other)) {}
+  _ml_shared& operator=(_ml_shared const& other) noexcept { return *this = T(other); }
+  _ml_shared& operator=(T changed) noexcept {
+    value.store(changed, std::memory_order_relaxed);
+    return *this;
+  }
+  operator T() const noexcept { return value.load(std::memory_order_relaxed); }
+  void operator+=(T more) noexcept { value += more; }
+  void operator-=(T less) noexcept { value -= less; }
+
+private:
+  std::atomic<T> value;
+};
+
 class VELT_API _ml_common {
 public:
   // The owner of a hold: the low 31 bits of the thread's id, or 0 for no thread.
@@ -145,7 +165,7 @@ protected:
   ~_ml_free_signal_event();
 
   // Called under the inner lock, which they release. They call the platform only
-  // for a signal that changes and that somebody has waited for.
+  // for a signal that changes and that somebody waits for.
   void set_signal(signal_set mask) noexcept {
     raise(mask);
     inner_unlock();
@@ -157,27 +177,29 @@ protected:
 
   // The same, but the inner lock stays taken.
   void raise(signal_set mask) noexcept {
-    signal_set const risen = mask & ~signals;
-    signals |= risen;
-    if (has_events) set_events(risen);
+    signal_set const before = signals;
+    signals = before | mask;
+    if (waiting != 0) [[unlikely]]
+      set_events(mask & ~before);
   }
   void lower(signal_set mask) noexcept {
-    signal_set const fallen = mask & signals;
-    signals &= ~fallen;
-    if (has_events) reset_events(fallen);
+    signal_set const before = signals;
+    signals = before & ~mask;
+    if (waiting != 0) [[unlikely]]
+      reset_events(mask & before);
   }
 
   // What one operation knows of its waits so far.
   struct wait_history {
-    bool failed = false;                // the platform refused the last wait
-    bool took_wake_up = false;          // the last wait ended by sig_free
-    unsigned int wake_ups_before = 0;   // how many there had been when it began
+    bool spun = false;          // it comes back from spinning
+    bool failed = false;        // the platform refused the last wait
+    bool took_wake_up = false;  // the last wait ended by sig_free
   };
 
   // Called under the inner lock and releases it, except when the timer cannot be
-  // set. Waits alertably until one of the signals is up; sig_sole_owner counts
-  // only if `id` is that owner. True: examine the state again. False: the time ran
-  // out. A timeout of 0 asks without waiting, 0xFFFFFFFF means no limit. Throws
+  // set. Spins for some microseconds at first. When called again, it waits alertably
+  // until one of the signals is up; sig_sole_owner counts only if `id` is that
+  // owner. True: examine the state again. False: the time ran out. A timeout of 0 asks without waiting, 0xFFFFFFFF means no limit. Throws
   // ESystemException if the wait fails and records that in the history, since a
   // queued call may throw the same type.
   bool wait_signal(signal_set mask, _owner_id id, unsigned int timeout, wait_history& history);
@@ -187,29 +209,35 @@ protected:
   void inner_lock_after_wait(_owner_id id, wait_history const& history);
 
 private:
+  using waiter_counts = unsigned long long;
   struct event {
     signal_set signal;
     bool manual;
     void* _ml_free_signal_event::*handle;
+    waiter_counts one_waiter;
   };
   // In order of priority: a wait reports the first that is signalled.
   static event const events[3];
+  class counted_wait;
 
-  void* handle_for(event const& each) noexcept;
-
+  bool is_awaited(event const& each) const noexcept;
+  void* event_in_line(event const& each) noexcept;
   void set_events(signal_set risen) noexcept;
   void reset_events(signal_set fallen) noexcept;
+  void spin_for(signal_set mask) const noexcept;
 
   // Null until somebody waits for the signal.
   void* ev_read_open = nullptr;
   void* ev_sole_owner = nullptr;
   void* ev_free = nullptr;
-  // The signals that are up. An event has the state of its signal from its making.
-  signal_set signals = sig_free;
-  // Setting ev_free wakes one thread. If that thread is back and nobody has set the
-  // event since, the wake-up was consumed and the event needs no reset, which saves
-  // a platform call for each hand-over of the lock.
-  unsigned int wake_ups = 0;
-  bool last_wake_up_taken = false;
-  bool has_events = false;
+  // The signals that are up: the truth, which the events follow while somebody waits
+  // for them. Changed under the inner lock.
+  _ml_shared<signal_set> signals = sig_free;
+  // The events that were set last, and not reset. That of sig_free also leaves this
+  // set when the thread that it woke is back.
+  signal_set shown = 0;
+  // How many threads wait for each signal. Raised under the inner lock and lowered
+  // without it.
+  _ml_shared<waiter_counts> waiting = 0;
+  unsigned int saved_wake_ups = 0;
 };
