@@ -66,6 +66,21 @@ void read_pair() {
   lock.Unlock();
 }
 
+// A lock that made a thread wait, once, until its limit was up.
+struct LockAfterWait : TMultiLock {
+  LockAfterWait() {
+    WriteLockThreadIndependent();
+    static_cast<void>(WriteLock(1));
+    UnlockThreadIndependent();
+  }
+};
+
+void write_pair_after_wait() {
+  auto& lock = input(the<LockAfterWait>());
+  lock.WriteLock();
+  lock.Unlock();
+}
+
 template <class Mutex>
 void exclusive_pair() {
   auto& mutex = input(the<Mutex>());
@@ -94,6 +109,75 @@ void two_interlocked_pairs() {
     word.compare_exchange_strong(expected, 1);
     word.exchange(0);
   }
+}
+
+// What the threads of the mixed rows do under the lock: some ten nanoseconds, as a
+// look at a table takes.
+void work_shortly() {
+  std::uint64_t value = 1;
+  for (int i = 0; i != 25; ++i) keep(value = value * 6364136223846793005u + 1);
+}
+
+// One hold in `interval` is for writing. Each thread begins elsewhere, so that they
+// do not write in step.
+template <class Lock, int interval>
+void mixed_holds(int index, std::uint64_t passes) {
+  auto& lock = the<Lock>();
+  for (auto turn = static_cast<std::uint64_t>(index) * 7; passes != 0; --passes)
+    if (turn++ % interval == 0)
+      lock.write(work_shortly);
+    else
+      lock.read(work_shortly);
+}
+
+struct MixedMultiLock : TMultiLock {
+  void read(void (*work)()) {
+    TReadLock const guard(*this);
+    work();
+  }
+  void write(void (*work)()) {
+    TLock const guard(*this);
+    work();
+  }
+};
+
+struct MixedSharedMutex : std::shared_mutex {
+  void read(void (*work)()) {
+    std::shared_lock const guard(*this);
+    work();
+  }
+  void write(void (*work)()) {
+    std::lock_guard const guard(*this);
+    work();
+  }
+};
+
+struct MixedSlimLock : RawSlimLock {
+  void read(void (*work)()) {
+    AcquireSRWLockShared(&native);
+    work();
+    ReleaseSRWLockShared(&native);
+  }
+  void write(void (*work)()) {
+    AcquireSRWLockExclusive(&native);
+    work();
+    ReleaseSRWLockExclusive(&native);
+  }
+};
+
+// A pass is many holds: the threads of one pass must meet, and not just begin.
+constexpr std::uint64_t holds_at_once = 100'000;
+
+template <class Lock, int threads, int interval>
+void mixed(std::uint64_t count) {
+  on_threads(threads, mixed_holds<Lock, interval>, count * holds_at_once / threads);
+}
+
+template <int threads, int interval>
+Row mixed_row(char const* name, double goal_of_slim) {
+  return {name, mixed<MixedMultiLock, threads, interval>,
+          {{"std::shared_mutex", 0.5, mixed<MixedSharedMutex, threads, interval>},
+           {"SRWLOCK", goal_of_slim, mixed<MixedSlimLock, threads, interval>}}};
 }
 
 void read_in_read() {
@@ -266,6 +350,14 @@ std::vector<Row> lock_rows() {
 
       {"multilock_readers_4", share_out<4, read_pair>,
        {{"std::shared_mutex", 1.0, share_out<4, shared_pair<std::shared_mutex>>}}},
+
+      {"multilock_after_wait", loop([] { write_pair_after_wait(); }),
+       {{"the same before", 1.05, loop([] { write_pair(); })}}},
+
+      mixed_row<2, 100>("multilock_mixed_2", 1.0),
+      mixed_row<2, 10>("multilock_mixed_2_10", 1.0),
+      mixed_row<8, 100>("multilock_mixed_8", 2.0),
+      mixed_row<8, 10>("multilock_mixed_8_10", 2.0),
 
       {"multilock_handoff", hand_to_and_fro<LockGate>,
        {{"a pair of events", 1.2, hand_to_and_fro<EventGate>}}},
