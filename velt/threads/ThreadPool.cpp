@@ -16,55 +16,36 @@ namespace {
 
 constexpr unsigned int idle_limit = 10'000;  // milliseconds
 
+// Of a worker that finds no job: some microseconds in all.
+constexpr int tries_before_sleep = 10;
+constexpr int pauses_before_yield = 20;
+
 // Of a pool whose maker does not say.
 constexpr int default_max = 50, default_min = 0, default_priority = 0, default_limit = 1'000'000;
 
-// A hold that never waits on the events of its lock. A released count wakes a
-// worker at once, which then wants the lock of the queue while the submitter still
-// has it. Let that worker sleep on an event, and each job costs four calls of the
-// platform instead of two: in a burst of empty jobs with one worker a job took
-// 44 us by this hold and 190 to 900 us by the lock's own wait (medians of 9 bursts
-// of 4,000 under Wine, on a busy machine of two cores). Both locks are held for some
-// instructions, or while a thread is started, so that yields nearly always do; the
-// sleep is for a holder that lost its processor for long, or was suspended.
-//
-// Where the lock's inner word stays taken for 200 yields, the attempt sleeps
-// alertably, so that an interruption can come out of it.
-template <bool (TMultiLock::*acquire)(unsigned int), bool is_report = false>
-class short_hold {
+// Of a worker that reports something. A report that is given up half-way leaves the pool
+// with numbers that are wrong for good. It is finished, and the worker ends behind it: it
+// knows that it was interrupted.
+class report_hold {
 public:
-  explicit short_hold(TMultiLock& its_lock) : lock(its_lock) {
-    for (int tries = 0; !try_once(); ++tries) {
-      if (tries < tries_before_yield)
-        YieldProcessor();
-      else if (tries < tries_before_sleep)
-        SwitchToThread();
-      else
-        Sleep(1);
+  explicit report_hold(TMultiLock& its_lock) : lock(its_lock) {
+    while (!try_once()) {
     }
   }
-  short_hold(short_hold const&) = delete;
-  short_hold& operator=(short_hold const&) = delete;
-  ~short_hold() { lock.Unlock(); }
+  report_hold(report_hold const&) = delete;
+  report_hold& operator=(report_hold const&) = delete;
+  ~report_hold() { lock.Unlock(); }
 
 private:
-  static constexpr int tries_before_yield = 500, tries_before_sleep = 20'000;
-
-  // A report that is given up half-way leaves the pool with numbers that are wrong
-  // for good. It is finished, and the worker ends behind it: it knows that it was
-  // interrupted.
   bool try_once() try {
-    return (lock.*acquire)(0);
+    lock.WriteLock();
+    return true;
   } catch (EThreadInterrupt const&) {
-    if (!is_report) throw;
     return false;
   }
 
   TMultiLock& lock;
 };
-using read_hold = short_hold<&TMultiLock::ReadLock>;
-using write_hold = short_hold<&TMultiLock::WriteLock>;
-using report_hold = short_hold<&TMultiLock::WriteLock, true>;
 
 class count_while_alive {
 public:
@@ -87,6 +68,40 @@ std::string decimal(unsigned int count) { return itoa(static_cast<int>(count)); 
 
 }  // namespace
 
+// The semaphore can be full: a worker that was killed in its sleep leaves a count there,
+// and so can one that settles while a count is on its way. Then nobody sleeps, so that
+// the refusal does no harm.
+void TJobCounts::post() {
+  if (counts++ >= 0) return;
+  if (!ReleaseSemaphore(semaphore, 1, nullptr) && GetLastError() != ERROR_TOO_MANY_POSTS)
+    ThrowSystemException();
+}
+
+// The next job often comes while a worker would still be falling asleep.
+bool TJobCounts::try_take() noexcept {
+  for (int tries = 0; tries < tries_before_sleep && counts <= 0; ++tries) {
+    for (int pause = 0; pause < pauses_before_yield && counts <= 0; ++pause) YieldProcessor();
+    SwitchToThread();
+  }
+  return counts-- > 0;
+}
+
+// A count that is on its way to the semaphore may come too late for this. It stays there
+// for the next worker.
+bool TJobCounts::settle() {
+  for (int seen = counts; seen < 0;)
+    if (counts.compare_exchange_weak(seen, seen + 1)) return false;
+  return semaphore.WaitForSingleObject(0, FALSE) == WAIT_OBJECT_0;
+}
+
+// The free ones first. Each that comes out of the semaphore was meant for a sleeper,
+// which has none coming then.
+void TJobCounts::drop_all() {
+  for (int seen = counts; seen > 0 && !counts.compare_exchange_weak(seen, 0);) {
+  }
+  while (semaphore.WaitForSingleObject(0, FALSE) == WAIT_OBJECT_0) --counts;
+}
+
 IThreadPool::~IThreadPool() = default;
 
 SmartPtr<IThreadPool> CreateNewThreadPool() {
@@ -105,7 +120,7 @@ SmartPtr<IThreadPool> CreateNewThreadPool(int max, int min, int priority, int li
 TThreadPool::TThreadPool(int max, int min, int priority, int limit)
     : MaxTotalThreads(max),
       MinIdleThreads(min),
-      JobSemaphore(limit, 0),
+      job_counts(limit),
       ThreadPriority(priority),
       JobQueueLimit(limit),
       NoJobsEvent(true, true) {}
@@ -122,22 +137,18 @@ bool TThreadPool::AddJob(SmartPtr<IThreadJob> job) {
   return queue_size <= as_limit(MaxTotalThreads);
 }
 
-// The semaphore can be full before the queue is: a worker may take a count, lose
-// its job to ClearQueue(), and take the next job instead, whose own count stays.
-// A full semaphore has a count for each job, so the refusal does no harm.
 bool TThreadPool::TryAddJob(SmartPtr<IThreadJob> job) {
-  write_hold const hold(QueueLock);
+  TLock const hold(QueueLock);
   if (JobQueue.size() >= static_cast<unsigned int>(JobQueueLimit)) return false;
   JobQueue.push_back(std::move(job));  // first: it may throw
   queue_has_changed();
   if (++RunningJobs == 1) NoJobsEvent.ResetEvent();
-  if (!ReleaseSemaphore(JobSemaphore, 1, nullptr) && GetLastError() != ERROR_TOO_MANY_POSTS)
-    ThrowSystemException();
+  job_counts.post();
   return true;
 }
 
 SmartPtr<IThreadJob> TThreadPool::PopJob() {
-  write_hold const hold(QueueLock);
+  TLock const hold(QueueLock);
   if (JobQueue.empty()) return nullptr;
   auto job = std::move(JobQueue.front());
   JobQueue.pop_front();
@@ -145,7 +156,11 @@ SmartPtr<IThreadJob> TThreadPool::PopJob() {
   return job;
 }
 
+// With the lock only where the last job may have finished, since AddJob() resets the event
+// under it.
 void TThreadPool::JobFinished(SmartPtr<IThreadJob>) {
+  for (auto running = RunningJobs.load(); running > 1;)
+    if (RunningJobs.compare_exchange_weak(running, running - 1)) return;
   report_hold const hold(QueueLock);
   if (--RunningJobs == 0) NoJobsEvent.SetEvent();
 }
@@ -157,9 +172,8 @@ void TThreadPool::JobFinished(SmartPtr<IThreadJob>) {
 void TThreadPool::ClearQueue() {
   std::deque<SmartPtr<IThreadJob>> dropped;
   {
-    write_hold const hold(QueueLock);
-    while (JobSemaphore.WaitForSingleObject(0, FALSE) == WAIT_OBJECT_0) {
-    }
+    TLock const hold(QueueLock);
+    job_counts.drop_all();
     RunningJobs -= static_cast<unsigned int>(JobQueue.size());
     JobQueue.swap(dropped);
     queue_has_changed();
@@ -169,23 +183,18 @@ void TThreadPool::ClearQueue() {
 
 bool TThreadPool::WaitForIdle(int timeoutMs) { return NoJobsEvent.Signaled(timeoutMs); }
 
-// The queue's size is read without its lock, so that no thread ever holds both, and
-// may be stale. A wrong answer costs a thread too many, or one that comes with the
-// next job.
+// The sizes are read without their locks and may be stale. A wrong answer costs a thread
+// too many, or one that comes with the next job.
 bool TThreadPool::NeedMoreThreads() {
-  read_hold const hold(ThreadsLock);
-  return IdleThreads < queue_size && Threads.size() < as_limit(MaxTotalThreads);
+  return IdleThreads < queue_size && workers_size < as_limit(MaxTotalThreads);
 }
 bool TThreadPool::CanThreadLeave() { return IdleThreads > as_limit(MinIdleThreads); }
-bool TThreadPool::TooManyThreads() {
-  read_hold const hold(ThreadsLock);
-  return Threads.size() > as_limit(MaxTotalThreads);
-}
+bool TThreadPool::TooManyThreads() { return workers_size > as_limit(MaxTotalThreads); }
 
 // The worker is in the set before it starts, so that it never runs unknown to the
 // pool. If its thread cannot be started it stays there: the next Stop() drops it.
 void TThreadPool::CreateThread() {
-  write_hold const hold(ThreadsLock);
+  TLock const hold(ThreadsLock);
   auto const created = CreateNewThreadContext(this);
   Threads.insert(created);
   workers_have_changed();
@@ -197,7 +206,7 @@ void TThreadPool::CreateThread() {
 // taken the last place.
 bool TThreadPool::create_thread_if_needed() {
   if (!NeedMoreThreads()) return false;
-  write_hold const hold(ThreadsLock);
+  TLock const hold(ThreadsLock);
   if (!NeedMoreThreads()) return false;
   CreateThread();
   return true;
@@ -211,19 +220,35 @@ SmartPtr<IThreadJob> TThreadPool::GetJob() {
   if (TooManyThreads()) return nullptr;
   for (;;) {
     count_while_alive const idle(IdleThreads);
-    if (JobSemaphore.Lock(idle_limit))
+    if (take_count())
       if (auto job = pop_counted_job()) return job;
     if (CanThreadLeave()) return nullptr;
   }
 }
 
-// If an interruption comes in between, the count goes back: the job is still in the
-// queue, and another worker must wake for it.
+// If an interruption comes out of the wait, or before the job is there, the count goes
+// back: the job is still in the queue, and another worker must wake for it.
+bool TThreadPool::take_count() {
+  if (job_counts.try_take()) return true;
+  try {
+    if (job_counts.sleep(idle_limit)) return true;
+  } catch (...) {
+    if (job_counts.settle()) give_count_back();
+    throw;
+  }
+  return job_counts.settle();
+}
+
 SmartPtr<IThreadJob> TThreadPool::pop_counted_job() try {
   return PopJob();
 } catch (...) {
-  ReleaseSemaphore(JobSemaphore, 1, nullptr);
+  give_count_back();
   throw;
+}
+
+void TThreadPool::give_count_back() {
+  report_hold const hold(QueueLock);
+  job_counts.post();
 }
 
 void TThreadPool::retire(IThreadContext& context) {
@@ -271,7 +296,7 @@ void TThreadPool::Stop() {
 void TThreadPool::interrupt_workers() {
   std::vector<worker> workers;
   {
-    read_hold const hold(ThreadsLock);
+    TReadLock const hold(ThreadsLock);
     workers.assign(Threads.begin(), Threads.end());
   }
   for (auto const& each : workers) each->Interrupt();
@@ -282,7 +307,7 @@ void TThreadPool::interrupt_workers() {
 void TThreadPool::drop_workers() {
   std::set<worker> dropped;
   {
-    write_hold const hold(ThreadsLock);
+    TLock const hold(ThreadsLock);
     Threads.swap(dropped);
     workers_have_changed();
   }

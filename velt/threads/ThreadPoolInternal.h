@@ -11,6 +11,29 @@
 #include "velt/locks/Semaphore.h"
 #include "velt/threads/ThreadPool.h"
 
+// A semaphore that calls the platform only where a worker sleeps or is to be woken.
+// docs/model/pool.pml has the proof that no job is left to sleepers.
+class TJobCounts {
+public:
+  explicit TJobCounts(int limit) : semaphore(limit, 0) {}
+
+  // These two require the lock of the queue.
+  void post();
+  void drop_all();
+
+  // A worker that does not get a count by try_take(), which spins for a while, sleeps. If that returns false, or
+  // throws, it settles, once. True: it has a count.
+  bool try_take() noexcept;
+  bool sleep(unsigned int limit) { return semaphore.Lock(limit); }
+  bool settle();
+
+private:
+  // Positive: so many are free. Negative: so many workers sleep, or are about to, and
+  // have no count coming.
+  std::atomic<int> counts = 0;
+  TSemaphore semaphore;  // the counts for sleepers
+};
+
 // Neither lock is taken while the other is held. Both are held for a short time, and
 // never while a client's code runs that might use the pool: jobs and workers that
 // are dropped are released after the lock.
@@ -48,7 +71,9 @@ private:
 
   static void retire(IThreadContext& context);
   bool create_thread_if_needed();
+  bool take_count();
   SmartPtr<IThreadJob> pop_counted_job();
+  void give_count_back();
   void interrupt_workers();
   void drop_workers();
   void queue_has_changed() noexcept;
@@ -66,8 +91,7 @@ protected:
   TMultiLock QueueLock;
 
 private:
-
-  TSemaphore JobSemaphore;  // a count for each job in the queue
+  TJobCounts job_counts;  // one for each job in the queue
 
   // The worker that left last. A worker cannot wait for the end of its own thread,
   // so the next one to leave, or Stop(), destroys it.
