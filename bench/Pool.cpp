@@ -12,7 +12,7 @@
 namespace bench {
 namespace {
 
-constexpr std::uint64_t burst = 10'000;
+constexpr int burst = 10'000;
 
 // What lives as long as the process, threads included.
 template <class T>
@@ -58,33 +58,62 @@ void hand_to_thread() {
   WaitForSingleObjectEx(echo.event, INFINITE, TRUE);
 }
 
-// A pass is one job.
+// A pass is a burst.
 template <int workers>
-void burst_of_jobs(std::uint64_t count) {
+void burst_of_jobs() {
   auto& [pool, empty] = lasting<Pool<workers>>();
-  while (count != 0) {
-    auto const now = std::min(count, burst);
-    for (std::uint64_t i = 0; i != now; ++i) pool->AddJob(empty);
-    pool->WaitForIdle(-1);
-    count -= now;
+  for (int i = 0; i != burst; ++i) pool->AddJob(empty);
+  pool->WaitForIdle(-1);
+}
+
+void burst_of_semaphore_pairs() {
+  static HANDLE const semaphore = CreateSemaphoreW(nullptr, 0, burst, nullptr);
+  LONG previous;
+  for (int i = 0; i != burst; ++i) {
+    ReleaseSemaphore(semaphore, 1, &previous);
+    WaitForSingleObjectEx(semaphore, INFINITE, TRUE);
   }
 }
 
-void raw_semaphore_pair() {
-  static HANDLE const semaphore = CreateSemaphoreW(nullptr, 0, burst, nullptr);
-  LONG previous;
-  ReleaseSemaphore(semaphore, 1, &previous);
-  WaitForSingleObjectEx(semaphore, INFINITE, TRUE);
-}
-
-void burst_on_platform(std::uint64_t count) {
+void burst_on_platform() {
   static PTP_WORK const work =
       CreateThreadpoolWork([](PTP_CALLBACK_INSTANCE, void*, PTP_WORK) {}, nullptr, nullptr);
-  while (count != 0) {
-    auto const now = std::min(count, burst);
-    for (std::uint64_t i = 0; i != now; ++i) SubmitThreadpoolWork(work);
-    WaitForThreadpoolWorkCallbacks(work, FALSE);
-    count -= now;
+  for (int i = 0; i != burst; ++i) SubmitThreadpoolWork(work);
+  WaitForThreadpoolWorkCallbacks(work, FALSE);
+}
+
+// A pass is 16,000 jobs, submitted by eight threads at once to four workers.
+constexpr int submitters = 8, jobs_of_each = 2'000, workers_of_many = 4;
+
+void submit_by_many(std::uint64_t count) {
+  for (; count != 0; --count) {
+    on_threads(submitters, [](int, std::uint64_t jobs) {
+      auto& [pool, empty] = lasting<Pool<workers_of_many>>();
+      for (; jobs != 0; --jobs) pool->AddJob(empty);
+    }, jobs_of_each);
+    lasting<Pool<workers_of_many>>().pool->WaitForIdle(-1);
+  }
+}
+
+struct PlatformPool {
+  PlatformPool() {
+    TP_CALLBACK_ENVIRON environment;
+    InitializeThreadpoolEnvironment(&environment);
+    PTP_POOL const pool = CreateThreadpool(nullptr);
+    SetThreadpoolThreadMaximum(pool, workers_of_many);
+    SetThreadpoolCallbackPool(&environment, pool);
+    work = CreateThreadpoolWork([](PTP_CALLBACK_INSTANCE, void*, PTP_WORK) {}, nullptr,
+                                &environment);
+  }
+  PTP_WORK work;
+};
+
+void submit_by_many_to_platform(std::uint64_t count) {
+  for (; count != 0; --count) {
+    on_threads(submitters, [](int, std::uint64_t jobs) {
+      for (; jobs != 0; --jobs) SubmitThreadpoolWork(lasting<PlatformPool>().work);
+    }, jobs_of_each);
+    WaitForThreadpoolWorkCallbacks(lasting<PlatformPool>().work, FALSE);
   }
 }
 
@@ -163,19 +192,22 @@ void pass_through_events() {
 std::vector<Row> pool_rows() {
   return {
       {"pool_hand_off", loop([] { hand_to_pool(); }),
-       {{"semaphore and event", 1.3, loop([] { hand_to_thread(); })}}},
+       {{"semaphore and event", 0.9, loop([] { hand_to_thread(); })}}},
 
-      {"pool_burst", burst_of_jobs<1>,
-       {{"a raw semaphore pair", 1.3, loop([] { raw_semaphore_pair(); })}}},
+      {"pool_burst", loop([] { burst_of_jobs<1>(); }),
+       {{"a raw semaphore pair", 0.05, loop([] { burst_of_semaphore_pairs(); })}}},
 
-      {"pool_burst_platform", burst_of_jobs<1>,
-       {{"the platform's pool", no_goal, burst_on_platform}}},
+      {"pool_burst_platform", loop([] { burst_of_jobs<1>(); }),
+       {{"the platform's pool", 0.8, loop([] { burst_on_platform(); })}}},
+
+      {"pool_submit_8", submit_by_many,
+       {{"the platform's pool", 1.0, submit_by_many_to_platform}}},
 
       {"pool_scale_2", loop([] { share_by_pool<2>(); }),
-       {{"an even share each", 1.1, share_ideally<2>}}},
+       {{"an even share each", 1.05, share_ideally<2>}}},
 
       {"pool_scale_8", loop([] { share_by_pool<8>(); }),
-       {{"an even share each", 1.1, share_ideally<8>}}},
+       {{"an even share each", 1.05, share_ideally<8>}}},
 
       {"task_wait", loop([] { pass_through_task(); }),
        {{"the raw events", 1.15, loop([] { pass_through_events(); })}}},
