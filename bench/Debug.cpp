@@ -1,6 +1,7 @@
 #include <windows.h>
 
 #include <atomic>
+#include <string>
 
 #include "bench/Rows.h"
 #include "velt/debug/DebugStream.h"
@@ -21,6 +22,22 @@ std::atomic<unsigned> enabled_classes = 0;
 
 void write_five_items() {
   stream << "job " << input(number) << " of " << std::string("archive") << "\n";
+}
+
+struct StampedStream : TDebugStream {
+  StampedStream() : TDebugStream(MakeCounted<DroppingWriter>()) { TimeStamps = true; }
+};
+
+// In one text.
+template <int lines, int times>
+void write_stamped_lines() {
+  static StampedStream stamped;
+  static std::string const text = [] {
+    std::string all;
+    for (int i = 0; i != lines; ++i) all += "a line of the archive\n";
+    return all;
+  }();
+  for (int i = 0; i != times; ++i) stamped.WriteString(text.data(), text.size());
 }
 
 void raw_mutex_pair() {
@@ -46,6 +63,9 @@ std::vector<Row> debug_rows() {
 
       {"debug_off", loop([] { write_if_enabled(); }),
        {{"an atomic load", 1.5, loop([] { write_if_flag(); })}}},
+
+      {"stream_stamped", loop([] { write_stamped_lines<10'000, 1>(); }),
+       {{"ten of 1,000 lines", 1.2, loop([] { write_stamped_lines<1'000, 10>(); })}}},
   };
 }
 

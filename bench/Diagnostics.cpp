@@ -227,6 +227,26 @@ void walk_all_bare() {
 }
 
 SmartPtrRefsLogger logger;
+
+SmartPtrRefsLogger& enabled_logger() {
+  static auto& enabled = *new SmartPtrRefsLogger;
+  static bool const worked = enabled.EnableSmartPtrRefsLogger();
+  if (!worked) abort();
+  return enabled;
+}
+
+void record_here(address* frames) {
+  enabled_logger().AddPointerRef(frames);
+  enabled_logger().DelPointerRef(frames);
+}
+
+// As many frames as the logger walks: those that it keeps and those that it leaves out.
+void walk_bare_like_logger(address* frames) {
+  constexpr unsigned walked = 3 + SmartPtrRefsLogger::MaxStackDepth;
+  CONTEXT context;
+  RtlCaptureContext(&context);
+  if (walk_bare(GetCurrentThread(), context, frames, walked) != walked) abort();
+}
 bool flag = false;
 
 // Few frames, since each takes its time to unwind, whatever the exception.
@@ -331,6 +351,10 @@ std::vector<Row> diagnostics_rows() {
       {"refs_logger_off",
        loop([] { keep(input(logger).AddPointerRef(&flag)); }),
        {{"load and branch", 1.5, loop([] { keep(input(flag) ? GetTickCount() : 0); })}}},
+
+      {"refs_logger_on",
+       loop([] { walk_deep(record_here); }),
+       {{"StackWalk64", 1.2, loop([] { walk_deep(walk_bare_like_logger); })}}},
 
       // The last one, since its threads stay.
       {"snapshot",

@@ -340,7 +340,7 @@ std::vector<Row> lock_rows() {
         {"SRWLOCK, shared", 1.0, loop([] { slim_shared_pair(); })}}},
 
       {"multilock_recursion", loop([] { read_in_read(); }),
-       {{"std::recursive_mutex", 1.5, loop([] { lock_twice(); })}}},
+       {{"std::recursive_mutex", 1.4, loop([] { lock_twice(); })}}},
 
       {"multilock_upgrade", loop([] { upgrade(); }),
        {{"boost::upgrade_mutex", 1.2, loop([] { upgrade_boost(); })}}},
@@ -372,7 +372,7 @@ std::vector<Row> lock_rows() {
        {{"the raw calls", 1.02, loop([] { raw_semaphore_pair(); })}}},
 
       {"property_get", loop([] { keep(the<Properties>().GetProperty(input(wanted_name()))); }),
-       {{"std::map, shared_mutex", 0.9,
+       {{"std::map, shared_mutex", 0.85,
          loop([] { keep(the<MapUnderMutex>().get(input(wanted_name()))); })}}},
   };
 }

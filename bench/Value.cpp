@@ -110,8 +110,8 @@ std::vector<Row> value_rows() {
 
       {"value_copy_text",
        loop([] { copy<text_value>(); }),
-       {{"std::any of std::string", 0.05, loop([] { copy<any_text>(); })},
-        {"boost::intrusive_ptr", 1.15, loop([] { copy<counted_text>(); })}}},
+       {{"boost::intrusive_ptr", 1.05, loop([] { copy<counted_text>(); })},
+        {"std::any of std::string", no_goal, loop([] { copy<any_text>(); })}}},
 
       {"value_make_int",
        loop([] { keep(_value_t(input(number))); }),
@@ -125,7 +125,8 @@ std::vector<Row> value_rows() {
 
       {"value_copy_sequence",
        loop([] { copy<sequence_value>(); }),
-       {{"nlohmann::json", 0.02, loop([] { copy<json_sequence>(); })}}},
+       {{"boost::intrusive_ptr", 1.05, loop([] { copy<counted_text>(); })},
+        {"nlohmann::json", no_goal, loop([] { copy<json_sequence>(); })}}},
 
       {"value_text_to_int",
        loop([] { keep(input(digits_value).as_int()); }),
