@@ -98,7 +98,7 @@ void _ml_full_owners_list::grow() {
 }
 
 // From the newest on, since releases mostly come in the reverse order.
-_ml_common::_owner_id _ml_full_owners_list::remove_owner(_owner_id id) noexcept {
+_ml_common::_owner_id _ml_full_owners_list::remove_older_owner(_owner_id id) noexcept {
   for (int i = owners_count - 1; i >= 0; --i) {
     if (!owners[i].same_owner(id)) continue;
     _owner_id const removed = owners[i];
@@ -107,13 +107,6 @@ _ml_common::_owner_id _ml_full_owners_list::remove_owner(_owner_id id) noexcept 
     return removed;
   }
   return {no_record};
-}
-
-_ml_full_owners_list::share _ml_full_owners_list::owner_share(_owner_id id) const noexcept {
-  auto const own = std::count_if(owners, owners + owners_count,
-                                 [id](_owner_id each) { return each.same_owner(id); });
-  if (own == 0) return share::none;
-  return own == owners_count ? share::all : share::some;
 }
 
 bool _ml_full_owners_list::is_only_owner(_owner_id id) const noexcept {

@@ -121,12 +121,20 @@ protected:
   }
 
   // Removes the newest record of the owner, for reading or writing, and returns
-  // it; no_record if there is none.
-  _owner_id remove_owner(_owner_id id) noexcept;
+  // it; no_record if there is none. Mostly it is the newest of all.
+  _owner_id remove_owner(_owner_id id) noexcept {
+    if (owners_count != 0 && owners[owners_count - 1].same_owner(id)) [[likely]]
+      return owners[--owners_count];
+    return remove_older_owner(id);
+  }
   static constexpr unsigned int no_record = 0xFFFFFFFF;
 
   // How many of the records are the owner's; none if the list is empty.
-  share owner_share(_owner_id id) const noexcept;
+  share owner_share(_owner_id id) const noexcept {
+    int own = 0;
+    for (int i = 0; i < owners_count; ++i) own += owners[i].same_owner(id);
+    return own == 0 ? share::none : own == owners_count ? share::all : share::some;
+  }
 
   // These three are false for an empty list.
   bool is_only_owner(_owner_id id) const noexcept;
@@ -140,6 +148,7 @@ private:
   static constexpr int inline_records = 2;
 
   void grow();
+  _owner_id remove_older_owner(_owner_id id) noexcept;
 
   // In the order of acquisition, oldest first. The lock itself has room for two,
   // enough for an upgrade or a read inside a write.
