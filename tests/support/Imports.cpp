@@ -26,7 +26,7 @@ FARPROC WINAPI look_up(HMODULE module, char const* name) {
   for (auto each = replaced.rbegin(); each != replaced.rend(); ++each) {
     auto const entry = *each;
     if (is_number || entry->name != name) continue;
-    if (!entry->platform) entry->platform = reinterpret_cast<void*>(found);
+    if (!entry->is_imported) entry->platform = reinterpret_cast<void*>(found);
     return reinterpret_cast<FARPROC>(entry->stand_in);
   }
   return found;
@@ -100,10 +100,12 @@ Patches::~Patches() {
 
 void Patches::replace(Entry& entry) {
   auto const addresses = addresses_of(entry.name);
+  entry.is_imported = false;
   for (auto const name : patched_modules)
     for_each_slot(name, [&](void** slot) {
       if (std::ranges::find(addresses, *slot) == addresses.end()) return;
       entry.platform = *slot;
+      entry.is_imported = true;
       slots.emplace_back(slot, *slot);
       write(slot, entry.stand_in);
     });

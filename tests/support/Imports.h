@@ -33,6 +33,7 @@ struct Entry {
   std::string_view name;
   void* stand_in = nullptr;
   void* platform = nullptr;  // the platform's, or the one replaced before
+  bool is_imported = false;  // otherwise known only when it is looked up
 };
 
 // Replaces the entries while it lives. A stand-in that is kept elsewhere goes on to

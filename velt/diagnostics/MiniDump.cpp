@@ -8,12 +8,10 @@
 #include <atomic>
 #include <cstdio>
 #include <memory>
-#include <optional>
 #include <string_view>
 
 #include "velt/base/LoadOrderInternal.h"
 #include "velt/diagnostics/DumpCheckInternal.h"
-#include "velt/diagnostics/ProcessLocksInternal.h"
 #include "velt/diagnostics/ProcessStopInternal.h"
 #include "velt/diagnostics/Settings.h"
 #include "velt/exceptions/EGeneric.h"
@@ -58,23 +56,11 @@ outcome write_on_helper(process_stop& stop, request const& dump) {
   return *result;
 }
 
-// If a stopped thread owned one of these locks, the writer would wait for ever. While
-// this thread owns them all, no other thread does; once all others are stopped, none
-// can take one. The locks are then free for the threads that the writer creates.
-// Threads that begin, end or load libraries hold the loader lock for a moment.
-bool take_all(std::optional<process_locks>& locks) {
-  constexpr ULONGLONG patience = 1000;  // milliseconds
-  for (auto const end = GetTickCount64() + patience; GetTickCount64() < end; Sleep(1))
-    if (locks.emplace(when_taken::give_up).held()) return true;
-  return false;
-}
-
 outcome write_alone(request const& dump) {
   process_stop stop;
   if (!stop.is_ready()) return outcome::given_up;
-  std::optional<process_locks> locks;
-  if (!take_all(locks) || !stop.stop_others()) return outcome::given_up;
-  locks->keep_only_symbol_lock();
+  symbol_hold const symbols;
+  if (!symbols || !stop.stop_others()) return outcome::given_up;
   auto const result = dump.has_records() ? write_file(dump) : write_on_helper(stop, dump);
   stop.let_others_go();
   return result;

@@ -36,6 +36,44 @@ VELT_LOAD_STEP(platform_locks) lock_entries const entries;
 
 CRITICAL_SECTION* find_heap_section() noexcept;
 
+// The platform's lock of its search path. A thread that looks for a library holds it while
+// it reads the environment and allocates. No call takes it alone; Wine's name of it is
+// among the data of the module. Null elsewhere.
+CRITICAL_SECTION* find_search_path_section() noexcept {
+  constexpr std::size_t offset_of_name = sizeof(RTL_CRITICAL_SECTION_DEBUG) - sizeof(char const*);
+  auto const base = reinterpret_cast<std::byte*>(entries.module);
+  auto const headers = reinterpret_cast<IMAGE_NT_HEADERS const*>(
+      base + reinterpret_cast<IMAGE_DOS_HEADER const*>(base)->e_lfanew);
+  auto const image_end = base + headers->OptionalHeader.SizeOfImage;
+  auto const first = IMAGE_FIRST_SECTION(headers);
+  for (auto part = first; part != first + headers->FileHeader.NumberOfSections; ++part) {
+    if (!(part->Characteristics & IMAGE_SCN_MEM_WRITE)) continue;
+    auto const begin = base + part->VirtualAddress, end = begin + part->Misc.VirtualSize;
+    for (auto at = begin; end - at >= std::ptrdiff_t{sizeof(CRITICAL_SECTION)}; at += sizeof at) {
+      auto const section = reinterpret_cast<CRITICAL_SECTION*>(at);
+      auto const debug = reinterpret_cast<std::byte*>(section->DebugInfo);
+      if (debug < begin || end - debug < std::ptrdiff_t{sizeof *section->DebugInfo} ||
+          section->DebugInfo->CriticalSection != section)
+        continue;
+      char const* name;
+      std::memcpy(&name, debug + offset_of_name, sizeof name);
+      auto const text = reinterpret_cast<std::byte const*>(name);
+      if (text >= base && text < image_end && std::strstr(name, "dlldir_section")) return section;
+    }
+  }
+  return nullptr;
+}
+
+VELT_LOAD_STEP(platform_locks) struct {
+  CRITICAL_SECTION* const pointer = find_search_path_section();
+} const search_path_section;
+
+bool lock_search_path(when_busy policy) noexcept {
+  if (!search_path_section.pointer || policy == when_busy::give_up) return false;
+  EnterCriticalSection(search_path_section.pointer);
+  return true;
+}
+
 VELT_LOAD_STEP(process_heap_found) struct {
   HANDLE const handle = GetProcessHeap();
 } const heap_of_process;
@@ -94,8 +132,8 @@ CRITICAL_SECTION* find_heap_section() noexcept {
   return section;
 }
 
-bool lock_environment() noexcept {
-  if (entries.try_peb) return entries.try_peb();
+bool lock_environment(when_busy policy) noexcept {
+  if (entries.try_peb && policy == when_busy::give_up) return entries.try_peb();
   if (!entries.acquire_peb) return false;
   entries.acquire_peb();
   return true;
@@ -114,26 +152,32 @@ bool lock_process_heap() noexcept {
 
 }  // namespace
 
+data_locks::data_locks(when_busy policy, std::array<void*, 2> const& run_times) noexcept
+    : search_path(lock_search_path(policy)),
+      environment(lock_environment(policy)),
+      process_heap(lock_process_heap()) {
+  auto next = run_time_heaps.begin();
+  for (auto const heap : run_times)
+    if (heap && HeapLock(heap)) *next++ = heap;
+}
+
+data_locks::~data_locks() {
+  for (auto const heap : run_time_heaps)
+    if (heap) HeapUnlock(heap);
+  if (process_heap) unlock_heap();
+  if (environment && entries.release_peb) entries.release_peb();
+  if (search_path) LeaveCriticalSection(search_path_section.pointer);
+}
+
 process_locks::process_locks(when_taken policy) {
   take_symbols_and_loader(policy == when_taken::try_again);
-  if (symbols && !take_rest(policy == when_taken::give_up)) {
-    keep_only_symbol_lock();
-    release_symbols();
-  }
+  if (symbols) rest.emplace(when_busy::give_up, heaps_of_run_times());
 }
 
 process_locks::~process_locks() {
-  keep_only_symbol_lock();
-  release_symbols();
-}
-
-void process_locks::keep_only_symbol_lock() noexcept {
-  for (auto const heap : run_time_heaps)
-    if (heap) HeapUnlock(heap);
-  run_time_heaps = {};
-  if (std::exchange(process_heap, false)) unlock_heap();
-  if (std::exchange(environment, false) && entries.release_peb) entries.release_peb();
+  rest.reset();
   loader.reset();
+  release_symbols();
 }
 
 // Threads that begin and end take the loader lock for a moment.
@@ -145,19 +189,6 @@ void process_locks::take_symbols_and_loader(bool with_patience) {
     if (loader->held() || !with_patience || patience.is_over()) return;
     release_symbols();
   }
-}
-
-// False if `all` are required and one could not be taken.
-bool process_locks::take_rest(bool all) {
-  if (!loader->held() && all) return false;
-  environment = lock_environment();
-  if (!environment && all) return false;
-  process_heap = lock_process_heap();
-  if (!process_heap && all) return false;
-  auto next = run_time_heaps.begin();
-  for (auto const heap : heaps_of_run_times())
-    if (heap && HeapLock(heap)) *next++ = heap;
-  return true;
 }
 
 // A mutex that this thread owns can be released.

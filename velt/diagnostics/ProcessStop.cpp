@@ -2,65 +2,36 @@
 
 #include <windows.h>
 
+#include <array>
 #include <atomic>
-#include <cstdint>
-#include <cstring>
+#include <iterator>
 #include <utility>
 
-#include "velt/base/EntryInternal.h"
 #include "velt/base/LibraryReferenceInternal.h"
 #include "velt/base/LoadOrderInternal.h"
+#include "velt/diagnostics/ProcessLocksInternal.h"
+#include "velt/diagnostics/StoppedThreadsInternal.h"
 #include "velt/symbols/LoaderLockInternal.h"
+#include "velt/symbols/SymbolsInternal.h"
+
+extern "C" IMAGE_DOS_HEADER __ImageBase;
 
 namespace velt::detail {
 namespace {
 
 constexpr DWORD longest_stop = 30'000;  // milliseconds, as all times here
-constexpr ULONGLONG patience = 1000;
+constexpr DWORD patience = 1000;        // with the platform's locks
 
-// How long a thread may take to begin, to stop or to end.
+// How long a thread may take to begin.
 constexpr DWORD pause = 10;
 constexpr int tries = 500;
 
-VELT_LOAD_STEP(platform_locks) struct {
-  // Unlike other ways to list threads, allocates nothing from a heap.
-  LONG(NTAPI* const next_thread)(HANDLE process, HANDLE previous, ACCESS_MASK access,
-                                     ULONG attributes, ULONG flags, HANDLE* next) =
-      find_entry<LONG NTAPI(HANDLE, HANDLE, ACCESS_MASK, ULONG, ULONG, HANDLE*)>(
-          L"ntdll", "NtGetNextThread");
-} const entries;
-
-VELT_LOAD_STEP(platform_locks) struct {
-  HMODULE const module = GetModuleHandleW(L"ntdll");
-  std::uint64_t const start = reinterpret_cast<std::uintptr_t>(module);
-  std::uint64_t const size = size_of(module);
-
-  // Is the address in this module's code, but not right behind a system call?
-  bool has_within(std::uint64_t address) const noexcept {
-    constexpr unsigned char system_call[] = {0x0F, 0x05};
-    return address - start < size &&
-           std::memcmp(reinterpret_cast<char const*>(address) - sizeof system_call, system_call,
-                       sizeof system_call) != 0;
+VELT_LOAD_STEP(program_name_found) struct path_of_module {
+  path_of_module() noexcept {
+    GetModuleFileNameW(reinterpret_cast<HMODULE>(&__ImageBase), text, std::size(text));
   }
-
-  static std::uint64_t size_of(HMODULE module) noexcept {
-    auto const base = reinterpret_cast<char const*>(module);
-    auto const dos = reinterpret_cast<IMAGE_DOS_HEADER const*>(base);
-    return reinterpret_cast<IMAGE_NT_HEADERS const*>(base + dos->e_lfanew)
-        ->OptionalHeader.SizeOfImage;
-  }
-} const lowest_module;
-
-struct handle_owner {
-  explicit handle_owner(HANDLE its_handle) noexcept : handle(its_handle) {}
-  ~handle_owner() {
-    if (handle) CloseHandle(handle);
-  }
-  handle_owner(handle_owner const&) = delete;
-  handle_owner& operator=(handle_owner const&) = delete;
-
-  HANDLE const handle;
-};
+  wchar_t text[1024];
+} own_path;
 
 HANDLE handle_of_calling_thread() noexcept {
   HANDLE handle = nullptr;
@@ -68,120 +39,6 @@ HANDLE handle_of_calling_thread() noexcept {
                   SYNCHRONIZE, FALSE, 0);
   return handle;
 }
-
-// Threads that were stopped, or have ended. Its memory does not come from a heap:
-// while it grows, another thread owns the locks of the heaps.
-class stopped_threads {
-public:
-  stopped_threads() noexcept
-      : records(static_cast<record*>(
-            VirtualAlloc(nullptr, most * sizeof(record), MEM_RESERVE, PAGE_READWRITE))) {}
-  ~stopped_threads() {
-    resume();
-    VirtualFree(records, 0, MEM_RELEASE);
-  }
-  stopped_threads(stopped_threads const&) = delete;
-  stopped_threads& operator=(stopped_threads const&) = delete;
-
-  // Stops all but two. Repeats from the start until no new thread appears: a thread
-  // whose creator was stopped while creating it would run as soon as the locks are
-  // free.
-  bool stop_all_but(DWORD one, DWORD other) noexcept {
-    auto found = outcome::is_new;
-    while (found == outcome::is_new) found = stop_new_ones(one, other);
-    return found == outcome::nobody_new;
-  }
-
-  // Only the first call has an effect.
-  void resume() noexcept {
-    for (auto left = count.exchange(0); left != 0; --left) {
-      auto const& [thread, id, is_stopped] = records[left - 1];
-      if (is_stopped) ResumeThread(thread);
-      CloseHandle(thread);
-    }
-  }
-
-private:
-  struct record {
-    HANDLE thread;
-    DWORD id;
-    bool is_stopped;
-  };
-  static constexpr std::size_t most = 1 << 20;
-  static constexpr ACCESS_MASK access =
-      THREAD_SUSPEND_RESUME | THREAD_GET_CONTEXT | THREAD_QUERY_LIMITED_INFORMATION | SYNCHRONIZE;
-
-  bool knows(DWORD id) const noexcept {
-    for (std::size_t i = 0; i != count; ++i)
-      if (records[i].id == id) return true;
-    return false;
-  }
-
-  enum class outcome { nobody_new, is_new, runs_on };
-
-  // Goes through the list of threads once.
-  outcome stop_new_ones(DWORD one, DWORD other) noexcept {
-    if (!entries.next_thread) return outcome::runs_on;
-    auto found = outcome::nobody_new;
-    HANDLE previous = nullptr, thread;
-    for (bool is_kept = true; next(previous, is_kept, thread); previous = thread) {
-      DWORD const id = GetThreadId(thread);
-      is_kept = id != one && id != other && !knows(id);
-      if (!is_kept) continue;
-      if (!stop(thread, id)) return outcome::runs_on;
-      found = outcome::is_new;
-      // The list cannot continue from a thread that has ended.
-      if (!records[count - 1].is_stopped) return found;
-    }
-    return found;
-  }
-
-  static bool next(HANDLE previous, bool is_kept, HANDLE& thread) noexcept {
-    bool const is_there =
-        entries.next_thread(GetCurrentProcess(), previous, access, 0, 0, &thread) == 0;
-    if (!is_kept) CloseHandle(previous);
-    return is_there;
-  }
-
-  // False if the thread still runs.
-  bool stop(HANDLE thread, DWORD id) noexcept {
-    if (count == most ||
-        !VirtualAlloc(records + count, sizeof *records, MEM_COMMIT, PAGE_READWRITE))
-      return CloseHandle(thread), false;
-    auto const suspended_before = SuspendThread(thread);
-    bool const is_stopped = suspended_before != static_cast<DWORD>(-1);
-    records[count] = {thread, id, is_stopped};
-    ++count;
-    return is_stopped ? stands(thread, suspended_before != 0)
-                      : WaitForSingleObject(thread, tries * pause) == WAIT_OBJECT_0;
-  }
-
-  // A suspended thread may still run for a moment. It has stopped once its registers
-  // can be read.
-  //
-  // The lowest module of the platform has internal locks, which are held for a few
-  // instructions and which no other code can take. A thread that stands in this
-  // module's code is resumed for a moment.
-  static bool stands(HANDLE thread, bool is_held_by_others) noexcept {
-    for (int left = tries; left != 0; --left, Sleep(1)) {
-      CONTEXT context;
-      context.ContextFlags = CONTEXT_CONTROL;
-      if (!GetThreadContext(thread, &context)) {
-        if (WaitForSingleObject(thread, 0) == WAIT_OBJECT_0) return true;
-      } else if (is_held_by_others || left == 1 || !lowest_module.has_within(context.Rip)) {
-        return true;
-      } else {
-        ResumeThread(thread);
-        SwitchToThread();
-        is_held_by_others = SuspendThread(thread) != 0;
-      }
-    }
-    return false;
-  }
-
-  record* const records;
-  std::atomic<std::size_t> count = 0;
-};
 
 }  // namespace
 
@@ -208,30 +65,46 @@ public:
   bool wait_for_helper() noexcept {
     return WaitForSingleObject(callers_turn.handle, INFINITE) == WAIT_OBJECT_0;
   }
-  bool wait_for_helper_as_long_as_a_stop() noexcept {
-    return WaitForSingleObject(callers_turn.handle, longest_stop) == WAIT_OBJECT_0;
+  bool wait_for_helper_as_long_as(DWORD limit) noexcept {
+    return WaitForSingleObject(callers_turn.handle, limit) == WAIT_OBJECT_0;
+  }
+
+  // Asks for the stop. False if the platform's locks cannot be taken in time, or if a
+  // thread cannot be stopped.
+  bool have_others_stopped() noexcept {
+    heaps = heaps_of_run_times();
+    stop_is_wanted = true;
+    wake_helper();
+    if (!wait_for_helper_as_long_as(patience)) {
+      if (!is_decided.exchange(true)) return false;
+      wait_for_helper();
+    }
+    return all_stand;
   }
 
   stopped_threads others;
   std::function<void()> work;
-  std::atomic<bool> stop_is_wanted = false;
-  bool all_stand = false;
 
 private:
-  // The library must stay loaded while the thread runs. Taking a reference waits for
-  // the loader lock, unless this thread owns it already.
   static bool create_thread(std::shared_ptr<helper> const& shared) {
     auto own = std::make_unique<std::shared_ptr<helper>>(shared);
-    for (auto const end = GetTickCount64() + patience; GetTickCount64() < end; Sleep(1)) {
-      loader_lock const loader;
-      if (!loader.held()) continue;
-      hold_library();
-      handle_owner const thread(CreateThread(nullptr, 0, run, own.get(), 0, nullptr));
-      if (!thread.handle) return release_library(), false;
-      own.release();
-      return true;
-    }
-    return false;
+    if (!hold_library_in_time()) return false;
+    handle_owner const thread(CreateThread(nullptr, 0, run, own.get(), 0, nullptr));
+    if (!thread.handle) return release_library(), false;
+    own.release();
+    return true;
+  }
+
+  // The library must stay loaded while the thread runs. Taking a reference waits for the
+  // loader lock, so code of the platform does that on a thread of its own. If that takes
+  // too long, the library stays loaded.
+  static bool hold_library_in_time() noexcept {
+    auto const load =
+        reinterpret_cast<LPTHREAD_START_ROUTINE>(reinterpret_cast<void*>(LoadLibraryW));
+    handle_owner const thread(CreateThread(nullptr, 0, load, own_path.text, 0, nullptr));
+    DWORD result = 0;
+    return thread.handle && WaitForSingleObject(thread.handle, patience) == WAIT_OBJECT_0 &&
+           GetExitCodeThread(thread.handle, &result) && result != 0;
   }
 
   static DWORD WINAPI run(void* own) noexcept {
@@ -245,14 +118,30 @@ private:
 
   void serve() noexcept {
     wake_caller();
-    if (!wait_for_caller(INFINITE) || !stop_is_wanted) return;
-    all_stand = others.stop_all_but(caller_id, GetCurrentThreadId());
-    if (!all_stand) others.resume();
+    if (!wait_for_caller(INFINITE) || !stop_is_wanted || !stop_others()) return;
     wake_caller();
     if (!all_stand) return;
     if (wait_for_caller(longest_stop) && work) work();
     others.resume();
     wake_caller();
+  }
+
+  // False if the caller did not wait so long.
+  //
+  // While this thread owns all the locks, no other thread does; once all others are
+  // stopped, none can take one. The locks are waited for: under some platforms an attempt
+  // never succeeds while others wait.
+  bool stop_others() noexcept {
+    auto const own_id = GetCurrentThreadId();
+    {
+      loader_lock const loader(when_busy::wait);
+      data_locks const rest(when_busy::wait, heaps);
+      if (is_decided.exchange(true)) return false;
+      all_stand = loader.held() && rest.all_held() && others.stop_all_but(caller_id, own_id);
+    }
+    all_stand = all_stand && others.release_locks(caller_id, own_id, heaps);
+    if (!all_stand) others.resume();
+    return true;
   }
 
   void wake_caller() noexcept { SetEvent(callers_turn.handle); }
@@ -263,6 +152,10 @@ private:
     return WaitForMultipleObjects(2, either, FALSE, limit) == WAIT_OBJECT_0;
   }
 
+  std::array<void*, 2> heaps{};  // of the run times
+  std::atomic<bool> stop_is_wanted = false;
+  std::atomic<bool> is_decided = false;  // that there is a stop, or none
+  bool all_stand = false;
   DWORD const caller_id = GetCurrentThreadId();
   handle_owner const caller{handle_of_calling_thread()};
   handle_owner const callers_turn{CreateEventW(nullptr, FALSE, FALSE, nullptr)};
@@ -282,18 +175,16 @@ process_stop::~process_stop() {
 
 bool process_stop::stop_others() noexcept {
   if (at != step::ready) return false;
-  with->stop_is_wanted = true;
-  with->wake_helper();
-  with->wait_for_helper();
-  at = with->all_stand ? step::stopped : step::none;
-  return with->all_stand;
+  bool const all_stand = with->have_others_stopped();
+  at = all_stand ? step::stopped : step::none;
+  return all_stand;
 }
 
 void process_stop::run_on_helper(std::function<void()> work) noexcept {
   with->work = std::move(work);
   with->wake_helper();
   // The helper cannot look at the clock while it works.
-  if (!with->wait_for_helper_as_long_as_a_stop()) {
+  if (!with->wait_for_helper_as_long_as(longest_stop)) {
     with->others.resume();
     with->wait_for_helper();
   }

@@ -11,9 +11,10 @@ namespace velt::detail {
 // stopped, even if the writer of the dump fails.
 //
 // One thread performs these steps: construct the object before taking any lock; take
-// the locks that the writer needs; stop_others(); release the locks; write, with
-// run_on_helper() if needed; let_others_go(). During the write the locks are free,
-// and only the writer and the threads that it creates can take them.
+// symbol_lock(); stop_others(); write, with run_on_helper() if needed; let_others_go().
+// While it stops the others, the helper owns all other locks that the writer needs.
+// During the write they are free, and only the writer and the threads that it creates can
+// take them.
 //
 // No wait here is alertable.
 class [[nodiscard]] process_stop {
@@ -29,7 +30,8 @@ public:
   // another thread holds that lock too long.
   bool is_ready() const noexcept { return at == step::ready; }
 
-  // False if a thread cannot be stopped; all run again then.
+  // For holders of symbol_lock(). False if the locks cannot be taken in a second, or if a
+  // thread cannot be stopped; all run again then.
   bool stop_others() noexcept;
 
   // Runs the work on the helper, which then lets the others go. The work must not

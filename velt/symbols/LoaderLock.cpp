@@ -46,11 +46,12 @@ std::atomic<bool> tried_in_vain = false;
 
 }  // namespace
 
-loader_lock::loader_lock() noexcept {
+loader_lock::loader_lock(when_busy policy) noexcept {
   if (!entries.lock) return;
   ULONG state = 0;
   ULONG_PTR key = 0;
-  holds = entries.lock(try_only, &state, &key) == 0 && state == acquired;
+  auto const flags = policy == when_busy::wait ? 0 : try_only;
+  holds = entries.lock(flags, &state, &key) == 0 && state == acquired;
   cookie = key;
   if (holds) tried_in_vain = false;
 }

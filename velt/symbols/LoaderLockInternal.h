@@ -1,16 +1,19 @@
 // The lock of the platform's loader. A DllMain runs with it, and threads take it when they
-// begin and end. No holder of symbol_lock() waits for it: its owner may wait for
-// symbol_lock(), to report an exception out of a DllMain.
+// begin and end. No holder of symbol_lock() waits for it without a limit: its owner may
+// wait for symbol_lock(), to report an exception out of a DllMain.
 #pragma once
 
 #include <cstdint>
 
 namespace velt::detail {
 
-// Tries once to take the lock for a scope. Succeeds if the lock is free or the caller's.
+enum class when_busy { give_up, wait };
+
+// Takes the lock for a scope. An attempt that does not wait succeeds if the lock is free
+// or the caller's.
 class [[nodiscard]] loader_lock {
 public:
-  loader_lock() noexcept;
+  explicit loader_lock(when_busy policy = when_busy::give_up) noexcept;
   loader_lock(loader_lock const&) = delete;
   loader_lock& operator=(loader_lock const&) = delete;
   ~loader_lock();
