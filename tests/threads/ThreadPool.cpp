@@ -56,14 +56,17 @@ TEST(ThreadPool, WorkerIsAddedOnlyIfMoreJobsWaitThanWorkersAreIdle) {
   IdleWait wait;
   wait.woken = [&] { go_on.WaitForSignal(); };
   TestPool const pool(CreateNewThreadPool());
-  for (int jobs = 1; jobs <= 2; ++jobs) {
-    pool->AddJob(job([] {}));
-    ASSERT_TRUE(pool.become({jobs, jobs, jobs, jobs}));
-  }
-  go_on.Set();
+  pool->AddJob(job([] {}));
+  ASSERT_TRUE(eventually([&] { return wait.begun == 1; }));
+  pool->AddJob(job([] {}));
+  ASSERT_TRUE(pool.become({1, 1, 1, 1}));
+  pool->AddJob(job([] {}));  // the new worker takes one of the two
+  ASSERT_TRUE(eventually([&] { return wait.begun == 2; }));
   ASSERT_TRUE(pool.become({1, 2, 1, 2}));
   pool->AddJob(job([] {}));
   EXPECT_EQ(pool.counts(), (PoolCounts{2, 2, 2, 2}));
+  go_on.Set();
+  ASSERT_TRUE(pool.become({1, 2, 1, 2}));
 }
 
 TEST(ThreadPool, BacklogIsToldAndAFullQueueRefusesAJob) {
@@ -148,6 +151,8 @@ TEST(ThreadPool, CountThatAClearedQueueLeftDoesNotRefuseAJob) {
     go_on.WaitForSignal();
   };
   TestPool const pool(CreateNewThreadPool(1, 1, 0, 1));
+  pool->AddJob(job([] {}));
+  ASSERT_TRUE(eventually([&] { return wait.begun == 1; }));
   pool->AddJob(job([] { ADD_FAILURE() << "was dropped"; }));
   woken.WaitForSignal();
   pool->ClearQueue();
