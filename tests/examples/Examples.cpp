@@ -40,7 +40,7 @@ Row const rows[] = {
     {L"child_process",
      {L"300", L"shared_settings", L"--milliseconds", L"60000", settings},
      1,
-     {"killed after 300 ms"},
+     {"*killed after 300 ms"},
      ""},
     {L"child_process", {L"20000", L"apartment_guard", L"both"}, 1, {"ended with 2"}, "*"},
     {L"child_process", {L"1", L"no-such-program"}, 2, {}, "child_process: File not found.\n"},
