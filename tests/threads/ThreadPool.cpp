@@ -90,14 +90,19 @@ TEST(ThreadPool, BacklogIsToldAndAFullQueueRefusesAJob) {
 
 TEST(ThreadPool, HigherMaximumStartsWorkersAndALowerOneEndsThemAsTheyFinishAJob) {
   TestPool const pool(CreateNewThreadPool(0, 0));
-  Gate gate;
-  for (int i = 0; i < 3; ++i) EXPECT_FALSE(pool->AddJob(gate.job()));
+  Gate gates[3];
+  for (auto& gate : gates) EXPECT_FALSE(pool->AddJob(gate.job()));
   EXPECT_EQ(pool.counts(), (PoolCounts{3, 0, 3, 0}));
   pool->SetLimits(3, 0, 0);
   ASSERT_TRUE(pool.become({3, 3, 0, 0}));
   pool->SetLimits(1, 0, 0);
   EXPECT_EQ(pool.counts(), (PoolCounts{3, 3, 0, 0}));
-  gate.open.Set();
+  // One after the other: workers that finish at once may all see that they are too many.
+  gates[0].open.Set();
+  EXPECT_TRUE(pool.become({2, 2, 0, 0}));
+  gates[1].open.Set();
+  EXPECT_TRUE(pool.become({1, 1, 0, 0}));
+  gates[2].open.Set();
   EXPECT_TRUE(pool.become({0, 1, 0, 1}));
 }
 
