@@ -64,7 +64,8 @@ std::string recover(Recursion const& recursion) {
 std::string recover_often(Recursion const& recursion) {
   auto const wanted = std::getenv("VELT_OVERFLOWS");
   std::string last = "recovered";
-  for (int rounds = wanted ? std::atoi(wanted) : recursion.overflows; rounds > 0 && last == "recovered"; --rounds) {
+  int const rounds = wanted ? std::atoi(wanted) : recursion.overflows;
+  for (int i = 0; i < rounds && last == "recovered"; ++i) {
     *static_cast<char volatile*>(__builtin_alloca(16 * 23)) = 1;
     last = recover(recursion);
   }

@@ -208,9 +208,10 @@ protected:
   // Called under the inner lock and releases it, except when the timer cannot be
   // set. Spins for some microseconds at first. When called again, it waits alertably
   // until one of the signals is up; sig_sole_owner counts only if `id` is that
-  // owner. True: examine the state again. False: the time ran out. A timeout of 0 asks without waiting, 0xFFFFFFFF means no limit. Throws
-  // ESystemException if the wait fails and records that in the history, since a
-  // queued call may throw the same type.
+  // owner. True: examine the state again. False: the time ran out. A timeout of 0
+  // asks without waiting, 0xFFFFFFFF means no limit. Throws ESystemException if the
+  // wait fails and records that in the history, since a queued call may throw the
+  // same type.
   bool wait_signal(signal_set mask, _owner_id id, unsigned int timeout, wait_history& history);
 
   // Takes the inner lock after a wait that returned true. If a queued call throws

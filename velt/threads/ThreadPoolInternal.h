@@ -21,8 +21,8 @@ public:
   void post();
   void drop_all();
 
-  // A worker that does not get a count by try_take(), which spins for a while, sleeps. If that returns false, or
-  // throws, it settles, once. True: it has a count.
+  // A worker that does not get a count by try_take(), which spins for a while, sleeps.
+  // If that returns false, or throws, it settles, once. True: it has a count.
   bool try_take() noexcept;
   bool sleep(unsigned int limit) { return semaphore.Lock(limit); }
   bool settle();
