@@ -32,7 +32,7 @@ std::string content_of(std::filesystem::path const& file);
 // Starts `program`, which lies beside the test program, in the folder and with
 // this process's environment. Arguments must not hold quotation marks nor end in
 // a backslash. Throws ESystemException if it does not start; one that takes
-// longer than four minutes is ended and has the status 258.
+// longer than a minute is ended and has the status 258.
 finished_process run_program(std::wstring const& program,
                              std::vector<std::wstring> const& arguments,
                              std::filesystem::path const& folder);
