@@ -1,4 +1,4 @@
-# Sourced. The project runs Wine with one prefix in the build folder, without Wine's own
+# Sourced. The project runs Wine with a prefix in the build folder, without Wine's own
 # messages, without a display, and in one locale, whatever the user's is.
 
 velt_build=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)/build
@@ -6,7 +6,14 @@ velt_build=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)/build
 wine=/usr/lib/wine/wine64
 wineserver=/usr/lib/wine/wineserver
 
-export WINEPREFIX=$velt_build/wine
+# use_wine_prefix NAME: for this process and those that it starts. Prefixes share nothing:
+# each has a server of its own.
+use_wine_prefix() {
+  export VELT_WINE_PREFIX=$1
+  export WINEPREFIX=$velt_build/$1
+}
+
+use_wine_prefix "${VELT_WINE_PREFIX:-wine}"
 export WINEDEBUG=${WINEDEBUG:--all}
 export WINEDLLOVERRIDES='mscoree=;mshtml=;winemenubuilder.exe='
 # Wine takes its code pages and the system's texts from the locale. File names are
