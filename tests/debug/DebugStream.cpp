@@ -194,11 +194,12 @@ TEST_F(Stream, StatementOrSessionCostsOnePairHoweverLongItIsAndACopyItsOwn) {
   Talkative const object(stream);
   expect_pairs(1, [&] { stream << "a"; });
   expect_pairs(1, [&] {
-    stream << 1 << 2.5 << L"w" << _value_t(3) << static_cast<SmartPtrObj const*>(&object) << "\n";
+    stream << 1 << ',' << 2.5 << L"w" << _value_t(3) << static_cast<SmartPtrObj const*>(&object)
+           << "\n";
   });
   expect_pairs(1, [&] { stream.Dump("abcdefgh", 8) << "\n"; });
   expect_pairs(1, [&] { stream.printf("%d", 1); });
-  EXPECT_EQ(writer->all(), "a12.5w3(1)talkative\n61 62 63 64 65 66 67 68\n1");
+  EXPECT_EQ(writer->all(), "a1,2.5w3(1)talkative\n61 62 63 64 65 66 67 68\n1");
   expect_pairs(1, [&] {
     TDebugStreamSession session(stream);
     TDebugStreamSession same = session;

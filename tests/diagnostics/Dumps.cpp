@@ -128,6 +128,27 @@ void be_busy() {
 
 }  // namespace
 
+TEST(DebugSnapshot, ShowsAThreadThatHangsInTheLoaderUnlessTheEngineIsMissing) {
+  ASSERT_TRUE(SymInitialize());
+  {
+    velt_test::loader_owner const owner;
+    auto const text = TakeDebugSnapshot();
+    EXPECT_THAT(text, testing::StartsWith("Snapshot taked on "));
+    EXPECT_THAT(text, HasSubstr("---\n\n-> ntdll!"));
+    EXPECT_THAT(text, HasSubstr("sleep_in_loader+"));
+  }
+  SymCleanup();
+  {
+    // Seconds of patience pass ten times as fast.
+    Replacement const fast{VELT_CALL(GetTickCount64),
+                                      [](auto platform) { return platform() * 10; }};
+    velt_test::loader_owner const owner;
+    EXPECT_EQ(TakeDebugSnapshot(), "");
+  }
+  EXPECT_NE(TakeDebugSnapshot(), "");
+  EXPECT_FALSE(GetModuleHandleW(L"dbghelp")) << "it is loaded for the snapshot only";
+}
+
 TEST_F(Dumps, AreNamedAfterModuleKindAndTime) {
   Replacement const clock{VELT_CALL(GetLocalTime),
                           [](auto, SYSTEMTIME* now) { *now = {2024, 3, 2, 5, 9, 7, 3, 42}; }};
@@ -322,25 +343,4 @@ TEST_F(Dumps, LeaveNobodyAsleepWhenTheirThreadIsKilled) {
   velt_test::skipped_values += 5;  // and the values of its fault
   writer.meanwhile = [] {};
   EXPECT_NE(save(), "");
-}
-
-TEST(DebugSnapshot, ShowsAThreadThatHangsInTheLoaderUnlessTheEngineIsMissing) {
-  ASSERT_TRUE(SymInitialize());
-  {
-    velt_test::loader_owner const owner;
-    auto const text = TakeDebugSnapshot();
-    EXPECT_THAT(text, testing::StartsWith("Snapshot taked on "));
-    EXPECT_THAT(text, HasSubstr("---\n\n-> ntdll!"));
-    EXPECT_THAT(text, HasSubstr("sleep_in_loader+"));
-  }
-  SymCleanup();
-  {
-    // Seconds of patience pass ten times as fast.
-    Replacement const fast{VELT_CALL(GetTickCount64),
-                                      [](auto platform) { return platform() * 10; }};
-    velt_test::loader_owner const owner;
-    EXPECT_EQ(TakeDebugSnapshot(), "");
-  }
-  EXPECT_NE(TakeDebugSnapshot(), "");
-  EXPECT_FALSE(GetModuleHandleW(L"dbghelp")) << "it is loaded for the snapshot only";
 }

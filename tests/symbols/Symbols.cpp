@@ -8,6 +8,7 @@
 #undef StackWalk
 
 #include <cstdint>
+#include <filesystem>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -67,6 +68,12 @@ std::string stack_of_throw() {
   } catch (EGeneric& error) {
     return error["Stack"].as_string();
   }
+}
+
+std::string beside_the_program(char const* file) {
+  char path[MAX_PATH];
+  GetModuleFileNameA(nullptr, path, MAX_PATH);
+  return std::filesystem::path(path).replace_filename(file).string();
 }
 
 // Loaded while it lives, and so is the engine.
@@ -238,11 +245,13 @@ TEST(CoffNames, ModuleAtTheBaseOfAnotherHasItsOwnNames) {
 }
 
 TEST(CoffNames, FileThatReplacedTheLoadedOneIsNotRead) {
-  CopyFileA("symbols_first_plugin.dll", "replaced.dll", FALSE);
+  auto const first = beside_the_program("symbols_first_plugin.dll");
+  auto const second = beside_the_program("symbols_second_plugin.dll");
+  ASSERT_TRUE(CopyFileA(first.c_str(), "replaced.dll", FALSE));
   {
     plugin const module("replaced");
     EXPECT_TRUE(MoveFileExA("replaced.dll", "moved.dll", MOVEFILE_REPLACE_EXISTING));
-    EXPECT_TRUE(CopyFileA("symbols_second_plugin.dll", "replaced.dll", TRUE));
+    EXPECT_TRUE(CopyFileA(second.c_str(), "replaced.dll", TRUE));
     EXPECT_THAT(module.stack(), HasSubstr("\n-> replaced!+"));
   }
   EXPECT_TRUE(DeleteFileA("replaced.dll") && DeleteFileA("moved.dll"));
