@@ -12,15 +12,10 @@ namespace {
 
 struct StaticUser {
   StaticUser() {
-    char const* file_name = "debug";
-    for (auto const stream : {&Debug, &Error}) {
-      stream->ChangeWriter(MakeCounted<TFileWriter>(std::exchange(file_name, "error")));
-      *stream << "constructed " << 1 << "\n";
-    }
+    Debug.ChangeWriter(MakeCounted<TFileWriter>("debug"));
+    Debug << "constructed " << 1 << "\n";
   }
-  ~StaticUser() {
-    for (auto const stream : {&Debug, &Error}) *stream << "destroyed " << 2 << "\n";
-  }
+  ~StaticUser() { Debug << "destroyed " << 2 << "\n"; }
 } static_user;
 
 // Keeps away from the heap where it can: this platform may hang at the end of any

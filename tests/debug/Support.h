@@ -3,7 +3,6 @@
 
 #include <windows.h>
 
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -41,12 +40,3 @@ inline auto debugger_capture(std::string& text) {
   return velt_test::Replacement{VELT_CALL(OutputDebugStringA), keep};
 }
 
-inline std::vector<std::string> lines_of(std::string const& text) {
-  std::vector<std::string> lines;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) {
-    if (line.ends_with('\r')) line.pop_back();
-    lines.push_back(line);
-  }
-  return lines;
-}

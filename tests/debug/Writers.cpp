@@ -5,6 +5,7 @@
 #include "Support.h"
 #include "tests/support/ChildProcess.h"
 #include "velt/debug/DebugStream.h"
+#include "velt/os/File.h"
 
 using namespace velt_test;
 using namespace std::string_view_literals;
@@ -21,23 +22,23 @@ struct FileWriters : ::testing::Test {
   std::string const name = path.string();
 };
 
-}  // namespace
-
-TEST(DebugWriter, SendsTerminatedTextToTheDebuggerWhateverItsSize) {
-  std::string sent;
-  auto const capture = debugger_capture(sent);
-  TDebugWriter writer;
-  writer.StreamWriteString("one\n", 4);
-  writer.StreamWriteString("two", 1);
-  EXPECT_EQ(sent, "one\ntwo");
+// Whole lines up to the moment of the end, where the last may be cut.
+void expect_whole_lines(std::string const& text) {
+  auto lines = lines_of(text);
+  ASSERT_FALSE(lines.empty());
+  lines.pop_back();
+  for (auto const& line : lines)
+    EXPECT_TRUE((line.starts_with("line ") && line.ends_with(" of " + std::string(20, 'x'))) ||
+                line == "constructed 1" || line == "destroyed 2")
+        << line;
 }
 
+}  // namespace
+
 TEST_F(FileWriters, PlainOneAppendsInTextModeAndClosesTheFileEachTime) {
-  TFileWriter writer(name);
+  TFileWriter writer(name), copy = writer;
   EXPECT_FALSE(exists(path));
   write(writer, "a\nb");
-  EXPECT_EQ(content_of(path), "a\r\nb");
-  TFileWriter copy = writer;
   write(copy, "\0c"sv);
   EXPECT_EQ(content_of(path), "a\r\nb\0c"sv);
   EXPECT_TRUE(remove(path));
@@ -67,6 +68,16 @@ TEST_F(FileWriters, PermanentOneAddsCarriageReturnsAndKeepsOtherWritersOut) {
   EXPECT_TRUE(remove(path));
 }
 
+TEST_F(FileWriters, StandardOneWritesToWhatStandardErrorWas) {
+  HANDLE const before = GetStdHandle(STD_ERROR_HANDLE);
+  TFile const file(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ, CREATE_ALWAYS);
+  SetStdHandle(STD_ERROR_HANDLE, file);
+  TStandardWriter writer(TStandardWriter::Error);
+  SetStdHandle(STD_ERROR_HANDLE, before);
+  write(writer, "line\n");
+  EXPECT_EQ(content_of(path), "line\r\n");
+}
+
 // "größe" in the ANSI code page; in the OEM code page, 437, these letters are 0x94
 // and 0xE1.
 TEST(ConsoleWriter, ConsoleGetsTheTextInItsOwnCodePage) {
@@ -80,4 +91,32 @@ TEST(ConsoleWriter, ConsoleGetsTheTextInItsOwnCodePage) {
   stream << "gr\xF6\xDF" "e " << 1 << "\n";
   Console << "second\n";
   EXPECT_EQ(shown, "gr\x94\xE1" "e 1\nsecond\n");
+}
+
+TEST(ProcessEnd, ThreadsThatStillWriteDoNotDisturbItAndStaticObjectsMayWrite) {
+  for (int round = 0; round < 10; ++round) {
+    scratch_folder const scratch;
+    bool const returns = round % 2;
+    std::vector<std::wstring> const at_once(!returns, L"now");
+    EXPECT_EQ(run_program(L"debug_child.exe", at_once, scratch.path()).status, 7u) << returns;
+    auto const debug = content_of(scratch.path() / "debug");
+    EXPECT_TRUE(debug.starts_with("constructed 1\r\n")) << debug;
+    EXPECT_EQ(debug.find("\r\ndestroyed 2\r\n") != debug.npos, returns);
+    expect_whole_lines(debug);
+    expect_whole_lines(content_of(scratch.path() / "own"));
+  }
+}
+
+TEST(Threads, KilledHolderDoesNotKeepOthersWaiting) {
+  auto const writer = MakeCounted<RecordingWriter>();
+  TDebugStream stream(writer);
+  HANDLE const killed = CreateThread(nullptr, 0, [](void* argument) -> DWORD {
+    TDebugStreamSession session(*static_cast<TDebugStream*>(argument));
+    session << "first ";
+    ExitThread(0);
+  }, &stream, 0, nullptr);
+  WaitForSingleObject(killed, INFINITE);
+  CloseHandle(killed);
+  stream << "second";
+  EXPECT_EQ(writer->all(), "first second");
 }

@@ -1,5 +1,3 @@
-// The engine's walk of one step at a time leads nowhere on this platform: in its
-// place stands one that finds what a test says.
 #include "velt/diagnostics/SmartPtrRefsLogger.h"
 
 #include <gtest/gtest.h>
@@ -16,6 +14,8 @@
 
 namespace {
 
+// The engine's walk of one step at a time leads nowhere on this platform: in its
+// place stands one that finds what a test says.
 std::deque<unsigned __int64> stack;  // of the walk to come, innermost frame first
 
 auto const walk = [](auto, DWORD, HANDLE, HANDLE, STACKFRAME64* frame, auto...) -> BOOL {
@@ -55,14 +55,14 @@ TEST(RefsLogger, CountsTheReferencesOfAllThreads) {
   EXPECT_EQ(logger.AddPointerRef(nullptr), 0);
   for (int times = 0; times < 2; ++times) EXPECT_TRUE(logger.EnableSmartPtrRefsLogger());
   static char keys[4][20];
-  std::vector<std::jthread> threads;
-  for (auto const& own : keys)
-    threads.emplace_back([&] {
-      for (auto const& each : own) logger.AddPointerRef(&each);
-      for (auto const& each : own)
-        if (&each != own) logger.DelPointerRef(&each);
-    });
-  threads.clear();
+  {
+    std::vector<std::jthread> threads;
+    for (auto const& own : keys)
+      threads.emplace_back([&] {
+        for (auto const& each : own) logger.AddPointerRef(&each);
+        for (int i = 1; i < 20; ++i) logger.DelPointerRef(&own[i]);
+      });
+  }
   EXPECT_EQ(logger.AddPointerRef(keys[0]), 4) << "known";
   EXPECT_EQ(logger.DelPointerRef(nullptr), 4) << "unknown";
 }

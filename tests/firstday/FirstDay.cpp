@@ -5,10 +5,8 @@
 #include <comutil.h>
 #include <gmock/gmock.h>
 
-#include <iostream>
 #include <limits>
 
-#include "tests/support/ChildProcess.h"
 #include "tests/support/Expect.h"
 #include "velt/velt.h"
 
@@ -71,28 +69,17 @@ static_assert(is_work<void (*)()> && !is_work<int (*)()>);
 static_assert(std::has_virtual_destructor_v<TPropertyList>);
 
 // Counts its objects, and has members whose destructors may throw.
-template <class Base>
-struct Counted : Base {
-  Counted() { ++alive; }
-  ~Counted() override { --alive; }
+struct Job : TThreadTask {
+  Job() { ++alive; }
+  ~Job() override { --alive; }
+  void Run(SmartPtr<IThreadContext> const& context) override { RunTask(context, [] {}); }
   static inline int alive = 0;
 
 private:
   TEvent event;
   TMutex mutex;
 };
-static_assert(std::is_nothrow_destructible_v<SmartPtr<Counted<TThreadTask>>>);
-
-struct Job : Counted<TThreadTask> {
-  void Run(SmartPtr<IThreadContext> const& context) override { RunTask(context, [] {}); }
-};
-
-struct Memory : Counted<TStreamWriter> {
-  void StreamWriteString(char const* bytes, unsigned __int64 size) override {
-    text.append(bytes, size);
-  }
-  std::string text;
-};
+static_assert(std::is_nothrow_destructible_v<SmartPtr<Job>>);
 
 }  // namespace
 
@@ -140,30 +127,6 @@ TEST(FirstDay, TimesMoveAndTextFunctionsTakeViews) {
   divide_string(L"a b"sv, words, L" ");
   EXPECT_THAT(words, ElementsAre(L"a", L"b"));
   EXPECT_EQ(as_wstring("ab"sv.substr(0, 1)), L"a");
-}
-
-TEST(FirstDay, StreamsWriteWhatProgramsLog) {
-  auto const memory = MakeCounted<Memory>();
-  TDebugStream log;
-  log += memory;
-  log << std::endl;
-  log << -5L << ' ' << L'x' << "view"sv.substr(0, 2) << L"ew"sv << std::runtime_error("!")
-      << EGeneric({"Text", "?"}) << std::endl;
-  EXPECT_EQ(memory->text, "\n-5 xview!?\n");
-}
-
-TEST(FirstDay, StandardWriterReachesFiles) {
-  velt_test::scratch_folder const folder;
-  auto const path = folder.path() / "out.txt";
-  HANDLE const before = GetStdHandle(STD_ERROR_HANDLE);
-  {
-    TFile const file(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ, CREATE_ALWAYS);
-    SetStdHandle(STD_ERROR_HANDLE, file);
-    TDebugStream log(MakeCounted<TStandardWriter>(TStandardWriter::Error));
-    SetStdHandle(STD_ERROR_HANDLE, before);
-    log << "line\n";
-  }
-  EXPECT_EQ(velt_test::content_of(path), "line\r\n");
 }
 
 TEST(FirstDay, GuardStopsThePoolOnEveryWayOut) {

@@ -3,40 +3,36 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
-#include <cstring>
+#include <initializer_list>
 #include <string>
 
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Expect.h"
+#include "tests/support/Imports.h"
 #include "tests/support/OpenHandles.h"
+#include "velt/locks/Event.h"
 #include "velt/os/FileMapping.h"
-#include "velt/os/Process.h"
+#include "velt/os/Overlapped.h"
 
 using namespace velt_test;
 
+VELT_WATCH(DuplicateHandle);
+
 namespace {
 
-char* view_of(TFileMapping& mapping, unsigned long access) {
-  return static_cast<char*>(mapping.MapViewOfFile(access, 0, 0));
-}
+using TOverlappedFile = TOverlapped<TFile>;
+
+constexpr DWORD both = GENERIC_READ | GENERIC_WRITE;
 
 struct File : ::testing::Test {
   scratch_folder const scratch;
   std::wstring const name = (scratch.path() / "file").native();
 };
 
-// 259, as of a process that runs, if it does not end in time.
-DWORD exit_code(TProcess const& process) {
-  DWORD code = STILL_ACTIVE;
-  process.WaitForSingleObject(20'000, FALSE);
-  GetExitCodeProcess(process, &code);
-  return code;
-}
-
 }  // namespace
 
 TEST_F(File, SizesAndPositionsBeyondFourGigabytes) {
-  TFile file(name.c_str(), GENERIC_READ | GENERIC_WRITE, 0, CREATE_ALWAYS);
+  TFile file(name.c_str(), both, 0, CREATE_ALWAYS);
   file.WriteFile("abc", 3);
   EXPECT_EQ(file.SetFilePointerEx(-1, FILE_END), 2u);
   EXPECT_EQ(file.SetFilePointerEx(0x1'2345'6789, FILE_BEGIN), 0x1'2345'6789u);
@@ -63,42 +59,84 @@ TEST_F(File, SizesAndPositionsBeyondFourGigabytes) {
 }
 
 TEST_F(File, MappingIsTheFileAndWrittenOnlyIfThatMayBe) {
-  auto const shared = L"velt-os-" + std::to_wstring(GetCurrentProcessId());
   TFile(name.c_str(), GENERIC_WRITE, 0, CREATE_ALWAYS).WriteFile("some text", 9);
-  {
-    TFile const file(name.c_str(), GENERIC_READ | GENERIC_WRITE, 0, OPEN_EXISTING);
-    TFileMapping mapping, again;
-    mapping.CreateFileMappingW(PAGE_READWRITE, file, shared.c_str());
-    again.CreateFileMappingW(PAGE_READWRITE, 4096, shared.c_str());
-    auto const view = view_of(again, FILE_MAP_WRITE);
-    std::memcpy(view, "more", 4);
-    UnmapViewOfFile(view);
-  }
   TFile const file(name.c_str(), GENERIC_READ, 0, OPEN_EXISTING);
   TFileMapping mapping;
   EXPECT_EQ(system_code([&] { mapping.CreateFileMappingW(PAGE_READWRITE, file, L""); }),
             ERROR_ACCESS_DENIED);
   mapping.CreateFileMappingW(PAGE_READONLY, file, L"");
   EXPECT_EQ(system_code([&] { mapping.MapViewOfFile(FILE_MAP_WRITE, 0, 0); }), ERROR_ACCESS_DENIED);
-  auto const view = view_of(mapping, FILE_MAP_READ);
-  EXPECT_EQ(std::string(view, 9), "more text");
+  auto const view = static_cast<char*>(mapping.MapViewOfFile(FILE_MAP_READ, 0, 0));
+  EXPECT_EQ(std::string(view, 9), "some text");
   UnmapViewOfFile(view);
 }
 
-TEST(Process, IsStoredOverTheOldOneIfItStartsAndCanBeKilled) {
+TEST_F(File, OverlappedWorksWhereTheRecordSaysAndACopyGoesOn) {
+  TOverlappedFile file;
+  file.AttachHandle(CreateFileW(name.c_str(), both, FILE_SHARE_READ, nullptr, CREATE_ALWAYS,
+                                FILE_FLAG_OVERLAPPED, nullptr));
+  ASSERT_TRUE(file.IsValidHandle() && file.HasIoCompleted());
+  auto const moved = [&] {
+    unsigned long count = 0;
+    EXPECT_TRUE(file.GetOverlappedResult(count, true));
+    EXPECT_TRUE(file.HasIoCompleted());
+    return count;
+  };
+  DWORD returned;
+  DeviceIoControl(file, FSCTL_SET_SPARSE, nullptr, 0, nullptr, 0, &returned, nullptr);
+  file.SetOffset(0x1'0000'0064);
+  file.WriteFile("overlapped", 10);
+  EXPECT_EQ(moved(), 10u);
+  EXPECT_EQ(file.GetFileSize(), 0x1'0000'006Eu);
+  char text[20] = {};
+  unsigned long at_once = 0;
+  file.SetOffset(0x1'0000'0068);
+  file = TOverlappedFile(file);
+  file.ReadFile(text, sizeof text, at_once);
+  EXPECT_EQ(moved(), 6u);
+  EXPECT_STREQ(text, "lapped");
+
+}
+
+TEST(Overlapped, EventIsDuplicatedAndClosed) {
+  TEvent event;
+  TOverlappedFile file;
   long const before = open_handles();
-  {
-    TProcess process, old;
-    process.CreateProcessW("cmd /c exit 1", 0);
-    EXPECT_EQ(system_code([&] { process.CreateProcessW("velt-no-such-program", 0); }),
-              ERROR_FILE_NOT_FOUND);
-    EXPECT_EQ(open_handles(), before + 1) << "that of the process, and none of its thread";
-    old.AttachHandle(process);
-    process.CreateProcessW(L"cmd /c exit", CREATE_SUSPENDED);
-    EXPECT_EQ(exit_code(old), 1u);
-    EXPECT_EQ(process.WaitForSingleObject(0, FALSE), DWORD{WAIT_TIMEOUT});
-    process.TerminateProcess(-3);
-    EXPECT_EQ(exit_code(process), 0xFFFFFFFDu);
+  for (void* const each : std::initializer_list<void*>{event, event, nullptr}) {
+    file.SetEvent(each);
+    EXPECT_EQ(open_handles(), each ? before + 1 : before);
+    EXPECT_TRUE(!each == !file.hEvent && (!each || file.hEvent != each));
   }
-  EXPECT_EQ(open_handles(), before);
+  file.SetEvent(event);
+  Watch const watch("DuplicateHandle");
+  EXPECT_EQ(system_code([&] { file.SetEvent(event); }), injected_code);
+  EXPECT_EQ(file.hEvent, nullptr);
+}
+
+// The server's end of a pipe works beside the program.
+TEST(Overlapped, PendingReadIsCompletedByThePeerOrThrowsWhenItIsCancelled) {
+  std::string const name = "\\\\.\\pipe\\velt-" + std::to_string(GetCurrentProcessId());
+  TOverlappedFile server;
+  server.AttachHandle(CreateNamedPipeA(name.c_str(), PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED,
+                                       PIPE_TYPE_BYTE, 1, 4096, 4096, 0, nullptr));
+  TFile client(name.c_str(), both, 0, OPEN_EXISTING);
+  TEvent done;
+  server.SetEvent(done);
+  char text[16] = {};
+  unsigned long moved = 77;
+  auto const start_reading = [&] {
+    EXPECT_EQ(server.ReadFile(text, sizeof text), 0u);
+    EXPECT_FALSE(server.HasIoCompleted() || server.GetOverlappedResult(moved, false));
+  };
+  start_reading();
+  EXPECT_FALSE(done.Signaled(0));
+  client.WriteFile("answer", 6);
+  EXPECT_TRUE(done.Signaled(20'000));
+  EXPECT_TRUE(server.HasIoCompleted());
+  EXPECT_TRUE(server.GetOverlappedResult(moved, false));
+  EXPECT_EQ(std::string(text, moved), "answer");
+
+  start_reading();
+  server.CancelIo();
+  EXPECT_EQ(system_code([&] { server.GetOverlappedResult(moved, true); }), ERROR_OPERATION_ABORTED);
 }

@@ -4,7 +4,10 @@
 #include <gtest/gtest.h>
 #include <process.h>
 #include <windows.h>
+#include <winspool.h>
 
+#include <algorithm>
+#include <functional>
 #include <initializer_list>
 #include <string>
 
@@ -20,6 +23,7 @@
 #include "velt/os/FileMapping.h"
 #include "velt/os/Mailslot.h"
 #include "velt/os/Overlapped.h"
+#include "velt/os/Printer.h"
 #include "velt/os/Process.h"
 #include "velt/threads/ThreadClass.h"
 #include "velt/threads/ThreadPool.h"
@@ -34,16 +38,27 @@ VELT_WATCH(CancelIo, CancelWaitableTimer, CloseHandle, CreateEventA, CreateEvent
            OpenEventA, OpenEventW, OpenFileMappingA, OpenFileMappingW, OpenMutexA, OpenMutexW,
            OpenSemaphoreA, OpenSemaphoreW, OpenWaitableTimerA, OpenWaitableTimerW, PulseEvent,
            QueueUserAPC, ReadFile, ReleaseMutex, ReleaseSemaphore, ResetEvent, ResumeThread,
-           SetEvent, SetFilePointerEx, SetThreadPriority, SetThreadToken, SetWaitableTimer,
-           SleepEx, SuspendThread, TerminateProcess, TerminateThread, WaitForSingleObjectEx,
-           WriteFile, _beginthreadex);
+           SetEvent, SetFilePointerEx, SetJobW, SetPrinterW, SetThreadPriority, SetThreadToken,
+           SetWaitableTimer, SleepEx, SuspendThread, TerminateProcess, TerminateThread,
+           WaitForSingleObjectEx, WriteFile, _beginthreadex);
 
 namespace {
 
+// `call` is the beginning of the calls, in which "CreateFile?" is CreateFileA and
+// CreateFileW: such a row is run with a name of either kind.
 template <class Object>
 struct Row {
-  char const* call;
-  void (*run)(Object&);
+  template <class Run>
+  Row(char const* begin, Run operation) : call(begin) {
+    if constexpr (std::is_invocable_v<Run, Object&>)
+      run = [=](Object& object, char) { operation(object); };
+    else
+      run = [=](Object& object, char kind) {
+        kind == 'A' ? operation(object, "name") : operation(object, L"name");
+      };
+  }
+  std::string call;
+  std::function<void(Object&, char kind)> run;
 };
 
 void* const minus_one = INVALID_HANDLE_VALUE;
@@ -54,27 +69,32 @@ using handle_left = std::optional<void*>;
 handle_left const unchanged;
 
 template <class Object>
+void expect_failure(Object (*subject)(), handle_left left, Row<Object> row, char kind) {
+  std::ranges::replace(row.call, '?', kind);
+  SCOPED_TRACE(row.call);
+  long const before = open_handles();
+  {
+    Object object(subject());
+    void* const expected = left.value_or(object);
+    {
+      auto const name = row.call.substr(row.call.rfind(')', row.call.size() - 2) + 1);
+      Watch watch(name.substr(0, name.find('(')), left);
+      EXPECT_EQ(system_code([&] { row.run(object, kind); }), injected_code);
+      EXPECT_TRUE(watch.calls.starts_with(row.call)) << watch.calls;
+    }
+    EXPECT_EQ(static_cast<void*>(object), expected);
+  }
+  EXPECT_TRUE(open_handles_fall_to(before));
+}
+
+template <class Object>
 void expect_failures(Object (*subject)(), handle_left left,
                      std::initializer_list<Row<Object>> rows) {
   // The first throw opens handles for good.
   system_code([] { ThrowSystemException(1); });
-  for (auto const& [call, run] : rows) {
-    SCOPED_TRACE(call);
-    long const before = open_handles();
-    {
-      Object object(subject());
-      void* const expected = left.value_or(object);
-      {
-        std::string_view name(call);
-        name.remove_prefix(name.rfind(')', name.size() - 2) + 1);
-        Watch watch(std::string(name.substr(0, name.find('('))), left);
-        EXPECT_EQ(system_code([&] { run(object); }), injected_code);
-        EXPECT_TRUE(watch.calls.starts_with(call)) << watch.calls;
-      }
-      EXPECT_EQ(static_cast<void*>(object), expected);
-    }
-    EXPECT_TRUE(open_handles_fall_to(before));
-  }
+  for (auto const& row : rows)
+    for (char const kind : std::string_view(row.call.find('?') < row.call.size() ? "AW" : "A"))
+      expect_failure(subject, left, row, kind);
 }
 
 template <class Object>
@@ -103,11 +123,19 @@ TProcess some_process() {
   return process;
 }
 
+unsigned end_at_once(void*) { return 0; }
+
 TThread ended_thread() {
-  TThread thread([](void*) { return 0u; }, nullptr);
+  TThread thread(end_at_once, nullptr);
   ::WaitForSingleObject(thread, INFINITE);
   return thread;
 }
+
+// One whose handle nobody else knows.
+struct UnrealPrinter : TPrinter {
+  UnrealPrinter() : TPrinter(DoNotInitialize) { AttachHandle(buffer); }
+  ~UnrealPrinter() { DetachHandle(); }
+};
 
 // In its body, which waits by a call that is not watched.
 struct RunningThread final : TThreadClass {
@@ -131,87 +159,67 @@ unsigned long moved;
 }  // namespace
 
 TEST(PlatformFailures, OfFiles) {
-  constexpr DWORD access = GENERIC_READ;
-#define OPENED "2147483648, 7, none, 4, 128, none)"
   expect_failures<TFile>(
       nothing, minus_one,
-      {{"CreateFileA(name, " OPENED, [](TFile& f) { f.OpenFile("name", access, 7, OPEN_ALWAYS); }},
-       {"CreateFileW(name, " OPENED,
-        [](TFile& f) { f.CreateFileW(L"name", access, 7, OPEN_ALWAYS); }},
-       {"CreateFileA(name, " OPENED, [](TFile&) { TFile("name", access, 7, OPEN_ALWAYS); }},
-       {"CreateFileW(name, " OPENED, [](TFile&) { TFile(L"name", access, 7, OPEN_ALWAYS); }}});
+      {{"CreateFile?(name, 2147483648, 7, none, 4, 128, none)",
+        [](auto& f, auto name) { f.OpenFile(name, GENERIC_READ, 7, OPEN_ALWAYS); }}});
   expect_failures<TFile>(
       some_file, unchanged,
-      {{"ReadFile(handle, buffer, 3, out, none)", [](TFile& f) { f.ReadFile(buffer, 3); }},
-       {"ReadFile", [](TFile& f) { f.ReadFile(buffer, 3, moved); }},
-       {"WriteFile(handle, buffer, 3, out, none)", [](TFile& f) { f.WriteFile(buffer, 3); }},
-       {"WriteFile", [](TFile& f) { f.WriteFile(buffer, 3, moved); }},
+      {{"ReadFile(handle, buffer, 3, out, none)", [](auto& f) { f.ReadFile(buffer, 3); }},
+       {"WriteFile(handle, buffer, 3, out, none)", [](auto& f) { f.WriteFile(buffer, 3); }},
        {"SetFilePointerEx(handle, 4294967303, out, 1)",
-        [](TFile& f) { f.SetFilePointerEx(0x1'0000'0007, FILE_CURRENT); }},
-       {"GetFileInformationByHandle",
-        [](TFile& f) {
-          BY_HANDLE_FILE_INFORMATION information;
-          f.GetFileInformation(information);
-        }},
-       {"GetFileInformationByHandle", [](TFile& f) { f.GetLastWriteTime(); }},
-       {"FlushFileBuffers", [](TFile& f) { f.FlushFile(); }},
-       {"CloseHandle", [](TFile& f) { f.CloseHandle(); }}});
-}
-
-TEST(PlatformFailures, OfOverlappedFiles) {
-  using File = TOverlapped<TFile>;
-  expect_failures<File>(
+        [](auto& f) { f.SetFilePointerEx(0x1'0000'0007, FILE_CURRENT); }},
+       {"GetFileInformationByHandle", [](auto& f) { f.GetLastWriteTime(); }},
+       {"FlushFileBuffers", [](auto& f) { f.FlushFile(); }},
+       {"CloseHandle", [](auto& f) { f.CloseHandle(); }}});
+  expect_failures<TOverlapped<TFile>>(
       some_file, unchanged,
-      {{"ReadFile(handle, buffer, 3, out, out)", [](File& f) { f.ReadFile(buffer, 3); }},
-       {"ReadFile", [](File& f) { f.ReadFile(buffer, 3, moved); }},
-       {"WriteFile(handle, buffer, 3, out, out)", [](File& f) { f.WriteFile(buffer, 3); }},
-       {"WriteFile", [](File& f) { f.WriteFile(buffer, 3, moved); }},
+      {{"ReadFile(handle, buffer, 3, out, out)", [](auto& f) { f.ReadFile(buffer, 3); }},
+       {"WriteFile(handle, buffer, 3, out, out)", [](auto& f) { f.WriteFile(buffer, 3); }},
        {"GetOverlappedResult(handle, out, out, 1)",
-        [](File& f) { f.GetOverlappedResult(moved, true); }},
-       {"CancelIo", [](File& f) { f.CancelIo(); }}});
+        [](auto& f) { f.GetOverlappedResult(moved, true); }},
+       {"CancelIo", [](auto& f) { f.CancelIo(); }}});
 }
 
-TEST(PlatformFailures, OfMappings) {
-  using Mapping = TFileMapping;
-  constexpr unsigned __int64 large = 0x2'0000'0003;
+TEST(PlatformFailures, OfMappingsAndMailslots) {
   static TProcess const file = some_process();
-  expect_failures<Mapping>(
-      [] { return Mapping(); }, nullptr,
-      {{"CreateFileMappingA(process, none, 4, 2, 3, name)",  // -1 is no file, too
-        [](Mapping& m) { m.CreateFileMappingW(PAGE_READWRITE, large, "name"); }},
-       {"CreateFileMappingW(process, none, 4, 2, 3, name)",
-        [](Mapping& m) { m.CreateFileMappingW(PAGE_READWRITE, large, L"name"); }},
-       {"CreateFileMappingA(handle, none, 2, 0, 0, name)",
-        [](Mapping& m) { m.CreateFileMappingW(PAGE_READONLY, file, "name"); }},
-       {"CreateFileMappingW(handle, none, 2, 0, 0, name)",
-        [](Mapping& m) { m.CreateFileMappingW(PAGE_READONLY, file, L"name"); }},
-       {"OpenFileMappingA", [](Mapping& m) { m.OpenFileMappingW("name", FILE_MAP_READ); }},
-       {"OpenFileMappingW", [](Mapping& m) { m.OpenFileMappingW(L"name", FILE_MAP_READ); }}});
-  expect_failures<Mapping>(some_mapping, unchanged,
-                           {{"MapViewOfFile(handle, 4, 0, 65536, 7)",
-                             [](Mapping& m) { m.MapViewOfFile(FILE_MAP_READ, 0x10000, 7); }}});
+  expect_failures<TFileMapping>(
+      [] { return TFileMapping(); }, nullptr,
+      {{"CreateFileMapping?(process, none, 4, 2, 3, name)",  // -1 is no file, too
+        [](auto& m, auto name) { m.CreateFileMappingW(PAGE_READWRITE, 0x2'0000'0003, name); }},
+       {"CreateFileMapping?(handle, none, 2, 0, 0, name)",
+        [](auto& m, auto name) { m.CreateFileMappingW(PAGE_READONLY, file, name); }},
+       {"OpenFileMapping?(4, 0, name)",
+        [](auto& m, auto name) { m.OpenFileMappingW(name, FILE_MAP_READ); }}});
+  expect_failures<TFileMapping>(some_mapping, unchanged,
+                                {{"MapViewOfFile(handle, 4, 0, 65536, 7)",
+                                  [](auto& m) { m.MapViewOfFile(FILE_MAP_READ, 0x10000, 7); }}});
+  // The constructor takes the numbers the other way round.
+  expect_failures<TMailslot>(
+      nothing, minus_one,
+      {{"CreateMailslot?(name, 400, 5",
+        [](auto& m, auto name) { m.CreateMailslotW(name, 400, 5); }},
+       {"CreateMailslot?(name, 400, 5", [](auto&, auto name) { TMailslot(name, 5, 400); }}});
 }
 
-// The constructors take the numbers the other way round.
-TEST(PlatformFailures, OfMailslots) {
-  using Slot = TMailslot;
-  expect_failures<Slot>(
-      nothing, minus_one,
-      {{"CreateMailslotA(name, 400, 5", [](Slot& m) { m.CreateMailslotW("name", 400, 5); }},
-       {"CreateMailslotW(name, 400, 5", [](Slot& m) { m.CreateMailslotW(L"name", 400, 5); }},
-       {"CreateMailslotA(name, 400, 5", [](Slot&) { TMailslot("name", 5, 400); }},
-       {"CreateMailslotW(name, 400, 5", [](Slot&) { TMailslot(L"name", 5, 400); }}});
+TEST(PlatformFailures, OfPrinters) {
+  UnrealPrinter().ControlJobSilent(0, 0);  // loads the spooler's library
+  expect_failures<UnrealPrinter>(
+      [] { return UnrealPrinter(); }, unchanged,
+      {{"SetPrinterW(buffer, 0, none, 5)", [](auto& p) { p.ControlPrinter(5); }},
+       {"SetPrinterW(buffer, 3, out, 0)",
+        [](auto& p) { p.SetPrinterInfo(AutoPtr<PRINTER_INFO_3>(new PRINTER_INFO_3())); }},
+       {"SetJobW(buffer, 7, 0, none, 5)", [](auto& p) { p.ControlJob(7, 5); }},
+       {"SetJobW(buffer, 7, 2, out, 0)",
+        [](auto& p) { p.SetJobInfo(AutoPtr<JOB_INFO_2W>(new JOB_INFO_2W()), 7); }}});
 }
 
 TEST(PlatformFailures, OfProcesses) {
-  using Process = TProcess;
-  expect_failures<Process>(
+  expect_failures<TProcess>(
       some_process, unchanged,
-      {{"CreateProcessA(none, name, none, none, 0, 16",
-        [](Process& p) { p.CreateProcessW("name", CREATE_NEW_CONSOLE); }},
-       {"CreateProcessW(none, name, none, none, 0, 16",
-        [](Process& p) { p.CreateProcessW(L"name", CREATE_NEW_CONSOLE); }},
-       {"TerminateProcess(handle, 4294967295)", [](Process& p) { p.TerminateProcess(-1); }}});
+      {{"CreateProcess?(none, name, none, none, 0, 16",
+        [](auto& p, auto name) { p.CreateProcessW(name, CREATE_NEW_CONSOLE); }},
+       {"TerminateProcess(handle, 4294967295)", [](auto& p) { p.TerminateProcess(-1); }}});
   // The thread of a process is closed at once, whatever the platform answers.
   TProcess process;
   Watch watch("CloseHandle");
@@ -220,43 +228,36 @@ TEST(PlatformFailures, OfProcesses) {
   EXPECT_TRUE(process.IsValidHandle());
 }
 
-TEST(PlatformFailures, OfThreads) {
-  using Thread = TThread;
-  static auto const entry = [](void*) { return 0u; };
-  expect_failures<Thread>(
-      nothing, unchanged,
-      {{"_beginthreadex(none, 0, routine, buffer, 0, out)", [](Thread&) { Thread(entry, buffer); }},
-       {"_beginthreadex(none, 70000, routine, buffer, 0, out)",
-        [](Thread& t) { t.CreateThread(entry, buffer, 70'000); }}});
-  expect_failures<Thread>(
-      ended_thread, unchanged,
-      {{"SetThreadPriority(handle, -2)", [](Thread& t) { t.SetThreadPriority(-2); }},
-       {"SetThreadPriority(handle, 1)", [](Thread& t) { t.DisableThreadPriorityBoost(true); }},
-       {"TerminateThread(handle, 9)", [](Thread& t) { t.TerminateThread(9); }},
-       {"SetThreadToken(out, none)", [](Thread& t) { t.SetThreadToken(nullptr); }},
-       {"SuspendThread(handle)", [](Thread& t) { t.SuspendThread(); }},
-       {"ResumeThread(handle)", [](Thread& t) { t.ResumeThread(); }},
-       {"QueueUserAPC(routine, handle, 5)",
-        [](Thread& t) { t.QueueUserAPC([](unsigned __int64) {}, 5); }},
-       {"SleepEx(3, 0)", [](Thread&) { TThread::Sleep(3, FALSE); }},
-       {"SleepEx(1, 1)", [](Thread&) { TThread::Pause(); }}});
-  using Running = RunningThread;
-  expect_failures<Running>(
-      [] { return Running(); }, unchanged,
-      {{"WaitForSingleObjectEx(handle, 5, 1)", [](Running& t) { t.StopThread(5); }},
-       {"WaitForSingleObjectEx(handle, 5, 1)TerminateThread(handle, 0)",
-        [](Running& t) { t.StopThread(5); }},
-       {"WaitForSingleObjectEx(handle, 3, 1)QueueUserAPC(routine, handle, ",
-        [](Running& t) { t.InterruptThread(3, 4); }}});
-}
-
-TEST(PlatformFailures, OfPoolsAndTasks) {
+TEST(PlatformFailures, OfThreadsPoolsAndTasks) {
   expect_failures<TThread>(
       nothing, unchanged,
-      {{"CreateSemaphoreW(none, 0, 7, none)", [](TThread&) { CreateNewThreadPool(1, 0, 0, 7); }},
+      {{"_beginthreadex(none, 0, routine, buffer, 0, out)", 
+        [](auto&) { TThread(end_at_once, buffer); }},
+       {"_beginthreadex(none, 70000, routine, buffer, 0, out)",
+        [](auto& t) { t.CreateThread(end_at_once, buffer, 70'000); }},
+       {"CreateSemaphoreW(none, 0, 7, none)", [](auto&) { CreateNewThreadPool(1, 0, 0, 7); }},
        {"CreateSemaphoreW(none, 0, 7, none)CreateEventW(none, 1, 1, none)",
-        [](TThread&) { CreateNewThreadPool(1, 0, 0, 7); }},
-       {"CreateEventW(none, 1, 0, none)", [](TThread&) { MakeThreadTask([] {}); }}});
+        [](auto&) { CreateNewThreadPool(1, 0, 0, 7); }},
+       {"CreateEventW(none, 1, 0, none)", [](auto&) { MakeThreadTask([] {}); }}});
+  expect_failures<TThread>(
+      ended_thread, unchanged,
+      {{"SetThreadPriority(handle, -2)", [](auto& t) { t.SetThreadPriority(-2); }},
+       {"SetThreadPriority(handle, 1)", [](auto& t) { t.DisableThreadPriorityBoost(true); }},
+       {"TerminateThread(handle, 9)", [](auto& t) { t.TerminateThread(9); }},
+       {"SetThreadToken(out, none)", [](auto& t) { t.SetThreadToken(nullptr); }},
+       {"SuspendThread(handle)", [](auto& t) { t.SuspendThread(); }},
+       {"ResumeThread(handle)", [](auto& t) { t.ResumeThread(); }},
+       {"QueueUserAPC(routine, handle, 5)",
+        [](auto& t) { t.QueueUserAPC([](unsigned __int64) {}, 5); }},
+       {"SleepEx(3, 0)", [](auto&) { TThread::Sleep(3, FALSE); }},
+       {"SleepEx(1, 1)", [](auto&) { TThread::Pause(); }}});
+  expect_failures<RunningThread>(
+      [] { return RunningThread(); }, unchanged,
+      {{"WaitForSingleObjectEx(handle, 5, 1)", [](auto& t) { t.StopThread(5); }},
+       {"WaitForSingleObjectEx(handle, 5, 1)TerminateThread(handle, 0)",
+        [](auto& t) { t.StopThread(5); }},
+       {"WaitForSingleObjectEx(handle, 3, 1)QueueUserAPC(routine, handle, ",
+        [](auto& t) { t.InterruptThread(3, 4); }}});
 }
 
 // What a constructor that fails leaves alone.
@@ -267,71 +268,58 @@ static Object null() {
   return object;
 }
 
-TEST(PlatformFailures, OfMutexes) {
-  using Mutex = TMutex;
-  expect_failures<Mutex>(
+TEST(PlatformFailures, OfMutexesAndSemaphores) {
+  expect_failures<TMutex>(
       null, nullptr,
-      {{"CreateMutexW(none, 0, none)", [](Mutex&) { TMutex(); }},
-       {"CreateMutexA(default access, 0, name)", [](Mutex&) { TMutex("name"); }},
-       {"CreateMutexW(default access, 0, name)", [](Mutex&) { TMutex(L"name"); }}});
-  expect_failures<Mutex>(
+      {{"CreateMutexW(none, 0, none)", [](auto&) { TMutex(); }},
+       {"CreateMutex?(default access, 0, name)", [](auto&, auto name) { TMutex{name}; }}});
+  expect_failures<TMutex>(
       nothing, nullptr,
-      {{"CreateMutexW(none, 1, none)", [](Mutex& m) { m.CreateMutexW(true); }},
-       {"OpenMutexA(5, 0, name)", [](Mutex& m) { m.OpenMutexW("name", 5); }},
-       {"OpenMutexW(5, 0, name)", [](Mutex& m) { m.OpenMutexW(L"name", 5); }}});
-  expect_failures<Mutex>(
+      {{"CreateMutexW(none, 1, none)", [](auto& m) { m.CreateMutexW(true); }},
+       {"OpenMutex?(5, 0, name)", [](auto& m, auto name) { m.OpenMutexW(name, 5); }}});
+  expect_failures<TMutex>(
       [] { return TMutex(); }, unchanged,
-      {{"ReleaseMutex", [](Mutex& m) { m.Unlock(); }},
-       {"WaitForSingleObjectEx(handle, 7, 1)", [](Mutex& m) { (void)m.Lock(7); }},
-       {"WaitForSingleObjectEx(handle, 4294967295, 1)", [](Mutex& m) { m.Lock(); }}});
-}
-
-TEST(PlatformFailures, OfSemaphores) {
-  using Semaphore = TSemaphore;
-  expect_failures<Semaphore>(
+      {{"ReleaseMutex", [](auto& m) { m.Unlock(); }},
+       {"WaitForSingleObjectEx(handle, 7, 1)", [](auto& m) { (void)m.Lock(7); }},
+       {"WaitForSingleObjectEx(handle, 4294967295, 1)", [](auto& m) { m.Lock(); }}});
+  expect_failures<TSemaphore>(
       null, nullptr,
-      {{"CreateSemaphoreW(none, 3, 3, none)", [](Semaphore&) { TSemaphore(3); }},
-       {"CreateSemaphoreW(none, 1, 3, none)", [](Semaphore&) { TSemaphore(3, 1); }},
-       {"CreateSemaphoreA(default access, 1, 3, name)",
-        [](Semaphore&) { TSemaphore("name", 3, 1); }},
-       {"CreateSemaphoreW(default access, 1, 3, name)",
-        [](Semaphore&) { TSemaphore(L"name", 3, 1); }}});
-  expect_failures<Semaphore>(
+      {{"CreateSemaphoreW(none, 3, 3, none)", [](auto&) { TSemaphore(3); }},
+       {"CreateSemaphoreW(none, 1, 3, none)", [](auto&) { TSemaphore(3, 1); }},
+       {"CreateSemaphore?(default access, 1, 3, name)",
+        [](auto&, auto name) { TSemaphore(name, 3, 1); }}});
+  expect_failures<TSemaphore>(
       nothing, nullptr,
-      {{"OpenSemaphoreA(5, 0, name)", [](Semaphore& s) { s.OpenSemaphoreW("name", 5); }},
-       {"OpenSemaphoreW(5, 0, name)", [](Semaphore& s) { s.OpenSemaphoreW(L"name", 5); }}});
-  expect_failures<Semaphore>(
+      {{"OpenSemaphore?(5, 0, name)", [](auto& s, auto name) { s.OpenSemaphoreW(name, 5); }}});
+  expect_failures<TSemaphore>(
       [] { return TSemaphore(4, 2); }, unchanged,
-      {{"ReleaseSemaphore(handle, 2, out)", [](Semaphore& s) { s.ReleaseSemaphore(2); }},
-       {"ReleaseSemaphore(handle, 1, out)", [](Semaphore& s) { s.Unlock(); }},
-       {"WaitForSingleObjectEx(handle, 7, 1)", [](Semaphore& s) { (void)s.Lock(7); }},
-       {"WaitForSingleObjectEx(handle, 4294967295, 1)", [](Semaphore& s) { s.Lock(); }}});
+      {{"ReleaseSemaphore(handle, 2, out)", [](auto& s) { s.ReleaseSemaphore(2); }},
+       {"ReleaseSemaphore(handle, 1, out)", [](auto& s) { s.Unlock(); }},
+       {"WaitForSingleObjectEx(handle, 7, 1)", [](auto& s) { (void)s.Lock(7); }},
+       {"WaitForSingleObjectEx(handle, 4294967295, 1)", [](auto& s) { s.Lock(); }}});
 }
 
 TEST(PlatformFailures, OfEvents) {
-  using Event = TEvent;
-  expect_failures<Event>(
+  expect_failures<TEvent>(
       null, nullptr,
-      {{"CreateEventW(none, 1, 0, none)", [](Event&) { TEvent(); }},
-       {"CreateEventW(none, 0, 1, none)", [](Event&) { TEvent(false, true); }},
-       {"CreateEventA(open access, 0, 1, name)", [](Event&) { TEvent("name", false, true); }},
-       {"CreateEventW(open access, 1, 0, name)", [](Event&) { TEvent(L"name", true, false); }}});
-  expect_failures<Event>(
+      {{"CreateEventW(none, 1, 0, none)", [](auto&) { TEvent(); }},
+       {"CreateEventW(none, 0, 1, none)", [](auto&) { TEvent(false, true); }},
+       {"CreateEvent?(open access, 0, 1, name)",
+        [](auto&, auto name) { TEvent(name, false, true); }}});
+  expect_failures<TEvent>(
       nothing, nullptr,
-      {{"OpenEventA(5, 0, name)", [](Event& e) { e.OpenEventW("name", 5); }},
-       {"OpenEventW(5, 0, name)", [](Event& e) { e.OpenEventW(L"name", 5); }}});
-  expect_failures<Event>([] { return TEvent(); }, unchanged,
-                         {{"SetEvent", [](Event& e) { e.Set(); }},
-                          {"ResetEvent", [](Event& e) { e.Reset(); }},
-                          {"PulseEvent", [](Event& e) { e.Pulse(); }},
-                          {"WaitForSingleObjectEx(handle, 7, 1)", [](Event& e) { e.Signaled(7); }},
-                          {"WaitForSingleObjectEx(handle, 4294967295, 1)",
-                           [](Event& e) { e.WaitForSignal(); }},
-                          {"CloseHandle", [](Event& e) { e.CloseHandle(); }},
-                          {"CloseHandle", [](Event& e) { e.AttachHandle(&e); }},
-                          {"CloseHandle", [](Event& e) { e = TEvent(DoNotInitialize); }},
-                          {"DuplicateHandle(process, handle, process, out, 0, 0, 2)",
-                           [](Event& e) { TEvent copy(e); }}});
+      {{"OpenEvent?(5, 0, name)", [](auto& e, auto name) { e.OpenEventW(name, 5); }}});
+  expect_failures<TEvent>(
+      [] { return TEvent(); }, unchanged,
+      {{"SetEvent", [](auto& e) { e.Set(); }},
+       {"ResetEvent", [](auto& e) { e.Reset(); }},
+       {"PulseEvent", [](auto& e) { e.Pulse(); }},
+       {"WaitForSingleObjectEx(handle, 7, 1)", [](auto& e) { e.Signaled(7); }},
+       {"WaitForSingleObjectEx(handle, 4294967295, 1)", [](auto& e) { e.WaitForSignal(); }},
+       {"CloseHandle", [](auto& e) { e.AttachHandle(&e); }},
+       {"CloseHandle", [](auto& e) { e = TEvent(DoNotInitialize); }},
+       {"DuplicateHandle(process, handle, process, out, 0, 0, 2)",
+        [](auto& e) { TEvent copy(e); }}});
   // An assignment closes first.
   TEvent event, other;
   Watch const watch("DuplicateHandle", nullptr);
@@ -341,31 +329,28 @@ TEST(PlatformFailures, OfEvents) {
 }
 
 TEST(PlatformFailures, OfTimers) {
-  using Timer = TWaitableTimer;
-  std::initializer_list<Row<Timer>> const makers{
-      {"CreateWaitableTimerW(none, 1, none)", [](Timer& t) { t.CreateTimer(true); }},
-      {"CreateWaitableTimerA(default access, 0, name)",
-       [](Timer& t) { t.CreateTimer("name", false); }},
-      {"CreateWaitableTimerW(default access, 1, name)",
-       [](Timer& t) { t.CreateTimer(L"name", true); }},
-      {"OpenWaitableTimerA(5, 0, name)", [](Timer& t) { t.OpenTimer("name", 5); }},
-      {"OpenWaitableTimerW(5, 0, name)", [](Timer& t) { t.OpenTimer(L"name", 5); }}};
-  expect_failures<Timer>(nothing, minus_one, makers);
+  std::initializer_list<Row<TWaitableTimer>> const makers{
+      {"CreateWaitableTimerW(none, 1, none)", [](auto& t) { t.CreateTimer(true); }},
+      {"CreateWaitableTimer?(default access, 0, name)",
+       [](auto& t, auto name) { t.CreateTimer(name, false); }},
+      {"OpenWaitableTimer?(5, 0, name)", [](auto& t, auto name) { t.OpenTimer(name, 5); }}};
+  expect_failures<TWaitableTimer>(nothing, minus_one, makers);
   // Null, which is how the platform fails, passes.
   for (auto const& [call, run] : makers) {
-    Timer timer(DoNotInitialize);
-    std::string const name(call);
-    Watch const watch(name.substr(0, name.find('(')));
-    EXPECT_EQ(system_code([&] { run(timer); }), -1) << call;
+    TWaitableTimer timer(DoNotInitialize);
+    auto name = call.substr(0, call.find('('));
+    std::ranges::replace(name, '?', 'W');
+    Watch const watch(name);
+    EXPECT_EQ(system_code([&] { run(timer, 'W'); }), -1) << call;
     EXPECT_EQ(static_cast<void*>(timer), nullptr) << call;
   }
-  expect_failures<Timer>(
+  expect_failures<TWaitableTimer>(
       [] { return TWaitableTimer(); }, unchanged,
       {{"SetWaitableTimer(handle, -42949672950000, 9, none, none, 0)",
-        [](Timer& t) { t.Set(0xFFFFFFFF, 9); }},
+        [](auto& t) { t.Set(0xFFFFFFFF, 9); }},
        {"SetWaitableTimer(handle, -1, 0, none, none, 0)",
-        [](Timer& t) { t.Set(FILETIME{0xFFFFFFFF, 0xFFFFFFFF}); }},
-       {"CancelWaitableTimer", [](Timer& t) { t.Cancel(); }}});
+        [](auto& t) { t.Set(FILETIME{0xFFFFFFFF, 0xFFFFFFFF}); }},
+       {"CancelWaitableTimer", [](auto& t) { t.Cancel(); }}});
 }
 
 // Of the thread that makes the exception.

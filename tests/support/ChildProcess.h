@@ -21,13 +21,13 @@ public:
   scratch_folder& operator=(scratch_folder const&) = delete;
 
   std::filesystem::path const& path() const { return folder; }
-  void add(std::filesystem::path const& name, std::string const& content) const;
 
 private:
   std::filesystem::path folder;
 };
 
 std::string content_of(std::filesystem::path const& file);
+std::vector<std::string> lines_of(std::string const& text);  // without their ends
 
 // Starts `program`, which lies beside the test program, in the folder and with
 // this process's environment. Arguments must not hold quotation marks nor end in

@@ -1,22 +1,18 @@
 #include "tests/support/DocTables.h"
 
-#include <algorithm>
 #include <fstream>
 #include <stdexcept>
+
+#include "velt/text/Trim.h"
 
 namespace velt_test {
 namespace {
 
-std::string cleaned(std::string cell) {
-  std::erase(cell, '`');
-  cell.erase(0, cell.find_first_not_of(' '));
-  return cell.erase(cell.find_last_not_of(' ') + 1);
-}
-
-table_row cells_of(std::string const& line) {
+table_row cells_of(std::string line) {
+  std::erase(line, '`');
   table_row row;
   for (std::size_t begin = 1, end; (end = line.find('|', begin)) != line.npos; begin = end + 1)
-    row.push_back(cleaned(line.substr(begin, end - begin)));
+    row.push_back(trim(line.substr(begin, end - begin), " "));
   return row;
 }
 

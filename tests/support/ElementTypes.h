@@ -5,8 +5,6 @@
 #include <comutil.h>
 
 #include <string>
-#include <typeinfo>
-#include <vector>
 
 #include "velt/value/Value.h"
 
@@ -43,37 +41,6 @@ void for_each_element_type(Body const& body) {
   []<class... T>(velt::detail::type_list<T...>, Body const& call) {
     (call.template operator()<T>(), ...);
   }(velt::detail::element_types(), body);
-}
-
-// What tests do with an element type, with the type out of sight, so that loops
-// over pairs of types are loops and not templates.
-struct element_operations {
-  char const* name;
-  std::type_info const& type;
-  _value_t (*scalar)();
-  _value_t (*sequence)();
-  void (*read)(_value_t const& value);            // strictly
-  void (*write)(_value_t& value);                 // the sample
-  void (*push_back)(_value_t& value);             // the sample
-};
-
-inline std::vector<element_operations> const& all_element_types() {
-  static auto const types = [] {
-    std::vector<element_operations> list;
-    for_each_element_type([&list]<class T>() {
-      list.push_back({
-          element<T>::name,
-          typeid(T),
-          [] { return _value_t(element<T>::sample()); },
-          [] { return _value_t(std::vector<T>{element<T>::sample()}); },
-          [](_value_t const& value) { static_cast<void>(static_cast<T>(value)); },
-          [](_value_t& value) { value = element<T>::sample(); },
-          [](_value_t& value) { value.push_back(element<T>::sample()); },
-      });
-    });
-    return list;
-  }();
-  return types;
 }
 
 }  // namespace velt_test

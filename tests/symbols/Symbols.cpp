@@ -1,4 +1,5 @@
-// Stacks and names of this very program, by the platform's engine.
+// Stacks and names: of this very program, by the platform's engine, and of modules whose
+// debug information the engine cannot read.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <windows.h>
@@ -7,14 +8,20 @@
 #undef StackWalk
 
 #include <cstdint>
+#include <filesystem>
 #include <string>
+#include <thread>
+#include <tuple>
 #include <utility>
 #include <vector>
 
 #include "tests/support/Imports.h"
+#include "tests/support/LoaderOwner.h"
 #include "velt/diagnostics/Settings.h"
+#include "velt/exceptions/EGeneric.h"
 #include "velt/symbols/Symbols.h"
 
+using testing::AllOf;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::StartsWith;
@@ -51,13 +58,51 @@ function_with_a_name_so_long_that_nobody_wants_to_read_it_in_the_line_of_a_stack
   return 1;
 }
 
-[[gnu::noipa]] int walk_from_late_module(void* result) {
-  *static_cast<walked_stack*>(result) = walk_inner(0);
-  return 1;
-}
-
 std::string name_of_frame(walked_stack const& stack, std::size_t index) {
   return index < stack.frames.size() ? SymGetFullNameFromAddress(stack.frames[index]) : "none";
+}
+
+std::string stack_of_throw() {
+  try {
+    throw EGeneric();
+  } catch (EGeneric& error) {
+    return error["Stack"].as_string();
+  }
+}
+
+std::string beside_the_program(char const* file) {
+  char path[MAX_PATH];
+  GetModuleFileNameA(nullptr, path, MAX_PATH);
+  return std::filesystem::path(path).replace_filename(file).string();
+}
+
+// Loaded while it lives, and so is the engine.
+struct plugin {
+  explicit plugin(std::string const& name) : module(LoadLibraryA((name + ".dll").c_str())) {
+    EXPECT_TRUE(module && SymInitialize()) << name;
+  }
+  ~plugin() {
+    FreeLibrary(module);
+    SymCleanup();
+  }
+
+  std::uintptr_t entry(char const* name) const {
+    return reinterpret_cast<std::uintptr_t>(GetProcAddress(module, name));
+  }
+  std::string stack() const {
+    static std::string text;
+    auto const call_back = reinterpret_cast<int (*)(bool (*)())>(entry("call_back"));
+    call_back([] { return (text = GetMyDebugStack()).empty(); });
+    return text;
+  }
+
+  HMODULE const module;
+};
+
+auto has_functions_of(std::string const& name) {
+  auto const line = "\n-> symbols_" + name + "_plugin!";
+  return AllOf(StartsWith("\n-> ntdll!"), HasSubstr(line + "call_back+"),
+               HasSubstr(line + name + "::reader<int>::read+"), HasSubstr(line + name + "::call+"));
 }
 
 struct SymbolsOfThisProgram : testing::Test {
@@ -88,25 +133,6 @@ TEST_F(SymbolsOfThisProgram, FrameToBlameIsOutsideOfTheLibraryAndTheSystem) {
   auto const listed = std::exchange(SkipModulesForError, "other;KernelBase;kernel");
   EXPECT_EQ(SymGetActualErrorAddress(stack.data(), count), stack[1]);
   SkipModulesForError = listed;
-}
-
-TEST_F(SymbolsOfThisProgram, ModuleThatWasLoadedLaterIsFoundAndWalkedThrough) {
-  HMODULE const module = LoadLibraryA("symbols_late_module.dll");
-  auto const call_back = reinterpret_cast<int (*)(int (*)(void*), void*)>(
-      reinterpret_cast<void*>(GetProcAddress(module, "call_back")));
-  ASSERT_TRUE(call_back);
-  auto const address = reinterpret_cast<std::uintptr_t>(call_back) + 4;
-  EXPECT_TRUE(EnsureModuleSymbolsLoaded(address));
-  EXPECT_EQ(SymGetModuleFromAddress(address), "symbols_late_module");
-  EXPECT_EQ(SymGetNameFromAddress(address), "call_back+4");
-  EXPECT_THAT(SymGetFullNameFromAddress(address),
-              StartsWith("symbols_late_module!call_back+4[SymbolsLateModule.cpp#"));
-
-  walked_stack stack;
-  call_back(walk_from_late_module, &stack);
-  EXPECT_THAT(name_of_frame(stack, 2), StartsWith("symbols_late_module!call_back+"));
-  EXPECT_THAT(name_of_frame(stack, 3), HasSubstr("[Symbols.cpp#"));
-  FreeLibrary(module);
 }
 
 TEST_F(SymbolsOfThisProgram, NamesAreShortenedInFrontOfASourceAndOtherwiseOffsets) {
@@ -162,4 +188,100 @@ TEST(Symbols, AreMissingWithoutTheEngineOrARequiredEntry) {
   EXPECT_EQ(SymGetActualErrorAddress(frames.data(), 2), frames[0]);
   EXPECT_FALSE(EnsureModuleSymbolsLoaded(frames[0]));
   EXPECT_EQ(SymGetFullNameFromAddress(frames[0]), "!0x10010");
+}
+
+// A thread that owns the loader lock, as in a DllMain or in a static constructor of
+// a DLL, and one that needs it for the symbol engine must not wait for each other.
+TEST(SymbolsAndLoader, OwnerOfTheLoaderLockThrowsWhileAnotherThreadStartsTheEngine) {
+  VeltDebugSetup(true);
+  TEvent owned(true, false);
+  std::string stack_of_other;
+  std::thread other([&] {
+    owned.WaitForSignal();
+    stack_of_other = stack_of_throw();
+  });
+  ULONG_PTR cookie;
+  LdrLockLoaderLock(0, nullptr, &cookie);
+  owned.SetEvent();
+  Sleep(300);  // the other thread is waiting for the loader
+  EXPECT_NE(stack_of_throw(), "");
+  LdrUnlockLoaderLock(0, cookie);
+  other.join();
+  EXPECT_NE(stack_of_other, "");
+  VeltDebugSetup(false);
+}
+
+TEST(SymbolsAndLoader, NoNewModuleIsFoundWhileTheLoaderHangs) {
+  ASSERT_TRUE(SymInitialize());
+  constexpr unsigned __int64 address = 0x777;  // in no module
+  {
+    velt_test::loader_owner const owner;
+    EXPECT_FALSE(EnsureModuleSymbolsLoaded(address));
+    EXPECT_FALSE(EnsureModuleSymbolsLoaded(address)) << "not looked for, so not remembered";
+    EXPECT_NE(GetMyDebugStack(), "");
+  }
+  EXPECT_FALSE(EnsureModuleSymbolsLoaded(address));
+  EXPECT_TRUE(EnsureModuleSymbolsLoaded(address));
+  SymCleanup();
+}
+
+TEST(CoffNames, FunctionsAreNamedFromTheFile) {
+  plugin const first("symbols_first_plugin"), stripped("symbols_stripped_plugin");
+  EXPECT_THAT(first.stack(), has_functions_of("first"));
+  EXPECT_THAT(stripped.stack(), HasSubstr("\n-> symbols_stripped_plugin!+"));
+  // In front of the section with the functions, and behind it.
+  EXPECT_EQ(SymGetNameFromAddress(0x6a000fff), "0x6a000fff");
+  EXPECT_THAT(SymGetNameFromAddress(first.entry("some_data") + 1), StartsWith("0x6a00"));
+}
+
+TEST(CoffNames, ModuleAtTheBaseOfAnotherHasItsOwnNames) {
+  plugin const holder("symbols_stripped_plugin");
+  for (std::string const name : {"first", "second", "first"}) {
+    plugin const module("symbols_" + name + "_plugin");
+    ASSERT_EQ(module.entry("call_back") >> 16, 0x6a00u);
+    for (int i = 0; i < 2; ++i)  // from the cache, the second time
+      EXPECT_THAT(module.stack(), has_functions_of(name));
+  }
+}
+
+TEST(CoffNames, FileThatReplacedTheLoadedOneIsNotRead) {
+  auto const first = beside_the_program("symbols_first_plugin.dll");
+  auto const second = beside_the_program("symbols_second_plugin.dll");
+  ASSERT_TRUE(CopyFileA(first.c_str(), "replaced.dll", FALSE));
+  {
+    plugin const module("replaced");
+    EXPECT_TRUE(MoveFileExA("replaced.dll", "moved.dll", MOVEFILE_REPLACE_EXISTING));
+    EXPECT_TRUE(CopyFileA(second.c_str(), "replaced.dll", TRUE));
+    EXPECT_THAT(module.stack(), HasSubstr("\n-> replaced!+"));
+  }
+  EXPECT_TRUE(DeleteFileA("replaced.dll") && DeleteFileA("moved.dll"));
+}
+
+TEST(CoffNames, EngineComesFirstUnlessItsNameIsOnlyPublic) {
+  ULONG tag;
+  Replacement const own{
+      VELT_CALL(SymFromAddr), [&](auto, HANDLE, DWORD64, DWORD64*, SYMBOL_INFO* symbol) {
+        symbol->Tag = tag;
+        return symbol->Name[0] = 'n', TRUE;
+      }};
+  plugin const module("symbols_first_plugin");
+  tag = 10;
+  EXPECT_EQ(SymGetNameFromAddress(module.entry("call_back") + 5), "call_back+5");
+  tag = 5;
+  EXPECT_EQ(SymGetNameFromAddress(module.entry("call_back") + 5), "n");
+}
+
+TEST(CoffNames, EngineThatWalksOnlyWithCallBacksGetsThem) {
+  int refused = 0;
+  using walk = BOOL(WINAPI*)(DWORD, void*, void*, STACKFRAME64*, void*, void*, void*, void*, void*);
+  Replacement const own{
+      velt_test::Call<walk>{"StackWalk64"}, [&](auto platform, auto... arguments) {
+        std::tuple const all{arguments...};
+        if (std::get<6>(all) && std::get<7>(all)) return platform(arguments...);
+        *std::get<3>(all) = {};
+        return ++refused, FALSE;
+      }};
+  plugin const module("symbols_first_plugin");
+  for (int i = 0; i < 2; ++i) EXPECT_THAT(module.stack(), has_functions_of("first"));
+  EXPECT_EQ(refused, 1);
 }

@@ -1,10 +1,14 @@
-#include <gtest/gtest.h>
+// Streams and guards of COM. The platform's headers stand first here, and last in the
+// sources of the guards: names must work either way.
 #include <windows.h>
 
 #include <comdef.h>
 
+#include <gtest/gtest.h>
+
 #include <cstring>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 
 #include "tests/debug/Support.h"
@@ -13,9 +17,12 @@
 #include "tests/support/Imports.h"
 #include "tests/support/OpenHandles.h"
 #include "velt/debug/DebugStream.h"
+#include "velt/os/ComGuards.h"
 #include "velt/os/ComStreams.h"
 
 using namespace velt_test;
+
+VELT_WATCH(CoRevertToSelf, LookupAccountSidW, OpenThreadToken);
 
 namespace {
 
@@ -84,14 +91,6 @@ void expect_little(IStream& stream) {
   EXPECT_EQ(byte, 'x');
 }
 
-// Tells of its end.
-template <class Stream>
-struct Mortal : Stream {
-  explicit Mortal(bool& its_end, auto const&... arguments) : Stream(arguments...), gone(its_end) {}
-  ~Mortal() noexcept override { gone = true; }
-  bool& gone;
-};
-
 struct ComFileStream : ::testing::Test {
   scratch_folder const scratch;
   std::wstring const name = (scratch.path() / "file").native();
@@ -100,6 +99,26 @@ struct ComFileStream : ::testing::Test {
 
   ~ComFileStream() noexcept override {}
 };
+
+bool is_impersonated() {
+  HANDLE token;
+  if (!::OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, &token)) return false;
+  return CloseHandle(token);
+}
+
+void fail_impersonated() {
+  CImpersonationContext const client(CImpersonationContext::NeedImpersonation);
+  throw std::domain_error("the work failed");
+}
+
+HRESULT com_code(void (*statement)()) {
+  try {
+    statement();
+  } catch (_com_error const& error) {
+    return error.Error();
+  }
+  return S_OK;
+}
 
 }  // namespace
 
@@ -137,45 +156,40 @@ TEST_F(ComFileStream, FailuresAreResultsSaveThatOfStat) {
 TEST_F(ComFileStream, LastReleaseOfEitherKindDeletesItAndClosesItsFile) {
   long const before = open_handles();
   for (bool const com_is_last : {false, true}) {
-    bool gone = false;
-    SmartPtr<CComFileStream> owner = new Mortal<CComFileStream>(gone, file);
+    SmartPtr<CComFileStream> owner = new CComFileStream(file);
     IStream* const held = owner.get();
     EXPECT_EQ(held->AddRef(), 2u);
     com_is_last ? owner.reset() : void(held->Release());
-    EXPECT_FALSE(gone);
+    EXPECT_EQ(open_handles(), before + 1);
     com_is_last ? void(held->Release()) : owner.reset();
-    EXPECT_TRUE(gone);
     EXPECT_EQ(open_handles(), before);
   }
 }
 
 TEST_F(ComFileStream, OpensAPointerOfItsOwnOrNullWithOneLine) {
-  auto const open = [](std::wstring const& path) {
-    return CComFileStream::OpenFileStream(path.c_str(), GENERIC_READ, 7, OPEN_EXISTING);
-  };
   long const before = open_handles();
   {
-    auto const opened = open(name);
+    auto const opened =
+        CComFileStream::OpenFileStream(name.c_str(), GENERIC_READ, 7, OPEN_EXISTING);
     EXPECT_EQ(open_handles(), before + 1);
     EXPECT_EQ(opened->AddRef(), 2u);
     opened->Release();
   }
   EXPECT_EQ(open_handles(), before);
-  {
-    Replacement const unclosed{VELT_CALL(CloseHandle), [](auto...) { return FALSE; }};
-    EXPECT_NE(system_code([&] { open(L"NUL"); }), -1) << "its own handle stays open";
-  }
-  SmartPtr<RecordingWriter> const lines = new RecordingWriter;
-  Debug.AddWriter(lines.get());
-  EXPECT_FALSE(open(L"no.file"));
-  Debug.RemoveWriter(lines.get());
+  auto const lines = MakeCounted<RecordingWriter>();
+  Debug.AddWriter(lines);
+  EXPECT_FALSE(CComFileStream::OpenFileStream(L"no.file", GENERIC_READ, 7, OPEN_EXISTING));
+  Debug.RemoveWriter(lines);
   EXPECT_EQ(lines->all(),
             "CComFileStream::OpenFileStream( \"no.file\" ) - failed to open, error #2\n");
 }
 
 TEST(ComStringStream, SizeIsWhatIsLeftToReadAndSeekMovesBothPositions) {
-  bool gone = false;
-  SmartPtr<CComStringStream> owner = new Mortal<CComStringStream>(gone);
+  static bool gone = false;
+  struct Mortal : CComStringStream {
+    ~Mortal() noexcept override { gone = true; }
+  };
+  SmartPtr<CComStringStream> owner = new Mortal;
   CComStringStream& stream = *owner;
   expect_little(stream);
   EXPECT_EQ(seek(stream, 0, STREAM_SEEK_SET), 0);
@@ -212,12 +226,63 @@ TEST(ComStringStream, OpenedOneHasACopyOfAllText) {
   std::string word;
   source >> word;
   auto const stream = CComStringStream::OpenStringStream(source);
+  SmartPtr<CComStringStream> const owner = static_cast<CComStringStream*>(stream.GetInterfacePtr());
   source.str("another");
   EXPECT_EQ(read(*stream, 9), (Reading{S_OK, "some text"}));
   EXPECT_EQ(write(*stream, "more"), S_OK);
   EXPECT_EQ(seek(*stream, 0, STREAM_SEEK_SET), 0);
   EXPECT_EQ(read(*stream, 9), (Reading{S_OK, "more text"}));
-  EXPECT_EQ(stream->AddRef(), 2u);
-  SmartPtr<CComStringStream> const kept = static_cast<CComStringStream*>(stream.GetInterfacePtr());
-  stream->Release();
+  EXPECT_EQ(owner.use_count(), 2);
+}
+
+TEST(Impersonation, OutsideACallDoesNothingUnlessItIsNeeded) {
+  {
+    Watch watch;
+    { CImpersonationContext const by_default, not_needed(false); }
+    EXPECT_EQ(watch.calls, "");
+  }
+  EXPECT_EQ(com_code([] { CImpersonationContext(CImpersonationContext::NeedImpersonation); }),
+            RPC_E_CALL_COMPLETE);
+}
+
+// The thread acts for itself, with the level that a client would grant.
+TEST(Impersonation, LastsForTheScopeAndAnExceptionIsReportedWithWhatCanBeFoundOut) {
+  auto level = SecurityImpersonation;
+  Replacement const client{VELT_CALL(CoImpersonateClient), [&](auto) {
+                             return ImpersonateSelf(level) ? S_OK : E_FAIL;
+                           }};
+  Replacement const end{VELT_CALL(CoRevertToSelf),
+                        [](auto) { return ::RevertToSelf() ? S_OK : E_FAIL; }};
+  auto const writer = MakeCounted<RecordingWriter>();
+  TDebugStream const writers_before = Debug;
+  Debug.ChangeWriter(writer);
+  {
+    CImpersonationContext const guard;
+    EXPECT_TRUE(is_impersonated());
+  }
+  EXPECT_FALSE(is_impersonated());
+  EXPECT_EQ(writer->all(), "");
+
+  char account[256];
+  DWORD size = sizeof account;
+  ASSERT_TRUE(GetUserNameA(account, &size));
+  struct {
+    SECURITY_IMPERSONATION_LEVEL level;
+    char const *failing, *told_level, *told_account;
+  } const rows[] = {{SecurityIdentification, "", "SecurityIdentification as ", account},
+                    {SecurityImpersonation, "OpenThreadToken", "Unknown as \\\n", ""},
+                    {SecurityDelegation, "LookupAccountSidW", "SecurityDelegation as \\\n", ""}};
+  for (auto const& row : rows) {
+    level = row.level;
+    writer->texts.clear();
+    Watch watch(row.failing);
+    EXPECT_THROW(fail_impersonated(), std::domain_error);
+    EXPECT_TRUE(watch.calls.ends_with("CoRevertToSelf()")) << watch.calls;
+    auto const report = writer->all();
+    EXPECT_TRUE(report.starts_with(std::string("(!) Impersonated with level ") + row.told_level));
+    EXPECT_TRUE(report.ends_with("\\" + std::string(row.told_account) + "\n")) << report;
+  }
+  EXPECT_FALSE(is_impersonated());
+  Debug.ClearWriters();
+  Debug += writers_before;
 }
