@@ -301,9 +301,12 @@ Recursion const recursions[] = {
        auto const length = static_cast<long>(std::strlen(error.what()));
        return next(depth + 1) ^ length;
      }>},
+    // Few statements, since each takes the kernel's lock.
     {"WithALog", with<[](long depth, auto next) {
+       char volatile room[1000];
+       room[0] = 1;
        Debug << static_cast<int>(depth) << '\n';
-       return next(depth + 1) ^ 1;
+       return next(depth + 1) ^ room[0];
      }>},
     // Their own handlers swallow exceptions.
     {"WithStreams", with<[](long depth, auto next) {

@@ -33,7 +33,7 @@ struct Scenario {
 struct Recursion {
   char const* name;
   long (*run)(long depth);
-  int overflows = 2;  // more where the place of the overflow matters
+  int overflows = 10;  // more where the place of the overflow matters
 };
 
 struct Build {
