@@ -36,11 +36,19 @@ struct Recursion {
   int overflows = 10;  // more where the place of the overflow matters
 };
 
+// Ends its process.
+struct End {
+  void (*run)(Fault&);
+  unsigned status;
+  char const* said;
+};
+
 struct Build {
   char const* name;
   std::span<Place const> places;
   std::span<Scenario const> scenarios;
   std::span<Recursion const> recursions;
+  std::span<End const> ends;
 };
 
 Build build_at_o0();

@@ -1,7 +1,11 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <windows.h>
 
 #include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
 #include <functional>
 #include <map>
 #include <string>
@@ -13,8 +17,13 @@
 #include "tests/support/SkippedValues.h"
 #include "velt/diagnostics/Settings.h"
 #include "velt/exceptions/EGeneric.h"
+#include "velt/faults/ThrownObjectInternal.h"
 #include "velt/faults/TranslatorInternal.h"
 #include "velt/value/HolderCacheInternal.h"
+
+// Compiled without the library's options.
+int read_without_option_at_o0(int const volatile* address);
+int read_without_option_at_o2(int const volatile* address);
 
 namespace {
 
@@ -105,6 +114,67 @@ TEST_P(Faults, AreCaughtWhereTheTableSays) {
 TEST_P(Faults, AreCaughtWhateverStandsAroundThem) {
   for (auto const& scenario : GetParam().scenarios)
     EXPECT_EQ(log_of(scenario.run), scenario.log) << scenario.name;
+}
+
+namespace {
+
+// Set by the thread that ends the process.
+velt_test::Fault* last_fault;
+
+void say(std::string const& how) {
+  std::fputs((how + last_fault->log).c_str(), stderr);
+  std::fflush(stderr);
+}
+
+[[noreturn]] void end_terminated() {
+  try {
+    if (!std::current_exception()) say("terminated amid an unwinding");
+    if (std::current_exception()) throw;
+  } catch (EGeneric& error) {
+    say("terminated by " + error["Text"].as_string());
+  } catch (...) {
+    say("terminated by something else");
+  }
+  std::_Exit(3);
+}
+
+// In place of the platform's dialogue. The process ends with the fault's code. A throw
+// goes on to std::terminate, as with the filter of the run time.
+LONG CALLBACK say_unhandled(EXCEPTION_POINTERS* pointers) {
+  if (velt::detail::is_typed_throw(pointers)) return EXCEPTION_CONTINUE_EXECUTION;
+  say("unhandled");
+  return EXCEPTION_EXECUTE_HANDLER;
+}
+
+// On a thread without handlers.
+void end_by(void (*run)(velt_test::Fault&)) {
+  SetUnhandledExceptionFilter(say_unhandled);
+  std::set_terminate(end_terminated);
+  auto const body = [](void* parameter) -> DWORD {
+    velt_test::Fault fault{.nowhere = const_cast<int*>(nowhere), .log = {}};
+    last_fault = &fault;
+    redirect_structured_exceptions();
+    reinterpret_cast<void (*)(velt_test::Fault&)>(parameter)(fault);
+    say("returned ");
+    return 0;
+  };
+  auto const way = reinterpret_cast<void*>(run);
+  WaitForSingleObject(CreateThread(nullptr, 0, body, way, 0, nullptr), INFINITE);
+}
+
+}  // namespace
+
+TEST_P(Faults, EndTheProcessWhereNobodyMayCatchThem) {
+  for (auto const& [run, status, said] : GetParam().ends)
+    EXPECT_EXIT(end_by(run), testing::ExitedWithCode(static_cast<int>(status)),
+                testing::StrEq(said));
+}
+
+// What lies in its frame is not destroyed.
+TEST(Fault, OfFunctionsWithoutTheOptionReachTheirCaller) {
+  temporary_redirect_structured_exceptions const translated;
+  for (auto const read : {read_without_option_at_o0, read_without_option_at_o2})
+    EXPECT_THROW(read(nowhere), EStructuredException);
 }
 
 INSTANTIATE_TEST_SUITE_P(, Faults, ::testing::ValuesIn(builds), [](auto const& test) {

@@ -1,4 +1,4 @@
-// How processes end that fail: each way is run in a process of its own.
+// The library is loaded and unloaded by a process of its own.
 #include <gtest/gtest.h>
 #include <windows.h>
 
@@ -10,48 +10,6 @@
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Imports.h"
 #include "velt/diagnostics/MemoryOptimizer.h"
-
-namespace {
-
-class Crash : public ::testing::TestWithParam<wchar_t const*> {
-protected:
-  void expect_end(std::string const& way, unsigned long status, char const* output) const {
-    velt_test::scratch_folder const folder;
-    auto const process =
-        velt_test::run_program(GetParam(), {std::wstring(way.begin(), way.end())}, folder.path());
-    EXPECT_EQ(process.status, status) << way;
-    EXPECT_EQ(process.output, output) << way;
-    EXPECT_TRUE(std::filesystem::is_empty(folder.path())) << way;
-  }
-};
-
-}  // namespace
-
-TEST_P(Crash, ByAFaultThatNobodyTranslatesHasItsCode) {
-  expect_end("fault_without_try", 0xC0000005, "unhandled c0000005");
-}
-
-TEST_P(Crash, ByAFaultThatMustNotPassIsATermination) {
-  expect_end("fault_under_other_handlers", 3, "terminated by Access Violation (read from 0x10)");
-  expect_end("fault_in_noexcept_with_try", 3, "terminated amid an unwinding");
-  expect_end("new_throw_in_noexcept", 3, "terminated by something else");
-}
-
-TEST_P(Crash, IsPreventedWhereThereIsNoCallSite) {
-  for (char const* way : {"fault_in_destructor", "fault_without_the_option"})
-    expect_end(way, 0, "caught");
-}
-
-// The end of a handler restores the guard, too.
-TEST_P(Crash, ByASecondOverflowIsPreventedByAGuarantee) {
-  expect_end("overflow_twice_without_reset", 0, "caught. caught. went on");
-  expect_end("overflow_on_main_thread_with_guarantee", 0, "caught. caught. went on");
-}
-
-INSTANTIATE_TEST_SUITE_P(, Crash, ::testing::Values(L"crash_O0.exe", L"crash_O2.exe"),
-                         [](auto const& test) {
-                           return std::string(test.index == 0 ? "Unoptimised" : "Optimised");
-                         });
 
 namespace {
 
