@@ -253,30 +253,15 @@ TEST(ProcessorFault, OfEveryKindIsTranslated) {
   }
 }
 
-// The setting of each thread.
+// The setting of each thread, and translators that throw what they like, fail, or decline.
 
 namespace {
 
 std::string calls;
 
-// Called where no frame took the exception; lets the process go on.
-class IgnoredProbes {
-public:
-  IgnoredProbes()
-      : previous(SetUnhandledExceptionFilter([](EXCEPTION_POINTERS*) -> LONG {
-          calls += "unhandled ";
-          return EXCEPTION_CONTINUE_EXECUTION;
-        })) {}
-  ~IgnoredProbes() { SetUnhandledExceptionFilter(previous); }
-
-private:
-  LPTOP_LEVEL_EXCEPTION_FILTER const previous;
-};
-
 void raise_probe() { RaiseException(0xE0000042, 0, 0, nullptr); }
 
 bool is_translated() {
-  IgnoredProbes const probes;
   try {
     raise_probe();
   } catch (EStructuredException&) {
@@ -285,9 +270,26 @@ bool is_translated() {
   return false;
 }
 
+class Translator : public ::testing::Test {
+protected:
+  ~Translator() override {
+    velt::detail::set_translator(nullptr);
+    SetUnhandledExceptionFilter(previous);
+    calls.clear();
+  }
+
+private:
+  // Where no frame took the exception, the process goes on.
+  LPTOP_LEVEL_EXCEPTION_FILTER const previous =
+      SetUnhandledExceptionFilter([](EXCEPTION_POINTERS*) -> LONG {
+        calls += "unhandled ";
+        return EXCEPTION_CONTINUE_EXECUTION;
+      });
+};
+
 }  // namespace
 
-TEST(Redirection, IsOfOneThreadAndLastsToTheEndOfItsScope) {
+TEST_F(Translator, IsOfOneThreadAndLastsToTheEndOfItsScope) {
   EXPECT_FALSE(is_translated());
   {
     temporary_redirect_structured_exceptions const outer;
@@ -305,59 +307,26 @@ TEST(Redirection, IsOfOneThreadAndLastsToTheEndOfItsScope) {
   EXPECT_FALSE(is_translated());
 }
 
-// Translators that throw what they like, fail, or decline.
-
-namespace {
-
-class Translated {
-public:
-  explicit Translated(structured_exception_translator translator)
-      : previous(velt::detail::set_translator(translator)) {
-    calls.clear();
-  }
-  ~Translated() { velt::detail::set_translator(previous); }
-
-private:
-  structured_exception_translator const previous;
-};
-
-}  // namespace
-
 // A fault in a translator would be the next fault to translate, and so on.
-TEST(Translator, IsNotAskedForItsOwnFaults) {
-  IgnoredProbes const probes;
-  Translated const translated([](unsigned int, EXCEPTION_POINTERS*) {
+TEST_F(Translator, IsNotAskedForItsOwnFaults) {
+  velt::detail::set_translator([](unsigned int, EXCEPTION_POINTERS*) {
     calls += "asked ";
     raise_probe();
     throw 1;
   });
-  try {
-    raise_probe();
-  } catch (int) {
-    calls += "caught";
-  }
-  EXPECT_EQ(calls, "asked unhandled caught");
+  EXPECT_THROW(raise_probe(), int);
+  EXPECT_EQ(calls, "asked unhandled ");
 }
 
 // What it catches itself is translated, and does not get in the way of what it
 // throws then.
-TEST(Translator, MayCatchFaultsOfItsOwn) {
-  Translated const translated([](unsigned int, EXCEPTION_POINTERS* pointers) {
+TEST_F(Translator, MayCatchFaultsOfItsOwn) {
+  velt::detail::set_translator([](unsigned int, EXCEPTION_POINTERS* pointers) {
     calls += "asked ";
     if (pointers->ExceptionRecord->ExceptionInformation[1] != 0x10) throw 2;
-    try {
-      result = nowhere[1];
-    } catch (int) {
-      calls += "caught inside ";
-    }
+    EXPECT_THROW(result = nowhere[1], int);
     throw 1;
   });
-  for (int round = 0; round < 2; ++round) {
-    try {
-      result = *nowhere;
-    } catch (int) {
-      calls += "caught. ";
-    }
-  }
-  EXPECT_EQ(calls, "asked asked caught inside caught. asked asked caught inside caught. ");
+  for (int round = 0; round < 2; ++round) EXPECT_THROW(result = *nowhere, int);
+  EXPECT_EQ(calls, "asked asked asked asked ");
 }

@@ -1,63 +1,82 @@
-// The library is loaded and unloaded by a process of its own.
+// Loads the library, unloads it, and goes on to throw. Not linked with the library.
 #include <gtest/gtest.h>
 #include <windows.h>
 
-#include <filesystem>
+#include <cstdlib>
+#include <memory>
 #include <string>
-#include <utility>
-#include <vector>
+#include <string_view>
+#include <typeinfo>
 
-#include "tests/support/ChildProcess.h"
 #include "tests/support/Imports.h"
-#include "velt/diagnostics/MemoryOptimizer.h"
+
+using velt_test::Watch;
+
+VELT_WATCH(AddVectoredExceptionHandler, CloseHandle, CreateEventW, CreateMutexW,
+           DeleteCriticalSection, InitializeCriticalSectionEx, RemoveVectoredExceptionHandler,
+           TlsAlloc, TlsFree);
 
 namespace {
 
-velt_test::finished_process load(std::vector<std::wstring> const& failure = {}) {
-  return velt_test::run_program(L"load_order.exe", failure, std::filesystem::temp_directory_path());
+std::string failing;
+int number;  // of the call that fails
+std::unique_ptr<Watch> watch;
+
+void watch_calls() {
+  watch = std::make_unique<Watch>(failing);
+  watch->passing = number - 1;
 }
 
-int count(std::string const& text, std::string const& call) {
+int made(std::string_view call) {
   int found = 0;
-  for (auto at = text.find(call); at != text.npos; at = text.find(call, at + 1)) ++found;
+  for (auto at = watch->calls.find(call); at != std::string::npos; ++found)
+    at = watch->calls.find(call, at + 1);
   return found;
+}
+
+// Of an exception that the library throws while it is loaded. Nothing but the
+// platform would catch it.
+LONG WINAPI end_with_throw(EXCEPTION_POINTERS* pointers) {
+  constexpr DWORD typed_throw = 0x20474343;
+  if (!watch || pointers->ExceptionRecord->ExceptionCode != typed_throw)
+    return EXCEPTION_CONTINUE_SEARCH;
+  // Ten words before the header that the record points to.
+  auto const header = reinterpret_cast<void**>(pointers->ExceptionRecord->ExceptionInformation[0]);
+  std::string_view const type = static_cast<std::type_info*>(header[-10])->name();
+  if (type == "16ESystemException") std::_Exit(7);
+  return EXCEPTION_CONTINUE_SEARCH;
+}
+
+void fail_to_load(char const* call, int which) {
+  failing = call;
+  number = which;
+  AddVectoredExceptionHandler(1, end_with_throw);
+  velt_test::load_velt(watch_calls);
 }
 
 }  // namespace
 
 TEST(Loading, LeavesNothingBehindWhenItIsUnloaded) {
-  auto const process = load();
-  EXPECT_EQ(process.status, 0u);
-  auto const made = [&](char const* call) { return count(process.output, call); };
-  EXPECT_GE(made("CreateMutexW("), 3);
-  EXPECT_EQ(made("CloseHandle("), made("CreateMutexW(") + made("CreateEventW("));
-  EXPECT_GE(made("DeleteCriticalSection("), 3);
-  EXPECT_GE(made("TlsAlloc("), 3);
-  EXPECT_EQ(made("TlsFree("), made("TlsAlloc("));
-  EXPECT_EQ(made("AddVectoredExceptionHandler("), 3);
-  EXPECT_EQ(made("RemoveVectoredExceptionHandler("), 3);
+  for (int round = 0; round < 3; ++round) {
+    HMODULE const library = velt_test::load_velt(watch_calls);
+    ASSERT_TRUE(library);
+    FreeLibrary(library);
+    EXPECT_FALSE(GetModuleHandleA("velt.dll"));
+    EXPECT_GE(made("CreateMutexW("), 1);
+    EXPECT_EQ(made("CloseHandle("), made("CreateMutexW(") + made("CreateEventW("));
+    EXPECT_GE(made("DeleteCriticalSection("), 1);
+    EXPECT_GE(made("TlsAlloc("), 1);
+    EXPECT_EQ(made("TlsFree("), made("TlsAlloc("));
+    EXPECT_EQ(made("AddVectoredExceptionHandler("), 1);
+    EXPECT_EQ(made("RemoveVectoredExceptionHandler("), 1);
+    watch.reset();
+    EXPECT_THROW(throw round, int);
+  }
 }
 
 TEST(Loading, FailsByAnExceptionThatTheLibraryDoesNotCatch) {
-  for (auto const& [call, number] : {std::pair{L"CreateMutexW", L"1"},
-                                     {L"CreateMutexW", L"4"},
-                                     {L"CreateEventW", L"1"},
-                                     {L"TlsAlloc", L"3"}})
-    EXPECT_EQ(load({call, number}).status, 7u) << number;
-}
-
-TEST(Loading, AsksForLowFragmentationOnNewSystemsOnly) {
-  for (DWORD const version : {40, 50, 51, 60}) {
-    int heaps = 0;
-    velt_test::Replacement const asked{VELT_CALL(GetVersionExW), [&](auto, OSVERSIONINFOW* result) {
-                                         result->dwPlatformId = VER_PLATFORM_WIN32_NT;
-                                         result->dwMajorVersion = version / 10;
-                                         result->dwMinorVersion = version % 10;
-                                         return TRUE;
-                                       }};
-    velt_test::Replacement const set{VELT_CALL(HeapSetInformation),
-                                     [&](auto...) -> BOOL { return ++heaps; }};
-    MemoryOptimizer const optimizer;
-    EXPECT_EQ(heaps, version > 50 ? 2 : 0);
-  }
+  EXPECT_EXIT(fail_to_load("CreateMutexW", 1), testing::ExitedWithCode(7), "");
+  EXPECT_EXIT(fail_to_load("CreateMutexW", 4), testing::ExitedWithCode(7), "");
+  EXPECT_EXIT(fail_to_load("CreateEventW", 1), testing::ExitedWithCode(7), "");
+  EXPECT_EXIT(fail_to_load("TlsAlloc", 3), testing::ExitedWithCode(7), "");
 }
