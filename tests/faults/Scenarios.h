@@ -5,6 +5,7 @@
 #include <climits>
 #include <span>
 #include <string>
+#include <vector>
 
 namespace velt_test {
 
@@ -56,5 +57,9 @@ Build build_at_o1();
 Build build_at_o2();
 Build build_at_o3();
 Build build_of_dll();
+
+inline std::vector<Build> all_builds() {
+  return {build_at_o0(), build_at_o1(), build_at_o2(), build_at_o3(), build_of_dll()};
+}
 
 }  // namespace velt_test

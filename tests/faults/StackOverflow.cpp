@@ -47,9 +47,7 @@ private:
   std::string said = "the thread is gone";
 };
 
-std::vector<velt_test::Build> const builds = {
-    velt_test::build_at_o0(), velt_test::build_at_o1(), velt_test::build_at_o2(),
-    velt_test::build_at_o3(), velt_test::build_of_dll()};
+auto const builds = velt_test::all_builds();
 
 Recursion const& ordinary_recursion = builds[2].recursions[1];
 

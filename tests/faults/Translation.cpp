@@ -1,12 +1,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <windows.h>
+#include <xmmintrin.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
-#include <functional>
 #include <map>
 #include <string>
 #include <thread>
@@ -35,26 +35,18 @@ int volatile result;
 // The processor's control of faults, 0x1F80 as usual.
 class FloatingPoint {
 public:
-  explicit FloatingPoint(unsigned control) { asm volatile("ldmxcsr %0" : : "m"(control)); }
-  ~FloatingPoint() {
-    unsigned const all_masked = 0x1F80;
-    asm volatile("ldmxcsr %0" : : "m"(all_masked));
-  }
+  explicit FloatingPoint(unsigned control) { _mm_setcsr(control); }
+  ~FloatingPoint() { _mm_setcsr(0x1F80); }
 };
 
-// The caught exception's values but for the address, which is where the code
-// happens to lie.
-std::string caught(std::function<void()> const& action) {
+std::string caught(void (*action)()) {
   temporary_redirect_structured_exceptions const translated;
-  std::string list;
   try {
     action();
   } catch (EStructuredException& error) {
-    for (auto const& [name, value] : error.values())
-      list +=
-          (list.empty() ? "" : ", ") + name + (name == "Address" ? "" : " " + value.as_string());
+    return error.what();
   }
-  return list;
+  return {};
 }
 
 // Of an exception made by hand.
@@ -68,10 +60,6 @@ std::string made(DWORD code, std::vector<ULONG_PTR> const& parameters = {}) {
 }
 
 }  // namespace
-
-std::vector<velt_test::Build> const builds = {
-    velt_test::build_at_o0(), velt_test::build_at_o1(), velt_test::build_at_o2(),
-    velt_test::build_at_o3(), velt_test::build_of_dll()};
 
 class Faults : public ::testing::TestWithParam<velt_test::Build> {
 protected:
@@ -177,7 +165,7 @@ TEST(Fault, OfFunctionsWithoutTheOptionReachTheirCaller) {
     EXPECT_THROW(read(nowhere), EStructuredException);
 }
 
-INSTANTIATE_TEST_SUITE_P(, Faults, ::testing::ValuesIn(builds), [](auto const& test) {
+INSTANTIATE_TEST_SUITE_P(, Faults, ::testing::ValuesIn(velt_test::all_builds()), [](auto const& test) {
   return std::to_string(test.index) + test.param.name;
 });
 
@@ -214,13 +202,11 @@ TEST(StructuredException, TellsAccessAndParameters) {
 // The call's frame is the first that can be named.
 TEST(StructuredException, OfACallThroughABadPointerHasThePlaceOfTheCall) {
   VeltDebugSetup(true);
-  for (ULONG_PTR const address : {0, 0x10}) {
-    auto const list = caught([volatile_address = &address] {
-      reinterpret_cast<void (*)()>(*static_cast<ULONG_PTR const volatile*>(volatile_address))();
-    });
-    for (char const* name : {", ModuleName ", ", AddressName ", ", Stack "})
-      EXPECT_TRUE(list.find(name) != list.npos) << list;
-    EXPECT_TRUE(list.find("translation_tests") != list.npos) << list;
+  for (auto const call : {+[] { reinterpret_cast<void (*)()>(nowhere - 4)(); },
+                          +[] { reinterpret_cast<void (*)()>(nowhere)(); }}) {
+    auto const list = caught(call);
+    for (char const* part : {"\nModuleName: translation_tests", "\nAddressName: ", "\nStack: "})
+      EXPECT_TRUE(list.find(part) != list.npos) << list;
   }
   VeltDebugSetup(false);
 }
@@ -234,18 +220,18 @@ TEST(ProcessorFault, OfEveryKindIsTranslated) {
          static char data[] = "\xC3";
          reinterpret_cast<void (*)()>(reinterpret_cast<ULONG_PTR>(data))();
        },
-       "Text Access Violation (write to 0x"},
-      {[] { asm volatile("ud2"); }, "Text Illegal Instruction, Code -1073741795, Address"},
-      {[] { asm volatile("int3"); }, "Text Breakpoint, Code -2147483645, Address"},
+       "Text: Access Violation (write to 0x"},
+      {[] { asm volatile("ud2"); }, "Text: Illegal Instruction\nCode: -1073741795 "},
+      {[] { asm volatile("int3"); }, "Text: Breakpoint\nCode: -2147483645 "},
       {[] { asm volatile("pushfq; orq $0x100, (%rsp); popfq; nop; nop"); },
-       "Text Debugger Exception, Code -2147483644, Address"},
-      {[] { asm volatile("hlt"); }, "Text Privileged Instruction, Code -1073741674, Address"},
+       "Text: Debugger Exception\nCode: -2147483644 "},
+      {[] { asm volatile("hlt"); }, "Text: Privileged Instruction\nCode: -1073741674 "},
       {[] {
          FloatingPoint const traps(0x1D80);
-         double volatile one = 1, nothing = 0;
-         one = one / nothing;
+         double volatile nothing = 0;
+         nothing = 1 / nothing;
        },
-       "Text FPU Error, Code "},
+       "Text: FPU Error\nCode: "},
   };
   for (auto const& [action, expected] : rows) {
     auto const list = caught(action);
