@@ -13,8 +13,8 @@
 using velt_test::Watch;
 
 VELT_WATCH(AddVectoredExceptionHandler, CloseHandle, CreateEventW, CreateMutexW,
-           DeleteCriticalSection, InitializeCriticalSectionEx, RemoveVectoredExceptionHandler,
-           TlsAlloc, TlsFree);
+           DeleteCriticalSection, InitializeCriticalSectionEx, OutputDebugStringA,
+           RemoveVectoredExceptionHandler, TlsAlloc, TlsFree);
 
 namespace {
 
@@ -54,7 +54,35 @@ void fail_to_load(char const* call, int which) {
   velt_test::load_velt(watch_calls);
 }
 
+void turn_on_shadow_stacks() {
+  static velt_test::Replacement const policy{
+      VELT_CALL(GetProcessMitigationPolicy), [](auto, HANDLE, auto, void* result, SIZE_T) -> BOOL {
+        static_cast<PROCESS_MITIGATION_USER_SHADOW_STACK_POLICY*>(result)->EnableUserShadowStack = 1;
+        return TRUE;
+      }};
+  watch_calls();
+}
+
+// Ends with 8 if the library loads and says so.
+[[noreturn]] void load_and_expect(char const* line, void (*patch)()) {
+  bool const is_loaded = velt_test::load_velt(patch);
+  std::_Exit(is_loaded && made(line) == 1 && made("(!)") == 1 ? 8 : 9);
+}
+
 }  // namespace
+
+TEST(Loading, SaysWhatItDoesWithout) {
+  EXPECT_EXIT(load_and_expect("(!) velt: shadow stacks are on", turn_on_shadow_stacks),
+              testing::ExitedWithCode(8), "");
+  // The later slots lie elsewhere.
+  EXPECT_EXIT(
+      {
+        for (int i = 0; i < TLS_MINIMUM_AVAILABLE; ++i) TlsAlloc();
+        load_and_expect("(!) velt: thread slots lie elsewhere", watch_calls);
+      },
+      testing::ExitedWithCode(8), "");
+  EXPECT_EXIT(load_and_expect("(!)", watch_calls), testing::ExitedWithCode(9), "");
+}
 
 TEST(Loading, LeavesNothingBehindWhenItIsUnloaded) {
   for (int round = 0; round < 3; ++round) {
