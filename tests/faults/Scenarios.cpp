@@ -170,6 +170,13 @@ void under_a_nearer_handler(Fault& fault) {
   fault.log += "undisturbed";
 }
 
+void in_a_destructor(Fault& fault) {
+  struct Object {
+    Fault& its;
+    ~Object() { its.result = *its.nowhere; }
+  } const object{fault};
+}
+
 // Kept, and thrown again where nothing must be thrown.
 std::exception_ptr kept_of(Fault& fault) {
   try {
@@ -203,10 +210,61 @@ Scenario const scenarios[] = {
     {"InFramesOfUnknownSize", [](Fault& fault) { recurse_with_pointer(fault, 2); },
      "~frame ~frame ~frame next"},
     {"InADestructorOfItsUnwinding", in_a_destructor_of_its_unwinding, "~object 20 next"},
+    {"InADestructor", in_a_destructor, "next"},
     {"InACallbackOfTheSystem", in_a_callback_of_the_system, "~callback ~caller next"},
     {"UnderANearerHandler", under_a_nearer_handler, "bad undisturbed"},
     {"KeptAndThrownPastNoexcept", [](Fault& fault) { throw_kept(kept_of(fault)); }, "next"},
     {"InTheRunTime", in_the_run_time, "bad ~note next"},
+};
+
+// Under no handler, or past where none may pass.
+
+void without_try(Fault& fault) {
+  Note const note{fault.log, "note"};
+  fault.result = read(fault.nowhere);
+}
+
+void in_try_for_others(Fault& fault) {
+  try {
+    without_try(fault);
+  } catch (int) {
+    fault.log += "caught";
+  }
+}
+
+[[gnu::noipa]] void in_noexcept_with_try(Fault& fault) noexcept {
+  try {
+    fault.result = read(fault.nowhere);
+  } catch (int) {
+    fault.log += "caught";
+  }
+}
+
+[[gnu::noipa]] void throw_in_handler(Fault& fault) {
+  try {
+    without_try(fault);
+  } catch (EStructuredException&) {
+    fault.log.clear();
+    throw 1;
+  }
+}
+
+[[gnu::noipa]] void handle_in_noexcept(Fault& fault) noexcept { throw_in_handler(fault); }
+
+// The compiler must take the handler for one that is needed.
+[[gnu::noipa]] void in_try(Fault& fault, void (*run)(Fault&)) {
+  try {
+    run(fault);
+  } catch (...) {
+    fault.log += "caught";
+  }
+}
+
+End const ends[] = {
+    {without_try, 0xC0000005, "unhandled"},
+    {in_try_for_others, 3, "terminated by Access Violation (read from 0x10)"},
+    {[](Fault& fault) { in_try(fault, in_noexcept_with_try); }, 3, "terminated amid an unwinding"},
+    {[](Fault& fault) { in_try(fault, handle_in_noexcept); }, 3, "terminated by something else"},
 };
 
 // Recursions. What is done with their results keeps them from becoming loops.
@@ -287,6 +345,14 @@ Recursion const recursions[] = {
        std::free(block);
        return result;
      }>, 64},
+    // Frees what it finds: nothing else in the heap goes as deep under its lock.
+    {"WithFreedBlocks", with<[](long depth, auto next) {
+       static std::vector<std::unique_ptr<char[]>> blocks(7000);
+       if (depth == 1)
+         for (auto& block : blocks) block.reset(new char[20]);
+       blocks[depth % blocks.size()].reset();
+       return next(depth + 1) ^ depth % 3;
+     }>},
     {"WithValues", with<[](long depth, auto next) {
        _value_t const first(static_cast<int>(depth)), second(first);
        return next(depth + 1) ^ static_cast<int>(second);
@@ -301,9 +367,12 @@ Recursion const recursions[] = {
        auto const length = static_cast<long>(std::strlen(error.what()));
        return next(depth + 1) ^ length;
      }>},
+    // Few statements, since each takes the kernel's lock.
     {"WithALog", with<[](long depth, auto next) {
+       char volatile room[1000];
+       room[0] = 1;
        Debug << static_cast<int>(depth) << '\n';
-       return next(depth + 1) ^ 1;
+       return next(depth + 1) ^ room[0];
      }>},
     // Their own handlers swallow exceptions.
     {"WithStreams", with<[](long depth, auto next) {
@@ -315,6 +384,6 @@ Recursion const recursions[] = {
 
 }  // namespace
 
-VELT_BUILD_API Build VELT_BUILD() { return {VELT_BUILD_NAME, places, scenarios, recursions}; }
+VELT_BUILD_API Build VELT_BUILD() { return {VELT_BUILD_NAME, places, scenarios, recursions, ends}; }
 
 }  // namespace velt_test

@@ -5,6 +5,7 @@
 #include <climits>
 #include <span>
 #include <string>
+#include <vector>
 
 namespace velt_test {
 
@@ -33,7 +34,14 @@ struct Scenario {
 struct Recursion {
   char const* name;
   long (*run)(long depth);
-  int overflows = 2;  // more where the place of the overflow matters
+  int overflows = 10;  // more where the place of the overflow matters
+};
+
+// Ends its process.
+struct End {
+  void (*run)(Fault&);
+  unsigned status;
+  char const* said;
 };
 
 struct Build {
@@ -41,6 +49,7 @@ struct Build {
   std::span<Place const> places;
   std::span<Scenario const> scenarios;
   std::span<Recursion const> recursions;
+  std::span<End const> ends;
 };
 
 Build build_at_o0();
@@ -48,5 +57,9 @@ Build build_at_o1();
 Build build_at_o2();
 Build build_at_o3();
 Build build_of_dll();
+
+inline std::vector<Build> all_builds() {
+  return {build_at_o0(), build_at_o1(), build_at_o2(), build_at_o3(), build_of_dll()};
+}
 
 }  // namespace velt_test

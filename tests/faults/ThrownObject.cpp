@@ -147,24 +147,30 @@ TEST(ForeignThrownObject, HasACleanNameAndTheTypeOfOursThatReadsAlike) {
 
 // Any module may raise such a code with any parameters.
 TEST(ThrownObject, IsOnlyInTheRecordsOfThrows) {
-  std::uint64_t of_another_language[32] = {0x474E554300000000};
-  ForeignThrow sound;
-  EXCEPTION_RECORD records[8] = {};
-  records[1].ExceptionCode = EXCEPTION_ACCESS_VIOLATION;
-  for (auto const own : {&records[2], &records[3], &records[4]}) {
-    own->ExceptionCode = own_throw_code;
-    own->NumberParameters = own == &records[2] ? 0 : 1;
-  }
-  records[3].ExceptionInformation[0] = 0x10;
-  records[4].ExceptionInformation[0] = sound.address(of_another_language);
-  for (auto const foreign : {&records[5], &records[6], &records[7]}) *foreign = sound.record;
-  records[5].NumberParameters = 2;
-  records[6].ExceptionInformation[2] = 0;  // as in a throw without operand
-  records[7].ExceptionInformation[0] = 0x19930519;
-  for (auto& record : records) {
-    EXCEPTION_POINTERS pointers{&record, nullptr};
-    EXPECT_FALSE(ThrownTypeIs(&pointers, typeid(EGeneric)));
-    EXPECT_EQ(ThrownTypeName(&pointers), "");
+  std::uint64_t const of_another_language[32] = {0x474E554300000000};
+  ForeignThrow thrown;
+  thrown.add(".?AVEGeneric@@");
+  auto const types = thrown.record.ExceptionInformation[2];
+  struct {
+    DWORD code, count;
+    ULONG_PTR first, types;
+  } const rows[] = {
+      {0, 4, 0x19930520, types},
+      {EXCEPTION_ACCESS_VIOLATION, 4, 0x19930520, types},
+      {own_throw_code, 0, 0, 0},
+      {own_throw_code, 1, 0x10, 0},
+      {own_throw_code, 1, thrown.address(of_another_language), 0},
+      {foreign_throw_code, 2, 0x19930520, types},
+      {foreign_throw_code, 4, 0x19930520, 0},  // as in a throw without operand
+      {foreign_throw_code, 4, 0x19930519, types},
+  };
+  for (auto const& [code, count, first, at] : rows) {
+    thrown.record.ExceptionCode = code;
+    thrown.record.NumberParameters = count;
+    thrown.record.ExceptionInformation[0] = first;
+    thrown.record.ExceptionInformation[2] = at;
+    EXPECT_FALSE(ThrownTypeIs(&thrown.pointers, typeid(EGeneric)));
+    EXPECT_EQ(ThrownTypeName(&thrown.pointers), "");
   }
   EXPECT_FALSE(is_typed_throw(nullptr));
 }

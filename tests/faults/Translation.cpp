@@ -1,8 +1,12 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <windows.h>
+#include <xmmintrin.h>
 
 #include <algorithm>
-#include <functional>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
 #include <map>
 #include <string>
 #include <thread>
@@ -13,8 +17,13 @@
 #include "tests/support/SkippedValues.h"
 #include "velt/diagnostics/Settings.h"
 #include "velt/exceptions/EGeneric.h"
+#include "velt/faults/ThrownObjectInternal.h"
 #include "velt/faults/TranslatorInternal.h"
 #include "velt/value/HolderCacheInternal.h"
+
+// Compiled without the library's options.
+int read_without_option_at_o0(int const volatile* address);
+int read_without_option_at_o2(int const volatile* address);
 
 namespace {
 
@@ -26,26 +35,18 @@ int volatile result;
 // The processor's control of faults, 0x1F80 as usual.
 class FloatingPoint {
 public:
-  explicit FloatingPoint(unsigned control) { asm volatile("ldmxcsr %0" : : "m"(control)); }
-  ~FloatingPoint() {
-    unsigned const all_masked = 0x1F80;
-    asm volatile("ldmxcsr %0" : : "m"(all_masked));
-  }
+  explicit FloatingPoint(unsigned control) { _mm_setcsr(control); }
+  ~FloatingPoint() { _mm_setcsr(0x1F80); }
 };
 
-// The caught exception's values but for the address, which is where the code
-// happens to lie.
-std::string caught(std::function<void()> const& action) {
+std::string caught(void (*action)()) {
   temporary_redirect_structured_exceptions const translated;
-  std::string list;
   try {
     action();
   } catch (EStructuredException& error) {
-    for (auto const& [name, value] : error.values())
-      list +=
-          (list.empty() ? "" : ", ") + name + (name == "Address" ? "" : " " + value.as_string());
+    return error.what();
   }
-  return list;
+  return {};
 }
 
 // Of an exception made by hand.
@@ -59,10 +60,6 @@ std::string made(DWORD code, std::vector<ULONG_PTR> const& parameters = {}) {
 }
 
 }  // namespace
-
-std::vector<velt_test::Build> const builds = {
-    velt_test::build_at_o0(), velt_test::build_at_o1(), velt_test::build_at_o2(),
-    velt_test::build_at_o3(), velt_test::build_of_dll()};
 
 class Faults : public ::testing::TestWithParam<velt_test::Build> {
 protected:
@@ -107,7 +104,68 @@ TEST_P(Faults, AreCaughtWhateverStandsAroundThem) {
     EXPECT_EQ(log_of(scenario.run), scenario.log) << scenario.name;
 }
 
-INSTANTIATE_TEST_SUITE_P(, Faults, ::testing::ValuesIn(builds), [](auto const& test) {
+namespace {
+
+// Set by the thread that ends the process.
+velt_test::Fault* last_fault;
+
+void say(std::string const& how) {
+  std::fputs((how + last_fault->log).c_str(), stderr);
+  std::fflush(stderr);
+}
+
+[[noreturn]] void end_terminated() {
+  try {
+    if (!std::current_exception()) say("terminated amid an unwinding");
+    if (std::current_exception()) throw;
+  } catch (EGeneric& error) {
+    say("terminated by " + error["Text"].as_string());
+  } catch (...) {
+    say("terminated by something else");
+  }
+  std::_Exit(3);
+}
+
+// In place of the platform's dialogue. The process ends with the fault's code. A throw
+// goes on to std::terminate, as with the filter of the run time.
+LONG CALLBACK say_unhandled(EXCEPTION_POINTERS* pointers) {
+  if (velt::detail::is_typed_throw(pointers)) return EXCEPTION_CONTINUE_EXECUTION;
+  say("unhandled");
+  return EXCEPTION_EXECUTE_HANDLER;
+}
+
+// On a thread without handlers.
+void end_by(void (*run)(velt_test::Fault&)) {
+  SetUnhandledExceptionFilter(say_unhandled);
+  std::set_terminate(end_terminated);
+  auto const body = [](void* parameter) -> DWORD {
+    velt_test::Fault fault{.nowhere = const_cast<int*>(nowhere), .log = {}};
+    last_fault = &fault;
+    redirect_structured_exceptions();
+    reinterpret_cast<void (*)(velt_test::Fault&)>(parameter)(fault);
+    say("returned ");
+    return 0;
+  };
+  auto const way = reinterpret_cast<void*>(run);
+  WaitForSingleObject(CreateThread(nullptr, 0, body, way, 0, nullptr), INFINITE);
+}
+
+}  // namespace
+
+TEST_P(Faults, EndTheProcessWhereNobodyMayCatchThem) {
+  for (auto const& [run, status, said] : GetParam().ends)
+    EXPECT_EXIT(end_by(run), testing::ExitedWithCode(static_cast<int>(status)),
+                testing::StrEq(said));
+}
+
+// What lies in its frame is not destroyed.
+TEST(Fault, OfFunctionsWithoutTheOptionReachTheirCaller) {
+  temporary_redirect_structured_exceptions const translated;
+  for (auto const read : {read_without_option_at_o0, read_without_option_at_o2})
+    EXPECT_THROW(read(nowhere), EStructuredException);
+}
+
+INSTANTIATE_TEST_SUITE_P(, Faults, ::testing::ValuesIn(velt_test::all_builds()), [](auto const& test) {
   return std::to_string(test.index) + test.param.name;
 });
 
@@ -144,13 +202,11 @@ TEST(StructuredException, TellsAccessAndParameters) {
 // The call's frame is the first that can be named.
 TEST(StructuredException, OfACallThroughABadPointerHasThePlaceOfTheCall) {
   VeltDebugSetup(true);
-  for (ULONG_PTR const address : {0, 0x10}) {
-    auto const list = caught([volatile_address = &address] {
-      reinterpret_cast<void (*)()>(*static_cast<ULONG_PTR const volatile*>(volatile_address))();
-    });
-    for (char const* name : {", ModuleName ", ", AddressName ", ", Stack "})
-      EXPECT_TRUE(list.find(name) != list.npos) << list;
-    EXPECT_TRUE(list.find("translation_tests") != list.npos) << list;
+  for (auto const call : {+[] { reinterpret_cast<void (*)()>(nowhere - 4)(); },
+                          +[] { reinterpret_cast<void (*)()>(nowhere)(); }}) {
+    auto const list = caught(call);
+    for (char const* part : {"\nModuleName: translation_tests", "\nAddressName: ", "\nStack: "})
+      EXPECT_TRUE(list.find(part) != list.npos) << list;
   }
   VeltDebugSetup(false);
 }
@@ -164,18 +220,18 @@ TEST(ProcessorFault, OfEveryKindIsTranslated) {
          static char data[] = "\xC3";
          reinterpret_cast<void (*)()>(reinterpret_cast<ULONG_PTR>(data))();
        },
-       "Text Access Violation (write to 0x"},
-      {[] { asm volatile("ud2"); }, "Text Illegal Instruction, Code -1073741795, Address"},
-      {[] { asm volatile("int3"); }, "Text Breakpoint, Code -2147483645, Address"},
+       "Text: Access Violation (write to 0x"},
+      {[] { asm volatile("ud2"); }, "Text: Illegal Instruction\nCode: -1073741795 "},
+      {[] { asm volatile("int3"); }, "Text: Breakpoint\nCode: -2147483645 "},
       {[] { asm volatile("pushfq; orq $0x100, (%rsp); popfq; nop; nop"); },
-       "Text Debugger Exception, Code -2147483644, Address"},
-      {[] { asm volatile("hlt"); }, "Text Privileged Instruction, Code -1073741674, Address"},
+       "Text: Debugger Exception\nCode: -2147483644 "},
+      {[] { asm volatile("hlt"); }, "Text: Privileged Instruction\nCode: -1073741674 "},
       {[] {
          FloatingPoint const traps(0x1D80);
-         double volatile one = 1, nothing = 0;
-         one = one / nothing;
+         double volatile nothing = 0;
+         nothing = 1 / nothing;
        },
-       "Text FPU Error, Code "},
+       "Text: FPU Error\nCode: "},
   };
   for (auto const& [action, expected] : rows) {
     auto const list = caught(action);
@@ -183,30 +239,15 @@ TEST(ProcessorFault, OfEveryKindIsTranslated) {
   }
 }
 
-// The setting of each thread.
+// The setting of each thread, and translators that throw what they like, fail, or decline.
 
 namespace {
 
 std::string calls;
 
-// Called where no frame took the exception; lets the process go on.
-class IgnoredProbes {
-public:
-  IgnoredProbes()
-      : previous(SetUnhandledExceptionFilter([](EXCEPTION_POINTERS*) -> LONG {
-          calls += "unhandled ";
-          return EXCEPTION_CONTINUE_EXECUTION;
-        })) {}
-  ~IgnoredProbes() { SetUnhandledExceptionFilter(previous); }
-
-private:
-  LPTOP_LEVEL_EXCEPTION_FILTER const previous;
-};
-
 void raise_probe() { RaiseException(0xE0000042, 0, 0, nullptr); }
 
 bool is_translated() {
-  IgnoredProbes const probes;
   try {
     raise_probe();
   } catch (EStructuredException&) {
@@ -215,9 +256,26 @@ bool is_translated() {
   return false;
 }
 
+class Translator : public ::testing::Test {
+protected:
+  ~Translator() override {
+    velt::detail::set_translator(nullptr);
+    SetUnhandledExceptionFilter(previous);
+    calls.clear();
+  }
+
+private:
+  // Where no frame took the exception, the process goes on.
+  LPTOP_LEVEL_EXCEPTION_FILTER const previous =
+      SetUnhandledExceptionFilter([](EXCEPTION_POINTERS*) -> LONG {
+        calls += "unhandled ";
+        return EXCEPTION_CONTINUE_EXECUTION;
+      });
+};
+
 }  // namespace
 
-TEST(Redirection, IsOfOneThreadAndLastsToTheEndOfItsScope) {
+TEST_F(Translator, IsOfOneThreadAndLastsToTheEndOfItsScope) {
   EXPECT_FALSE(is_translated());
   {
     temporary_redirect_structured_exceptions const outer;
@@ -235,59 +293,26 @@ TEST(Redirection, IsOfOneThreadAndLastsToTheEndOfItsScope) {
   EXPECT_FALSE(is_translated());
 }
 
-// Translators that throw what they like, fail, or decline.
-
-namespace {
-
-class Translated {
-public:
-  explicit Translated(structured_exception_translator translator)
-      : previous(velt::detail::set_translator(translator)) {
-    calls.clear();
-  }
-  ~Translated() { velt::detail::set_translator(previous); }
-
-private:
-  structured_exception_translator const previous;
-};
-
-}  // namespace
-
 // A fault in a translator would be the next fault to translate, and so on.
-TEST(Translator, IsNotAskedForItsOwnFaults) {
-  IgnoredProbes const probes;
-  Translated const translated([](unsigned int, EXCEPTION_POINTERS*) {
+TEST_F(Translator, IsNotAskedForItsOwnFaults) {
+  velt::detail::set_translator([](unsigned int, EXCEPTION_POINTERS*) {
     calls += "asked ";
     raise_probe();
     throw 1;
   });
-  try {
-    raise_probe();
-  } catch (int) {
-    calls += "caught";
-  }
-  EXPECT_EQ(calls, "asked unhandled caught");
+  EXPECT_THROW(raise_probe(), int);
+  EXPECT_EQ(calls, "asked unhandled ");
 }
 
 // What it catches itself is translated, and does not get in the way of what it
 // throws then.
-TEST(Translator, MayCatchFaultsOfItsOwn) {
-  Translated const translated([](unsigned int, EXCEPTION_POINTERS* pointers) {
+TEST_F(Translator, MayCatchFaultsOfItsOwn) {
+  velt::detail::set_translator([](unsigned int, EXCEPTION_POINTERS* pointers) {
     calls += "asked ";
     if (pointers->ExceptionRecord->ExceptionInformation[1] != 0x10) throw 2;
-    try {
-      result = nowhere[1];
-    } catch (int) {
-      calls += "caught inside ";
-    }
+    EXPECT_THROW(result = nowhere[1], int);
     throw 1;
   });
-  for (int round = 0; round < 2; ++round) {
-    try {
-      result = *nowhere;
-    } catch (int) {
-      calls += "caught. ";
-    }
-  }
-  EXPECT_EQ(calls, "asked asked caught inside caught. asked asked caught inside caught. ");
+  for (int round = 0; round < 2; ++round) EXPECT_THROW(result = *nowhere, int);
+  EXPECT_EQ(calls, "asked asked asked asked ");
 }

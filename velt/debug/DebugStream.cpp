@@ -16,7 +16,6 @@
 #include "velt/base/LastErrorInternal.h"
 #include "velt/base/LoadOrderInternal.h"
 #include "velt/faults/StackOverflowException.h"
-#include "velt/faults/TranslatorInternal.h"
 #include "velt/text/Encoding.h"
 #include "velt/text/Format.h"
 
@@ -129,7 +128,7 @@ void TDebugStream::send(char const* text, unsigned __int64 size) {
     } catch (EStackOverflowException const&) {
       // Not the writer's failure; and only the caller's handler can give the stack
       // its guard back.
-      velt::detail::throw_on_leanly();
+      throw;
     } catch (...) {
       drop(index, writer);
       --index;

@@ -8,7 +8,6 @@
 
 #include "velt/exceptions/EGeneric.h"
 #include "velt/faults/StackOverflowException.h"
-#include "velt/faults/TranslatorInternal.h"
 #include "velt/value/HoldersInternal.h"
 
 namespace {
@@ -64,7 +63,7 @@ void append_value_or_nothing(std::string& text, _value_t const& value) {
   try {
     append_value(text, value);
   } catch (EStackOverflowException const&) {
-    velt::detail::throw_on_leanly();
+    throw;
   } catch (...) {
     text.resize(length);
   }
@@ -74,7 +73,7 @@ std::string text_or_nothing(_value_t const& value) {
   try {
     return value.get<std::string>();
   } catch (EStackOverflowException const&) {
-    velt::detail::throw_on_leanly();
+    throw;
   } catch (...) {
     return std::string();
   }
@@ -99,7 +98,7 @@ std::string text_or_nothing(_value_t const& value) {
   }
   return buffer.c_str();
 } catch (EStackOverflowException const&) {
-  velt::detail::throw_on_leanly();
+  throw;
 } catch (...) {
   return nullptr;
 }

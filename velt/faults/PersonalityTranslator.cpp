@@ -21,11 +21,20 @@
 // would end the process are passed in this way too: for the throw, the function
 // below the fault returns to the first frame behind them.
 //
+// Nor is there room for a throw as the run time does it. It keeps its search on the
+// stack until it reaches the first frame with a destructor, and raises the step into
+// that frame as another exception on top, which takes 12 KB under Wine. So where the
+// stack has run out, the first frame of ours drops the search once it has found the
+// handler. The unwinding goes on from a function below that frame, as after a
+// destructor.
+//
 // A vectored handler could not translate faults. It sees a fault before the
 // handlers that frames of other languages have for it. And its throw would reach the
 // frame with the fault from a function that this frame has not called.
+#include <unwind.h>
 #include <windows.h>
 
+#include <cstddef>
 #include <exception>
 #include <optional>
 
@@ -48,8 +57,8 @@ extern "C" void velt_enter_translator(unsigned int code, _EXCEPTION_POINTERS* po
 namespace velt::detail {
 struct fault_report;
 }
-extern "C" void velt_land_below_fault(velt::detail::fault_report*, ULONG64 rip, ULONG64 rsp);
-extern "C" void velt_translate_report(velt::detail::fault_report* report);
+extern "C" void velt_land_below(void* argument, ULONG64 rip, ULONG64 rsp, void (*go_on)(void*));
+extern "C" personality_routine velt_leave_landing;
 extern "C" void velt_end_heap_call();
 extern "C" [[noreturn]] void velt_land_behind_heap_call();
 
@@ -74,23 +83,24 @@ velt_enter_translator:
 )");
 
 // To an unwinder the function looks like an interrupt handler that the processor
-// called at the faulting instruction: above its frame lies a machine frame with the
-// instruction pointer (lowest) and the stack pointer (fourth) to continue with. The
-// other registers are unchanged. `cld`, since compiled code expects the direction
-// flag to be clear and the code that faulted may have set it.
+// called at the instruction of the frame above: above its own frame lies a machine
+// frame with the instruction pointer (lowest) and the stack pointer (fourth) to
+// continue with. The other registers are unchanged. `cld`, since compiled code expects
+// the direction flag to be clear and the code that faulted may have set it.
 asm(R"(
   .text
-  .def velt_land_below_fault; .scl 3; .type 32; .endef
-  .seh_proc velt_land_below_fault
-velt_land_below_fault:
+  .def velt_land_below; .scl 3; .type 32; .endef
+  .seh_proc velt_land_below
+velt_land_below:
   .seh_pushframe
   subq $40, %rsp
   .seh_stackalloc 40
   .seh_endprologue
+  .seh_handler velt_leave_landing, @unwind
   movq %rdx, 40(%rsp)
   movq %r8, 64(%rsp)
   cld
-  call velt_translate_report
+  call *%r9
   ud2
   .seh_endproc
 )");
@@ -129,6 +139,7 @@ struct open_fault {
 VELT_LOAD_STEP(translator_slots) thread_slot<void(unsigned int, _EXCEPTION_POINTERS*)> translators;
 VELT_LOAD_STEP(translator_slots) thread_slot<open_fault> open_faults;
 VELT_LOAD_STEP(translator_slots) thread_slot<fault_report> reports_behind_heap_calls;
+VELT_LOAD_STEP(translator_slots) thread_slot<void> places_of_overflows;
 
 void close(open_fault const& fault) noexcept {
   open_faults.set(fault.outer);
@@ -198,22 +209,35 @@ fault_report* report_of(EXCEPTION_RECORD const& record, CONTEXT const& context) 
   return report;
 }
 
-// Changes the place, which was that of the fault, so that the thread continues in
-// velt_land_below_fault.
-void land_below(EXCEPTION_RECORD const& record, CONTEXT& place, fault_report* report,
-                void* establisher) noexcept {
+// Changes the place so that the thread continues in the function, which must not return,
+// on a frame directly below the bottom.
+void land_below(CONTEXT& place, ULONG64 bottom, void (*go_on)(void*), void* argument) noexcept {
+  constexpr ULONG64 machine_frame = 40;  // five words, as the processor pushes them
+  place.Rcx = reinterpret_cast<ULONG64>(argument);
+  place.Rdx = place.Rip;
+  place.R8 = place.Rsp;
+  place.R9 = reinterpret_cast<ULONG64>(go_on);
+  place.Rip = reinterpret_cast<ULONG64>(&velt_land_below);
+  place.Rsp = (bottom & ~ULONG64{15}) - machine_frame;
+}
+
+// The search has ended already, so a translator that returns leaves nothing to resume.
+void translate_report(void* argument) {
+  auto const report = static_cast<fault_report*>(argument);
+  call_translator(translators.get(), &report->record, &report->context, report);
+  std::terminate();
+}
+
+// Changes the place, which was that of the fault, so that the thread throws from below it.
+void land_below_fault(EXCEPTION_RECORD const& record, CONTEXT& place, fault_report* report,
+                      void* establisher) noexcept {
   ULONG64 const bottom = place.Rsp;
   DWORD const flags = place.ContextFlags;
   report->walker = report->context;
   pass_stopping_frames(record, place, report->walker, establisher);
   // The walker's flags lack the extended state, which still lies behind the context.
   place.ContextFlags = flags;
-  constexpr ULONG64 machine_frame = 40;  // five words, as the processor pushes them
-  place.Rcx = reinterpret_cast<ULONG64>(report);
-  place.Rdx = place.Rip;
-  place.R8 = place.Rsp;
-  place.Rip = reinterpret_cast<ULONG64>(&velt_land_below_fault);
-  place.Rsp = (bottom & ~ULONG64{15}) - machine_frame;
+  land_below(place, bottom, translate_report, report);
 }
 
 // Changes the context so that the exception is thrown from below the fault. False if
@@ -227,14 +251,14 @@ bool redirect_below_fault(EXCEPTION_RECORD const& record, CONTEXT& context,
   if (!report) return false;
   auto const return_address = leave_heap_call(report->context, report->walker);
   if (!return_address) {
-    land_below(record, context, report, establisher);
+    land_below_fault(record, context, report, establisher);
     return true;
   }
   // Within the call, since the address behind it may have another call site.
   --report->context.Rip;
   report->record.ExceptionAddress = reinterpret_cast<void*>(report->context.Rip);
   report->landing = report->context;
-  land_below(record, report->landing, report, establisher);
+  land_below_fault(record, report->landing, report, establisher);
   reports_behind_heap_calls.set(report);
   *return_address = reinterpret_cast<ULONG64>(&velt_end_heap_call);
   return true;
@@ -265,8 +289,9 @@ EXCEPTION_DISPOSITION search(EXCEPTION_RECORD* record, void* establisher, CONTEX
   // In a frame that called something, the return address may lie behind the try block.
   if (!has_catch_for(frame, faulted ? frame.ControlPc : frame.ControlPc - 1))
     return ExceptionContinueSearch;
-  if ((record->ExceptionCode == EXCEPTION_STACK_OVERFLOW ||
-       has_stopping_frames(*record, *context, establisher)) &&
+  bool const overflowed = record->ExceptionCode == EXCEPTION_STACK_OVERFLOW;
+  if (overflowed) places_of_overflows.set(reinterpret_cast<void*>(context->Rsp));
+  if ((overflowed || has_stopping_frames(*record, *context, establisher)) &&
       redirect_below_fault(*record, *context, establisher))
     return ExceptionContinueExecution;
   call_translator(translator, record, context);
@@ -302,10 +327,32 @@ EXCEPTION_DISPOSITION search(EXCEPTION_RECORD* record, void* establisher, CONTEX
          !call_site_at(frame, faulted ? frame.ControlPc : frame.ControlPc - 1);
 }
 
+// Whether the throw still lies on the stack below the frame, where the stack has run out
+// before. A record of a later step has no address.
+bool takes_scarce_stack(EXCEPTION_RECORD const& record, void* establisher) noexcept {
+  constexpr std::ptrdiff_t scarce = 3 * 4096;
+  auto const overflow = static_cast<char const*>(places_of_overflows.get());
+  return overflow && static_cast<char const*>(establisher) - overflow < scarce &&
+         record.ExceptionAddress && is_unwinding(record) &&
+         !(record.ExceptionFlags & EXCEPTION_TARGET_UNWIND) && may_redirect_threads();
+}
+
+// The handler is known, so the frame, which has called the throw, can resume.
+[[noreturn]] void drop_throw(EXCEPTION_RECORD const& record, CONTEXT& frame) noexcept {
+  auto const resume = [](void* exception) {
+    _Unwind_Resume(static_cast<_Unwind_Exception*>(exception));
+  };
+  land_below(frame, frame.Rsp, resume, reinterpret_cast<void*>(record.ExceptionInformation[0]));
+  RtlRestoreContext(&frame, nullptr);
+  __builtin_unreachable();
+}
+
 // A C++ exception passes a frame, or is caught there. Ends by jumps, not calls, and so
 // takes no room on the stack.
 EXCEPTION_DISPOSITION pass(EXCEPTION_RECORD* record, void* establisher, CONTEXT* context,
                            DISPATCHER_CONTEXT* frame) {
+  if (record->ExceptionCode == own_throw_code && takes_scarce_stack(*record, establisher))
+    drop_throw(*record, *frame->ContextRecord);
   bool const faulted = note_frame_of_fault(*record, establisher, *frame);
   if (record->ExceptionCode == own_throw_code) {
     if (is_unexpected(*record, *frame, faulted)) return ExceptionContinueSearch;
@@ -335,11 +382,11 @@ EXCEPTION_DISPOSITION __wrap___gxx_personality_seh0(EXCEPTION_RECORD* record, vo
   return __real___gxx_personality_seh0(record, establisher, context, frame);
 }
 
-// The search has ended already, so a translator that returns leaves nothing to resume.
-void velt_translate_report(velt::detail::fault_report* report) {
-  using namespace velt::detail;
-  call_translator(translators.get(), &report->record, &report->context, report);
-  std::terminate();
+// The throw that the landing has resumed is another one, whose records end here.
+EXCEPTION_DISPOSITION velt_leave_landing(EXCEPTION_RECORD* record, void*, CONTEXT*,
+                                         DISPATCHER_CONTEXT*) {
+  record->ExceptionAddress = nullptr;
+  return ExceptionContinueSearch;
 }
 
 void velt_land_behind_heap_call() {

@@ -11,7 +11,6 @@
 
 #include "velt/base/CheckInternal.h"
 #include "velt/base/LoadOrderInternal.h"
-#include "velt/faults/TranslatorInternal.h"
 #include "velt/locks/CriticalSection.h"
 #include "velt/locks/Handle.h"
 
@@ -38,9 +37,9 @@ void destroy_and_reset(void* thrown) {
 }
 
 // As a throw expression does, but for the function that destroys the object.
-void throw_copy(void* target) {
+[[noreturn]] void throw_copy(EStackOverflowException const& target) {
   void* const copy = abi::__cxa_allocate_exception(sizeof(EStackOverflowException));
-  new (copy) EStackOverflowException(*static_cast<EStackOverflowException*>(target));
+  new (copy) EStackOverflowException(target);
   abi::__cxa_throw(copy, const_cast<std::type_info*>(&typeid(EStackOverflowException)),
                    destroy_and_reset);
 }
@@ -65,7 +64,7 @@ void EStackOverflowException::Throw(_EXCEPTION_POINTERS* pointers, unsigned long
   // Not alertable: an interruption would leave this frame, which the thread writes to.
   StackOverflowDone.WaitForSingleObject(INFINITE, FALSE);
   StackOverflowThread.CloseHandle();
-  velt::detail::throw_leanly(throw_copy, &target);
+  throw_copy(target);
 }
 
 unsigned int EStackOverflowException::ThrowThread(void* target) {

@@ -13,13 +13,6 @@ namespace velt::detail {
 VELT_API structured_exception_translator set_translator(
     structured_exception_translator translator) noexcept;
 
-// Calls the thrower, which must throw. The throw takes 8 to 9 KB of stack under
-// Wine, where a bare throw takes 12.
-[[noreturn]] void throw_leanly(void (*thrower)(void* argument), void* argument);
-
-// Rethrows the current exception in the same way, for handlers of overflows.
-[[noreturn]] void throw_on_leanly();
-
 // True if the vectored handler that watches throws is registered.
 bool throws_are_watched() noexcept;
 
