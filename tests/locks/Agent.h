@@ -4,7 +4,6 @@
 
 #include <windows.h>
 
-#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -23,12 +22,13 @@ struct Interrupted {};
 
 class Agent {
 public:
-  explicit Agent(char const* its_name = "an agent") : name(its_name) { run([] {}); }
+  Agent() {
+    run([this] { self = GetCurrentThread(); });
+  }
   Agent(Agent const&) = delete;
   ~Agent() noexcept {
     expect_end();
-    begin.Set();
-    thread.join();
+    begin.Set();  // for no step
   }
 
   // Returns at once.
@@ -65,34 +65,24 @@ public:
   // Queues a call, which runs when the step next waits alertably. One at a time.
   void queue(std::function<void()> call) {
     queued = std::move(call);
-    THandle target;
-    target.AttachHandle(OpenThread(THREAD_SET_CONTEXT, FALSE, thread_id));
-    QueueUserAPC([](ULONG_PTR agent) { reinterpret_cast<Agent*>(agent)->queued(); }, target,
+    QueueUserAPC([](ULONG_PTR agent) { reinterpret_cast<Agent*>(agent)->queued(); }, self,
                  reinterpret_cast<ULONG_PTR>(this));
   }
   void interrupt() {
-    interrupted = false;
-    queue([this] {
-      interrupted = true;
-      throw Interrupted();
-    });
+    queue([] { throw Interrupted(); });
   }
 
-  std::string id_text() const { return std::to_string(thread_id); }
-
-  std::atomic<bool> interrupted = false;  // by the call of interrupt()
+  std::string id_text() const { return std::to_string(GetThreadId(self)); }
 
 private:
   // A step that never ends would hang the test: it ends the program instead.
   void expect_end() const {
     if (!end.valid() || !waits(30'000)) return;
-    std::fprintf(stderr, "%s never ended its step\n", name);
-    std::fflush(stderr);
+    std::fputs("an agent never ended its step\n", stderr);
     std::_Exit(1);
   }
 
   void work() {
-    thread_id = GetCurrentThreadId();
     for (;;) {
       begin.WaitForSingleObject(INFINITE, FALSE);
       auto step = std::move(next);
@@ -101,13 +91,12 @@ private:
     }
   }
 
-  char const* name;
   TEvent begin{false, false};
-  unsigned long thread_id = 0;
+  THandle self;
   std::function<void()> queued;
   std::packaged_task<void()> next;
   std::future<void> end;
-  std::thread thread{[this] { work(); }};
+  std::jthread thread{[this] { work(); }};
 };
 
 }  // namespace velt_test

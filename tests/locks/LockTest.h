@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <utility>
 
 #include "tests/locks/Agent.h"
 #include "tests/locks/OpenLock.h"
@@ -15,13 +14,15 @@ namespace velt_test {
 template <class Lock>
 struct LockTest : ::testing::Test {
   Lock lock;
-  Agent a{"A"}, b{"B"}, c{"C"};
+  Agent agents[3];
+  Agent &a = agents[0], &b = agents[1], &c = agents[2];
 
   // With the names of the threads: "locked_read, A:R,B:R".
   std::string status() {
     std::string text = lock.GetStatusString();
-    for (auto const& [agent, name] : {std::pair{&a, "A:"}, {&b, "B:"}, {&c, "C:"}}) {
-      auto const id = agent->id_text() + ":";
+    for (auto const& agent : agents) {
+      auto const id = agent.id_text() + ":";
+      std::string const name{static_cast<char>('A' + (&agent - agents)), ':'};
       for (std::size_t at; (at = text.find(id)) != text.npos;) text.replace(at, id.size(), name);
     }
     return text;
@@ -42,10 +43,6 @@ struct LockTest : ::testing::Test {
   void start(Agent& agent, char const* letters) {
     agent.start([this, letters] { steps(letters); });
     EXPECT_TRUE(agent.waits());
-  }
-  void expect_interrupted(Agent& agent) {
-    agent.interrupt();
-    EXPECT_THROW(agent.finish(), Interrupted);
   }
 };
 

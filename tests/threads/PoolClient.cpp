@@ -5,16 +5,11 @@
 
 #include "velt/debug/DebugStream.h"
 #include "velt/locks/Event.h"
-#include "velt/threads/ThreadPool.h"
+#include "velt/threads/PoolGuard.h"
 
 namespace {
 
 TEvent& never = *new TEvent(true, false);
-
-struct OwnPool {
-  ~OwnPool() { pool->Stop(); }
-  SmartPtr<IThreadPool> pool = CreateNewThreadPool();
-};
 
 void start(IThreadPool& pool, void (*job)()) { pool.AddJob(job)->WaitForStart(-1); }
 
@@ -32,17 +27,18 @@ EXPORT void run_job() {
 
 EXPORT void stop() { GetSystemThreadPool()->Stop(); }
 
+// On a pool that the static destructor stops.
+EXPORT void wait_for_ever() {
+  static TThreadPoolGuard own;
+  start(*own, [] { never.WaitForSignal(); });
+}
+
 EXPORT void start_jobs() {
+  wait_for_ever();
   for (auto const& pool : {GetSystemThreadPool(), CreateNewThreadPool(8, 2)}) {
     start(*pool, [] { never.WaitForSignal(); });
     start(*pool, [] { for (;;) YieldProcessor(); });
     start(*pool, [] { for (;;) Debug << "still here\n"; });
     pool->AddJob([] {});
   }
-}
-
-// On a pool that the static destructor stops.
-EXPORT void wait_for_ever() {
-  static OwnPool own;
-  start(*own.pool, [] { never.WaitForSignal(); });
 }

@@ -16,8 +16,8 @@
 #include "velt/debug/DebugStream.h"
 #include "velt/exceptions/ExceptionFamily.h"
 #include "velt/locks/Event.h"
+#include "velt/threads/PoolGuard.h"
 #include "velt/threads/ThreadClass.h"
-#include "velt/threads/ThreadPool.h"
 
 namespace velt_test {
 
@@ -45,10 +45,8 @@ public:
 
   // A thread that outlives its object would do anything: the program ends.
   ~Worker() {
-    entrance.Set();
     if (!IsValidHandle() || ended_within(patience)) return;
     std::fputs("a thread of a test never ended\n", stderr);
-    std::fflush(stderr);
     std::_Exit(1);
   }
 
@@ -59,15 +57,12 @@ public:
   }
   bool ended_within(DWORD milliseconds) const { return signaled_within(handle, milliseconds); }
 
-  // New threads wait there, not alertably, before they look at the state.
-  TEvent entrance{true, true};
   int bodies = 0, exceptions = 0;
-  std::function<void()> at_exception;
+  std::function<void()> at_exception = [] {};
 
   using TThreadClass::Idle;
   using TThreadClass::InterruptRequested;
   using TThreadClass::InterruptState;
-  using TThreadClass::Running;
   using TThreadClass::ThrowEThreadInterrupt;
 
   void ThreadBody() override {
@@ -77,13 +72,7 @@ public:
   }
   void OnException() override {
     ++exceptions;
-    if (at_exception) at_exception();
-  }
-
-protected:
-  void DynamicThreadEntry() override {
-    ::WaitForSingleObject(entrance, INFINITE);
-    TThreadClass::DynamicThreadEntry();
+    at_exception();
   }
 
 private:
@@ -134,12 +123,13 @@ inline SmartPtr<IThreadJob> job(std::function<void()> work) {
 
 // Jobs that wait until they are let go, and can be interrupted meanwhile.
 struct Gate {
+  void wait() {
+    thread = GetCurrentThread();
+    ++inside;
+    open.WaitForSignal();
+  }
   SmartPtr<IThreadJob> job() {
-    return velt_test::job([this] {
-      thread = GetCurrentThread();
-      ++inside;
-      open.WaitForSignal();
-    });
+    return velt_test::job([this] { wait(); });
   }
   std::atomic<int> inside = 0;
   THandle thread;  // of the last
@@ -148,21 +138,13 @@ struct Gate {
 
 using PoolCounts = std::array<int, 4>;  // running jobs, threads, queued jobs, idle threads
 
-// Stops its pool, after which nobody else refers to it.
-class TestPool {
-public:
-  explicit TestPool(SmartPtr<IThreadPool> its_pool) : pool(std::move(its_pool)) {}
-  TestPool(TestPool const&) = delete;
-  ~TestPool() {
-    pool->Stop();
-    EXPECT_EQ(pool.use_count(), 1);
-  }
-
-  IThreadPool* operator->() const { return pool.get(); }
+struct TestPool : TThreadPoolGuard {
+  TestPool(int max, int min, int limit = 1'000)
+      : TThreadPoolGuard(CreateNewThreadPool(max, min, 0, limit)) {}
 
   PoolCounts counts() const {
     PoolCounts counts{};
-    std::string const line = pool->describe();
+    std::string const line = get()->describe();
     std::sscanf(line.c_str() + line.find(" RunningJobs"),
                 " RunningJobs=%d Threads=%d Queue=%d Idle=%d", &counts[0], &counts[1], &counts[2],
                 &counts[3]);
@@ -170,11 +152,8 @@ public:
   }
   ::testing::AssertionResult become(PoolCounts expected) const {
     if (eventually([&] { return counts() == expected; })) return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure() << pool->describe();
+    return ::testing::AssertionFailure() << get()->describe();
   }
-
-private:
-  SmartPtr<IThreadPool> pool;
 };
 
 }  // namespace velt_test

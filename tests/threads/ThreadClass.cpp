@@ -33,12 +33,6 @@ struct Sleeper final : TThreadClass {
   static inline TEvent& in_body = *new TEvent(false, false);
 };
 
-// Starting the symbol engine takes far longer than a walk.
-struct CurrentStack : ::testing::Test {
-  static void SetUpTestSuite() { ASSERT_TRUE(SymInitialize()); }
-  static void TearDownTestSuite() { SymCleanup(); }
-};
-
 }  // namespace
 
 TEST(ThreadClass, ExceptionThatNobodyCaughtIsWrittenAndEndsTheThreadAlone) {
@@ -46,7 +40,6 @@ TEST(ThreadClass, ExceptionThatNobodyCaughtIsWrittenAndEndsTheThreadAlone) {
     std::function<void()> body;
     std::string text;  // behind the same words, if any
   } const rows[] = {
-      {[] {}, ""},
       {[] { throw EThreadInterrupt(); }, ""},
       {[] { throw "text"; }, "unknown exception"},
       {[] { throw Mishap(""); }, "exception Mishap:"},
@@ -55,7 +48,6 @@ TEST(ThreadClass, ExceptionThatNobodyCaughtIsWrittenAndEndsTheThreadAlone) {
        "exception ESystemException:\nCode: 5 (0x5)\nText: Access denied."},
   };
   for (auto const& [body, text] : rows) {
-    SCOPED_TRACE(text);
     std::string const line = text.empty() ? "" : "(!) Thread runaway with " + text + "\n";
     Worker worker(body);
     DebugText debug;
@@ -106,11 +98,21 @@ TEST(ThreadClass, InterruptionInTheDestructorComesOutUnlessTheStackUnwinds) {
   EXPECT_TRUE(open_handles_fall_to(before));
 }
 
-TEST_F(CurrentStack, OfAWaitingThreadShowsWhatItWaitsInOutermostFirst) {
+// The thread is stopped in the middle of the heap again and again: the walk must not
+// wait for what it holds.
+TEST(ThreadClass, StackShowsWhatTheThreadWaitsInUnlessItHasEndedOrIsSuspended) {
   TEvent end;
-  Worker worker([&] { wait_in_a_function_of_the_test(end); });
+  std::atomic<bool> waits = false;
+  Worker worker([&] {
+    while (!waits) delete new std::string(200, 'x');
+    wait_in_a_function_of_the_test(end);
+  });
   EXPECT_EQ(worker.GetCurrentStack(), "");
   worker.start_into_body();
+  // Each is the first of its engine, which has most to remember.
+  for (int i = 0; i < 3; ++i) EXPECT_NE(worker.GetCurrentStack(), "");
+  ASSERT_TRUE(SymInitialize());
+  waits = true;
   std::string stack;
   ASSERT_TRUE(eventually([&] {
     stack = worker.GetCurrentStack();
@@ -127,19 +129,5 @@ TEST_F(CurrentStack, OfAWaitingThreadShowsWhatItWaitsInOutermostFirst) {
   end.Set();
   EXPECT_TRUE(worker.ended_within(patience));
   EXPECT_EQ(worker.GetCurrentStack(), "");
-}
-
-// The thread is stopped in the middle of the heap again and again: the walk must
-// not wait for what it holds. Each walk is the first of its engine, which has most
-// to remember.
-TEST_F(CurrentStack, OfAThreadThatAllocatesComesBackEachTime) {
-  std::atomic<bool> stop = false;
-  Worker worker([&] {
-    while (!stop) delete new std::string(200, 'x');
-  });
-  worker.start_into_body();
   SymCleanup();
-  for (int i = 0; i < 5; ++i) EXPECT_NE(worker.GetCurrentStack(), "");
-  ASSERT_TRUE(SymInitialize());
-  stop = true;
 }

@@ -31,71 +31,45 @@ struct Owner : IThreadOwner {
 
   std::string notes;
   std::deque<SmartPtr<IThreadJob>> jobs;
-  SmartPtr<IThreadContext> finished;
-  std::function<void(SmartPtr<IThreadContext>)> on_thread_finished =
-      [this](auto context) { finished = context; };
+  std::function<void(SmartPtr<IThreadContext>)> on_thread_finished;
 };
 
-struct ThreadContext : ::testing::Test {
-  ~ThreadContext() override {
-    owner->finished.reset();
-    context.reset();
-    EXPECT_EQ(owner.use_count(), 1);
-  }
-
-  void run() {
-    context->Start();
-    EXPECT_TRUE(signaled_within(thread_of(context), patience));
-  }
-  static void* thread_of(SmartPtr<IThreadContext> const& context) {
-    return dynamic_cast<TThreadContext&>(*context);
-  }
-
-  SmartPtr<Owner> owner = MakeCounted<Owner>();
-  SmartPtr<IThreadContext> context = CreateNewThreadContext(owner);
-  DebugText debug;
-};
+void* thread_of(SmartPtr<IThreadContext> const& context) {
+  return dynamic_cast<TThreadContext&>(*context);
+}
 
 }  // namespace
 
-TEST_F(ThreadContext, RunsJobsOneAfterTheOtherAndReportsEachThenItsEnd) {
-  owner->add([&] { owner->notes += "one "; });
-  owner->add([&] { EXPECT_EQ(GetThreadId(thread_of(context)), GetCurrentThreadId()); });
-  run();
-  EXPECT_EQ(owner->notes, "get one job_finished get job_finished get thread_finished ");
-  EXPECT_EQ(owner->finished, context);
-  EXPECT_EQ(debug.text(), "");
-}
-
-TEST_F(ThreadContext, JobThatThrowsIsReportedThenTheWorkerThenTheLineIsWritten) {
-  owner->add([] { throw EGeneric({"Text", "No room"}); });
-  owner->add([] {});
-  owner->on_thread_finished = [&](auto) { owner->notes += debug.text() + "| "; };
-  EXPECT_EQ(throws_during([&] { run(); }), 1);
-  EXPECT_EQ(owner->notes, "get job_finished thread_finished | ");
-  EXPECT_EQ(debug.text(), "(!) Thread runaway with exception EGeneric:No room\n");
-}
-
-TEST_F(ThreadContext, EndsBehindAJobThatSwallowedItsInterruptionAndStartsAgain) {
-  TEvent in_job, never;
-  owner->add([&] {
-    in_job.Set();
-    EXPECT_THROW(never.WaitForSignal(), EThreadInterrupt);
-  });
-  owner->add([] {});
-  context->Start();
-  in_job.WaitForSignal();
-  THandle first;
-  first.AttachHandle(thread_of(context));
-  context->Restart();
-  EXPECT_TRUE(signaled_within(first, 0));
-  EXPECT_TRUE(signaled_within(thread_of(context), patience));
-  EXPECT_EQ(owner->notes, "get job_finished get job_finished get thread_finished ");
+// A job that throws is reported, then the worker; then the line is written.
+TEST(ThreadContext, RunsJobsOneAfterTheOtherAndReportsEachThenItsEnd) {
+  for (bool const throws : {false, true}) {
+    auto const owner = MakeCounted<Owner>();
+    auto context = CreateNewThreadContext(owner);
+    DebugText debug;
+    owner->add([&] { owner->notes += "one "; });
+    owner->add([&] {
+      EXPECT_EQ(GetThreadId(thread_of(context)), GetCurrentThreadId());
+      if (throws) throw EGeneric({"Text", "No room"});
+    });
+    owner->on_thread_finished = [&](auto last) {
+      EXPECT_EQ(last, context);
+      EXPECT_EQ(debug.text(), "");
+    };
+    EXPECT_EQ(throws_during([&] {
+      context->Start();
+      EXPECT_TRUE(signaled_within(thread_of(context), patience));
+    }), throws);
+    EXPECT_EQ(owner->notes, std::string("get one job_finished get job_finished ") +
+                                (throws ? "" : "get ") + "thread_finished ");
+    EXPECT_EQ(debug.text(), throws ? "(!) Thread runaway with exception EGeneric:No room\n" : "");
+    context.reset();
+    EXPECT_EQ(owner.use_count(), 1);
+  }
 }
 
 // A context that is dropped waits for its thread. Where the thread itself drops
 // the last reference there is nothing to wait for, and nobody to report to.
-TEST_F(ThreadContext, MayBeLeftToItsOwnThread) {
+TEST(ThreadContext, MayBeLeftToItsOwnThread) {
   for (std::string const way : {"in a job", "in the report", "in a report that throws"}) {
     SCOPED_TRACE(way);
     long const before = open_handles();

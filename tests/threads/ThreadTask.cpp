@@ -3,6 +3,7 @@
 #include <stdexcept>
 
 #include "tests/support/Expect.h"
+#include "tests/support/Imports.h"
 #include "tests/threads/Support.h"
 
 using namespace velt_test;
@@ -15,42 +16,11 @@ TwoTasks add_recursions_3(IThreadPool& pool);
 
 namespace {
 
-// A worker that only notes what it is asked to do.
-struct NotedContext : IThreadContext {
-  void Interrupt() override { notes += "interrupt ", on_interrupt(); }
-  void Restart() override { notes += "restart "; }
-  void Suspend() override { notes += "suspend "; }
-  void Resume() override { notes += "resume "; }
-  void SetPriority(int priority) override { notes += "priority " + std::to_string(priority); }
-  void Start() override { notes += "start ", on_start(); }
-
-  std::function<void()> on_interrupt = [] {}, on_start = [] {};
-  std::string notes;
-};
-
-// A task whose states the test steps through.
-struct OpenTask : TThreadTask {
-  explicit OpenTask(std::function<void()> its_work = [] {}) : work(std::move(its_work)) {}
-  void Run(SmartPtr<IThreadContext> const& context) override { RunTask(context, work); }
-  void begin(SmartPtr<IThreadContext> const& context) {
-    Context = context;
-    TaskStarted();
-  }
-  std::string state() const {
-    return std::string(IsStarted() ? "started " : "") + (IsFinished() ? "finished " : "") +
-           (IsRunning() ? "running " : "") + (Context ? "worker " : "");
-  }
-
-  using TThreadTask::Context;
-  using TThreadTask::TaskFinished;
-  using TThreadTask::TaskInterrupted;
-
-  std::function<void()> work;
-};
-
 struct ThreadTask : ::testing::Test {
-  SmartPtr<NotedContext> context = MakeCounted<NotedContext>();
-  SmartPtr<OpenTask> task = MakeCounted<OpenTask>();
+  ~ThreadTask() noexcept override {}
+
+  Gate gate;
+  TestPool const pool{1, 1};
 };
 
 // The exception that was kept.
@@ -65,82 +35,81 @@ struct Refusal : std::logic_error {
 }  // namespace
 
 TEST_F(ThreadTask, IsSteeredOnlyWhileAWorkerRunsIt) {
-  auto const steer = [&] {
-    context->notes.clear();
-    task->Suspend();
-    task->Resume();
-    task->SetPriority(-1);
+  auto const task = MakeThreadTask([this] { gate.wait(); });
+  auto const is = [&](bool started, bool running, bool finished) {
+    return task->IsStarted() == started && task->IsRunning() == running &&
+           task->IsFinished() == finished && !task->IsException();
   };
-  EXPECT_EQ(task->state(), "");
-  EXPECT_FALSE(task->WaitForStart(0) || task->WaitForFinish(0) || task->IsException());
-  task->begin(context);
-  EXPECT_EQ(task->state(), "started running worker ");
-  steer();
-  EXPECT_EQ(context->notes, "suspend resume priority -1");
-  task->TaskFinished();
-  EXPECT_EQ(task->state(), "started finished ");
-  EXPECT_EQ(context.use_count(), 1);
-  task->Context = context;
-  steer();
-  EXPECT_EQ(context->notes, "");
+  EXPECT_TRUE(is(false, false, false));
+  EXPECT_FALSE(task->WaitForStart(0) || task->WaitForFinish(0));
+  pool->AddJob(task);
+  ASSERT_TRUE(task->WaitForStart(patience) && eventually([&] { return gate.inside == 1; }));
+  EXPECT_TRUE(is(true, true, false));
+  task->SetPriority(-1);
+  task->Suspend();
+  EXPECT_EQ(::SuspendThread(gate.thread), 1u);
+  task->Resume();
+  EXPECT_EQ(::ResumeThread(gate.thread), 1u);
+  gate.open.Set();
+  ASSERT_TRUE(task->WaitForFinish(patience));
+  EXPECT_TRUE(is(true, false, true));
+  task->SetPriority(1);
+  task->Suspend();
+  EXPECT_EQ(GetThreadPriority(gate.thread), -1);
+  EXPECT_EQ(::ResumeThread(gate.thread), 0u);
 }
 
 TEST_F(ThreadTask, RunsOnceUnlessItWasCancelledInTheQueue) {
   for (bool const cancelled : {false, true}) {
     int runs = 0;
-    auto const each = MakeCounted<OpenTask>([&] { ++runs; });
-    if (cancelled) each->Cancel();
-    for (int i = 0; i < 2; ++i) each->Run(context);
-    EXPECT_EQ(each->state(), cancelled ? "finished " : "started finished ");
+    auto const task = MakeThreadTask([&] { ++runs; });
+    if (cancelled) task->Cancel();
+    for (int i = 0; i < 2; ++i) task->Run(nullptr);
+    EXPECT_TRUE(task->IsFinished() && task->IsStarted() != cancelled);
     EXPECT_EQ(runs, !cancelled);
-    EXPECT_EQ(kept_by(*each), cancelled ? "Text=Interrupted" : "");
-  }
-}
-
-TEST_F(ThreadTask, CancelInterruptsTheWorkerAndStartsItAgain) {
-  for (bool const ends : {false, true}) {
-    auto const each = MakeCounted<OpenTask>();
-    context->notes.clear();
-    context->on_interrupt = [&] {
-      if (ends) each->TaskInterrupted();
-    };
-    context->on_start = [&] {
-      EXPECT_EQ(each->IsFinished(), ends);
-      throw 5;  // is not reported
-    };
-    each->begin(context);
-    for (int time = 0; time < 2; ++time) each->Cancel();
-    EXPECT_EQ(context->notes, "interrupt start ");
-    EXPECT_EQ(each->state(), "started finished ");
-    EXPECT_EQ(kept_by(*each), "Text=Interrupted");
-    EXPECT_EQ(context.use_count(), 1);
+    EXPECT_EQ(kept_by(*task), cancelled ? "Text=Interrupted" : "");
   }
 }
 
 TEST_F(ThreadTask, FailedInterruptionComesOutOfCancel) {
-  task->begin(context);
-  context->on_interrupt = [] { ThrowSystemException(1234); };
-  EXPECT_EQ(system_code([&] { task->Cancel(); }), 1234);
-  EXPECT_EQ(task->state(), "started running worker ");
-  task->TaskInterrupted();
-  EXPECT_EQ(task->state(), "started finished ");
+  auto const task = pool->AddJob([this] { gate.wait(); });
+  ASSERT_TRUE(task->WaitForStart(patience));
+  {
+    Replacement const failing{VELT_CALL(QueueUserAPC), [](auto...) -> DWORD {
+                                SetLastError(injected_code);
+                                return 0;
+                              }};
+    Replacement const soon{VELT_CALL(WaitForSingleObjectEx),
+                           [](auto platform, HANDLE object, DWORD time, BOOL alertable) -> DWORD {
+                             return platform(object, time == 5'000 ? 0 : time, alertable);
+                           }};
+    EXPECT_EQ(system_code([&] { task->Cancel(); }), injected_code);
+  }
+  EXPECT_TRUE(task->IsRunning());
+  gate.open.Set();
+  EXPECT_TRUE(task->WaitForFinish(patience));
+  EXPECT_EQ(kept_by(*task), "");
 }
 
+// Of work that swallows the interruption, which costs no other task its worker.
 TEST_F(ThreadTask, SecondCancelWaitsForTheFirst) {
-  TEvent interrupting, go_on;
-  context->on_interrupt = [&] {
-    interrupting.Set();
-    go_on.WaitForSignal();
-  };
-  task->begin(context);
+  TEvent swallowed, go_on;
+  auto const task = pool->AddJob([&] {
+    EXPECT_THROW(gate.wait(), EThreadInterrupt);
+    swallowed.Set();
+    go_on.WaitForSingleObject(INFINITE, FALSE);
+  });
+  ASSERT_TRUE(task->WaitForStart(patience));
   Worker first([&] { task->Cancel(); }), second([&] { task->Cancel(); });
   first.StartThread();
-  interrupting.WaitForSignal();
+  swallowed.WaitForSignal();
   second.start_into_body();
   EXPECT_FALSE(second.ended_within(50));
   go_on.Set();
-  EXPECT_TRUE(first.ended_within(patience) && second.ended_within(patience));
-  EXPECT_EQ(context->notes, "interrupt start ");
+  EXPECT_TRUE(first.ended_within(4'000) && second.ended_within(4'000));
+  EXPECT_EQ(kept_by(*task), "Text=Interrupted");
+  auto const next = pool->AddJob([] {});
+  EXPECT_TRUE(next->WaitForFinish(patience) && !next->IsException());
 }
 
 // Without a second throw.
@@ -157,32 +126,26 @@ TEST_F(ThreadTask, ExceptionIsKeptWithItsValuesAndThrownAsAnEGeneric) {
       {[] { throw 5; }, "Text=Unknown exception;Type=int"},
   };
   for (auto const& [work, kept] : rows) {
-    auto const failing = MakeCounted<OpenTask>(work);
-    EXPECT_EQ(throws_during([&] { failing->Run(context); }), 1);
-    EXPECT_EQ(failing->state(), "started finished ");
-    for (int time = 0; time < 2; ++time) EXPECT_EQ(kept_by(*failing), kept);
+    auto const task = MakeThreadTask(work);
+    EXPECT_EQ(throws_during([&] { task->Run(nullptr); }), 1);
+    EXPECT_TRUE(task->IsStarted() && task->IsFinished());
+    for (int time = 0; time < 2; ++time) EXPECT_EQ(kept_by(*task), kept);
   }
 }
 
 TEST_F(ThreadTask, InterruptionIsKeptAndPassesOnUnlessTheWorkCancelledItself) {
-  for (bool const by_itself : {false, true}) {
-    auto const each = MakeCounted<OpenTask>();
-    each->work = [&] { by_itself ? each->Cancel() : throw EThreadInterrupt(); };
-    if (by_itself)
-      each->Run(context);
-    else
-      EXPECT_THROW(each->Run(context), EThreadInterrupt);
-    EXPECT_EQ(each->state(), "started finished ");
-    EXPECT_EQ(kept_by(*each), "Text=Interrupted");
-  }
-  EXPECT_EQ(context->notes, "");
+  SmartPtr<IThreadTask> task = MakeThreadTask([] { throw EThreadInterrupt(); });
+  EXPECT_THROW(task->Run(nullptr), EThreadInterrupt);
+  EXPECT_EQ(kept_by(*task), "Text=Interrupted");
+  task = MakeThreadTask([&] { task->Cancel(); });
+  task->Run(nullptr);
+  EXPECT_EQ(kept_by(*task), "Text=Interrupted");
 }
 
 // The compiler sees that the work throws nothing, whatever the level.
 TEST_F(ThreadTask, FaultsAreKeptOfWorkThatCannotThrow) {
-  TestPool const pool(CreateNewThreadPool(1, 1));
   for (auto const& add : {add_recursions_0, add_recursions_1, add_recursions_2, add_recursions_3}) {
-    auto const [overflow, fault] = add(*pool.operator->());
+    auto const [overflow, fault] = add(*pool);
     ASSERT_TRUE(overflow->WaitForFinish(patience) && fault->WaitForFinish(patience));
     EXPECT_TRUE(kept_by(*overflow).starts_with("Text=Stack Overflow"));
     EXPECT_TRUE(kept_by(*fault).starts_with("Text=Access Violation"));
