@@ -37,7 +37,7 @@ void NTAPI use_value_at_thread_end(void*, DWORD reason, void*) {
 
 TEST(HolderCache, MemoryDoesNotGrowWhenOneThreadMakesAndAnotherFrees) {
   auto const live = live_holders(), kept = kept_holder_blocks();
-  velt_test::Agent maker("the maker"), freer("the freer");
+  velt_test::Agent maker, freer;
   std::vector<_value_t> values;
   for (int round = 0; round < 50; ++round) {
     maker.run([&] {
