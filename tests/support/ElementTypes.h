@@ -16,12 +16,11 @@ struct Object : virtual SmartPtrObj {};
 template <class T>
 struct element;
 
-// Not inlined: where it is, GCC 14 takes the copy of a short wide text for an overflow.
-#define VELT_ELEMENT(T, SAMPLE)                            \
-  template <>                                              \
-  struct element<T> {                                      \
-    static constexpr char const* name = #T;                \
-    [[gnu::noinline]] static T sample() { return SAMPLE; } \
+#define VELT_ELEMENT(T, SAMPLE)            \
+  template <>                              \
+  struct element<T> {                      \
+    static constexpr char const* name = #T; \
+    static T sample() { return SAMPLE; }   \
   };
 VELT_ELEMENT(bool, true)
 VELT_ELEMENT(int, 41)
