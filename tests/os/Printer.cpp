@@ -48,7 +48,7 @@ void expect_two_calls(std::string const& call, std::string const& end, Fetch con
       {{{FALSE, too_small, {200}}, {FALSE, too_small, {300}, bytes}}, too_small, both, 'n'}};
   for (auto const& [script, code, calls, block] : cases) {
     UnrealPrinter printer;
-    AutoPtr<Record> record(static_cast<Record*>(::operator new(1)));
+    AutoPtr<Record> record(static_cast<Record*>(::operator new(sizeof(Record))));
     auto const first_byte = [&] { return reinterpret_cast<char*>(record.get()); };
     *first_byte() = 'o';
     Watch watch(script);

@@ -1,5 +1,6 @@
 #include "velt/base/LibraryReferenceInternal.h"
 
+#include <process.h>
 #include <windows.h>
 
 #include <atomic>
@@ -32,6 +33,17 @@ void release_library() noexcept { FreeLibrary(own_module_as_it_is()); }
 
 void leave_library_and_end_thread() noexcept {
   FreeLibraryAndExitThread(own_module_as_it_is(), 0);
+}
+
+// The universal run time takes a reference of its own for each thread that it begins in
+// the library. Only its own end of a thread releases that one.
+void leave_library_and_end_run_time_thread() noexcept {
+#ifdef _UCRT
+  release_library();
+  _endthreadex(0);
+#else
+  leave_library_and_end_thread();
+#endif
 }
 
 bool library_unloads() noexcept { return unloads; }

@@ -8,9 +8,11 @@ namespace velt::detail {
 void hold_library();
 // For a thread that could not be started.
 void release_library() noexcept;
-// The last act of the thread, with the exit code 0. Nothing is unwound. If the
-// reference is the last, the library is unloaded here, on this thread.
+// The last act of a thread that CreateThread began, with the exit code 0. Nothing is
+// unwound. If the reference is the last, the library is unloaded here, on this thread.
 [[noreturn]] void leave_library_and_end_thread() noexcept;
+// The same for a thread that the run time began.
+[[noreturn]] void leave_library_and_end_run_time_thread() noexcept;
 
 // Is the library being unloaded? Then threads that have left it cannot end before
 // that is done: they need the lock that the unloading thread holds.

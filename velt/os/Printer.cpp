@@ -2,6 +2,7 @@
 
 #include <windows.h>
 
+#include <delayimp.h>
 #include <winspool.h>
 
 #include <algorithm>
@@ -13,6 +14,22 @@
 #include "velt/exceptions/ExceptionFamily.h"
 
 using velt::detail::check;
+
+namespace {
+
+// The table of the calls that are bound late is in a section that newer linkers write
+// protect, although the late binding writes to it.
+FARPROC WINAPI let_table_be_written(unsigned int event, DelayLoadInfo* call) {
+  DWORD before;
+  if (event == dliNotePreGetProcAddress)
+    VirtualProtect(call->ppfn, sizeof *call->ppfn, PAGE_READWRITE, &before);
+  return nullptr;
+}
+
+}  // namespace
+
+// Called by the compiler's late binding.
+PfnDliHook __pfnDliNotifyHook2 = let_table_be_written;
 
 namespace {
 

@@ -90,7 +90,7 @@ void TThreadContext::StartThread() {
 
 void TThreadContext::DynamicThreadEntry() {
   TThreadClass::DynamicThreadEntry();
-  velt::detail::leave_library_and_end_thread();
+  velt::detail::leave_library_and_end_run_time_thread();
 }
 
 std::string TThreadContext::describe() const { return GetCurrentStack(); }
@@ -206,5 +206,5 @@ void TThreadContext::outlive_object(Step step) {
     return;
   }
   owner.reset();
-  velt::detail::leave_library_and_end_thread();
+  velt::detail::leave_library_and_end_run_time_thread();
 }
