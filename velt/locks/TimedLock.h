@@ -20,6 +20,7 @@
 // figures are wrong from then on.
 class VELT_API TTimedLock : public IMultiLockEx {
 public:
+  // Measures this lock, which must outlive the adaptor.
   TTimedLock(ILock& target) noexcept;
   TTimedLock(IMultiLock& target) noexcept;
   TTimedLock(IMultiLockEx& target) noexcept;
@@ -36,6 +37,7 @@ public:
   // the construction.
   double get_busy() const noexcept;
 
+  // As the target's, measured.
   [[nodiscard]] bool Lock(unsigned int timeout) override;
   void Lock() override;
   void Unlock() override;
