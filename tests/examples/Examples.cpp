@@ -89,6 +89,11 @@ Row const rows[] = {
       "shared_settings.log: * lines, none broken"},
      ""},
     {L"shared_settings", {L"no"}, 2, {}, "shared_settings: no: File not found.\n"},
+    {L"shop",
+     {},
+     0,
+     {"rope: 7.5", "AddressName: shop!worth*[shop.cpp#14]", "Goods: sail", "tar: 5.25"},
+     ""},
     {L"typed_values", {settings}, 0, {"* settings"}, ""},
     {L"typed_values", {L"no"}, 2, {}, "typed_values: no: No such file or directory\n"},
 };
@@ -151,10 +156,17 @@ TEST(Examples, PrintWhatTheyAreFor) {
     std::ranges::transform(found, std::back_inserter(printed), form_of);
   }
 
-  // README.md opens with a transcript; which frames a stack has depends on the build.
+  // Transcripts on the pages; which frames a stack has depends on the build.
   auto const readme = velt_test::content_of(source / "README.md");
-  for (auto const& line : lines_of(readme.substr(0, readme.find("\n## ")))) {
+  auto const page = velt_test::content_of(source / "docs/examples.md");
+  auto const section = [](std::string const& text, char const* begin) {
+    auto const first = text.find(begin);
+    return text.substr(first, text.find("\n## ", first + 1) - first);
+  };
+  for (auto const& line : lines_of(section(readme, "# velt") + section(page, "## typed_values") +
+                                   section(page, "## road_of_one_event"))) {
     if (!line.starts_with("    ") || line.starts_with("    ->")) continue;
     EXPECT_TRUE(std::ranges::count(printed, form_of(line.substr(4)))) << "not printed: " << line;
   }
+  EXPECT_NE(readme.find(velt_test::content_of(source / "examples/shop/shop.cpp")), readme.npos);
 }

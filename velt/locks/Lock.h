@@ -15,7 +15,7 @@
 // and a failed platform call throws ESystemException.
 //
 // No lock is owned or deleted through an interface: the destructors are protected
-// and not virtual.
+// and not virtual. Those of the locks are virtual, for classes derived from them.
 class ILock {
 public:
   // Obtain the lock, and release it.

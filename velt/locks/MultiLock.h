@@ -43,6 +43,7 @@
 class VELT_API TMultiLock : protected _ml_free_signal_event, public virtual IMultiLockEx {
 public:
   TMultiLock() noexcept = default;
+  virtual ~TMultiLock() = default;
 
   // Copies every field as it stands, also the pointer to the records and the
   // handles of the events. Afterwards both objects are the same lock; use and

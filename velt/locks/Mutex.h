@@ -24,6 +24,9 @@ public:
   TMutex();
   TMutex(char const* name);
   TMutex(wchar_t const* name);
+  TMutex(TMutex const&) = default;
+  TMutex& operator=(TMutex const&) = default;
+  virtual ~TMutex() noexcept(false) {}
 
   // `owner`: if the call made a new mutex, the caller owns it.
   void CreateMutexW(bool owner);

@@ -20,6 +20,9 @@ public:
   TSemaphore(int maximum, int initial);
   TSemaphore(char const* name, int maximum, int initial);
   TSemaphore(wchar_t const* name, int maximum, int initial);
+  TSemaphore(TSemaphore const&) = default;
+  TSemaphore& operator=(TSemaphore const&) = default;
+  virtual ~TSemaphore() noexcept(false) {}
 
   // Store the handle of a new semaphore or of an existing one.
   void CreateSemaphoreW(long maximum, long initial);

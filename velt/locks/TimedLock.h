@@ -27,6 +27,7 @@ public:
   // Copy the totals along.
   TTimedLock(TTimedLock const& other) noexcept;
   TTimedLock& operator=(TTimedLock const& other) noexcept;
+  virtual ~TTimedLock() = default;
 
   // Is a hold open through this adaptor?
   bool IsLocked() const noexcept;
