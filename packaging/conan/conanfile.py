@@ -19,12 +19,12 @@ class Velt(ConanFile):
         return Path(self.recipe_folder).parent.parent
 
     def set_version(self):
-        header = load(self, self._tree() / "velt/base/Version.h")
+        header = load(self, str(self._tree() / "velt/base/Version.h"))
         self.version = ".".join(re.findall(r"#define VELT_VERSION_\w+ (\d+)", header))
 
     def export_sources(self):
         for pattern in ("CMakeLists.txt", "LICENSE", "cmake/*", "debuggers/*", "velt/*"):
-            copy(self, pattern, self._tree(), self.export_sources_folder)
+            copy(self, pattern, str(self._tree()), self.export_sources_folder)
 
     def validate(self):
         target = (str(self.settings.os), str(self.settings.arch), str(self.settings.compiler))
