@@ -1,6 +1,6 @@
 # What `cmake --install` gives: headers, DLL, import library, the run-time DLLs
-# that the DLL shares with its clients, and the descriptions for CMake and for
-# pkg-config. The package can be moved: nothing in it names a folder outside.
+# that the DLL shares with its clients, the views for debuggers, and the descriptions
+# for CMake and for pkg-config. The package can be moved: nothing in it names a folder outside.
 # Included last: by then every subsystem has added its part to the target.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
@@ -47,4 +47,6 @@ string(REGEX REPLACE "/$" "" pc_to_prefix "${pc_to_prefix}")
 configure_file(cmake/velt.pc.in ${PROJECT_BINARY_DIR}/velt.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/velt.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
+install(FILES debuggers/velt.dll-gdb.py DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(FILES debuggers/velt.natvis DESTINATION ${CMAKE_INSTALL_DATADIR}/velt)
 install(FILES LICENSE DESTINATION ${CMAKE_INSTALL_DATADIR}/licenses/velt)

@@ -81,6 +81,9 @@ Row const rows[] = {
     {L"shared_mapping \"grün und blau\"", 0, {"GRÜN UND BLAU"}},
     {L"shared_mapping", 2, {}, "usage: shared_mapping TEXT\n"},
     {L"shared_settings no", 2, {}, "shared_settings: no: File not found.\n"},
+    {L"shop",
+     0,
+     {"rope: 7.5", "AddressName: shop!worth*[shop.cpp#14]", "Goods: sail", "tar: 5.25"}},
     {L"typed_values " + settings, 0, {"* settings"}},
     {L"typed_values no", 2, {}, "typed_values: no: No such file or directory\n"},
 };
@@ -138,10 +141,20 @@ TEST(Examples, PrintWhatTheyAreFor) {
     std::ranges::transform(found, std::back_inserter(printed), form_of);
   }
 
-  // README.md opens with a transcript; which frames a stack has depends on the build.
+  // Transcripts on the pages; which frames a stack has depends on the build.
   auto const readme = velt_test::content_of(source / "README.md");
-  for (auto const& line : velt_test::lines_of(readme.substr(0, readme.find("\n## ")))) {
-    if (!line.starts_with("    ") || line.starts_with("    ->")) continue;
+  auto const page = velt_test::content_of(source / "docs/examples.md");
+  auto const section = [](std::string const& text, char const* begin) {
+    auto const first = text.find(begin);
+    return text.substr(first, text.find("\n## ", first + 1) - first);
+  };
+  bool is_source = false;
+  for (auto const& line :
+       velt_test::lines_of(section(readme, "# velt") + section(page, "## typed_values") +
+                           section(page, "## road_of_one_event"))) {
+    is_source ^= line.starts_with("```");
+    if (is_source || !line.starts_with("    ") || line.starts_with("    ->")) continue;
     EXPECT_TRUE(std::ranges::count(printed, form_of(line.substr(4)))) << "not printed: " << line;
   }
+  EXPECT_NE(readme.find(velt_test::content_of(source / "examples/shop/shop.cpp")), readme.npos);
 }

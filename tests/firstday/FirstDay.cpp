@@ -66,7 +66,10 @@ constexpr bool is_work = requires(Work work, IThreadPool& pool) {
   pool.AddJob(work);
 };
 static_assert(is_work<void (*)()> && !is_work<int (*)()>);
-static_assert(std::has_virtual_destructor_v<TPropertyList>);
+template <class... Types>
+constexpr bool may_be_bases = (std::has_virtual_destructor_v<Types> && ...);
+static_assert(may_be_bases<TPropertyList, TMutex, TSemaphore, TCriticalSection, TMultiLock,
+                           TMultiLockWithNotify, TTimedLock>);
 
 // Counts its objects, and has members whose destructors may throw.
 struct Job : TThreadTask {

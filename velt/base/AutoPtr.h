@@ -15,7 +15,9 @@ class AutoPtr {
 
 public:
   constexpr AutoPtr() noexcept = default;
+  // Owns `block`, which was allocated by operator new, or nothing if it is null.
   explicit AutoPtr(T* block) noexcept : ptr(block) {}
+  // Take the block; `other` then owns nothing.
   AutoPtr(AutoPtr&& other) noexcept : ptr(other.release()) {}
   AutoPtr& operator=(AutoPtr&& other) noexcept {
     reset(other.release());
@@ -32,6 +34,7 @@ public:
   // Gives the block up without freeing it.
   T* release() noexcept { return ptr.exchange(nullptr); }
 
+  // The block, or null. The dereferencing operators do not check for null.
   T* get() const noexcept { return ptr.load(std::memory_order_acquire); }
   T* operator->() const noexcept { return get(); }
   T& operator*() const noexcept { return *get(); }

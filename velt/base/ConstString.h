@@ -30,11 +30,13 @@ struct basic_const_string {
   constexpr basic_const_string(CharT const* text, unsigned __int64 size) noexcept
       : data(text), length(size) {}
 
+  // The whole text of a standard string, NULs included.
   template <class Allocator>
   constexpr basic_const_string(
       std::basic_string<CharT, std::char_traits<CharT>, Allocator> const& text) noexcept
       : data(text.data()), length(text.size()) {}
 
+  // The same of a view.
   template <std::same_as<std::basic_string_view<CharT>> View>
   constexpr basic_const_string(View text) noexcept : data(text.data()), length(text.size()) {}
 

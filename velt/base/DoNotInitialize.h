@@ -6,4 +6,5 @@
 
 struct _DoNotInitialize {};
 
+// The only object that programs need of the tag.
 extern VELT_API const _DoNotInitialize DoNotInitialize;

@@ -81,6 +81,7 @@ public:
   virtual std::string describe() const;
 
 protected:
+  // The number of handles.
   mutable velt::detail::reference_count refs;
 
   template <class T>
@@ -98,6 +99,7 @@ protected:
 template <class T>
 class SmartPtr {
 public:
+  // As in the standard handles.
   using element_type = T;
 
   constexpr SmartPtr() noexcept = default;
@@ -114,6 +116,7 @@ public:
     requires std::convertible_to<U*, T*>
   SmartPtr(SmartPtr<U> const& other) noexcept : SmartPtr(static_cast<T*>(other.get())) {}
 
+  // The same, from a handle that is null afterwards.
   template <class U>
     requires std::convertible_to<U*, T*>
   SmartPtr(SmartPtr<U>&& other) noexcept : ptr(other.detach()) {}
@@ -128,6 +131,7 @@ public:
     delete object;
   }
 
+  // Take a reference to the new object, then release the old one.
   SmartPtr& operator=(T* object) noexcept {
     // First, since the new object may be the old one, or be kept alive by it.
     add_reference(object);
@@ -171,6 +175,7 @@ public:
     return result;
   }
 
+  // The object, or null. The dereferencing operators do not check for null.
   T* get() const noexcept { return ptr.load(std::memory_order_acquire); }
   T* operator->() const noexcept { return get(); }
   T& operator*() const noexcept { return *get(); }
@@ -212,8 +217,10 @@ private:
   friend class SmartPtr;
 };
 
+// By the address, so that handles can be keys.
 template <class T>
 struct std::hash<SmartPtr<T>> {
+  // The hash of the object's address.
   std::size_t operator()(SmartPtr<T> const& handle) const noexcept {
     return std::hash<T*>()(handle.get());
   }

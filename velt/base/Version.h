@@ -3,5 +3,5 @@
 #pragma once
 
 #define VELT_VERSION_MAJOR 0
-#define VELT_VERSION_MINOR 1
+#define VELT_VERSION_MINOR 2
 #define VELT_VERSION_PATCH 0

@@ -158,6 +158,7 @@ private:
 // std::bad_alloc, and ESystemException if wide text cannot be converted.
 class VELT_API TDebugStreamSession {
 public:
+  // Locks the stream until the session ends.
   TDebugStreamSession(TDebugStream& owned);
 
   // A second hold, independent of the first.
@@ -169,6 +170,7 @@ public:
   TDebugStreamSession& operator<<(char value);  // the byte itself
   TDebugStreamSession& operator<<(unsigned char value);  // a number
   TDebugStreamSession& operator<<(wchar_t value);        // the character
+  // Numbers in decimal.
   TDebugStreamSession& operator<<(unsigned short value);
   TDebugStreamSession& operator<<(int value);
   TDebugStreamSession& operator<<(long value);
@@ -182,9 +184,11 @@ public:
   TDebugStreamSession& operator<<(char const* text);
   TDebugStreamSession& operator<<(wchar_t const* text);
 
+  // The whole text, NULs included.
   TDebugStreamSession& operator<<(std::string const& text);
   TDebugStreamSession& operator<<(std::wstring const& text);
 
+  // The whole view, copied.
   TDebugStreamSession& operator<<(std::string_view text);
   TDebugStreamSession& operator<<(std::wstring_view text);
 

@@ -61,6 +61,7 @@ private:
 // that the program was started with.
 class VELT_API TStandardWriter : public TStreamWriter {
 public:
+  // Which of the two.
   enum standard_stream { Output, Error };
 
   // Uses the handle of this moment, and does not own it. If there is none, as in most

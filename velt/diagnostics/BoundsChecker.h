@@ -12,6 +12,7 @@
 class VELT_API IBoundsChecker : public virtual SmartPtrObj {
 public:
   IBoundsChecker();
+  // Copies are SmartPtrObj's.
   IBoundsChecker(IBoundsChecker const& other);
   IBoundsChecker& operator=(IBoundsChecker const& other);
   ~IBoundsChecker() override;

@@ -33,10 +33,12 @@ class throw_watcher;
 // match. Copies share their values. Only one thread at a time may use an object.
 class VELT_API EGeneric : public std::exception {
 public:
+  // A name and its value; P is the short form for throws.
   using named_value = std::pair<std::string, _value_t>;
   using P = named_value;
 
   EGeneric();
+  // The copy shares the values.
   EGeneric(EGeneric const& other);
   // One to six values, in this order. Names are not checked for duplicates; lookup
   // finds the first.
@@ -56,6 +58,7 @@ public:
     requires(!std::is_same_v<T, bool> && std::is_convertible_v<T const&, bool>)
   EGeneric(T const&) = delete;
 
+  // Shares the other's values, and drops those held.
   EGeneric& operator=(EGeneric const& other);
   ~EGeneric() override;
 
@@ -109,6 +112,7 @@ protected:
   // For a fault.
   void ExtendDebugInformation(_EXCEPTION_POINTERS* pointers);
 
+  // The first value of that name; the end of the list if there is none.
   std::vector<named_value>::iterator find_value(std::string const& name);
   std::vector<named_value>::const_iterator find_value(std::string const& name) const;
   // Swaps the element with the last one; does nothing if the name is absent.
@@ -128,6 +132,7 @@ private:
 // object found.
 class VELT_API EBadCastException : public EGeneric {
 public:
+  // Of a failed conversion from `from` to `to`; `real` is the type of the object found.
   EBadCastException(std::type_info const& from, std::type_info const& to);
   EBadCastException(std::type_info const& from, std::type_info const& to,
                     std::type_info const& real);

@@ -24,6 +24,7 @@ VELT_API int last_error() noexcept;
 // ends; empty if there is none), then the caller's values.
 class VELT_API ESystemException : public EGeneric {
 public:
+  // With the platform's code, by default that of the last failed call.
   ESystemException(int code = velt::detail::last_error());
   ESystemException(int code, P const& a);
   ESystemException(int code, P const& a, P const& b);
@@ -33,6 +34,7 @@ public:
 // which is left out if the run time has no text.
 class VELT_API ERuntimeException : public EGeneric {
 public:
+  // With the run time's code, by default errno.
   ERuntimeException(int code = errno);
   ERuntimeException(int code, P const& a);
   ERuntimeException(int code, P const& a, P const& b);
@@ -42,6 +44,7 @@ public:
 // "Text". The texts must not be null.
 class VELT_API ELegacyException : public EGeneric {
 public:
+  // As OnSysLibExc gets it.
   ELegacyException(char const* type, char const* text, int code);
 };
 
@@ -66,6 +69,7 @@ public:
 // "SourceLine", "Function". The texts must not be null.
 class VELT_API ENotImplemented : public EGeneric {
 public:
+  // The place of the function that is missing.
   ENotImplemented(char const* file, int line, char const* function);
 };
 
@@ -74,6 +78,7 @@ public:
 // the holds as TMultiLock::GetStatusString() tells them.
 class VELT_API EDeadLockException : public EGeneric {
 public:
+  // `status` is the text of TMultiLock::GetStatusString().
   explicit EDeadLockException(std::string const& status);
 };
 

@@ -13,7 +13,7 @@
 class VELT_API TCriticalSection : public _RTL_CRITICAL_SECTION, public ILock {
 public:
   TCriticalSection();
-  ~TCriticalSection();
+  virtual ~TCriticalSection();
 
   // Copy the platform's record word by word: the copy is an alias of the same
   // state, not a second lock. Use and destroy only one of the two.

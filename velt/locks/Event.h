@@ -11,6 +11,7 @@
 // difference: a new named event grants every user full access.
 class VELT_API TEvent : public THandle {
 public:
+  // No event yet: call CreateEventW or OpenEventW.
   TEvent(_DoNotInitialize const&) noexcept {}
   // Would make a new event, with the handle as `manual`.
   TEvent(void*, bool = false) = delete;
@@ -18,6 +19,7 @@ public:
   TEvent(char const* name, bool manual = true, bool initial = false);
   TEvent(wchar_t const* name, bool manual = true, bool initial = false);
 
+  // Store the handle of a new event, signalled at first if `initial`, or of an existing one.
   void CreateEventW(bool manual, bool initial);
   void CreateEventW(bool manual, bool initial, char const* name);
   void CreateEventW(bool manual, bool initial, wchar_t const* name);

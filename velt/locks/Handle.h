@@ -44,9 +44,11 @@ public:
   // Gives the handle up to the caller.
   void* DetachHandle() noexcept;
 
+  // Is it neither null nor -1?
   bool IsValidHandle() const noexcept { return IsValidHandle(handle); }
   static bool IsValidHandle(void* h) noexcept { return h != none() && h != nullptr; }
 
+  // The handle, for calls of the platform. It stays this object's.
   operator void*() const noexcept { return handle; }
 
   // Waits for up to `time` milliseconds, 0xFFFFFFFF meaning no limit. Queued calls
@@ -55,6 +57,7 @@ public:
   unsigned long WaitForSingleObject(unsigned long time, int alertable) const;
 
 protected:
+  // -1 or null if there is none.
   void* handle;
 
 private:

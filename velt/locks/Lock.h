@@ -15,9 +15,10 @@
 // and a failed platform call throws ESystemException.
 //
 // No lock is owned or deleted through an interface: the destructors are protected
-// and not virtual.
+// and not virtual. Those of the locks are virtual, for classes derived from them.
 class ILock {
 public:
+  // Obtain the lock, and release it.
   [[nodiscard]] virtual bool Lock(unsigned int timeout) = 0;
   virtual void Lock() = 0;
   virtual void Unlock() = 0;
@@ -30,6 +31,7 @@ protected:
 // ends either kind of hold.
 class IMultiLock : public ILock {
 public:
+  // Obtain the lock beside other readers, or alone.
   [[nodiscard]] virtual bool ReadLock(unsigned int timeout) = 0;
   virtual void ReadLock() = 0;
   [[nodiscard]] virtual bool WriteLock(unsigned int timeout) = 0;
@@ -43,6 +45,7 @@ protected:
 // may end them, by UnlockThreadIndependent().
 class IMultiLockEx : public IMultiLock {
 public:
+  // As in IMultiLock, for a hold that any thread may end.
   [[nodiscard]] virtual bool ReadLockThreadIndependent(unsigned int timeout) = 0;
   virtual void ReadLockThreadIndependent() = 0;
   [[nodiscard]] virtual bool WriteLockThreadIndependent(unsigned int timeout) = 0;

@@ -43,6 +43,7 @@
 class VELT_API TMultiLock : protected _ml_free_signal_event, public virtual IMultiLockEx {
 public:
   TMultiLock() noexcept = default;
+  virtual ~TMultiLock() = default;
 
   // Copies every field as it stands, also the pointer to the records and the
   // handles of the events. Afterwards both objects are the same lock; use and
@@ -56,6 +57,7 @@ public:
   // Ends the thread's newest hold, of either kind. Does nothing if it has none.
   void Unlock() override;
 
+  // Holds of the calling thread.
   [[nodiscard]] bool ReadLock(unsigned int timeout) override;
   void ReadLock() override;
   [[nodiscard]] bool WriteLock(unsigned int timeout) override;
@@ -77,8 +79,10 @@ public:
   std::string GetStatusString();
 
 protected:
+  // What the holds amount to.
   enum state_value : int { not_locked = 0, locked_read = 1, locked_write = 2 };
 
+  // The operations for a given owner. A derived class calls them in its own operations.
   bool _read_lock(unsigned int timeout, _owner_id id);
   bool _write_lock(unsigned int timeout, _owner_id id);
   bool _read_lock_independent(unsigned int timeout, _owner_id id);
@@ -93,10 +97,12 @@ protected:
   bool acquire_write(unsigned int timeout, _owner_id id, FirstWriter const& first_writer,
                      Upgrader const& upgrader);
 
+  // The calling thread, no thread, and the time-out that means no limit.
   static _owner_id own_id() noexcept;
   static constexpr _owner_id no_thread() noexcept { return {0}; }
   static constexpr unsigned int no_limit = 0xFFFFFFFF;
 
+  // A state_value; guarded by the inner lock.
   int state = not_locked;
 
 private:

@@ -57,6 +57,7 @@ public:
   [[nodiscard]] virtual bool WriteLockThreadIndependentNoNotify(unsigned int timeout);
   virtual void UnlockThreadIndependentNoNotify();
 
+  // Holds of the calling thread.
   [[nodiscard]] bool ReadLock(unsigned int timeout) override;
   void ReadLock() override;
   [[nodiscard]] bool WriteLock(unsigned int timeout) override;
@@ -69,6 +70,7 @@ public:
   void UnlockThreadIndependent() override;
 
 protected:
+  // As TMultiLock's operations for a given owner, with the notifications.
   bool _read_lock_notify(unsigned int timeout, _owner_id id);
   bool _read_lock_notify_independent(unsigned int timeout, _owner_id id);
   bool _write_lock_notify(unsigned int timeout, _owner_id id);

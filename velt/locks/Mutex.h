@@ -18,11 +18,15 @@
 // a name that exists opens that object.
 class VELT_API TMutex : public THandle, public ILock {
 public:
+  // No mutex yet: call CreateMutexW or OpenMutexW.
   TMutex(_DoNotInitialize const&) noexcept {}
   // Not owned by the caller at first.
   TMutex();
   TMutex(char const* name);
   TMutex(wchar_t const* name);
+  TMutex(TMutex const&) = default;
+  TMutex& operator=(TMutex const&) = default;
+  virtual ~TMutex() noexcept(false) {}
 
   // `owner`: if the call made a new mutex, the caller owns it.
   void CreateMutexW(bool owner);
@@ -31,6 +35,7 @@ public:
   void OpenMutexW(char const* name, unsigned long access);
   void OpenMutexW(wchar_t const* name, unsigned long access);
 
+  // Ends one hold of the calling thread; Unlock() does the same.
   void ReleaseMutex();
 
   // One alertable wait: false when the time ran out, and also when a queued

@@ -12,6 +12,7 @@
 // Open... the rules of TMutex hold.
 class VELT_API TSemaphore : public THandle, public ILock {
 public:
+  // No semaphore yet: call CreateSemaphoreW or OpenSemaphoreW.
   TSemaphore(_DoNotInitialize const&) noexcept {}
   // Unnamed; `count` is both the maximum and the initial count.
   TSemaphore(int count);
@@ -19,7 +20,11 @@ public:
   TSemaphore(int maximum, int initial);
   TSemaphore(char const* name, int maximum, int initial);
   TSemaphore(wchar_t const* name, int maximum, int initial);
+  TSemaphore(TSemaphore const&) = default;
+  TSemaphore& operator=(TSemaphore const&) = default;
+  virtual ~TSemaphore() noexcept(false) {}
 
+  // Store the handle of a new semaphore or of an existing one.
   void CreateSemaphoreW(long maximum, long initial);
   void CreateSemaphoreW(long maximum, long initial, char const* name);
   void CreateSemaphoreW(long maximum, long initial, wchar_t const* name);

@@ -20,12 +20,14 @@
 // figures are wrong from then on.
 class VELT_API TTimedLock : public IMultiLockEx {
 public:
+  // Measures this lock, which must outlive the adaptor.
   TTimedLock(ILock& target) noexcept;
   TTimedLock(IMultiLock& target) noexcept;
   TTimedLock(IMultiLockEx& target) noexcept;
   // Copy the totals along.
   TTimedLock(TTimedLock const& other) noexcept;
   TTimedLock& operator=(TTimedLock const& other) noexcept;
+  virtual ~TTimedLock() = default;
 
   // Is a hold open through this adaptor?
   bool IsLocked() const noexcept;
@@ -36,6 +38,7 @@ public:
   // the construction.
   double get_busy() const noexcept;
 
+  // As the target's, measured.
   [[nodiscard]] bool Lock(unsigned int timeout) override;
   void Lock() override;
   void Unlock() override;

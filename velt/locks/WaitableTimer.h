@@ -15,6 +15,7 @@ struct _FILETIME;
 // them.
 class VELT_API TWaitableTimer : public THandle {
 public:
+  // No timer yet: call CreateTimer or OpenTimer.
   TWaitableTimer(_DoNotInitialize const&) noexcept {}
   // Would make a new timer, with the handle as `manual`.
   TWaitableTimer(void*) = delete;
@@ -23,6 +24,7 @@ public:
   TWaitableTimer(char const* name, bool manual = true);
   TWaitableTimer(wchar_t const* name, bool manual = true);
 
+  // Store the handle of a new timer or of an existing one.
   void CreateTimer(bool manual);
   void CreateTimer(char const* name, bool manual);
   void CreateTimer(wchar_t const* name, bool manual);
@@ -37,6 +39,7 @@ public:
   void SetTimer(_FILETIME const& due);
   void Set(_FILETIME const& due) { SetTimer(due); }
 
+  // The timer does not signal until it is set again. Its state stays.
   void CancelTimer();
   void Cancel() { CancelTimer(); }
 

@@ -42,6 +42,7 @@ public:
 // Use it while serving a COM call, and destroy it on the thread that made it.
 class VELT_API CImpersonationContext {
 public:
+  // For the constructor: throw if the client cannot be impersonated.
   static constexpr bool NeedImpersonation = true;
 
   // With `raiseOnFailure` (pass NeedImpersonation), throws the COM error of

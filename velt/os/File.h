@@ -21,7 +21,9 @@ struct _FILETIME;
 // platform's. Not synchronised.
 class VELT_API TFile : public THandle {
 public:
+  // No file yet.
   TFile(_DoNotInitialize const&) noexcept {}
+  // A duplicate of the handle.
   TFile(THandle const& file) : THandle(file) {}
   // As CreateFileW.
   TFile(char const* name, unsigned long access, unsigned long share, unsigned long disposition);

@@ -26,6 +26,7 @@ public:
   void CreateFileMappingW(unsigned long protect, void* file, char const* name);
   void CreateFileMappingW(unsigned long protect, void* file, wchar_t const* name);
 
+  // An existing mapping of that name.
   void OpenFileMappingW(char const* name, unsigned long access);
   void OpenFileMappingW(wchar_t const* name, unsigned long access);
 

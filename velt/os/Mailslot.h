@@ -16,6 +16,7 @@
 // messages of any size. Throws ESystemException. Not synchronised.
 class VELT_API TMailslot : public TOverlapped<TFile> {
 public:
+  // No mailslot yet: call CreateMailslotW.
   TMailslot(_DoNotInitialize const& tag) noexcept : TOverlapped<TFile>(tag) {}
 
   // The read time-out, then the maximum message size. CreateMailslotW takes them in the

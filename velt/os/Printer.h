@@ -36,6 +36,7 @@ struct _PORT_INFO_2W;
 // assign or close an open printer; destroy it. Not synchronised.
 class VELT_API TPrinter : public THandle {
 public:
+  // No printer yet: call OpenPrinterW.
   TPrinter(_DoNotInitialize const&) noexcept {}
   // Calls OpenPrinterW.
   TPrinter(wchar_t const* name, unsigned long access);
@@ -57,11 +58,13 @@ public:
   // Like ControlJob, but returns false instead of throwing.
   bool ControlJobSilent(unsigned long jobId, unsigned long command) noexcept;
 
+  // Replaces the block by the record of the printer; the type chooses its level.
   void GetPrinterInfo(AutoPtr<_PRINTER_INFO_1W>& info) const;
   void GetPrinterInfo(AutoPtr<_PRINTER_INFO_2W>& info) const;
   void GetPrinterInfo(AutoPtr<_PRINTER_INFO_3>& info) const;
   void GetPrinterInfo(AutoPtr<_PRINTER_INFO_4W>& info) const;
 
+  // Replaces the block by the record of the job.
   void GetJobInfo(AutoPtr<_JOB_INFO_1W>& info, unsigned long jobId) const;
   void GetJobInfo(AutoPtr<_JOB_INFO_2W>& info, unsigned long jobId) const;
   void GetJobInfo(AutoPtr<_JOB_INFO_3>& info, unsigned long jobId) const;
@@ -84,10 +87,12 @@ public:
   static unsigned long EnumPortsW(AutoPtr<_PORT_INFO_1W>& ports, wchar_t const* server);
   static unsigned long EnumPortsW(AutoPtr<_PORT_INFO_2W>& ports, wchar_t const* server);
 
+  // Changes the printer to what the record says.
   void SetPrinterInfo(AutoPtr<_PRINTER_INFO_2W> const& info);
   void SetPrinterInfo(AutoPtr<_PRINTER_INFO_3> const& info);
   void SetPrinterInfo(AutoPtr<_PRINTER_INFO_4W> const& info);
 
+  // Changes the job to what the record says.
   void SetJobInfo(AutoPtr<_JOB_INFO_1W> const& info, unsigned long jobId);
   void SetJobInfo(AutoPtr<_JOB_INFO_2W> const& info, unsigned long jobId);
   void SetJobInfo(AutoPtr<_JOB_INFO_3> const& info, unsigned long jobId);

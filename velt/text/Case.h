@@ -19,6 +19,7 @@ class _bstr_t;
 VELT_API std::string strlower(std::string const& source);
 VELT_API std::string strupper(std::string const& source);
 
+// Wide text, by the rules of the user's locale.
 VELT_API std::wstring strlower(std::wstring const& source);
 VELT_API std::wstring strupper(std::wstring const& source);
 

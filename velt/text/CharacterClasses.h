@@ -13,6 +13,7 @@
 
 #include "velt/base/Export.h"
 
+// Is every byte of the text of the class? False for an empty text.
 VELT_API bool isdigit(std::string const& text);
 VELT_API bool isxdigit(std::string const& text);
 VELT_API bool isalpha(std::string const& text);

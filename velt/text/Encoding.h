@@ -17,5 +17,6 @@
 #include "velt/base/ConstString.h"
 #include "velt/base/Export.h"
 
+// Wide text in a code page, and text of a code page as wide text.
 VELT_API std::string as_string(basic_const_string<wchar_t> source, int code_page = 0);
 VELT_API std::wstring as_wstring(basic_const_string<char> source, int code_page = 0);

@@ -17,6 +17,7 @@ VELT_API std::string ltoa(long value, int radix = 10);
 VELT_API std::string i64toa(__int64 value, int radix = 10);
 VELT_API std::string ui64toa(unsigned __int64 value, int radix = 10);
 
+// The same as wide text.
 VELT_API std::wstring itow(int value, int radix = 10);
 VELT_API std::wstring ltow(long value, int radix = 10);
 VELT_API std::wstring i64tow(__int64 value, int radix = 10);

@@ -16,10 +16,12 @@
 
 class _bstr_t;
 
+// Without the characters at both ends, at the left end, at the right end.
 VELT_API std::string trim(std::string const& source, char const* characters);
 VELT_API std::string triml(std::string const& source, char const* characters);
 VELT_API std::string trimr(std::string const& source, char const* characters);
 
+// The same for wide text.
 VELT_API std::wstring trim(std::wstring const& source, wchar_t const* characters);
 VELT_API std::wstring triml(std::wstring const& source, wchar_t const* characters);
 VELT_API std::wstring trimr(std::wstring const& source, wchar_t const* characters);

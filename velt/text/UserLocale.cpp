@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <array>
-#include <stdexcept>
 
 #include "velt/base/LoadOrderInternal.h"
 
@@ -190,21 +189,12 @@ private:
   user_casing casing;
 };
 
-// A standard library without named locales throws here. Others give the classic
-// locale if the environment names none.
-std::locale named_or_classic() {
-  try {
-    return std::locale("");
-  } catch (std::runtime_error const&) {
-    return std::locale::classic();
-  }
-}
-
+// The locale that the environment names is not asked for: this compiler's standard library
+// knows only "C", and throws for any other name, at which debuggers stop.
 std::locale make_user_locale() {
-  auto const named = named_or_classic();
-  if (named != std::locale::classic()) return named;
   user_casing const casing;
-  return std::locale(std::locale(named, new narrow_facet(casing)), new wide_facet(casing));
+  return std::locale(std::locale(std::locale::classic(), new narrow_facet(casing)),
+                     new wide_facet(casing));
 }
 
 struct locale_and_facets {

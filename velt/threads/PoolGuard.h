@@ -36,6 +36,7 @@ public:
     }
   }
 
+  // The pool that the guard stops.
   SmartPtr<IThreadPool> const& get() const noexcept { return pool; }
   IThreadPool* operator->() const noexcept { return pool.get(); }
   IThreadPool& operator*() const noexcept { return *pool; }

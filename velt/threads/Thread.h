@@ -28,6 +28,7 @@ public:
   // handle overwrites the one held, which is not closed.
   void CreateThread(thread_entry entry, void* argument, unsigned long stackSize);
 
+  // One of the platform's THREAD_PRIORITY_... values.
   void SetThreadPriority(int priority);
 
   // Sets the priority to 1 for true and to 0 for false, and leaves the boost as it
@@ -41,6 +42,7 @@ public:
   // Null takes the thread's token away.
   void SetThreadToken(void* token);
 
+  // Count: a thread runs when it has been resumed as often as suspended.
   void SuspendThread();
   void ResumeThread();
 

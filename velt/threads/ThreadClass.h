@@ -43,6 +43,7 @@ public:
   // call that runs meanwhile ends the wait without a kill. The handle stays.
   virtual void StopThread(unsigned int timeoutMs);
 
+  // As TThread's.
   virtual void SuspendThread();
   virtual void ResumeThread();
   virtual void SetThreadPriority(int priority);
@@ -92,6 +93,7 @@ protected:
   //
   // InterruptRequested stays for good, and the entry skips the body then.
   enum interrupt_state : int { Idle = 0, Running = 1, InterruptRequested = 2 };
+  // An interrupt_state.
   std::atomic<int> InterruptState = Idle;
 
   // The request of InterruptThread(), without its waits.

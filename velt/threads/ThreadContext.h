@@ -50,6 +50,7 @@ public:
 
   void ThreadBody() override;
   void StartThread() override;
+  // The same as Suspend(), Resume() and SetPriority().
   void SuspendThread() override;
   void ResumeThread() override;
   void SetThreadPriority(int priority) override;

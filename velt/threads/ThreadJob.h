@@ -25,6 +25,7 @@ public:
   // Interrupt(), then Start().
   virtual void Restart() = 0;
 
+  // Act on the worker's thread.
   virtual void Suspend() = 0;
   virtual void Resume() = 0;
   // One of the platform's THREAD_PRIORITY_... values.
@@ -57,6 +58,7 @@ class VELT_API IThreadTask : public IThreadJob {
 public:
   ~IThreadTask() override;
 
+  // Has a worker begun with it?
   virtual bool IsStarted() const = 0;
   // Has it ended, or was it cancelled?
   virtual bool IsFinished() const = 0;
@@ -80,6 +82,7 @@ public:
   // was. Call it only if IsException() is true.
   [[noreturn]] virtual void RethrowException() = 0;
 
+  // Has it started and not finished?
   virtual bool IsRunning() const = 0;
 };
 

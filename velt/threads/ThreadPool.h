@@ -68,6 +68,7 @@ public:
     return task;
   }
 
+  // Nobody could read the result: store it in a variable of the submitter's.
   template <velt::detail::callable_work Work>
     requires(!velt::detail::work_without_result<Work> &&
              !std::convertible_to<Work &&, SmartPtr<IThreadJob>>)

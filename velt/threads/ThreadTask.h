@@ -75,6 +75,7 @@ public:
   bool IsRunning() const override;
 
 protected:
+  // Sets Started, on the worker's thread.
   virtual void TaskStarted();
 
   // On the worker's thread. Throws EThreadInterrupt if a Cancel() is under way:
@@ -104,8 +105,11 @@ protected:
         const_cast<void*>(static_cast<void const*>(std::addressof(work))));
   }
 
+  // The worker while it runs the task, the events of its start and end, and the kept exception,
+  // which the task deletes.
   SmartPtr<IThreadContext> Context;
-  TEvent Started, Finished;
+  TEvent Started;
+  TEvent Finished;
   EGeneric* Exception = nullptr;
 
 private:

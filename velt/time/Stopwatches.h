@@ -33,17 +33,21 @@ VELT_API __int64 performance_count() noexcept;
 
 }  // namespace velt::detail
 
+// The tick count of the system, in milliseconds.
 class _ticks_t {
 public:
   _ticks_t() noexcept { restart(); }
+  // Reads no clock.
   _ticks_t(_DoNotInitialize const&) noexcept {}
 
+  // Starts anew.
   void restart() noexcept { start = velt::detail::tick_count(); }
 
   // Correct across a wrap of the tick count, if less than 2^32 ms have passed.
   unsigned long get_elapsed_ticks() const noexcept { return velt::detail::tick_count() - start; }
   double get_elapsed() const noexcept { return get_elapsed_ticks() / 1000.0; }
 
+  // Were both started at the same count?
   bool operator==(_ticks_t const& other) const noexcept { return start == other.start; }
   // Compares the stored counts only: if the tick count wraps between two starts, the
   // later one is the smaller.
@@ -58,16 +62,20 @@ private:
   unsigned long start;
 };
 
+// The performance counter.
 class _pcounter_t {
 public:
   // Counts per second.
   VELT_API static const double frequency;
 
   _pcounter_t() noexcept { restart(); }
+  // Reads no clock.
   _pcounter_t(_DoNotInitialize const&) noexcept {}
 
+  // Starts anew.
   void restart() noexcept { start = velt::detail::performance_count(); }
 
+  // Counts, and seconds, since the start.
   __int64 get_elapsed_ticks() const noexcept { return velt::detail::performance_count() - start; }
   double get_elapsed() const noexcept { return to_seconds(get_elapsed_ticks()); }
 
@@ -151,6 +159,7 @@ private:
 
 }  // namespace velt::detail
 
+// CPU time of the calling thread: of its own code, of the system for it, and of both.
 using _thread_user_times_t = velt::detail::thread_stopwatch<velt::detail::user_time>;
 using _thread_kernel_times_t = velt::detail::thread_stopwatch<velt::detail::kernel_time>;
 using _thread_times_t = velt::detail::thread_stopwatch<velt::detail::both_times>;

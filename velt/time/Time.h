@@ -27,8 +27,10 @@ class _variant_t;
 // no default, since neither is the obvious one.
 class VELT_API _time_t {
 public:
+  // No time: what failed conversions give.
   static const _time_t invalid;
 
+  // A count of seconds since the epoch.
   constexpr _time_t(__int64 t = 0) noexcept : seconds(t) {}
   constexpr _time_t(int t) noexcept : seconds(t) {}
   // A template, so that a literal 0L or 0u is not ambiguous with a null record.
@@ -46,6 +48,7 @@ public:
 
   constexpr _time_t(_time_t const&) noexcept = default;
   constexpr _time_t& operator=(_time_t const&) noexcept = default;
+  // As the constructors do.
   constexpr _time_t& operator=(__int64 const& t) noexcept {
     seconds = t;
     return *this;
@@ -55,10 +58,13 @@ public:
     return *this;
   }
   _time_t& operator=(std::nullptr_t no_record) = delete;
+  // As the constructors do.
   _time_t& operator=(tm const& record) { return *this = _time_t(record); }
   _time_t& operator=(tm const* record) { return *this = _time_t(record); }
 
+  // Is it another time than `invalid`?
   constexpr bool valid() const noexcept { return seconds != -1; }
+  // The count of seconds.
   constexpr operator __int64() const noexcept { return seconds; }
 
   // Move the time by seconds, without a test for `invalid`.

@@ -111,13 +111,13 @@ public:
 #undef VELT_FRONT
 
   // The other integers of 32 bits, held as an element type.
-#define VELT_FRONT(T, Held)                                                         \
+#define VELT_HELD(T, Held)                                                          \
   _value_t(T value) : _value_t(static_cast<Held>(value)) {}                         \
   _value_t& operator=(T value) { return *this = static_cast<Held>(value); }         \
   void push_back(T value) { push_back(static_cast<Held>(value)); }
-  VELT_FRONT(long, int)
-  VELT_FRONT(unsigned int, unsigned long)
-#undef VELT_FRONT
+  VELT_HELD(long, int)
+  VELT_HELD(unsigned int, unsigned long)
+#undef VELT_HELD
 
   // Such as std::size_t. Say which type shall hold it: __int64 or unsigned long.
   _value_t(unsigned __int64 cast_it_to_an_element_type) = delete;
@@ -185,6 +185,7 @@ public:
   template <velt::detail::element_type T>
   _value_t(std::vector<T> const& elements) : data(velt::detail::new_sequence(elements)) {}
 
+  // The same by assignment.
   template <velt::detail::element_type T>
   _value_t& operator=(const_array<T> const& elements) & { return replace(elements); }
   template <velt::detail::element_type T>
@@ -272,6 +273,7 @@ public:
   // Makes the value empty.
   void clear() noexcept { data.reset(); }
 
+  // Exchange the contents, without copies.
   void swap(_value_t& other) noexcept { data.swap(other.data); }
   friend void swap(_value_t& a, _value_t& b) noexcept { a.swap(b); }
 

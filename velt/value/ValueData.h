@@ -76,6 +76,7 @@ public:
   static void operator delete(void* block, std::size_t size) noexcept;
 
 protected:
+  // The number of handles.
   velt::detail::reference_count refs;
 
   template <class T>
