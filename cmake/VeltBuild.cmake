@@ -36,4 +36,5 @@ function(velt_find_runtime_dlls result)
 endfunction()
 
 velt_find_runtime_dlls(VELT_RUNTIME_DLLS)
+include(VeltRuntime)
 file(COPY ${VELT_RUNTIME_DLLS} DESTINATION ${CMAKE_RUNTIME_OUTPUT_DIRECTORY})

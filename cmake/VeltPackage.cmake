@@ -17,7 +17,15 @@ configure_package_config_file(cmake/veltConfig.cmake.in ${PROJECT_BINARY_DIR}/ve
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/veltConfigVersion.cmake
   COMPATIBILITY SameMinorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/veltConfig.cmake ${PROJECT_BINARY_DIR}/veltConfigVersion.cmake
-  DESTINATION ${package_dir})
+  cmake/VeltRuntime.cmake DESTINATION ${package_dir})
+
+# For clients that are cross-compiled as velt was.
+if(CMAKE_CROSSCOMPILING)
+  install(FILES cmake/mingw-w64.cmake DESTINATION ${package_dir})
+  if(velt_tools MATCHES ucrt)
+    install(FILES cmake/ucrt64.cmake DESTINATION ${package_dir})
+  endif()
+endif()
 
 # The flags that the target hands to its users, for a compiler that is called by
 # hand. Only C++ is compiled with them, so the condition on the language goes, and a

@@ -19,4 +19,12 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE BOTH)
 
-set(CMAKE_CROSSCOMPILING_EMULATOR ${CMAKE_CURRENT_LIST_DIR}/../scripts/run-under-wine)
+# In a package of velt there is no script, so Wine runs programs in the user's own prefix.
+if(NOT CMAKE_CROSSCOMPILING_EMULATOR)
+  set(CMAKE_CROSSCOMPILING_EMULATOR ${CMAKE_CURRENT_LIST_DIR}/../scripts/run-under-wine)
+  if(NOT EXISTS ${CMAKE_CROSSCOMPILING_EMULATOR})
+    find_program(VELT_WINE NAMES wine64 wine PATHS /usr/lib/wine)
+    set(CMAKE_CROSSCOMPILING_EMULATOR
+      env WINEDEBUG=-all WINEDLLOVERRIDES=mscoree,mshtml= ${VELT_WINE})
+  endif()
+endif()

@@ -9,11 +9,14 @@ add_test(NAME package_install COMMAND ${CMAKE_COMMAND}
   -P ${consumer}/install.cmake)
 set_tests_properties(package_install PROPERTIES FIXTURES_SETUP package)
 
-# velt_add_consumer_test(NAME OPTION...): configures, builds and tests consumer/.
+# velt_add_consumer_test(NAME OPTION...): configures, builds and tests consumer/, with the
+# toolchain file of the package, where there is one.
 function(velt_add_consumer_test name)
   set(options -D CMAKE_BUILD_TYPE=$<CONFIG> -D CMAKE_CXX_COMPILER=${CMAKE_CXX_COMPILER} ${ARGN})
   if(CMAKE_TOOLCHAIN_FILE)
-    list(APPEND options -D CMAKE_TOOLCHAIN_FILE=${CMAKE_TOOLCHAIN_FILE})
+    cmake_path(GET CMAKE_TOOLCHAIN_FILE FILENAME toolchain)
+    list(APPEND options -D CMAKE_TOOLCHAIN_FILE=${package}/lib/cmake/velt/${toolchain}
+      -D CMAKE_CROSSCOMPILING_EMULATOR=${CMAKE_CROSSCOMPILING_EMULATOR})
   endif()
   add_test(NAME ${name} COMMAND ${CMAKE_CTEST_COMMAND}
     --build-and-test ${consumer} ${CMAKE_CURRENT_BINARY_DIR}/${name}

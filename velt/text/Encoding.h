@@ -2,8 +2,9 @@
 //
 // `code_page` is a number of the platform; 0 is the system's ANSI code page. The
 // view needs no terminator, and NULs in it are converted like other characters. The
-// platform replaces characters that the code page lacks, and bytes that are no
-// character.
+// platform replaces a character that the code page lacks by the most similar one (in
+// 1252 L for U+0141, 8 for infinity), or else by the default character, usually '?', and
+// bytes that are no character by one of its choice.
 //
 // An empty view gives an empty text in any code page, without a call to the
 // platform. Throws ESystemException if the platform refuses: code 87

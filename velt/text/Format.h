@@ -28,13 +28,14 @@ concept has_objects = ((std::is_class_v<Arguments> || std::is_union_v<Arguments>
 
 }  // namespace velt::detail
 
-// More than 2047 characters throw std::length_error ("string too long"), and so does
-// an argument that the run time cannot format, such as wide text outside the code
-// page for %ls.
+// More than 2047 characters throw std::length_error ("string too long"), and so do a
+// format that the run time refuses, such as "100%" or "%2$s", and an argument that it
+// cannot format, such as wide text outside the code page for %ls.
 VELT_API std::string format_string(basic_const_string<char> format, ...);
 VELT_API std::wstring format_wstring(basic_const_string<wchar_t> format, ...);
 
-// Cuts at 2047 characters without notice, and ends at the first NUL. Throws
+// Cuts at 2047 characters, and where the run time refuses the format, without notice; ends
+// at the first NUL. Throws
 // _com_error with 0x8007000E if the result cannot be allocated.
 VELT_API _bstr_t format_bstr(basic_const_string<wchar_t> format, ...);
 

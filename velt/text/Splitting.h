@@ -50,8 +50,8 @@ using character_of = typename text_traits<Text>::character;
 
 }  // namespace velt::detail
 
-// Takes one word and the separator behind it off the stream. White space separates
-// only if it is in the set. The word is empty if none was left. The end of the input
+// Takes one word and the separator behind it off the stream, and replaces `word` by it.
+// White space separates only if it is in the set. The word is empty if none was left. The end of the input
 // and a failure of the stream end a word.
 VELT_API void read_word(std::istream& in, std::string& word, char const* separators);
 VELT_API void read_word(std::wistream& in, std::wstring& word, wchar_t const* separators);

@@ -135,8 +135,10 @@ public:
   std::string iso8601time() const;
 
   // The first second of the local day, of the next day, and of the day before, whether
-  // the day has 23, 24 or 25 hours. trunc2localday() and prevlocalday() of `invalid` are
-  // `invalid`; nextlocalday() of `invalid` is 0.
+  // the day has 23, 24 or 25 hours. Where summer time begins at midnight, trunc2localday()
+  // and prevlocalday() give 23:00 of the day before. trunc2localday() and prevlocalday() of
+  // `invalid`, and before the first local midnight of 1970, are `invalid`; nextlocalday()
+  // is 0 for `invalid`, and west of Greenwich before that midnight.
   _time_t trunc2localday() const;
   _time_t nextlocalday() const;
   _time_t prevlocalday() const;
