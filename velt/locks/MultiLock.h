@@ -103,9 +103,9 @@ protected:
 private:
   TMultiLock(TMultiLock const&) = delete;
 
-  // What nobody has to wait for is done at once: by the first hold of a free lock and the
-  // end of the only one. All else goes through these, and what has to be kept for it costs
-  // the others nothing.
+  // The first hold of a free lock and the end of the only one are done in place. All else
+  // goes through these three, because the registers that they save would cost the others
+  // time.
   template <bool independent>
   [[gnu::noinline]] bool read_lock_slowly(unsigned int timeout, _owner_id id, bool has_inner_lock);
   template <bool independent>

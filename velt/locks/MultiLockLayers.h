@@ -217,8 +217,8 @@ protected:
   };
 
   // Called under the inner lock and releases it, except when the timer cannot be
-  // set. Spins at first, for some ten microseconds in several calls. Then it waits alertably
-  // until one of the signals is up; sig_sole_owner counts only if `id` is that
+  // set. Spins at first, in several calls for some ten microseconds together. Then it waits
+  // alertably until one of the signals is up; sig_sole_owner counts only if `id` is that
   // owner. True: examine the state again. False: the time ran out. A timeout of 0
   // asks without waiting, 0xFFFFFFFF means no limit. Throws ESystemException if the
   // wait fails and records that in the history, since a queued call may throw the
@@ -260,6 +260,6 @@ private:
   // How many threads wait for each signal. Raised under the inner lock and lowered
   // without it.
   _ml_shared<waiter_counts> waiting = 0;
-  // Since the last that was sent.
+  // Those of sig_free since the last that was sent.
   unsigned int saved_wake_ups = 0;
 };

@@ -157,8 +157,8 @@ HRESULT CComStringStream::Seek(LARGE_INTEGER distance, DWORD origin, ULARGE_INTE
   auto const from = direction(origin);
   if (!from) return S_OK;
   bool const is_good = Contents.good();
-  std::streamoff const reached =
-      is_good ? move(*Contents.rdbuf(), distance.QuadPart, *from) : std::streamoff(Contents.tellg());
+  std::streamoff const reached = is_good ? move(*Contents.rdbuf(), distance.QuadPart, *from)
+                                         : std::streamoff(Contents.tellg());
   if (is_good && reached == failed) Contents.setstate(std::ios_base::failbit);
   if (position) position->QuadPart = static_cast<ULONGLONG>(reached);
   return S_OK;
