@@ -210,16 +210,36 @@ void take_snapshot() {
   keep(TakeDebugSnapshot());
 }
 
-// Handles of all threads but the calling one: those of earlier rows are there, too.
-std::vector<HANDLE> other_threads() {
-  std::vector<HANDLE> threads;
+constexpr unsigned most_frames = 64;
+
+struct OtherThread {
+  HANDLE handle;
+  unsigned frames;  // that a snapshot shows
+};
+
+unsigned frames_of(HANDLE thread) {
+  address frames[most_frames];
+  CONTEXT context;
+  context.ContextFlags = CONTEXT_FULL;
+  SuspendThread(thread);
+  if (!GetThreadContext(thread, &context)) abort();
+  unsigned const count = StackWalk(frames, &context, thread, 0, most_frames);
+  ResumeThread(thread);
+  return count;
+}
+
+// All but the calling one: those of earlier rows are there, too.
+std::vector<OtherThread> other_threads() {
+  std::vector<OtherThread> threads;
   HANDLE const list = CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0);
   THREADENTRY32 entry;
   entry.dwSize = sizeof entry;
   for (bool more = Thread32First(list, &entry); more; more = Thread32Next(list, &entry))
     if (entry.th32OwnerProcessID == GetCurrentProcessId() &&
-        entry.th32ThreadID != GetCurrentThreadId())
-      threads.push_back(OpenThread(THREAD_ALL_ACCESS, FALSE, entry.th32ThreadID));
+        entry.th32ThreadID != GetCurrentThreadId()) {
+      HANDLE const handle = OpenThread(THREAD_ALL_ACCESS, FALSE, entry.th32ThreadID);
+      threads.push_back({handle, frames_of(handle)});
+    }
   CloseHandle(list);
   return threads;
 }
@@ -228,18 +248,18 @@ std::vector<HANDLE> other_threads() {
 void walk_all_bare() {
   keep(input(waiting_threads()));
   static auto const threads = other_threads();
-  address frames[64];
-  for (auto const thread : threads) SuspendThread(thread);
-  for (auto const thread : threads) {
+  address frames[most_frames];
+  for (auto const& each : threads) SuspendThread(each.handle);
+  for (auto const& each : threads) {
     CONTEXT context;
     context.ContextFlags = CONTEXT_FULL;
-    if (!GetThreadContext(thread, &context)) abort();
-    keep(walk_bare(thread, context, frames, 64));
-    ResumeThread(thread);
+    if (!GetThreadContext(each.handle, &context)) abort();
+    keep(walk_bare(each.handle, context, frames, each.frames));
+    ResumeThread(each.handle);
   }
   CONTEXT own;
   RtlCaptureContext(&own);
-  keep(walk_bare(GetCurrentThread(), own, frames, 64));
+  keep(walk_bare(GetCurrentThread(), own, frames, most_frames));
 }
 
 SmartPtrRefsLogger logger;
