@@ -223,8 +223,9 @@ void print(Series const& series, bool tab_separated) {
 }  // namespace
 
 void print_growth(bool tab_separated) {
-  // For the series of stacks.
+  // For the series of stacks, which then know the names.
   SymInitialize();
+  threads_in_snapshot(1);
   for (auto const& series : all_series()) print(series, tab_separated);
 }
 

@@ -101,7 +101,7 @@ void print_tab_separated(Line const& line) {
 }
 
 constexpr char heading[] =
-    "row                  ns velt  peer                    ns peer  ratio  goal\n";
+    "row                   ns velt  peer                     ns peer  ratio  goal\n";
 
 // In eight columns.
 void print_time(double nanoseconds) {
@@ -110,12 +110,12 @@ void print_time(double nanoseconds) {
 
 void print_for_people(Line const& line, bool first_of_row) {
   auto const [ratio, verdict] = bench::compare(line.velt, line.peer_time, line.goal);
-  std::printf("%-20s", first_of_row ? line.row : "");
+  std::printf("%-21s", first_of_row ? line.row : "");
   if (first_of_row)
     print_time(line.velt);
   else
     std::printf("%8s", "");
-  std::printf("  %-23s", line.peer);
+  std::printf("  %-24s", line.peer);
   print_time(line.peer_time);
   std::printf("%7.3f", ratio);
   if (verdict == Verdict::shown)
