@@ -12,6 +12,7 @@
 
 #include "bench/Rows.h"
 #include "bench/Threads.h"
+#include "bench/boundary/Boundary.h"
 #include "velt/locks/CriticalSection.h"
 #include "velt/locks/Event.h"
 #include "velt/locks/MultiLock.h"
@@ -101,21 +102,17 @@ void slim_shared_pair() {
   ReleaseSRWLockShared(&lock.native);
 }
 
-// What any lock with a guarded record of its holders has to do at the least.
-void two_interlocked_pairs() {
+void interlocked_pair() {
   auto& word = input(the<std::atomic<unsigned>>());
-  for (int pair = 0; pair < 2; ++pair) {
-    unsigned expected = 0;
-    word.compare_exchange_strong(expected, 1);
-    word.exchange(0);
-  }
+  unsigned expected = 0;
+  word.compare_exchange_strong(expected, 1);
+  word.exchange(0);
 }
 
-// What the threads of the mixed rows do under the lock: some ten nanoseconds, as a
-// look at a table takes.
-void work_shortly() {
-  std::uint64_t value = 1;
-  for (int i = 0; i != 25; ++i) keep(value = value * 6364136223846793005u + 1);
+// What any lock with a guarded record of its holders has to do at the least.
+void two_interlocked_pairs() {
+  interlocked_pair();
+  interlocked_pair();
 }
 
 // One hold in `interval` is for writing. Each thread begins elsewhere, so that they
@@ -212,6 +209,14 @@ void upgrade_boost() {
   mutex.unlock_upgrade();
 }
 
+void upgrade_boost_in_dll() {
+  auto& lock = input(the<BoostUpgradeLock>());
+  lock.read();
+  lock.upgrade();
+  lock.end_upgrade();
+  lock.end_read();
+}
+
 // Every thread makes its share of the passes.
 template <int threads, void (*pass)()>
 void share_out(std::uint64_t count) {
@@ -291,6 +296,11 @@ void raw_set_and_wait() {
   WaitForSingleObjectEx(event, INFINITE, TRUE);
 }
 
+void set_raw_event() {
+  static HANDLE const event = CreateEventW(nullptr, TRUE, TRUE, nullptr);
+  SetEvent(event);
+}
+
 constexpr int property_count = 1000;
 
 _bstr_t property_name(int number) {
@@ -323,6 +333,13 @@ _bstr_t& wanted_name() {
 
 }  // namespace
 
+std::vector<Row> machine_rows() {
+  return {
+      {"interlocked_pair", loop([] { interlocked_pair(); }),
+       {{"SetEvent", no_goal, loop([] { set_raw_event(); })}}},
+  };
+}
+
 std::vector<Row> lock_rows() {
   return {
       {"critical_section", loop([] { guard_section(); }),
@@ -343,7 +360,8 @@ std::vector<Row> lock_rows() {
        {{"std::recursive_mutex", 1.4, loop([] { lock_twice(); })}}},
 
       {"multilock_upgrade", loop([] { upgrade(); }),
-       {{"boost::upgrade_mutex", 1.2, loop([] { upgrade_boost(); })}}},
+       {{"boost::upgrade_mutex", 1.2, loop([] { upgrade_boost(); })},
+        {"the same in a DLL", no_goal, loop([] { upgrade_boost_in_dll(); })}}},
 
       {"multilock_readers_2", share_out<2, read_pair>,
        {{"std::shared_mutex", 1.0, share_out<2, shared_pair<std::shared_mutex>>}}},

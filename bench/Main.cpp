@@ -4,6 +4,7 @@
 #include <string_view>
 #include <vector>
 
+#include "bench/Growth.h"
 #include "bench/Harness.h"
 #include "bench/Rows.h"
 #include "bench/Sizes.h"
@@ -16,7 +17,7 @@ using bench::Verdict;
 
 constexpr char usage[] =
     "Usage: velt_bench [--tsv] [ROW...]\n"
-    "       velt_bench [--tsv] --sizes\n"
+    "       velt_bench [--tsv] --sizes | --growth\n"
     "       velt_bench --list | --help\n"
     "\n"
     "Measures velt beside its peers, all rows or those named, and prints the median\n"
@@ -25,6 +26,9 @@ constexpr char usage[] =
     "\n"
     "  --tsv    tab-separated, one line for each row and peer: name, ns of velt, peer,\n"
     "           ns of peer, ratio, goal, verdict\n"
+    "  --growth how the time of some operations grows with their work: the times and the\n"
+    "           exponent of each series. \"ok\" means at most 1.1. With --tsv: series, work,\n"
+    "           ns, exponent, exponent at the end, verdict\n"
     "  --sizes  only the sizes of the types, which otherwise follow the whole table\n"
     "  --list   the names of the rows\n"
     "\n"
@@ -32,16 +36,16 @@ constexpr char usage[] =
 
 std::vector<Row> all_rows() {
   std::vector<Row> all;
-  for (auto const rows : {bench::value_rows, bench::text_rows, bench::time_rows,
-                          bench::exception_rows, bench::lock_rows, bench::debug_rows,
-                          bench::os_rows, bench::diagnostics_rows, bench::thread_rows,
-                          bench::pool_rows, bench::loading_rows})
+  for (auto const rows : {bench::machine_rows, bench::value_rows, bench::text_rows,
+                          bench::time_rows, bench::exception_rows, bench::lock_rows,
+                          bench::debug_rows, bench::os_rows, bench::diagnostics_rows,
+                          bench::thread_rows, bench::pool_rows, bench::loading_rows})
     std::ranges::move(rows(), std::back_inserter(all));
   return all;
 }
 
 struct Options {
-  bool tab_separated = false, sizes = false, list = false, help = false;
+  bool tab_separated = false, sizes = false, growth = false, list = false, help = false;
   std::vector<std::string_view> rows;
   std::string mistake;  // what is wrong with the command line, if anything
 };
@@ -53,6 +57,8 @@ Options read(std::vector<std::string_view> const& arguments, std::vector<Row> co
       options.tab_separated = true;
     else if (argument == "--sizes")
       options.sizes = true;
+    else if (argument == "--growth")
+      options.growth = true;
     else if (argument == "--list")
       options.list = true;
     else if (argument == "--help" || argument == "-h")
@@ -95,7 +101,7 @@ void print_tab_separated(Line const& line) {
 }
 
 constexpr char heading[] =
-    "row                  ns velt  peer                    ns peer  ratio  goal\n";
+    "row                   ns velt  peer                     ns peer  ratio  goal\n";
 
 // In eight columns.
 void print_time(double nanoseconds) {
@@ -104,12 +110,12 @@ void print_time(double nanoseconds) {
 
 void print_for_people(Line const& line, bool first_of_row) {
   auto const [ratio, verdict] = bench::compare(line.velt, line.peer_time, line.goal);
-  std::printf("%-20s", first_of_row ? line.row : "");
+  std::printf("%-21s", first_of_row ? line.row : "");
   if (first_of_row)
     print_time(line.velt);
   else
     std::printf("%8s", "");
-  std::printf("  %-23s", line.peer);
+  std::printf("  %-24s", line.peer);
   print_time(line.peer_time);
   std::printf("%7.3f", ratio);
   if (verdict == Verdict::shown)
@@ -147,10 +153,8 @@ void run_rows(std::vector<Row> const& rows, Options const& options) {
 }  // namespace
 
 int main(int count, char** arguments) {
-  // Rows that throw measure the throw.
+  // Rows that throw are about the throw, not about a dump of it.
   SaveMiniDumpOnStructuredException = SaveMiniDumpOnCppException = false;
-  // The rows that throw are about the throw, not about a dump of it.
-  SaveMiniDumpOnCppException = false;
   auto const rows = all_rows();
   auto const options = read({arguments + 1, arguments + count}, rows);
   if (!options.mistake.empty()) {
@@ -163,6 +167,8 @@ int main(int count, char** arguments) {
     for (auto const& row : rows) std::printf("%s\n", row.name.c_str());
   else if (options.sizes)
     bench::print_sizes(options.tab_separated);
+  else if (options.growth)
+    bench::print_growth(options.tab_separated);
   else
     run_rows(rows, options);
   return 0;

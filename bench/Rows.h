@@ -7,6 +7,9 @@
 
 namespace bench {
 
+// What the machine's locked instructions and calls of its platform cost, by which the
+// other rows differ from machine to machine.
+std::vector<Row> machine_rows();
 std::vector<Row> value_rows();
 std::vector<Row> text_rows();
 std::vector<Row> time_rows();

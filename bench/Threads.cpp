@@ -6,6 +6,8 @@
 #include <thread>
 #include <vector>
 
+#include "bench/Harness.h"
+
 namespace bench {
 namespace {
 
@@ -52,6 +54,11 @@ void on_threads(int count, void (*work)(int, std::uint64_t), std::uint64_t passe
   for (int i = 0; i < count - 1; ++i) all[static_cast<std::size_t>(i)]->begin(work, passes);
   work(0, passes);
   for (int i = 0; i < count - 1; ++i) all[static_cast<std::size_t>(i)]->wait();
+}
+
+void work_shortly() {
+  std::uint64_t value = 1;
+  for (int i = 0; i != 25; ++i) keep(value = value * 6364136223846793005u + 1);
 }
 
 }  // namespace bench

@@ -10,4 +10,8 @@ namespace bench {
 // call costs their waking and no making of threads.
 void on_threads(int count, void (*work)(int index, std::uint64_t passes), std::uint64_t passes);
 
+// What threads do under a lock that they contend for: some ten nanoseconds, as a look at
+// a table takes.
+void work_shortly();
+
 }  // namespace bench

@@ -134,7 +134,8 @@ std::vector<Row> value_rows() {
 
       {"value_int_to_text",
        loop([] { keep(input(int_value).as_string()); }),
-       {{"std::to_string", 1.3, loop([] { keep(std::to_string(input(number))); })}}},
+       {{"std::to_string", 1.3, loop([] { keep(std::to_string(input(number))); })},
+        {"the same in a DLL", no_goal, loop([] { keep(int_to_text(input(number))); })}}},
 
       {"value_double_to_text",
        loop([] { keep(input(double_value).as_string()); }),

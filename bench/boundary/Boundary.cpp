@@ -18,4 +18,11 @@ void copy_and_release(boost::intrusive_ptr<BoostObject> const& handle) {
   keep(copy);
 }
 
+std::string int_to_text(int number) { return std::to_string(number); }
+
+void BoostUpgradeLock::read() { mutex.lock_upgrade(); }
+void BoostUpgradeLock::upgrade() { mutex.unlock_upgrade_and_lock(); }
+void BoostUpgradeLock::end_upgrade() { mutex.unlock_and_lock_upgrade(); }
+void BoostUpgradeLock::end_read() { mutex.unlock_upgrade(); }
+
 }  // namespace bench

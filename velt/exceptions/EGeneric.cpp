@@ -13,8 +13,12 @@ constexpr std::size_t list_limit = 0x555555555555555;
 
 char folded(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; }
 
+// From the end, since names of one list often begin alike: "Parameter0", "Parameter1".
 bool same_name(std::string const& a, std::string const& b) {
-  return std::ranges::equal(a, b, {}, folded, folded);
+  auto left = a.size();
+  if (left != b.size()) return false;
+  while (left != 0 && folded(a[left - 1]) == folded(b[left - 1])) --left;
+  return left == 0;
 }
 
 template <class List>

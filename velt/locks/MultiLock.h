@@ -89,8 +89,9 @@ protected:
   bool _write_lock_independent(unsigned int timeout, _owner_id id);
   void _unlock(_owner_id id) noexcept;
 
-  // The loops of all acquisitions. The parameters are the branches that a derived
-  // class changes; each is called under the inner lock and releases it.
+  // The loops of all acquisitions, called under the inner lock. The parameters are the
+  // branches that a derived class changes; each is called under the inner lock and
+  // releases it.
   template <bool independent, class FirstReader>
   bool acquire_read(unsigned int timeout, _owner_id id, FirstReader const& first_reader);
   template <bool independent, class FirstWriter, class Upgrader>
@@ -108,6 +109,17 @@ protected:
 private:
   TMultiLock(TMultiLock const&) = delete;
 
+  // The first hold of a free lock and the end of the only one are done in place. All else
+  // goes through these three, because the registers that they save would cost the others
+  // time.
+  template <bool independent>
+  [[gnu::noinline]] bool read_lock_slowly(unsigned int timeout, _owner_id id, bool has_inner_lock);
+  template <bool independent>
+  [[gnu::noinline]] bool write_lock_slowly(unsigned int timeout, _owner_id id, bool has_inner_lock);
+  [[gnu::noinline]] void unlock_slowly(_owner_id id, bool has_inner_lock) noexcept;
+
+  void enter_free(state_value entered, _owner_id record, signal_set lowered) noexcept;
+  void end_last_hold() noexcept;
   bool wait_to_upgrade(_owner_id id, unsigned int timeout, wait_history& history);
 
   // Threads that wait to upgrade. Raised under the inner lock and lowered

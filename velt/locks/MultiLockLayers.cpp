@@ -3,6 +3,7 @@
 #include <windows.h>
 
 #include <algorithm>
+#include <bit>
 #include <cstdlib>
 #include <new>
 
@@ -18,12 +19,12 @@ namespace {
 constexpr int tries_before_sleep = 200;
 constexpr int pauses_before_yield = 20;
 
-// Some microseconds, a tenth of what a wait costs.
-constexpr int tries_before_wait = 10;
+// Some ten microseconds, about what a wait costs.
+constexpr int tries_before_wait = 100;
 
-// A wake-up that is under way is not sent again, except now and then: the thread that
-// has it may have been killed.
-constexpr unsigned int wake_ups_saved_at_once = 64;
+// A wake-up that is under way is not sent again, except after this many releases, twice as
+// many, and so on: the thread that has it may have been killed.
+constexpr unsigned int first_wake_ups_saved = 64;
 
 // The counts of the three signals share a word.
 constexpr int bits_of_count = 21;
@@ -71,13 +72,15 @@ private:
 // suspended holder leave the processors alone.
 void _ml_interlocked_inner_lock::inner_lock_contended(_owner_id id, bool alertable) {
   for (int i = 0; i < tries_before_sleep; ++i) {
-    for (int pause = 0; pause < pauses_before_yield && !is_free(); ++pause) YieldProcessor();
-    if (is_free() && try_inner_lock(id)) return;
+    for (int pause = 0; pause < pauses_before_yield; ++pause) {
+      if (is_free() && try_word(id)) return;
+      YieldProcessor();
+    }
     SwitchToThread();
   }
   DWORD pause = 0;
   do SleepEx(pause++, alertable);
-  while (!try_inner_lock(id));
+  while (!try_word(id));
 }
 
 // At the end of the process a thread may have been stopped amid an allocation.
@@ -107,19 +110,6 @@ _ml_common::_owner_id _ml_full_owners_list::remove_older_owner(_owner_id id) noe
     return removed;
   }
   return {no_record};
-}
-
-bool _ml_full_owners_list::is_only_owner(_owner_id id) const noexcept {
-  return owner_share(id) == share::all;
-}
-
-bool _ml_full_owners_list::all_one_owner() const noexcept {
-  return owners_count != 0 && is_only_owner(owners[0]);
-}
-
-bool _ml_full_owners_list::no_write_owner() const noexcept {
-  return owners_count != 0 &&
-         std::none_of(owners, owners + owners_count, [](_owner_id each) { return each.writes(); });
 }
 
 // The event of free is automatic, because only one waiter can get a free lock. It
@@ -166,23 +156,36 @@ bool _ml_free_signal_event::is_awaited(event const& each) const noexcept {
 
 // The results of the calls are not checked here and below: a valid event cannot
 // fail, and an event that could not be made shows in the next wait.
-void _ml_free_signal_event::set_events(signal_set risen) noexcept {
+void _ml_free_signal_event::raise(signal_set mask) noexcept {
+  signal_set const risen = mask & ~signals;
+  signals = signals | mask;
   for (auto const& each : events) {
     if (!(risen & each.signal) || !is_awaited(each)) continue;
-    if ((shown & each.signal) && ++saved_wake_ups % wake_ups_saved_at_once != 0) continue;
+    if (!(shown & each.signal))
+      saved_wake_ups = 0;
+    else if (++saved_wake_ups < first_wake_ups_saved || !std::has_single_bit(saved_wake_ups))
+      continue;
     SetEvent(this->*each.handle);
     shown |= each.signal;
   }
 }
 
+void _ml_free_signal_event::set_awaited_signal(signal_set mask) noexcept {
+  raise(mask);
+  inner_unlock();
+}
+
 // The event of free stays set for the thread that it is about to wake, or has woken.
 // That thread finds the lock taken and waits again.
-void _ml_free_signal_event::reset_events(signal_set fallen) noexcept {
+void _ml_free_signal_event::reset_awaited_signal(signal_set mask) noexcept {
+  signal_set const fallen = mask & signals;
+  signals = signals & ~mask;
   for (auto const& each : events) {
     if (!each.manual || !(fallen & shown & each.signal) || !is_awaited(each)) continue;
     ResetEvent(this->*each.handle);
     shown &= ~each.signal;
   }
+  inner_unlock();
 }
 
 // For a new waiter, under the inner lock: gives the event the state of its signal,
@@ -198,8 +201,8 @@ void* _ml_free_signal_event::event_in_line(event const& each) noexcept {
   return handle;
 }
 
-void _ml_free_signal_event::spin_for(signal_set mask) const noexcept {
-  for (int i = 0; i < tries_before_wait; ++i) {
+void _ml_free_signal_event::spin_for(signal_set mask, wait_history& history) const noexcept {
+  while (history.spins++ < tries_before_wait) {
     for (int pause = 0; pause < pauses_before_yield; ++pause) {
       if (signals & mask) return;
       YieldProcessor();
@@ -214,10 +217,10 @@ bool _ml_free_signal_event::wait_signal(signal_set mask, _owner_id id, unsigned 
     inner_unlock();
     return false;
   }
-  if (!history.spun) {
-    history = {.spun = true};
+  if (history.spins < tries_before_wait) {
+    history = {.spins = history.spins};
     inner_unlock();
-    spin_for(mask);
+    spin_for(mask, history);
     return true;
   }
   history = {};

@@ -58,28 +58,29 @@ protected:
   // other code. Not recursive. A contender spins for some microseconds, then
   // sleeps alertably between tries: queued calls run and can throw.
   void inner_lock(_owner_id id) {
-    touch_stack();
     if (!try_inner_lock(id)) [[unlikely]]
       inner_lock_contended(id, true);
   }
   // Like inner_lock(), but not alertable: releases run in destructors during
   // unwinding and must not throw.
   void inner_lock_to_release(_owner_id id) noexcept {
-    touch_stack();
     if (!try_inner_lock(id)) [[unlikely]]
       inner_lock_contended(id, false);
   }
+  // One try. If there is no room on the stack for what is done under the inner lock,
+  // it overflows here, where nothing is held yet.
   bool try_inner_lock(_owner_id id) noexcept {
-    unsigned int expected = free_word;
-    return word.compare_exchange_strong(expected, id.bits, std::memory_order_acquire);
+    touch_stack();
+    return try_word(id);
   }
+  // After a try that failed.
+  void inner_lock_contended(_owner_id id, bool alertable);
   void inner_unlock() noexcept { word.store(free_word, std::memory_order_release); }
 
 private:
   static constexpr unsigned int free_word = 0xFFFFFFFF;
 
-  // If the stack has no room for what is done under the inner lock, it overflows
-  // here, where nothing is held yet. Page by page, as the guard must be met.
+  // Page by page, as the guard must be met.
   static void touch_stack() noexcept {
     auto const frame = static_cast<char const volatile*>(__builtin_frame_address(0));
     (void)frame[-2048];
@@ -87,7 +88,10 @@ private:
   }
 
   bool is_free() const noexcept { return word.load(std::memory_order_relaxed) == free_word; }
-  void inner_lock_contended(_owner_id id, bool alertable);
+  bool try_word(_owner_id id) noexcept {
+    unsigned int expected = free_word;
+    return word.compare_exchange_strong(expected, id.bits, std::memory_order_acquire);
+  }
 
   // The holder's id, for whoever reads a dump.
   std::atomic<unsigned int> word = free_word;
@@ -119,6 +123,17 @@ protected:
       grow();
     owners[owners_count++] = record;
   }
+  // The same for an empty list.
+  void add_first_owner(_owner_id record) noexcept {
+    owners[0] = record;
+    owners_count = 1;
+  }
+  // If the list is one record of this owner: removes it. False: nothing is done.
+  bool remove_last_owner(_owner_id id) noexcept {
+    if (owners_count != 1 || !owners[0].same_owner(id)) return false;
+    owners_count = 0;
+    return true;
+  }
 
   // Removes the newest record of the owner, for reading or writing, and returns
   // it; no_record if there is none. Mostly it is the newest of all.
@@ -137,9 +152,13 @@ protected:
   }
 
   // These three are false for an empty list.
-  bool is_only_owner(_owner_id id) const noexcept;
-  bool all_one_owner() const noexcept;
-  bool no_write_owner() const noexcept;
+  bool is_only_owner(_owner_id id) const noexcept { return owner_share(id) == share::all; }
+  bool all_one_owner() const noexcept { return owners_count != 0 && is_only_owner(owners[0]); }
+  bool no_write_owner() const noexcept {
+    unsigned int bits = 0;
+    for (int i = 0; i < owners_count; ++i) bits |= owners[i].bits;
+    return owners_count != 0 && !_owner_id{bits}.writes();
+  }
 
   int owner_count() const noexcept { return owners_count; }
   _owner_id owner_at(int index) const noexcept { return owners[index]; }
@@ -176,38 +195,30 @@ protected:
   // Called under the inner lock, which they release. They call the platform only
   // for a signal that changes and that somebody waits for.
   void set_signal(signal_set mask) noexcept {
-    raise(mask);
+    if (waiting != 0) [[unlikely]]
+      return set_awaited_signal(mask);
+    signals = signals | mask;
     inner_unlock();
   }
   void reset_signal(signal_set mask) noexcept {
-    lower(mask);
+    if (waiting != 0) [[unlikely]]
+      return reset_awaited_signal(mask);
+    signals = signals & ~mask;
     inner_unlock();
   }
-
-  // The same, but the inner lock stays taken.
-  void raise(signal_set mask) noexcept {
-    signal_set const before = signals;
-    signals = before | mask;
-    if (waiting != 0) [[unlikely]]
-      set_events(mask & ~before);
-  }
-  void lower(signal_set mask) noexcept {
-    signal_set const before = signals;
-    signals = before & ~mask;
-    if (waiting != 0) [[unlikely]]
-      reset_events(mask & before);
-  }
+  // The first of them, but the inner lock stays taken.
+  void raise(signal_set mask) noexcept;
 
   // What one operation knows of its waits so far.
   struct wait_history {
-    bool spun = false;          // it comes back from spinning
+    int spins = 0;              // since the last wait
     bool failed = false;        // the platform refused the last wait
     bool took_wake_up = false;  // the last wait ended by sig_free
   };
 
   // Called under the inner lock and releases it, except when the timer cannot be
-  // set. Spins for some microseconds at first. When called again, it waits alertably
-  // until one of the signals is up; sig_sole_owner counts only if `id` is that
+  // set. Spins at first, in several calls for some ten microseconds together. Then it waits
+  // alertably until one of the signals is up; sig_sole_owner counts only if `id` is that
   // owner. True: examine the state again. False: the time ran out. A timeout of 0
   // asks without waiting, 0xFFFFFFFF means no limit. Throws ESystemException if the
   // wait fails and records that in the history, since a queued call may throw the
@@ -232,9 +243,9 @@ private:
 
   bool is_awaited(event const& each) const noexcept;
   void* event_in_line(event const& each) noexcept;
-  void set_events(signal_set risen) noexcept;
-  void reset_events(signal_set fallen) noexcept;
-  void spin_for(signal_set mask) const noexcept;
+  void set_awaited_signal(signal_set mask) noexcept;
+  void reset_awaited_signal(signal_set mask) noexcept;
+  void spin_for(signal_set mask, wait_history& history) const noexcept;
 
   // Null until somebody waits for the signal.
   void* ev_read_open = nullptr;
@@ -249,5 +260,6 @@ private:
   // How many threads wait for each signal. Raised under the inner lock and lowered
   // without it.
   _ml_shared<waiter_counts> waiting = 0;
+  // Those of sig_free since the last that was sent.
   unsigned int saved_wake_ups = 0;
 };

@@ -1,15 +1,14 @@
 // The protocol of TMultiLock, shared with TMultiLockWithNotify. A wake-up is only
 // a hint: a woken thread examines the state again, from the top of the loop.
-// Inlined, since calls and closures would double the cost of an uncontended lock.
 #pragma once
 
 #include "velt/locks/MultiLock.h"
 
 template <bool independent, class FirstReader>
-[[gnu::always_inline]] inline bool TMultiLock::acquire_read(unsigned int timeout, _owner_id id,
+bool TMultiLock::acquire_read(unsigned int timeout, _owner_id id,
                               FirstReader const& first_reader) {
   wait_history history;
-  for (inner_lock(id);; inner_lock_after_wait(id, history)) {
+  for (;; inner_lock_after_wait(id, history)) {
     switch (state) {
       case not_locked:
         first_reader();
@@ -41,10 +40,10 @@ template <bool independent, class FirstReader>
 }
 
 template <bool independent, class FirstWriter, class Upgrader>
-[[gnu::always_inline]] inline bool TMultiLock::acquire_write(unsigned int timeout, _owner_id id,
+bool TMultiLock::acquire_write(unsigned int timeout, _owner_id id,
                                FirstWriter const& first_writer, Upgrader const& upgrader) {
   wait_history history;
-  for (inner_lock(id);; inner_lock_after_wait(id, history)) {
+  for (;; inner_lock_after_wait(id, history)) {
     if (state == not_locked) {
       first_writer();
       return true;

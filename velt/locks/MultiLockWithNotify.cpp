@@ -56,19 +56,23 @@ void TMultiLockWithNotify::WriteLockThreadIndependent() {
 void TMultiLockWithNotify::UnlockThreadIndependent() { _unlock_notify(no_thread()); }
 
 bool TMultiLockWithNotify::_read_lock_notify(unsigned int timeout, _owner_id id) {
+  inner_lock(id);
   return acquire_read<false>(timeout, id, [this, id] { enter_first_reader(id); });
 }
 
 bool TMultiLockWithNotify::_read_lock_notify_independent(unsigned int timeout, _owner_id id) {
+  inner_lock(id);
   return acquire_read<true>(timeout, id, [this, id] { enter_first_reader(id); });
 }
 
 bool TMultiLockWithNotify::_write_lock_notify(unsigned int timeout, _owner_id id) {
+  inner_lock(id);
   return acquire_write<false>(
       timeout, id, [this, id] { enter_first_writer(id); }, [this, id] { enter_upgrade(id); });
 }
 
 bool TMultiLockWithNotify::_write_lock_notify_independent(unsigned int timeout, _owner_id id) {
+  inner_lock(id);
   return acquire_write<true>(timeout, id, [this, id] { enter_first_writer(id); }, [] {});
 }
 

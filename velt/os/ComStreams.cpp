@@ -37,11 +37,15 @@ std::ios_base::seekdir const* direction(DWORD origin) {
   return origin <= STREAM_SEEK_END ? &known[origin] : nullptr;
 }
 
-bool move(std::stringbuf& buffer, std::streamoff by, std::ios_base::seekdir from) {
-  std::streampos const failed(-1);
-  if (from != std::ios_base::cur) return buffer.pubseekoff(by, from) != failed;
-  return buffer.pubseekoff(by, from, std::ios_base::in) != failed &&
-         buffer.pubseekoff(by, from, std::ios_base::out) != failed;
+constexpr std::streamoff failed = -1;
+
+// Returns the position for reading, or `failed`.
+std::streamoff move(std::stringbuf& buffer, std::streamoff by, std::ios_base::seekdir from) {
+  if (from != std::ios_base::cur) return buffer.pubseekoff(by, from);
+  std::streamoff const reached = buffer.pubseekoff(by, from, std::ios_base::in);
+  bool const is_done = reached != failed &&
+                       buffer.pubseekoff(by, from, std::ios_base::out) != std::streampos(failed);
+  return is_done ? reached : failed;
 }
 
 }  // namespace
@@ -152,9 +156,11 @@ HRESULT CComStringStream::Write(void const* buffer, ULONG size, ULONG* written) 
 HRESULT CComStringStream::Seek(LARGE_INTEGER distance, DWORD origin, ULARGE_INTEGER* position) {
   auto const from = direction(origin);
   if (!from) return S_OK;
-  if (Contents.good() && !move(*Contents.rdbuf(), distance.QuadPart, *from))
-    Contents.setstate(std::ios_base::failbit);
-  if (position) position->QuadPart = static_cast<ULONGLONG>(std::streamoff(Contents.tellg()));
+  bool const is_good = Contents.good();
+  std::streamoff const reached = is_good ? move(*Contents.rdbuf(), distance.QuadPart, *from)
+                                         : std::streamoff(Contents.tellg());
+  if (is_good && reached == failed) Contents.setstate(std::ios_base::failbit);
+  if (position) position->QuadPart = static_cast<ULONGLONG>(reached);
   return S_OK;
 }
 

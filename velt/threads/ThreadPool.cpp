@@ -16,9 +16,18 @@ namespace {
 
 constexpr unsigned int idle_limit = 10'000;  // milliseconds
 
-// Of a worker that finds no job: some microseconds in all.
+// Before a thread sleeps: some microseconds in all. What it waits for often comes while
+// it would still be falling asleep.
 constexpr int tries_before_sleep = 10;
 constexpr int pauses_before_yield = 20;
+
+template <class Condition>
+void spin_until(Condition const& condition) {
+  for (int tries = 0; tries < tries_before_sleep && !condition(); ++tries) {
+    for (int pause = 0; pause < pauses_before_yield && !condition(); ++pause) YieldProcessor();
+    SwitchToThread();
+  }
+}
 
 // Of a pool whose maker does not say.
 constexpr int default_max = 50, default_min = 0, default_priority = 0, default_limit = 1'000'000;
@@ -77,12 +86,8 @@ void TJobCounts::post() {
     ThrowSystemException();
 }
 
-// The next job often comes while a worker would still be falling asleep.
 bool TJobCounts::try_take() noexcept {
-  for (int tries = 0; tries < tries_before_sleep && counts <= 0; ++tries) {
-    for (int pause = 0; pause < pauses_before_yield && counts <= 0; ++pause) YieldProcessor();
-    SwitchToThread();
-  }
+  spin_until([this] { return counts > 0; });
   return counts-- > 0;
 }
 
@@ -100,6 +105,28 @@ void TJobCounts::drop_all() {
   for (int seen = counts; seen > 0 && !counts.compare_exchange_weak(seen, 0);) {
   }
   while (semaphore.WaitForSingleObject(0, FALSE) == WAIT_OBJECT_0) --counts;
+}
+
+void TIdleState::set() {
+  idle = true;
+  if (waiting == 0 || shown) return;
+  event.SetEvent();
+  shown = true;
+}
+
+// The event may have stayed set since an earlier wait. A thread that still waits for it
+// then has been woken.
+bool TIdleState::wait(TMultiLock& queue_lock, int timeout) {
+  if (timeout != 0) spin_until([this] { return idle.load(); });
+  if (idle) return true;
+  count_while_alive const counted = [&] {
+    TLock const hold(queue_lock);
+    bool const up = idle;
+    if (shown != up) up ? event.SetEvent() : event.ResetEvent();
+    shown = up;
+    return count_while_alive(waiting);
+  }();
+  return event.Signaled(timeout);
 }
 
 IThreadPool::~IThreadPool() = default;
@@ -122,8 +149,7 @@ TThreadPool::TThreadPool(int max, int min, int priority, int limit)
       MinIdleThreads(min),
       job_counts(limit),
       ThreadPriority(priority),
-      JobQueueLimit(limit),
-      NoJobsEvent(true, true) {}
+      JobQueueLimit(limit) {}
 
 // Waits for nobody: each worker keeps the pool alive, so there is none any more.
 TThreadPool::~TThreadPool() noexcept { TThreadPool::Stop(); }
@@ -142,7 +168,7 @@ bool TThreadPool::TryAddJob(SmartPtr<IThreadJob> job) {
   if (JobQueue.size() >= static_cast<unsigned int>(JobQueueLimit)) return false;
   JobQueue.push_back(std::move(job));  // first: it may throw
   queue_has_changed();
-  if (++RunningJobs == 1) NoJobsEvent.ResetEvent();
+  if (++RunningJobs == 1) no_jobs.reset();
   job_counts.post();
   return true;
 }
@@ -156,16 +182,16 @@ SmartPtr<IThreadJob> TThreadPool::PopJob() {
   return job;
 }
 
-// With the lock only where the last job may have finished, since AddJob() resets the event
-// under it.
+// With the lock only where the last job may have finished, since AddJob() changes the
+// same under it.
 void TThreadPool::JobFinished(SmartPtr<IThreadJob>) {
   for (auto running = RunningJobs.load(); running > 1;)
     if (RunningJobs.compare_exchange_weak(running, running - 1)) return;
   report_hold const hold(QueueLock);
-  if (--RunningJobs == 0) NoJobsEvent.SetEvent();
+  if (--RunningJobs == 0) no_jobs.set();
 }
 
-// Leaves NoJobsEvent as it is, so that WaitForIdle() is false until the next job has
+// Leaves `no_jobs` as it is, so that WaitForIdle() is false until the next job has
 // finished. The counts go before the jobs: a worker that took one in between finds
 // the queue empty and goes back to its wait. The jobs are released without the lock,
 // from the last to the first, since their destructors may use the pool.
@@ -181,7 +207,7 @@ void TThreadPool::ClearQueue() {
   while (!dropped.empty()) dropped.pop_back();
 }
 
-bool TThreadPool::WaitForIdle(int timeoutMs) { return NoJobsEvent.Signaled(timeoutMs); }
+bool TThreadPool::WaitForIdle(int timeoutMs) { return no_jobs.wait(QueueLock, timeoutMs); }
 
 // The sizes are read without their locks and may be stale. A wrong answer costs a thread
 // too many, or one that comes with the next job.

@@ -34,6 +34,25 @@ private:
   TSemaphore semaphore;  // the counts for sleepers
 };
 
+// Whether the pool is idle, for threads that wait for it. The event is called only while
+// one does, and brought in line by the next. docs/model/idle.pml has the proof that none
+// waits for ever.
+class TIdleState {
+public:
+  // These two require the lock of the queue.
+  void set();
+  void reset() noexcept { idle = false; }
+
+  // One alertable wait, after some microseconds of spinning. Takes the lock of the queue.
+  bool wait(TMultiLock& queue_lock, int timeout);
+
+private:
+  std::atomic<bool> idle = true;
+  std::atomic<unsigned int> waiting = 0;  // raised under the lock of the queue
+  bool shown = true;                      // the state of the event
+  TEvent event{true, true};
+};
+
 // Neither lock is taken while the other is held. Both are held for a short time, and
 // never while a client's code runs that might use the pool: jobs and workers that
 // are dropped are released after the lock.
@@ -99,7 +118,7 @@ private:
 
   std::atomic<int> ThreadPriority;
   int const JobQueueLimit;
-  TEvent NoJobsEvent;                         // set while RunningJobs is 0
+  TIdleState no_jobs;                         // set as RunningJobs falls to 0
   std::atomic<unsigned int> RunningJobs = 0;  // queued or running
 
   // The sizes of the two containers, which others read without their locks.
