@@ -9,23 +9,44 @@ add_test(NAME package_install COMMAND ${CMAKE_COMMAND}
   -P ${consumer}/install.cmake)
 set_tests_properties(package_install PROPERTIES FIXTURES_SETUP package)
 
-# velt_add_consumer_test(NAME OPTION...): configures, builds and tests consumer/, with the
-# toolchain file of the package, where there is one.
-function(velt_add_consumer_test name)
-  set(options -D CMAKE_BUILD_TYPE=$<CONFIG> -D CMAKE_CXX_COMPILER=${CMAKE_CXX_COMPILER} ${ARGN})
+# velt_add_consumer_test(NAME SOURCE COMMAND...): configures and builds a project against the
+# package, with its toolchain file, where there is one, and runs the command.
+function(velt_add_consumer_test name source)
+  set(options -D CMAKE_BUILD_TYPE=$<CONFIG> -D CMAKE_CXX_COMPILER=${CMAKE_CXX_COMPILER}
+    -D CMAKE_PREFIX_PATH=${package})
   if(CMAKE_TOOLCHAIN_FILE)
     cmake_path(GET CMAKE_TOOLCHAIN_FILE FILENAME toolchain)
     list(APPEND options -D CMAKE_TOOLCHAIN_FILE=${package}/lib/cmake/velt/${toolchain}
       -D CMAKE_CROSSCOMPILING_EMULATOR=${CMAKE_CROSSCOMPILING_EMULATOR})
   endif()
   add_test(NAME ${name} COMMAND ${CMAKE_CTEST_COMMAND}
-    --build-and-test ${consumer} ${CMAKE_CURRENT_BINARY_DIR}/${name}
+    --build-and-test ${source} ${CMAKE_CURRENT_BINARY_DIR}/${name}
     --build-generator ${CMAKE_GENERATOR} --build-noclean --build-options ${options}
-    --test-command ${CMAKE_CTEST_COMMAND} --output-on-failure --no-tests=error)
+    --test-command ${ARGN})
+  set_tests_properties(${name} PROPERTIES FIXTURES_REQUIRED package TIMEOUT 120)
 endfunction()
 
-velt_add_consumer_test(package_by_cmake -D CMAKE_PREFIX_PATH=${package})
-set_tests_properties(package_by_cmake PROPERTIES FIXTURES_REQUIRED package TIMEOUT 120)
+velt_add_consumer_test(package_by_cmake ${consumer}
+  ${CMAKE_CTEST_COMMAND} --output-on-failure --no-tests=error)
+
+# The project of the quickstart: its first two blocks with a language.
+set(quickstart ${CMAKE_CURRENT_BINARY_DIR}/quickstart)
+set(page ${PROJECT_SOURCE_DIR}/docs/quickstart.md)
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${page})
+file(READ ${page} text)
+foreach(name cmake:CMakeLists.txt cpp:hotel.cpp)
+  string(REPLACE ":" ";" name ${name})
+  list(POP_FRONT name language)
+  string(FIND "${text}" "```${language}\n" begin)
+  string(LENGTH "```${language}\n" length)
+  math(EXPR begin "${begin} + ${length}")
+  string(SUBSTRING "${text}" ${begin} -1 block)
+  string(FIND "${block}" "```" end)
+  string(SUBSTRING "${block}" 0 ${end} block)
+  file(CONFIGURE OUTPUT ${quickstart}/${name} CONTENT "${block}" @ONLY)
+endforeach()
+velt_add_consumer_test(package_quickstart ${quickstart} ${CMAKE_CROSSCOMPILING_EMULATOR} hotel.exe)
+set_tests_properties(package_quickstart PROPERTIES PASS_REGULAR_EXPRESSION "3 guests in a room")
 
 find_program(VELT_PKG_CONFIG NAMES pkgconf pkg-config)
 if(VELT_PKG_CONFIG)

@@ -41,7 +41,9 @@ public:
   void SetOffset(unsigned __int64 position) noexcept;
 
   // From now on the platform signals a duplicate of `event` at the end of an operation,
-  // instead of the file handle; null ends that. Closes the previous duplicate.
+  // instead of the file handle; null ends that. Closes the previous duplicate. Operations
+  // that run at once on one file need an event each, or the end of one ends the wait for
+  // the others.
   void SetEvent(void* event);
 
   // These start an operation, which may already have ended on return: ask
