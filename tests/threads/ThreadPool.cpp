@@ -84,6 +84,31 @@ TEST(ThreadPool, IdleWorkersLeaveAfterTenSecondsDownToTheMinimum) {
   }
 }
 
+// A wake-up that is lost would delay a job until the idle time is over, and a worker
+// that leaves its job to others would delay it until one of them has finished its own.
+TEST(ThreadPool, SleepingWorkerGetsEachJobAndTheOneThatComesWhileItLeaves) {
+  constexpr int wake_ups = 40;
+  Gate gate;
+  std::atomic<int> sleeps = 0, runs = 0;
+  TestPool const pool(2, 0);
+  auto const count = [&] { ++runs; };
+  Replacement const sleep{VELT_CALL(WaitForSingleObjectEx),
+                          [&](auto platform, HANDLE object, DWORD time, BOOL alertable) -> DWORD {
+                            if (time != 10'000 || ++sleeps <= wake_ups)
+                              return platform(object, time, alertable);
+                            if (sleeps == wake_ups + 1) pool->AddJob(job(count));
+                            return WAIT_TIMEOUT;
+                          }};
+  pool->AddJob(gate.job());
+  ASSERT_TRUE(eventually([&] { return gate.inside == 1; }));
+  for (int i = 1; i <= wake_ups; ++i) {
+    ASSERT_TRUE(pool->AddJob([] {})->WaitForFinish(5'000)) << i;
+    ASSERT_TRUE(eventually([&] { return sleeps == i; })) << i;
+  }
+  pool->AddJob(job(count));
+  EXPECT_TRUE(eventually([&] { return runs == 2; }));
+}
+
 // The destructors of the jobs may use the pool. Tasks are dropped without a word.
 TEST(ThreadPool, ClearedQueueLeavesThePoolBusyUntilTheNextJobHasFinished) {
   TestPool const pool(0, 0);
