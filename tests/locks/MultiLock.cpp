@@ -5,7 +5,6 @@
 #include <vector>
 
 #include "tests/locks/LockTest.h"
-#include "tests/support/ChildProcess.h"
 #include "tests/support/Expect.h"
 #include "tests/support/Imports.h"
 #include "velt/time/Stopwatches.h"
@@ -182,9 +181,4 @@ TEST_F(MultiLock, UncontendedLockCallsNeitherPlatformNorAllocator) {
     steps("U");
     by(b, "U");
   }
-}
-
-// The lock's destructor cannot wait for a thread that is no more.
-TEST_F(MultiLock, ProcessEndsWhileAThreadIsInsideTheInnerWordOfAStaticLock) {
-  EXPECT_EQ(run_program(L"locks_child.exe", {}, L".").status, 0u);
 }

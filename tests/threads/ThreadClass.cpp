@@ -20,6 +20,8 @@ struct Mishap : std::exception {
 
 namespace {
 
+constexpr unsigned int obey = 20'000;
+
 // Its destructor is the library's alone.
 struct Sleeper final : TThreadClass {
   Sleeper() {
@@ -130,4 +132,74 @@ TEST(ThreadClass, StackShowsWhatTheThreadWaitsInUnlessItHasEndedOrIsSuspended) {
   EXPECT_TRUE(worker.ended_within(patience));
   EXPECT_EQ(worker.GetCurrentStack(), "");
   SymCleanup();
+}
+
+TEST(ThreadClass, ObjectThatNeverStartedWaitsOutTheTimeAndNeverRunsABody) {
+  Worker worker([] {});
+  ULONGLONG const before = GetTickCount64();
+  worker.InterruptThread(60, obey);
+  EXPECT_GE(GetTickCount64() - before, 55u);
+  for (int start = 0; start < 2; ++start) {
+    EXPECT_EQ(worker.InterruptState, Worker::InterruptRequested);
+    worker.StartThread();
+    EXPECT_TRUE(worker.ended_within(patience));
+    worker.CloseHandle();
+  }
+  EXPECT_EQ(worker.bodies, 0);
+}
+
+// A call that comes after the body throws no more, and stays as a request.
+TEST(ThreadClass, QueuedCallThatComesAfterTheBodyDoesNotThrow) {
+  TEvent started;
+  bool went_on = false;
+  Worker worker([&] {
+    started.WaitForSingleObject(INFINITE, FALSE);
+    TThreadClass* const self = &worker;
+    worker.QueueUserAPC(Worker::ThrowEThreadInterrupt, reinterpret_cast<std::uintptr_t>(self));
+    throw 1;
+  });
+  worker.at_exception = [&] {
+    TThread::Pause();
+    went_on = true;
+  };
+  worker.StartThread();
+  started.Set();
+  EXPECT_TRUE(worker.ended_within(patience));
+  EXPECT_TRUE(went_on);
+  EXPECT_EQ(worker.InterruptState, Worker::InterruptRequested);
+}
+
+// Whatever ends the first wait but the thread's end leads on to the interruption,
+// such as a queued call of the caller. A start overwrites the earlier handle and does
+// not close it. Handlers can be interrupted too.
+TEST(ThreadClass, InterruptedThreadRunsAgainAndOneThatEndsInTimeIsLeftAlone) {
+  TEvent end{true, false};
+  int ends = 0;
+  Worker worker([&] {
+    try {
+      throw 1;
+    } catch (int) {
+      end.WaitForSignal();
+    }
+    ::Sleep(50);
+    SleepEx(0, TRUE);
+    ++ends;
+  });
+  DebugText debug;
+  for (unsigned int const grace : {0u, 20u, INFINITE, obey}) {
+    void* const earlier = worker;
+    worker.start_into_body();
+    if (grace == INFINITE) queue_for_caller([](ULONG_PTR) {});
+    if (grace == obey) end.Set();
+    worker.InterruptThread(grace, obey);
+    EXPECT_TRUE(worker.ended_within(0));
+    EXPECT_EQ(worker.InterruptState, Worker::Idle);
+    EXPECT_EQ(ends, grace == obey);
+    EXPECT_TRUE(grace == 0 || CloseHandle(earlier));
+  }
+  worker.InterruptThread(0, 0);
+  EXPECT_EQ(worker.InterruptState, Worker::Idle);
+  EXPECT_EQ(worker.bodies, 4);
+  EXPECT_EQ(worker.exceptions, 0);
+  EXPECT_EQ(debug.text(), "");
 }

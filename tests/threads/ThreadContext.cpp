@@ -1,7 +1,5 @@
 #include "velt/threads/ThreadContext.h"
 
-#include <deque>
-
 #include "tests/support/OpenHandles.h"
 #include "tests/threads/Support.h"
 
@@ -11,15 +9,12 @@ using namespace velt_test;
 
 namespace {
 
-// Hands out the jobs of the test, and notes what it is told; to be read when the
-// worker has ended.
+// Hands out a job of the test, and notes what it is told; to be read when the worker
+// has ended.
 struct Owner : IThreadOwner {
   SmartPtr<IThreadJob> GetJob() override {
     notes += "get ";
-    if (jobs.empty()) return nullptr;
-    auto const next = jobs.front();
-    jobs.pop_front();
-    return next;
+    return std::exchange(next, nullptr);
   }
   void ThreadFinished(SmartPtr<IThreadContext> context) override {
     notes += "thread_finished ";
@@ -27,10 +22,8 @@ struct Owner : IThreadOwner {
   }
   void JobFinished(SmartPtr<IThreadJob>) override { notes += "job_finished "; }
 
-  void add(std::function<void()> work) { jobs.push_back(job(std::move(work))); }
-
   std::string notes;
-  std::deque<SmartPtr<IThreadJob>> jobs;
+  SmartPtr<IThreadJob> next;
   std::function<void(SmartPtr<IThreadContext>)> on_thread_finished;
 };
 
@@ -39,33 +32,6 @@ void* thread_of(SmartPtr<IThreadContext> const& context) {
 }
 
 }  // namespace
-
-// A job that throws is reported, then the worker; then the line is written.
-TEST(ThreadContext, RunsJobsOneAfterTheOtherAndReportsEachThenItsEnd) {
-  for (bool const throws : {false, true}) {
-    auto const owner = MakeCounted<Owner>();
-    auto context = CreateNewThreadContext(owner);
-    DebugText debug;
-    owner->add([&] { owner->notes += "one "; });
-    owner->add([&] {
-      EXPECT_EQ(GetThreadId(thread_of(context)), GetCurrentThreadId());
-      if (throws) throw EGeneric({"Text", "No room"});
-    });
-    owner->on_thread_finished = [&](auto last) {
-      EXPECT_EQ(last, context);
-      EXPECT_EQ(debug.text(), "");
-    };
-    EXPECT_EQ(throws_during([&] {
-      context->Start();
-      EXPECT_TRUE(signaled_within(thread_of(context), patience));
-    }), throws);
-    EXPECT_EQ(owner->notes, std::string("get one job_finished get job_finished ") +
-                                (throws ? "" : "get ") + "thread_finished ");
-    EXPECT_EQ(debug.text(), throws ? "(!) Thread runaway with exception EGeneric:No room\n" : "");
-    context.reset();
-    EXPECT_EQ(owner.use_count(), 1);
-  }
-}
 
 // A context that is dropped waits for its thread. Where the thread itself drops
 // the last reference there is nothing to wait for, and nobody to report to.
@@ -85,7 +51,7 @@ TEST(ThreadContext, MayBeLeftToItsOwnThread) {
         last.reset();
         if (way == "in a report that throws") throw EThreadInterrupt();
       };
-      if (way == "in a job") careless->add(wait);
+      if (way == "in a job") careless->next = job(wait);
       auto only = CreateNewThreadContext(careless);
       only->Start();
       inside.WaitForSignal();

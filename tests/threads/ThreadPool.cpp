@@ -84,15 +84,42 @@ TEST(ThreadPool, IdleWorkersLeaveAfterTenSecondsDownToTheMinimum) {
   }
 }
 
-// The destructors of the jobs may use the pool.
+// A wake-up that is lost would delay a job until the idle time is over, and a worker
+// that leaves its job to others would delay it until one of them has finished its own.
+TEST(ThreadPool, SleepingWorkerGetsEachJobAndTheOneThatComesWhileItLeaves) {
+  constexpr int wake_ups = 40;
+  Gate gate;
+  std::atomic<int> sleeps = 0, runs = 0;
+  TestPool const pool(2, 0);
+  auto const count = [&] { ++runs; };
+  Replacement const sleep{VELT_CALL(WaitForSingleObjectEx),
+                          [&](auto platform, HANDLE object, DWORD time, BOOL alertable) -> DWORD {
+                            if (time != 10'000 || ++sleeps <= wake_ups)
+                              return platform(object, time, alertable);
+                            if (sleeps == wake_ups + 1) pool->AddJob(job(count));
+                            return WAIT_TIMEOUT;
+                          }};
+  pool->AddJob(gate.job());
+  ASSERT_TRUE(eventually([&] { return gate.inside == 1; }));
+  for (int i = 1; i <= wake_ups; ++i) {
+    ASSERT_TRUE(pool->AddJob([] {})->WaitForFinish(5'000)) << i;
+    ASSERT_TRUE(eventually([&] { return sleeps == i; })) << i;
+  }
+  pool->AddJob(job(count));
+  EXPECT_TRUE(eventually([&] { return runs == 2; }));
+}
+
+// The destructors of the jobs may use the pool. Tasks are dropped without a word.
 TEST(ThreadPool, ClearedQueueLeavesThePoolBusyUntilTheNextJobHasFinished) {
   TestPool const pool(0, 0);
   auto const add_another = [&](void*) { pool->AddJob(job([] {})); };
   for (int i = 0; i < 3; ++i)
     pool->AddJob(job([use = std::shared_ptr<void>(&i, add_another)] { ADD_FAILURE() << "ran"; }));
+  auto const task = pool->AddJob([] { ADD_FAILURE() << "ran"; });
   EXPECT_FALSE(pool->WaitForIdle(0));
   pool->ClearQueue();
   EXPECT_EQ(pool.counts(), (PoolCounts{3, 0, 3, 0}));
+  EXPECT_FALSE(task->IsFinished() || task->IsException());
   pool->ClearQueue();
   EXPECT_EQ(pool.counts(), (PoolCounts{0, 0, 0, 0}));
   EXPECT_FALSE(pool->WaitForIdle(0));
@@ -133,21 +160,26 @@ TEST(ThreadPool, JobForWhichTheQueueHasNoMemoryIsNotCounted) {
   EXPECT_EQ(pool.counts(), (PoolCounts{added, 0, added, 0}));
 }
 
+// Each that dies leaves a line, and its exception is thrown once.
 TEST(ThreadPool, LastWorkerIsReplacedWhileJobsWait) {
   DebugText debug;
-  TestPool const pool(1, 0);
-  Gate gate;
-  int runs = 0;
-  for (int i = 0; i < 3; ++i)
-    pool->AddJob(job([&] {
-      gate.open.WaitForSignal();
-      ++runs;
-      throw 5;
-    }));
-  gate.open.Set();
-  EXPECT_TRUE(pool.become({0, 0, 0, 0}));
-  EXPECT_EQ(runs, 3);
-  EXPECT_TRUE(pool->WaitForIdle(0));
+  EXPECT_EQ(throws_during([] {
+    TestPool const pool(1, 0);
+    Gate gate;
+    int runs = 0;
+    for (int i = 0; i < 3; ++i)
+      pool->AddJob(job([&] {
+        gate.open.WaitForSignal();
+        ++runs;
+        throw 5;
+      }));
+    gate.open.Set();
+    EXPECT_TRUE(pool.become({0, 0, 0, 0}));
+    EXPECT_EQ(runs, 3);
+    EXPECT_TRUE(pool->WaitForIdle(0));
+  }), 3);
+  std::string const line = "(!) Thread runaway with unknown exception\n";
+  EXPECT_EQ(debug.text(), line + line + line);
 }
 
 TEST(ThreadPool, CancelledTaskGivesItsWorkerBack) {

@@ -3,12 +3,12 @@
 #include <tlhelp32.h>
 
 #include <algorithm>
-#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <map>
+#include <stdexcept>
 #include <string>
-#include <string_view>
 #include <thread>
 
 #include "tests/support/OpenHandles.h"
@@ -20,31 +20,7 @@
 namespace velt_test {
 namespace {
 
-struct Options {
-  Scene const* scene = nullptr;
-  unsigned int seconds = 4, threads = 0;
-  unsigned int seed = static_cast<unsigned int>(GetTickCount64());
-};
-
-bool read_number(std::string_view text, unsigned int& number) {
-  auto const [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-  return error == std::errc() && end == text.data() + text.size();
-}
-
-bool read(std::vector<std::string_view> const& arguments, Options& options) {
-  for (auto const& each : Registered::scenes)
-    if (!arguments.empty() && arguments[0] == each.name) options.scene = &each;
-  if (!options.scene || arguments.size() % 2 == 0) return false;
-  options.threads = options.scene->threads;
-  for (std::size_t i = 1; i < arguments.size(); i += 2) {
-    auto const number = arguments[i] == "--seconds"   ? &options.seconds
-                        : arguments[i] == "--seed"    ? &options.seed
-                        : arguments[i] == "--threads" ? &options.threads
-                                                      : nullptr;
-    if (!number || !read_number(arguments[i + 1], *number)) return false;
-  }
-  return options.threads >= options.scene->fewest && options.threads <= options.scene->most;
-}
+using Numbers = std::map<std::string, unsigned long>;
 
 unsigned int threads_of_process() {
   HANDLE const snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0);
@@ -86,29 +62,31 @@ void run_round(Scene const& scene, Round round, long& late_handles) {
   late_handles -= std::max(0l, open_handles() - stay);
 }
 
-void run(Options const& options) {
-  std::printf("torture %s --seconds %u --seed %u --threads %u\n", options.scene->name,
-              options.seconds, options.seed, options.threads);
+void run(Scene const& scene, Numbers const& numbers) {
+  auto const seed = static_cast<unsigned int>(numbers.at("--seed"));
+  auto const threads = static_cast<unsigned int>(numbers.at("--threads"));
+  std::printf("torture %s --seconds %lu --seed %u --threads %u\n", scene.name.c_str(),
+              numbers.at("--seconds"), seed, threads);
   std::fflush(stdout);
   SaveMiniDumpOnStructuredException = SaveMiniDumpOnCppException = false;
+  // Opens what every exception needs.
   try {
-    ThrowSystemException(ERROR_GEN_FAILURE);  // opens what every exception needs
+    ThrowSystemException(ERROR_GEN_FAILURE);
   } catch (ESystemException const&) {
   }
   std::thread(watch_over_moves).detach();
 
-  ULONGLONG const end = GetTickCount64() + options.seconds * 1'000ull;
-  long late_handles = options.scene->late_handles;
+  ULONGLONG const end = GetTickCount64() + numbers.at("--seconds") * 1'000ull;
+  long late_handles = scene.late_handles;
   unsigned int number = 0;
   do {
-    run_round(*options.scene,
-              {number, options.threads, std::mt19937(options.seed * 1'000u + number),
-               std::min(GetTickCount64() + 1'000, end)},
+    std::mt19937 const random(seed * 1'000u + number);
+    run_round(scene, {number, threads, random, std::min(GetTickCount64() + 1'000, end)},
               late_handles);
     ++number;
   } while (GetTickCount64() < end);
   expect(velt::detail::live_holders() == 0, "values were lost");
-  std::printf("%u rounds, %s\n", number, options.scene->result().c_str());
+  std::printf("%u rounds, %s\n", number, scene.result().c_str());
 }
 
 }  // namespace
@@ -122,20 +100,18 @@ void fail(std::string const& fault) {
 
 }  // namespace velt_test
 
-int main(int count, char** arguments) {
-  velt_test::Options options;
-  if (!velt_test::read({arguments + 1, arguments + count}, options)) {
-    std::fprintf(stderr, "usage: torture");
-    for (auto const& each : velt_test::Registered::scenes)
-      std::fprintf(stderr, "%s%s (%u to %u threads)",
-                   &each == &velt_test::Registered::scenes.front() ? " " : "|", each.name,
-                   each.fewest, each.most);
-    std::fprintf(stderr, " [--seconds N] [--seed S] [--threads T]\n");
-    return 2;
-  }
-  try {
-    velt_test::run(options);
-  } catch (std::exception const& error) {
-    velt_test::fail(error.what());
-  }
+int main(int count, char** arguments) try {
+  auto const& scenes = velt_test::Registered::scenes;
+  auto const scene = std::ranges::find(scenes, std::string(arguments[1]), &velt_test::Scene::name);
+  if (scene == scenes.end()) throw std::invalid_argument(arguments[1]);
+  velt_test::Numbers numbers{
+      {"--seconds", 4}, {"--seed", GetTickCount64() % 1'000'000}, {"--threads", scene->threads}};
+  for (int i = 2; i < count; i += 2) numbers.at(arguments[i]) = std::stoul(arguments[i + 1]);
+  velt_test::run(*scene, numbers);
+} catch (std::logic_error const& error) {
+  std::fprintf(stderr, "%s\nusage: torture lock|interruption|pool|snapshots [--seconds N] "
+               "[--seed S] [--threads T]\n", error.what());
+  return 2;
+} catch (std::exception const& error) {
+  velt_test::fail(error.what());
 }

@@ -64,7 +64,7 @@ void take_snapshots(Round& round) {
   if (round.number % 4 == 2) SymCleanup();
 }
 
-Registered const scene({"snapshots", 6, 1, 100, take_snapshots,
+Registered const scene({"snapshots", 6, take_snapshots,
                         [] { return std::to_string(taken) + " snapshots"; }});
 
 }  // namespace

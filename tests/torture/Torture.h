@@ -31,8 +31,8 @@ struct Round {
 // open what stays open, and `late_handles` is how many the platform may open in all
 // later ones, as it does when threads first meet in a lock of its own.
 struct Scene {
-  char const* name;
-  unsigned int threads, fewest, most;
+  std::string name;
+  unsigned int threads;
   void (*round)(Round& round);
   std::string (*result)();  // what all rounds did; fails if they did not do enough
   long late_handles = 0;

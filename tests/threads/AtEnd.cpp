@@ -1,4 +1,4 @@
-// Pools at the end of processes, and of the library.
+// Pools and locks at the end of processes, and of the library.
 #include <gtest/gtest.h>
 #include <windows.h>
 
@@ -7,20 +7,19 @@
 namespace {
 
 void expect_to_end(wchar_t const* way, ULONGLONG limit) {
-  velt_test::scratch_folder const folder;
   ULONGLONG const begin = GetTickCount64();
-  auto const process = velt_test::run_program(L"pool_user", {way}, folder.path());
+  auto const process = velt_test::run_program(L"user_at_end", {way}, L".");
   EXPECT_EQ(process.status, 7u) << way << process.output << process.errors;
   EXPECT_LT(GetTickCount64() - begin, limit) << way;
 }
 
 }  // namespace
 
-TEST(PoolAtEnd, ProcessEndsAtOnceWhileWorkersRun) {
+TEST(AtEnd, ProcessEndsAtOnceWhileWorkersRunOrAThreadIsInsideAStaticLock) {
   for (int round = 0; round < 3; ++round)
-    for (auto const way : {L"return", L"exit"}) expect_to_end(way, 20'000);
+    for (auto const way : {L"return", L"exit", L"lock"}) expect_to_end(way, 20'000);
 }
 
-TEST(PoolAtEnd, LibraryIsUnloadedWhenItsWorkersAreGone) {
+TEST(AtEnd, LibraryIsUnloadedWhenItsWorkersAreGone) {
   for (auto const way : {L"stopped", L"idle", L"running"}) expect_to_end(way, 60'000);
 }
