@@ -9,6 +9,7 @@
 #include <string>
 
 #include "examples/typed_values/Terminal.h"
+#include "velt/diagnostics/Settings.h"
 #include "velt/exceptions/ExceptionFamily.h"
 #include "velt/os/ComGuards.h"
 
@@ -50,6 +51,7 @@ int run(std::wstring const& kind) {
 
 int wmain(int count, wchar_t** arguments) {
   std::wstring const kind = count == 2 ? arguments[1] : L"";
+  SaveMiniDumpOnCppException = false;  // that the other kind is refused is not a defect
   if (kind == L"sta" || kind == L"mta") return run(kind);
   complain(L"apartment_guard: not a kind of apartment: '" + kind +
            L"'; usage: apartment_guard sta | mta");

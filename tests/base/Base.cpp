@@ -1,9 +1,8 @@
 // Counted objects and views.
 #include "velt/base/SmartPtr.h"
 
-#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
-#include <stdexcept>
 #include <thread>
 #include <vector>
 
@@ -101,11 +100,9 @@ TEST(SmartPtr, ManyThreadsMayAssignToOneHandle) {
   EXPECT_EQ(Probe::alive, 0);
 }
 
-TEST(ConstString, OnlyTerminatedTextHasAnEnd) {
+TEST(ConstString, CountsTheCharactersInFrontOfTheEnd) {
   std::string const text("abc\0def", 7);
   EXPECT_EQ(basic_const_string<char>(text).c_str(), text.data());
   EXPECT_EQ(basic_const_string<char>(text).length, 7u);
   EXPECT_EQ(basic_const_string<char>("abc").length, 3u);
-  EXPECT_THAT([] { (void)basic_const_string<char>("abcdef", 3).c_str(); },
-              testing::ThrowsMessage<std::logic_error>("Invalid _data of const_string for c_str()"));
 }

@@ -2,8 +2,6 @@
 // destructor, and ends while threads write. An argument makes it end at once.
 #include <windows.h>
 
-#include <initializer_list>
-#include <string>
 #include <thread>
 
 #include "velt/debug/DebugStream.h"

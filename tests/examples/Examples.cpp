@@ -50,7 +50,7 @@ Row const rows[] = {
      0,
      {"-> hang_report!sell*[Work.cpp#*]", "-> hang_report!take_back*[Work.cpp#*]",
       "-> velt!TMutex::Lock*", "sell       done 0 times, then interrupted", "Both locks are free."}},
-    {L"shared_settings " + settings,
+    {L"shared_settings --milliseconds 300 " + settings,
      0,
      {"reader 1 line 1: service.name = Größenarchiv Süd in revision 0.",
       "the lock was busy * % of the time", "revision *: no write lost",

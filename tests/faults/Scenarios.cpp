@@ -2,13 +2,11 @@
 
 #include <windows.h>
 
-#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <functional>
 #include <list>
-#include <map>
 #include <memory>
 #include <sstream>
 #include <vector>
@@ -327,15 +325,6 @@ Recursion const recursions[] = {
     {"BelowNoexcept", below_noexcept},
     {"UnderOtherHandlers", under_other_handlers},
     {"WithDestructors", with_destructors},
-    {"WithStrings", with<[](long depth, auto next) {
-       auto const text = std::to_string(depth) + "a text that needs a block";
-       return next(depth + 1) ^ text[1];
-     }>},
-    {"WithMaps", with<[](long depth, auto next) {
-       std::map<long, long> map{{depth % 5, 2}};
-       map[depth % 3] = 1;
-       return next(depth + 1) ^ map[1];
-     }>},
     {"WithSortedLists", with<[](long depth, auto next) {
        std::list<long> list{3, depth % 7, 2};
        list.sort();

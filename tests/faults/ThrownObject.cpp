@@ -9,7 +9,7 @@
 #include <functional>
 #include <optional>
 #include <string>
-#include <utility>
+#include <vector>
 
 #include "velt/exceptions/EGeneric.h"
 
@@ -147,7 +147,10 @@ TEST(ForeignThrownObject, HasACleanNameAndTheTypeOfOursThatReadsAlike) {
 
 // Any module may raise such a code with any parameters.
 TEST(ThrownObject, IsOnlyInTheRecordsOfThrows) {
-  std::uint64_t const of_another_language[32] = {0x474E554300000000};
+  // As a pointer or as an offset, each of these words leads nowhere.
+  std::vector<std::uint64_t> words(512, 0x474E5543432B2B00);
+  words[100] = 0x474E554300000000;  // of another language
+  ++words[300];                     // of a kept exception
   ForeignThrow thrown;
   thrown.add(".?AVEGeneric@@");
   auto const types = thrown.record.ExceptionInformation[2];
@@ -159,7 +162,10 @@ TEST(ThrownObject, IsOnlyInTheRecordsOfThrows) {
       {EXCEPTION_ACCESS_VIOLATION, 4, 0x19930520, types},
       {own_throw_code, 0, 0, 0},
       {own_throw_code, 1, 0x10, 0},
-      {own_throw_code, 1, thrown.address(of_another_language), 0},
+      {own_throw_code, 1, thrown.address(&words[100]), 0},
+      {own_throw_code, 1, thrown.address(&words[200]), 0},
+      {own_throw_code, 1, thrown.address(&words[300]), 0},
+      {foreign_throw_code, 4, 0x19930520, thrown.address(words.data())},
       {foreign_throw_code, 2, 0x19930520, types},
       {foreign_throw_code, 4, 0x19930520, 0},  // as in a throw without operand
       {foreign_throw_code, 4, 0x19930519, types},

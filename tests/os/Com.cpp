@@ -4,6 +4,7 @@
 
 #include <comdef.h>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -16,7 +17,6 @@
 #include "tests/support/Expect.h"
 #include "tests/support/Imports.h"
 #include "tests/support/OpenHandles.h"
-#include "velt/debug/DebugStream.h"
 #include "velt/os/ComGuards.h"
 #include "velt/os/ComStreams.h"
 
@@ -106,20 +106,6 @@ bool is_impersonated() {
   return CloseHandle(token);
 }
 
-void fail_impersonated() {
-  CImpersonationContext const client(CImpersonationContext::NeedImpersonation);
-  throw std::domain_error("the work failed");
-}
-
-HRESULT com_code(void (*statement)()) {
-  try {
-    statement();
-  } catch (_com_error const& error) {
-    return error.Error();
-  }
-  return S_OK;
-}
-
 }  // namespace
 
 TEST_F(ComFileStream, ReadsAndWritesTheFile) {
@@ -167,21 +153,13 @@ TEST_F(ComFileStream, LastReleaseOfEitherKindDeletesItAndClosesItsFile) {
 }
 
 TEST_F(ComFileStream, OpensAPointerOfItsOwnOrNullWithOneLine) {
-  long const before = open_handles();
-  {
-    auto const opened =
-        CComFileStream::OpenFileStream(name.c_str(), GENERIC_READ, 7, OPEN_EXISTING);
-    EXPECT_EQ(open_handles(), before + 1);
-    EXPECT_EQ(opened->AddRef(), 2u);
-    opened->Release();
-  }
-  EXPECT_EQ(open_handles(), before);
-  auto const lines = MakeCounted<RecordingWriter>();
-  Debug.AddWriter(lines);
+  auto const opened = CComFileStream::OpenFileStream(name.c_str(), GENERIC_READ, 7, OPEN_EXISTING);
+  EXPECT_EQ(opened->AddRef(), 2u);
+  opened->Release();
+  std::string sent;
+  auto const capture = debugger_capture(sent);
   EXPECT_FALSE(CComFileStream::OpenFileStream(L"no.file", GENERIC_READ, 7, OPEN_EXISTING));
-  Debug.RemoveWriter(lines);
-  EXPECT_EQ(lines->all(),
-            "CComFileStream::OpenFileStream( \"no.file\" ) - failed to open, error #2\n");
+  EXPECT_EQ(sent, "CComFileStream::OpenFileStream( \"no.file\" ) - failed to open, error #2\n");
 }
 
 TEST(ComStringStream, SizeIsWhatIsLeftToReadAndSeekMovesBothPositions) {
@@ -241,8 +219,9 @@ TEST(Impersonation, OutsideACallDoesNothingUnlessItIsNeeded) {
     { CImpersonationContext const by_default, not_needed(false); }
     EXPECT_EQ(watch.calls, "");
   }
-  EXPECT_EQ(com_code([] { CImpersonationContext(CImpersonationContext::NeedImpersonation); }),
-            RPC_E_CALL_COMPLETE);
+  EXPECT_THAT([] { CImpersonationContext(CImpersonationContext::NeedImpersonation); },
+              testing::Throws<_com_error>(
+                  testing::Property(&_com_error::Error, RPC_E_CALL_COMPLETE)));
 }
 
 // The thread acts for itself, with the level that a client would grant.
@@ -253,15 +232,14 @@ TEST(Impersonation, LastsForTheScopeAndAnExceptionIsReportedWithWhatCanBeFoundOu
                            }};
   Replacement const end{VELT_CALL(CoRevertToSelf),
                         [](auto) { return ::RevertToSelf() ? S_OK : E_FAIL; }};
-  auto const writer = MakeCounted<RecordingWriter>();
-  TDebugStream const writers_before = Debug;
-  Debug.ChangeWriter(writer);
+  std::string report;
+  auto const capture = debugger_capture(report);
   {
     CImpersonationContext const guard;
     EXPECT_TRUE(is_impersonated());
   }
   EXPECT_FALSE(is_impersonated());
-  EXPECT_EQ(writer->all(), "");
+  EXPECT_EQ(report, "");
 
   char account[256];
   DWORD size = sizeof account;
@@ -274,15 +252,16 @@ TEST(Impersonation, LastsForTheScopeAndAnExceptionIsReportedWithWhatCanBeFoundOu
                     {SecurityDelegation, "LookupAccountSidW", "SecurityDelegation as \\\n", ""}};
   for (auto const& row : rows) {
     level = row.level;
-    writer->texts.clear();
+    report.clear();
     Watch watch(row.failing);
-    EXPECT_THROW(fail_impersonated(), std::domain_error);
+    auto const fail = [] {
+      CImpersonationContext const guard(CImpersonationContext::NeedImpersonation);
+      throw std::domain_error("the work failed");
+    };
+    EXPECT_THROW(fail(), std::domain_error);
     EXPECT_TRUE(watch.calls.ends_with("CoRevertToSelf()")) << watch.calls;
-    auto const report = writer->all();
     EXPECT_TRUE(report.starts_with(std::string("(!) Impersonated with level ") + row.told_level));
     EXPECT_TRUE(report.ends_with("\\" + std::string(row.told_account) + "\n")) << report;
   }
   EXPECT_FALSE(is_impersonated());
-  Debug.ClearWriters();
-  Debug += writers_before;
 }

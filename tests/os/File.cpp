@@ -11,7 +11,6 @@
 #include "tests/support/Imports.h"
 #include "tests/support/OpenHandles.h"
 #include "velt/locks/Event.h"
-#include "velt/os/FileMapping.h"
 #include "velt/os/Overlapped.h"
 
 using namespace velt_test;
@@ -31,7 +30,7 @@ struct File : ::testing::Test {
 
 }  // namespace
 
-TEST_F(File, SizesAndPositionsBeyondFourGigabytes) {
+TEST_F(File, PositionsReachBeyondFourGigabytesAndTimesAreTheFileSystems) {
   TFile file(name.c_str(), both, 0, CREATE_ALWAYS);
   file.WriteFile("abc", 3);
   EXPECT_EQ(file.SetFilePointerEx(-1, FILE_END), 2u);
@@ -43,12 +42,6 @@ TEST_F(File, SizesAndPositionsBeyondFourGigabytes) {
   char rest[8];
   EXPECT_EQ(file.ReadFile(rest, sizeof rest), 2u) << "a failed move moved";
   EXPECT_EQ(file.ReadFile(rest, sizeof rest), 0u) << "the end of the file is no failure";
-  // The file system need not store what lies between.
-  DWORD returned;
-  DeviceIoControl(file, FSCTL_SET_SPARSE, nullptr, 0, nullptr, 0, &returned, nullptr);
-  file.SetFilePointerEx(0x1'0000'0005, FILE_BEGIN);
-  ASSERT_TRUE(SetEndOfFile(file));
-  EXPECT_EQ(file.GetFileSize(), 0x1'0000'0005u);
 
   FILETIME const set = {0x12345678, 0x01C80000};
   ASSERT_TRUE(SetFileTime(file, nullptr, nullptr, &set));
@@ -56,19 +49,6 @@ TEST_F(File, SizesAndPositionsBeyondFourGigabytes) {
   // File systems keep as little as whole microseconds.
   EXPECT_NEAR(found.dwLowDateTime, set.dwLowDateTime, 10);
   EXPECT_EQ(found.dwHighDateTime, set.dwHighDateTime);
-}
-
-TEST_F(File, MappingIsTheFileAndWrittenOnlyIfThatMayBe) {
-  TFile(name.c_str(), GENERIC_WRITE, 0, CREATE_ALWAYS).WriteFile("some text", 9);
-  TFile const file(name.c_str(), GENERIC_READ, 0, OPEN_EXISTING);
-  TFileMapping mapping;
-  EXPECT_EQ(system_code([&] { mapping.CreateFileMappingW(PAGE_READWRITE, file, L""); }),
-            ERROR_ACCESS_DENIED);
-  mapping.CreateFileMappingW(PAGE_READONLY, file, L"");
-  EXPECT_EQ(system_code([&] { mapping.MapViewOfFile(FILE_MAP_WRITE, 0, 0); }), ERROR_ACCESS_DENIED);
-  auto const view = static_cast<char*>(mapping.MapViewOfFile(FILE_MAP_READ, 0, 0));
-  EXPECT_EQ(std::string(view, 9), "some text");
-  UnmapViewOfFile(view);
 }
 
 TEST_F(File, OverlappedWorksWhereTheRecordSaysAndACopyGoesOn) {
@@ -82,6 +62,7 @@ TEST_F(File, OverlappedWorksWhereTheRecordSaysAndACopyGoesOn) {
     EXPECT_TRUE(file.HasIoCompleted());
     return count;
   };
+  // The file system need not store what lies before.
   DWORD returned;
   DeviceIoControl(file, FSCTL_SET_SPARSE, nullptr, 0, nullptr, 0, &returned, nullptr);
   file.SetOffset(0x1'0000'0064);
@@ -95,7 +76,6 @@ TEST_F(File, OverlappedWorksWhereTheRecordSaysAndACopyGoesOn) {
   file.ReadFile(text, sizeof text, at_once);
   EXPECT_EQ(moved(), 6u);
   EXPECT_STREQ(text, "lapped");
-
 }
 
 TEST(Overlapped, EventIsDuplicatedAndClosed) {

@@ -24,12 +24,6 @@ using answers = std::vector<Answer>;
 
 constexpr DWORD too_small = ERROR_INSUFFICIENT_BUFFER, denied = ERROR_ACCESS_DENIED;
 
-// One whose handle nobody else knows.
-struct UnrealPrinter : TPrinter {
-  UnrealPrinter() : TPrinter(DoNotInitialize) { AttachHandle(this); }
-  ~UnrealPrinter() { DetachHandle(); }
-};
-
 // What every operation that fetches a block must do. `call` is how its calls begin,
 // up to the block.
 template <class Record, class Fetch>
@@ -78,9 +72,9 @@ std::string storing(_value_t const& value, std::size_t count = 1) {
 }  // namespace
 
 TEST(PrinterCalls, BlocksAreFetchedInTwoCallsAndNeverInThree) {
-  expect_two_calls<JOB_INFO_2W>("GetJobW(handle, 7, 2, ", ", out)",
+  expect_two_calls<JOB_INFO_2W>("GetJobW(buffer, 7, 2, ", ", out)",
                                 [](TPrinter& p, auto& info) { p.GetJobInfo(info, 7); });
-  expect_two_calls<JOB_INFO_3>("EnumJobsW(handle, 3, 9, 3, ", ", out, out)",
+  expect_two_calls<JOB_INFO_3>("EnumJobsW(buffer, 3, 9, 3, ", ", out, out)",
                                [](TPrinter& p, auto& list) { p.EnumJobsW(list, 3, 9); });
 }
 
@@ -111,10 +105,10 @@ TEST(PrinterCalls, DataBecomesAValueByItsTypeAndItsBytes) {
 }
 
 TEST(PrinterCalls, OnlyTextsAndNumbersAreStored) {
-  std::string const text = "SetPrinterDataW(handle, data, 1, out, 5)";
+  std::string const text = "SetPrinterDataW(buffer, data, 1, out, 5)";
   EXPECT_EQ(storing(L"ab\u0142cd"), text) << "a byte for each character";
   EXPECT_EQ(storing(std::vector<std::string>{"abcde", "f"}), text);
-  std::string const number = "SetPrinterDataW(handle, data, 4, out, 4)";
+  std::string const number = "SetPrinterDataW(buffer, data, 4, out, 4)";
   for (_value_t const& value : {_value_t(-1), _value_t(4'000'000'000ul)})
     EXPECT_EQ(storing(value), number);
   for (_value_t const& value : {_value_t(), _value_t(1.5), _value_t(true), _value_t(_time_t())})

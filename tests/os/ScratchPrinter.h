@@ -1,4 +1,4 @@
-// A printer for one test.
+// Printers for one test.
 #pragma once
 
 #include <windows.h>
@@ -7,7 +7,9 @@
 
 #include <string>
 
+#include "tests/support/Imports.h"
 #include "velt/exceptions/ExceptionFamily.h"
+#include "velt/os/Printer.h"
 
 namespace velt_test {
 
@@ -49,6 +51,12 @@ private:
   }
 
   HANDLE handle;
+};
+
+// One whose handle nobody else knows.
+struct UnrealPrinter : TPrinter {
+  UnrealPrinter() : TPrinter(DoNotInitialize) { AttachHandle(buffer); }
+  ~UnrealPrinter() { DetachHandle(); }
 };
 
 }  // namespace velt_test

@@ -11,6 +11,7 @@
 #include <initializer_list>
 #include <string>
 
+#include "tests/os/ScratchPrinter.h"
 #include "tests/support/Expect.h"
 #include "tests/support/Imports.h"
 #include "tests/support/OpenHandles.h"
@@ -130,12 +131,6 @@ TThread ended_thread() {
   ::WaitForSingleObject(thread, INFINITE);
   return thread;
 }
-
-// One whose handle nobody else knows.
-struct UnrealPrinter : TPrinter {
-  UnrealPrinter() : TPrinter(DoNotInitialize) { AttachHandle(buffer); }
-  ~UnrealPrinter() { DetachHandle(); }
-};
 
 // In its body, which waits by a call that is not watched.
 struct RunningThread final : TThreadClass {

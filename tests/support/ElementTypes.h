@@ -23,8 +23,8 @@ struct element;
     static T sample() { return SAMPLE; }   \
   };
 VELT_ELEMENT(bool, true)
-VELT_ELEMENT(int, 41)
-VELT_ELEMENT(unsigned long, 42)
+VELT_ELEMENT(int, -41)
+VELT_ELEMENT(unsigned long, 0xFFFFFF42)
 VELT_ELEMENT(__int64, 43)
 VELT_ELEMENT(double, 4.5)
 VELT_ELEMENT(_time_t, _time_t(46))

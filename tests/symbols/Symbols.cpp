@@ -66,7 +66,7 @@ std::string stack_of_throw() {
   try {
     throw EGeneric();
   } catch (EGeneric& error) {
-    return error["Stack"].as_string();
+    return error.get_value("Stack", "").as_string();
   }
 }
 
@@ -209,6 +209,30 @@ TEST(SymbolsAndLoader, OwnerOfTheLoaderLockThrowsWhileAnotherThreadStartsTheEngi
   other.join();
   EXPECT_NE(stack_of_other, "");
   VeltDebugSetup(false);
+}
+
+TEST(SymbolsAndLoader, OwnerOfTheLoaderLockThrowsWhileTheEngineWaitsForIt) {
+  TEvent asked(true, false), thrown(true, false);
+  bool in_time = false;
+  Replacement const waiting{VELT_CALL(SymFromAddr), [&](auto...) -> BOOL {
+                              if (asked.Signaled(0)) return FALSE;
+                              asked.SetEvent();
+                              in_time = thrown.Signaled(20'000);
+                              return FALSE;
+                            }};
+  ASSERT_TRUE(SymInitialize());
+  VeltDebugSetup(true);
+  std::thread other([] { SymGetNameFromAddress(reinterpret_cast<std::uintptr_t>(&walk_inner)); });
+  asked.WaitForSignal();
+  ULONG_PTR cookie;
+  LdrLockLoaderLock(0, nullptr, &cookie);
+  EXPECT_EQ(stack_of_throw(), "");
+  LdrUnlockLoaderLock(0, cookie);
+  thrown.SetEvent();
+  other.join();
+  EXPECT_TRUE(in_time);
+  VeltDebugSetup(false);
+  SymCleanup();
 }
 
 TEST(SymbolsAndLoader, NoNewModuleIsFoundWhileTheLoaderHangs) {

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <new>
 #include <stdexcept>
+#include <utility>
 
 #include "TextTypes.h"
 #include "tests/support/Expect.h"
@@ -82,25 +83,20 @@ TEST(ComString, ComesFromNarrowTextAndGoesBackWithItsNuls) {
 }
 
 TEST(ComString, WithoutMemoryThrowsTheComError) {
-  bool fails = false;
+  bool fails_once = false;
   Replacement const records{velt_test::Call<void* (*)(std::size_t)>{"_Znwy"},
                             [&](auto platform, std::size_t size) {
-                              return fails ? throw std::bad_alloc() : platform(size);
+                              if (std::exchange(fails_once, false)) throw std::bad_alloc();
+                              return platform(size);
                             }};
-  auto const error_of = [&](auto operation) {
-    fails = true;
-    try {
-      operation();
-    } catch (_com_error const& error) {
-      fails = false;
-      return error.Error();
-    }
-    return S_OK;
+  auto const expect_no_memory = [&](auto operation) {
+    auto const is_refused = testing::Property(&_com_error::Error, E_OUTOFMEMORY);
+    EXPECT_THAT([&] { fails_once = true; operation(); }, testing::Throws<_com_error>(is_refused));
   };
   _bstr_t const text(L" aBc ");
-  EXPECT_EQ(error_of([&] { trim(text, L" "); }), E_OUTOFMEMORY);
-  EXPECT_EQ(error_of([&] { strlower(text); }), E_OUTOFMEMORY);
-  EXPECT_EQ(error_of([] { format_bstr(L"%d", 1); }), E_OUTOFMEMORY);
+  expect_no_memory([&] { trim(text, L" "); });
+  expect_no_memory([&] { strlower(text); });
+  expect_no_memory([] { format_bstr(L"%d", 1); });
 }
 
 #ifdef _UCRT

@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <functional>
 #include <random>
 #include <set>
 #include <string>
@@ -38,10 +37,6 @@ protected:
 struct Core : _time_t {
   using _time_t::mktime;
 };
-
-SYSTEMTIME system_time(WORD weekday, WORD milliseconds) {
-  return {2004, 2, weekday, 29, 12, 30, 45, milliseconds};
-}
 
 bool same(SYSTEMTIME const& a, SYSTEMTIME const& b) { return !std::memcmp(&a, &b, sizeof a); }
 
@@ -88,7 +83,8 @@ TEST_F(Time, FieldsAreReadAsTheRunTimeReadsThem) {
 }
 
 TEST_F(Time, SystemTimeGoesThroughUtcAndBackWithoutTheZone) {
-  auto const fields = system_time(7, 999), expected = system_time(0, 0);
+  SYSTEMTIME const fields = {2004, 2, 7, 29, 12, 30, 45, 999};
+  SYSTEMTIME const expected = {2004, 2, 0, 29, 12, 30, 45, 0};
   auto const t = _time_t::mktime(fields, true), local = _time_t::mktime(fields, false);
   EXPECT_EQ(t, 1078057845);
   EXPECT_EQ(_time_t::mkgmtime(record_of(2004, 2, 29, 12, 30, 45, 0)), t);

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <map>
 #include <type_traits>
+#include <utility>
 
 #include "tests/support/DocTables.h"
 #include "tests/support/ElementTypes.h"
@@ -39,16 +40,13 @@ void for_each_pair(std::string const& table, Body const& body) {
   });
 }
 
-// Read as each of the types, and written into values of them.
-template <class... Wanted>
-void expect_conversions(auto number) {
-  auto const expect = [&](auto wanted) {
-    _value_t written = decltype(wanted)();
-    written = number;
-    for (_value_t const& value : {_value_t(number), written})
-      EXPECT_EQ(value.get<decltype(wanted)>(), wanted);
-  };
-  (expect(static_cast<Wanted>(number)), ...);
+// Numbers convert as in the language. Texts and objects have tests of their own.
+template <class Wanted>
+void expect_converted(_value_t const& value, auto const& sample) {
+  using Sample = std::decay_t<decltype(sample)>;
+  if constexpr (std::is_arithmetic_v<Wanted> && std::is_arithmetic_v<Sample>) {
+    EXPECT_EQ(value.get<Wanted>(), static_cast<Wanted>(sample));
+  }
 }
 
 std::string text_of(auto number) {
@@ -94,8 +92,10 @@ TEST(StrictTables, ReadingProvidesExactlyTheMarkedPairs) {
     Held const sample = element<Held>::sample();
     _value_t scalar = sample;
     _value_t const constant = scalar, sequence = std::vector<Held>{sample};
-    for (_value_t const& value : {constant, sequence, scalar[0], constant[0]})
+    for (_value_t const& value : {constant, sequence, scalar[0], constant[0]}) {
       EXPECT_EQ(read_from(value), marked ? "nothing" : bad_cast(typeid(Held), typeid(Asked)));
+      if (marked) expect_converted<Asked>(value, sample);
+    }
     EXPECT_EQ(read_from(_value_t()), bad_cast(typeid(void), typeid(Asked)));
   });
 }
@@ -111,6 +111,7 @@ TEST(StrictTables, WritingProvidesExactlyTheMarkedPairsAndAppendingTheSameType) 
       auto const found = values_of<EBadCastException>([&] { *value = given; });
       EXPECT_EQ(found, marked ? "nothing" : refused);
       EXPECT_EQ(value->type(), typeid(Held)) << "a value keeps its type";
+      if (marked) expect_converted<Held>(*value, given);
     }
     constexpr bool same = std::is_same_v<Held, Given>;
     auto const found = values_of<EBadCastException>([&] { scalar.push_back(given); });
@@ -118,12 +119,6 @@ TEST(StrictTables, WritingProvidesExactlyTheMarkedPairsAndAppendingTheSameType) 
     EXPECT_EQ(scalar.size(), same ? 2u : 1u);
     EXPECT_TRUE(scalar.container()) << "a scalar stays behind as a sequence of one";
   });
-}
-
-TEST(StrictTables, NumbersConvertAsInTheLanguage) {
-  expect_conversions<int, unsigned long>(true);
-  expect_conversions<unsigned long, __int64, double>(-5);
-  expect_conversions<int, __int64>(0xFFFFFFFEul);
 }
 
 TEST(StrictTables, TextsConvertThroughTheCodePage) {
@@ -165,10 +160,8 @@ TEST(LenientReading, RefusesExactlyTheCellsOfTheDocumentation) {
 }
 
 TEST(LenientReading, NumbersComeOutByTheRules) {
-  struct {
-    _value_t value;
-    std::string expected;  // as_int, as_ulong, as_int64, as_double, as_bool
-  } const rows[] = {
+  // By as_int, as_ulong, as_int64, as_double and as_bool.
+  std::pair<_value_t, std::string> const rows[] = {
       {-1.9, "-1 4294967295 -1 -1.9 true"},
       {0.5, "0 0 0 0.5 false"},
       {3e9, "-2147483648 3000000000 -2147483648 3e+09 true"},
@@ -208,10 +201,7 @@ TEST(LenientReading, TimesComeFromSecondsAndFromComDates) {
 
 TEST(LenientReading, EveryKindHasItsText) {
   SmartPtr<SmartPtrObj> const object(new Object);
-  struct {
-    _value_t value;
-    std::string text;
-  } const rows[] = {
+  std::pair<_value_t, std::string> const rows[] = {
       {1e10, "1.e+010"},
       {true, "true"},
       {false, "false"},
@@ -233,35 +223,19 @@ TEST(LenientReading, EveryKindHasItsText) {
   }
 }
 
-TEST(LenientReading, OnlyTheNarrowTextListsASequence) {
-  _value_t const numbers = std::vector<int>{1, 2, 3};
-  EXPECT_EQ(numbers.as_string(), "{1,2,3}");
-  EXPECT_EQ(numbers.as_wstring(), L"1");
-  EXPECT_STREQ(static_cast<wchar_t const*>(numbers.as_bstr()), L"1");
-  EXPECT_EQ(_value_t(std::vector<std::string>{"a", "b,c"}).as_string(), "{a,b,c}");
-  EXPECT_EQ(_value_t(std::vector<double>()).as_string(), "{}");
-}
-
 TEST(VariantBridge, PlatformReadsWhatTheValueHeld) {
-  struct {
-    _value_t value;
-    VARTYPE tag;
-    wchar_t const* text;
-  } const rows[] = {
-      {4.5, VT_R8, L"4.5"},
-      {_time_t(1078057845), VT_DATE, L"2/29/2004 12:30:45 PM"},
-      {_bstr_t(L"Łódź"), VT_BSTR, L"Łódź"},
-      {std::string("caf\xE9\0here", 9), VT_BSTR, L"café"},
-      {true, VT_BOOL, L"True"},
-      {4'294'967'295ul, VT_UI4, L"4294967295"},
-      {-9'223'372'036'854'775'807ll - 1, VT_I8, L"-9223372036854775808"},
-      {std::vector<int>{-2'147'483'647 - 1, 8}, VT_INT, L"-2147483648"},
+  std::pair<_value_t, wchar_t const*> const rows[] = {
+      {4.5, L"4.5"},
+      {_time_t(1078057845), L"2/29/2004 12:30:45 PM"},
+      {_bstr_t(L"Łódź"), L"Łódź"},
+      {std::string("caf\xE9\0here", 9), L"café"},
+      {true, L"True"},
+      {4'294'967'295ul, L"4294967295"},
+      {-9'223'372'036'854'775'807ll - 1, L"-9223372036854775808"},
+      {std::vector<int>{-2'147'483'647 - 1, 8}, L"-2147483648"},
   };
-  for (auto const& [value, tag, text] : rows) {
-    auto const variant = value.as_variant();
-    EXPECT_EQ(V_VT(&variant), tag) << value.as_string();
-    EXPECT_EQ(text_by_platform(variant), _bstr_t(text));
-  }
+  for (auto const& [value, text] : rows)
+    EXPECT_EQ(text_by_platform(value.as_variant()), _bstr_t(text)) << value.as_string();
   EXPECT_EQ(_value_t(true).as_variant().boolVal, -1);
   EXPECT_BAD_CAST(void, _variant_t, _value_t().as_variant());
 }

@@ -59,11 +59,3 @@ TEST(HolderCache, ThreadsThatUseValuesAfterTheLibraryHeardOfTheirEndKeepNothing)
   EXPECT_EQ(kept_holder_blocks(), kept);
   EXPECT_EQ(live_holders(), live);
 }
-
-TEST(HolderCache, MakingAValueLeavesTheLastErrorAlone) {
-  std::jthread([] {
-    SetLastError(1234);
-    { _value_t const first_of_this_thread = 1; }
-    EXPECT_EQ(GetLastError(), 1234u);
-  });
-}
