@@ -378,7 +378,7 @@ std::vector<Row> diagnostics_rows() {
 
       {"fault_to_exception",
        fault_often,
-       {{"throw of EGeneric", 3.0, loop([] { fail_and_catch<throw_values>(); })}}},
+       {{"throw of EGeneric", 2.0, loop([] { fail_and_catch<throw_values>(); })}}},
 
       {"overflow_recover",
        run_often_on_thread<recover>,

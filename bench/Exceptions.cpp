@@ -60,7 +60,7 @@ std::vector<Row> exception_rows() {
   return {
       {"throw_catch",
        loop([] { throw_and_catch<EGeneric, throw_velt>(); }),
-       {{"std::runtime_error", 1.5,
+       {{"std::runtime_error", 1.05,
          loop([] { throw_and_catch<std::runtime_error, throw_peer>(); })}}},
 
       {"what_text",
