@@ -62,23 +62,27 @@ TEST(PropertyList, GetPropertiesStopsAtAValueThatIsNoTextAndLeavesTheListUsable)
 // An old value may be the last owner of an object whose destructor uses the list,
 // or waits for a thread that does.
 TEST(PropertyList, OldValuesAreReleasedWhenTheLockIsFreeAgain) {
+  struct Reader {
+    TPropertyList list;
+    TEvent done;
+    bool could_read = false;
+    std::jthread thread;
+  };
   struct User final : SmartPtrObj {
-    User(TPropertyList& its_list, bool& flag) : list(its_list), could_read(flag) {}
+    explicit User(Reader& its_reader) : reader(its_reader) {}
     ~User() override {
-      auto const done = std::make_shared<TEvent>();
-      std::thread([this, done] { list.GetCount(), done->Set(); }).detach();
-      could_read = done->Signaled(2'000);
-      list.PutProperty(L"heir", 1);
+      reader.thread = std::jthread([&its = reader] { its.list.GetCount(), its.done.Set(); });
+      reader.could_read = reader.done.Signaled(2'000);
+      reader.list.PutProperty(L"heir", 1);
     }
-    TPropertyList& list;
-    bool& could_read;
+    Reader& reader;
   };
   for (bool const erase : {false, true}) {
-    TPropertyList list;
-    bool could_read = false;
-    list.PutProperty(L"a", SmartPtr<SmartPtrObj>(new User(list, could_read)));
+    Reader reader;
+    auto& list = reader.list;
+    list.PutProperty(L"a", SmartPtr<SmartPtrObj>(new User(reader)));
     erase ? list.Delete(L"a") : list.PutProperty(L"A", 2);
-    EXPECT_TRUE(could_read);
+    EXPECT_TRUE(reader.could_read);
     EXPECT_EQ(list.GetProperty(L"heir").as_int(), 1);
     EXPECT_EQ(list.GetCount(), erase ? 1 : 2);
   }
