@@ -191,7 +191,6 @@ std::string result() {
   return std::to_string(sum) + " interrupted in all kinds of waits";
 }
 
-// The run time opens an event when two threads first meet in a lock of its own.
-Registered const interruption{{"interruption", 2, interrupt_in_pairs, result, 4}};
+Registered const interruption{{"interruption", 2, interrupt_in_pairs, result}};
 
 }  // namespace

@@ -152,6 +152,6 @@ std::string result() {
   return std::to_string(outcomes[granted]) + " holds";
 }
 
-velt_test::Registered const scene({"lock", 32, round, result, 4});
+velt_test::Registered const scene({"lock", 32, round, result});
 
 }  // namespace

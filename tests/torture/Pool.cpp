@@ -167,6 +167,6 @@ void play(Round& round) {
 }
 
 Registered const pool{
-    {"pool", 3, play, [] { return std::to_string(all_run) + " jobs run"; }, 19}};
+    {"pool", 3, play, [] { return std::to_string(all_run) + " jobs run"; }}};
 
 }  // namespace

@@ -28,14 +28,12 @@ struct Round {
 };
 
 // A round leaves no thread, no handle and no value behind. The first one is free to
-// open what stays open, and `late_handles` is how many the platform may open in all
-// later ones, as it does when threads first meet in a lock of its own.
+// open what stays open.
 struct Scene {
   std::string name;
   unsigned int threads;
   void (*round)(Round& round);
   std::string (*result)();  // what all rounds did; fails if they did not do enough
-  long late_handles = 0;
 };
 
 // At namespace scope, one for each file of a scene.
