@@ -2,6 +2,7 @@
 
 #include <comdef.h>
 
+#include <cstddef>
 #include <cstring>
 
 #include "velt/base/CheckInternal.h"
@@ -51,12 +52,12 @@ std::streamoff move(std::stringbuf& buffer, std::streamoff by, std::ios_base::se
 }
 
 // One instruction copies a block of this size faster than the platform's memcpy.
-constexpr ULONG large_block = 1024;
+constexpr std::size_t large_block = 1024;
 
-void copy_block(char* to, char const* from, ULONG size) {
-  auto const words = size < large_block ? 0 : size / 8;
+void copy_block(char* to, char const* from, std::size_t size) {
+  std::size_t const words = size < large_block ? 0 : size / 8, done = words * 8;
   __movsq(reinterpret_cast<DWORD64*>(to), reinterpret_cast<DWORD64 const*>(from), words);
-  std::memcpy(to + words * 8, from + words * 8, size - words * 8);
+  std::memcpy(to + done, from + done, size - done);
 }
 
 // Knows the pointers of a buffer, which only its derived classes may ask for.
