@@ -16,15 +16,15 @@ using velt::detail::process_ends;
 namespace {
 
 // Some hundred microseconds in all.
-constexpr int tries_before_sleep = 100;
+constexpr int tries_before_sleep = 200;
 
 // Some ten microseconds, about what a wait costs.
-constexpr int tries_before_wait = 50;
+constexpr int tries_before_wait = 100;
 
-// A thread that could not go on leaves the lock alone for about a microsecond. Meanwhile
+// A thread that could not go on leaves the lock alone for up to a microsecond. Meanwhile
 // others make many holds; each look would take the memory of the lock from them.
 void stay_away() noexcept {
-  for (int pause = 0; pause < 40; ++pause) YieldProcessor();
+  for (int pause = 0; pause < 20; ++pause) YieldProcessor();
 }
 
 // A wake-up that is under way is not sent again, except after this many releases, twice as
