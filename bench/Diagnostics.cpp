@@ -48,22 +48,37 @@ void walk(address* frames) {
   if (StackWalk(frames, nullptr, GetCurrentThread(), 0, frame_count) != frame_count) abort();
 }
 
+enum class each_step { unguarded, under_mutex };
+
+// A step of velt's walk holds the engine's lock, so that threads take turns.
+template <each_step how>
+bool step_bare(HANDLE thread, STACKFRAME64& frame, CONTEXT& context) {
+  static HANDLE const mutex = CreateMutexW(nullptr, FALSE, nullptr);
+  constexpr bool guarded = how == each_step::under_mutex;
+  if (guarded) WaitForSingleObjectEx(mutex, INFINITE, TRUE);
+  bool const done = StackWalk64(IMAGE_FILE_MACHINE_AMD64, GetCurrentProcess(), thread, &frame,
+                                &context, nullptr, nullptr, nullptr, nullptr);
+  if (guarded) ReleaseMutex(mutex);
+  return done;
+}
+
+template <each_step how>
 unsigned walk_bare(HANDLE thread, CONTEXT& context, address* frames, unsigned most) {
   STACKFRAME64 frame{};
   frame.AddrPC = {context.Rip, 0, AddrModeFlat};
   frame.AddrFrame = {context.Rbp, 0, AddrModeFlat};
   frame.AddrStack = {context.Rsp, 0, AddrModeFlat};
   unsigned count = 0;
-  while (count != most && StackWalk64(IMAGE_FILE_MACHINE_AMD64, GetCurrentProcess(), thread, &frame,
-                                      &context, nullptr, nullptr, nullptr, nullptr))
+  while (count != most && step_bare<how>(thread, frame, context))
     frames[count++] = frame.AddrPC.Offset;
   return count;
 }
 
+template <each_step how>
 void walk_bare(address* frames) {
   CONTEXT context;
   RtlCaptureContext(&context);
-  if (walk_bare(GetCurrentThread(), context, frames, frame_count) != frame_count) abort();
+  if (walk_bare<how>(GetCurrentThread(), context, frames, frame_count) != frame_count) abort();
 }
 
 void walk_deep(Walk walk) {
@@ -245,6 +260,7 @@ std::vector<OtherThread> other_threads() {
 }
 
 // What a snapshot cannot do without, for the same stacks.
+template <each_step how>
 void walk_all_bare() {
   keep(input(waiting_threads()));
   static auto const threads = other_threads();
@@ -254,12 +270,12 @@ void walk_all_bare() {
     CONTEXT context;
     context.ContextFlags = CONTEXT_FULL;
     if (!GetThreadContext(each.handle, &context)) abort();
-    keep(walk_bare(each.handle, context, frames, each.frames));
+    keep(walk_bare<how>(each.handle, context, frames, each.frames));
     ResumeThread(each.handle);
   }
   CONTEXT own;
   RtlCaptureContext(&own);
-  keep(walk_bare(GetCurrentThread(), own, frames, most_frames));
+  keep(walk_bare<how>(GetCurrentThread(), own, frames, most_frames));
 }
 
 SmartPtrRefsLogger logger;
@@ -362,7 +378,9 @@ std::vector<Row> diagnostics_rows() {
   return {
       {"stack_walk",
        loop([] { walk_deep(walk); }),
-       {{"StackWalk64", 1.1, loop([] { walk_deep(walk_bare); })}}},
+       {{"StackWalk64", 1.1, loop([] { walk_deep(walk_bare<each_step::unguarded>); })},
+        {"a mutex for each step", no_goal,
+         loop([] { walk_deep(walk_bare<each_step::under_mutex>); })}}},
 
       {"stack_text",
        loop([] { keep(SymGetStackTrace(input(stack()).frames, frame_count)); }),
@@ -400,7 +418,9 @@ std::vector<Row> diagnostics_rows() {
       // The last one, since its threads stay.
       {"snapshot",
        loop([] { take_snapshot(); }),
-       {{"SuspendThread ...", 1.05, loop([] { walk_all_bare(); })}}},
+       {{"SuspendThread ...", 1.05, loop([] { walk_all_bare<each_step::unguarded>(); })},
+        {"a mutex for each step", no_goal,
+         loop([] { walk_all_bare<each_step::under_mutex>(); })}}},
   };
 }
 

@@ -49,7 +49,8 @@ EGeneric::EGeneric(P const& a, P const& b, P const& c, P const& d, P const& e, P
 }
 
 void EGeneric::append_all(std::initializer_list<P const*> values) {
-  for (auto const value : values) append(value->first, value->second);
+  list.reserve(values.size());
+  for (auto const value : values) list.push_back(*value);
 }
 
 // The list grows by half, where the standard library would double it.

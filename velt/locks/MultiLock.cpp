@@ -11,7 +11,6 @@
 
 TMultiLock& TMultiLock::operator=(TMultiLock const& other) noexcept {
   _ml_free_signal_event::operator=(other);
-  state = other.state;
   rw_waiters.store(other.rw_waiters.load());
   return *this;
 }

@@ -79,7 +79,7 @@ public:
   std::string GetStatusString();
 
 protected:
-  // What the holds amount to.
+  // The values of `state`, which is guarded by the inner lock.
   enum state_value : int { not_locked = 0, locked_read = 1, locked_write = 2 };
 
   // The operations for a given owner. A derived class calls them in its own operations.
@@ -102,9 +102,6 @@ protected:
   static _owner_id own_id() noexcept;
   static constexpr _owner_id no_thread() noexcept { return {0}; }
   static constexpr unsigned int no_limit = 0xFFFFFFFF;
-
-  // A state_value; guarded by the inner lock.
-  int state = not_locked;
 
 private:
   TMultiLock(TMultiLock const&) = delete;

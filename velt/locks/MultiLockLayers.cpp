@@ -17,10 +17,15 @@ namespace {
 
 // Some hundred microseconds in all.
 constexpr int tries_before_sleep = 200;
-constexpr int pauses_before_yield = 20;
 
 // Some ten microseconds, about what a wait costs.
 constexpr int tries_before_wait = 100;
+
+// A thread that could not go on leaves the lock alone for up to a microsecond. Meanwhile
+// others make many holds; each look would take the memory of the lock from them.
+void stay_away() noexcept {
+  for (int pause = 0; pause < 20; ++pause) YieldProcessor();
+}
 
 // A wake-up that is under way is not sent again, except after this many releases, twice as
 // many, and so on: the thread that has it may have been killed.
@@ -72,10 +77,8 @@ private:
 // suspended holder leave the processors alone.
 void _ml_interlocked_inner_lock::inner_lock_contended(_owner_id id, bool alertable) {
   for (int i = 0; i < tries_before_sleep; ++i) {
-    for (int pause = 0; pause < pauses_before_yield; ++pause) {
-      if (is_free() && try_word(id)) return;
-      YieldProcessor();
-    }
+    stay_away();
+    if (is_free() && try_word(id)) return;
     SwitchToThread();
   }
   DWORD pause = 0;
@@ -203,10 +206,8 @@ void* _ml_free_signal_event::event_in_line(event const& each) noexcept {
 
 void _ml_free_signal_event::spin_for(signal_set mask, wait_history& history) const noexcept {
   while (history.spins++ < tries_before_wait) {
-    for (int pause = 0; pause < pauses_before_yield; ++pause) {
-      if (signals & mask) return;
-      YieldProcessor();
-    }
+    stay_away();
+    if (signals & mask) return;
     SwitchToThread();
   }
 }

@@ -163,6 +163,10 @@ protected:
   int owner_count() const noexcept { return owners_count; }
   _owner_id owner_at(int index) const noexcept { return owners[index]; }
 
+  // What the holds amount to: a TMultiLock::state_value. It stands here so that one line
+  // of the cache can have all that a hold writes.
+  int state = 0;
+
 private:
   static constexpr int inline_records = 2;
 
@@ -247,10 +251,6 @@ private:
   void reset_awaited_signal(signal_set mask) noexcept;
   void spin_for(signal_set mask, wait_history& history) const noexcept;
 
-  // Null until somebody waits for the signal.
-  void* ev_read_open = nullptr;
-  void* ev_sole_owner = nullptr;
-  void* ev_free = nullptr;
   // The signals that are up: the truth, which the events follow while somebody waits
   // for them. Changed under the inner lock.
   _ml_shared<signal_set> signals = sig_free;
@@ -262,4 +262,8 @@ private:
   _ml_shared<waiter_counts> waiting = 0;
   // Those of sig_free since the last that was sent.
   unsigned int saved_wake_ups = 0;
+  // Null until somebody waits for the signal. Behind the fields that each hold uses.
+  void* ev_read_open = nullptr;
+  void* ev_sole_owner = nullptr;
+  void* ev_free = nullptr;
 };

@@ -2,6 +2,9 @@
 
 #include <comdef.h>
 
+#include <cstddef>
+#include <cstring>
+
 #include "velt/base/CheckInternal.h"
 #include "velt/debug/DebugStream.h"
 
@@ -47,6 +50,28 @@ std::streamoff move(std::stringbuf& buffer, std::streamoff by, std::ios_base::se
                        buffer.pubseekoff(by, from, std::ios_base::out) != std::streampos(failed);
   return is_done ? reached : failed;
 }
+
+// One instruction copies a block of this size faster than the platform's memcpy.
+constexpr std::size_t large_block = 1024;
+
+void copy_block(char* to, char const* from, std::size_t size) {
+  std::size_t const words = size < large_block ? 0 : size / 8, done = words * 8;
+  __movsq(reinterpret_cast<DWORD64*>(to), reinterpret_cast<DWORD64 const*>(from), words);
+  std::memcpy(to + done, from + done, size - done);
+}
+
+// Knows the pointers of a buffer, which only its derived classes may ask for.
+struct buffer_pointers : std::stringbuf {
+  // Reads if that many bytes lie ready. False: nothing is done.
+  static bool take(std::stringbuf& buffer, void* to, ULONG size) {
+    char const* const next = (buffer.*&buffer_pointers::gptr)();
+    if (size > LONG_MAX || (buffer.*&buffer_pointers::egptr)() - next < std::streamsize(size))
+      return false;
+    copy_block(static_cast<char*>(to), next, size);
+    (buffer.*&buffer_pointers::gbump)(static_cast<int>(size));
+    return true;
+  }
+};
 
 }  // namespace
 
@@ -140,6 +165,10 @@ ULONG CComStringStream::Release() { return static_cast<ULONG>(refs.decrement());
 // Read and Seek use the buffer directly. The operations of std::stringstream around it
 // would cost a twentieth of the time of reading a text in blocks.
 HRESULT CComStringStream::Read(void* buffer, ULONG size, ULONG* read) {
+  if (Contents.good() && buffer_pointers::take(*Contents.rdbuf(), buffer, size)) {
+    if (read) *read = size;
+    return S_OK;
+  }
   std::streamsize count = 0;
   if (Contents.good()) count = Contents.rdbuf()->sgetn(static_cast<char*>(buffer), size);
   if (count < size || !Contents.good()) Contents.setstate(std::ios_base::failbit);
