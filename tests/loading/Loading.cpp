@@ -3,6 +3,7 @@
 #include <windows.h>
 
 #include <cstdlib>
+#include <exception>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -63,6 +64,14 @@ void turn_on_shadow_stacks() {
   watch_calls();
 }
 
+// Where the library looks for this handler, a thrown object has another one.
+void change_thrown_objects() {
+  static velt_test::Replacement const handler{
+      velt_test::Call<std::terminate_handler (*)()>{"_ZSt13get_terminatev"},
+      [](auto) -> std::terminate_handler { return nullptr; }};
+  watch_calls();
+}
+
 // Ends with 8 if the library loads and says so.
 [[noreturn]] void load_and_expect(char const* line, void (*patch)()) {
   bool const is_loaded = velt_test::load_velt(patch);
@@ -73,6 +82,8 @@ void turn_on_shadow_stacks() {
 
 TEST(Loading, SaysWhatItDoesWithout) {
   EXPECT_EXIT(load_and_expect("(!) velt: shadow stacks are on", turn_on_shadow_stacks),
+              testing::ExitedWithCode(8), "");
+  EXPECT_EXIT(load_and_expect("(!) velt: thrown objects differ", change_thrown_objects),
               testing::ExitedWithCode(8), "");
   // The later slots lie elsewhere.
   EXPECT_EXIT(

@@ -165,13 +165,16 @@ void interrupt_one(Stage& stage, Wait& wait, std::mt19937& random) {
   ++moves;
 }
 
+// The kinds take turns, so that each has one however busy the machine is.
 void interrupt_many(Round const& round, std::mt19937 random) {
+  static std::atomic<unsigned int> turn = 0;
   Stage stage;
   TLock mutex(stage.taken_mutex), lock(stage.taken_lock);
   TReadLock const read(stage.read_taken_lock);
   TDebugStreamSession const session(stage.taken_stream);
   stage.inner_taken.hold_inner();
-  while (!round.is_over()) interrupt_one(stage, waits[random() % std::size(waits)], random);
+  while (!round.is_over() || turn < std::size(waits))
+    interrupt_one(stage, waits[turn++ % std::size(waits)], random);
   stage.inner_taken.let_inner_go();
 }
 
