@@ -15,6 +15,15 @@ add_library(velt_warnings INTERFACE)
 target_compile_options(velt_warnings INTERFACE -Wall -Wextra -Wpedantic -Wno-long-long -Wshadow
   -Woverloaded-virtual -Wcast-qual -Wundef $<$<BOOL:${PROJECT_IS_TOP_LEVEL}>:-Werror>)
 
+# velt_precompile(TARGET [HEADER...]): these and the usual ones, which are half of a
+# compilation. Builds without tests do without, and show which sources lack a header.
+function(velt_precompile target)
+  if(VELT_TESTS)
+    target_precompile_headers(${target} PRIVATE <windows.h> <algorithm> <atomic> <concepts>
+      <map> <memory> <optional> <string> <string_view> <utility> <vector> ${ARGN})
+  endif()
+endfunction()
+
 # The exception state is shared between the library and its clients only when
 # both use the compiler's run-time DLLs, so these go beside the binaries.
 function(velt_find_runtime_dlls result)
