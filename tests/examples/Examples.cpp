@@ -52,7 +52,7 @@ Row const rows[] = {
       "-> velt!TMutex::Lock*", "sell       done 0 times, then interrupted", "Both locks are free."}},
     {L"shared_settings --milliseconds 300 " + settings,
      0,
-     {"reader 1 line 1: service.name = Größenarchiv Süd in revision 0.",
+     {"reader 1 line 1: service.name = Größenarchiv Süd in revision *.",
       "the lock was busy * % of the time", "revision *: no write lost",
       "shared_settings.log: * lines, none broken"}},
     {L"apartment_guard sta", 0, {"inside:         in one of its own", "afterwards:     in no*"}},
