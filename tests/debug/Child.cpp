@@ -17,9 +17,10 @@ struct StaticUser {
   ~StaticUser() { Debug << "destroyed " << 2 << "\n"; }
 } static_user;
 
+std::atomic<int> writing = 0;
+
 // Keeps away from the heap where it can: this platform may hang at the end of any
 // process whose threads were stopped in the heap.
-std::atomic<int> writing = 0;
 void write_for_ever(TDebugStream& stream) {
   for (int statement = 0;; ++statement) {
     stream << "line " << statement << " of xxxxxxxxxxxxxxxxxxxx" << "\n";
