@@ -29,6 +29,10 @@ void set_finding(bool finds) noexcept {
   if (auto const engine = loaded_engine()) engine->finds_new_modules = finds;
 }
 
+bool engine_walks_without_symbols() {
+  return ask_engine([](symbol_engine& engine) { return engine.walks_without_symbols(); });
+}
+
 void load_all_symbols() {
   symbol_record symbol;
   for (auto const module : all_modules()) {
@@ -40,15 +44,23 @@ void load_all_symbols() {
 
 }  // namespace
 
-// A walk of this thread's own stack shows whether walks need symbols.
+// If no walk has shown yet whether walks need symbols, one of this thread's own stack does.
 void prepare_walks() {
+  if (engine_walks_without_symbols()) return;
   short_stack(nullptr, GetCurrentThread());
-  bool const reads_symbols =
-      ask_engine([](symbol_engine& engine) { return !engine.walks_without_symbols(); });
-  if (reads_symbols) load_all_symbols();
+  if (!engine_walks_without_symbols()) load_all_symbols();
 }
 
-engine_isolation::engine_isolation() noexcept { set_finding(false); }
-engine_isolation::~engine_isolation() { set_finding(true); }
+std::atomic<unsigned long> isolating_thread = 0;
+
+engine_isolation::engine_isolation() noexcept {
+  set_finding(false);
+  isolating_thread = GetCurrentThreadId();
+}
+
+engine_isolation::~engine_isolation() {
+  isolating_thread = 0;
+  set_finding(true);
+}
 
 }  // namespace velt::detail

@@ -204,8 +204,11 @@ bool lock_symbols() {
   return false;
 }
 
+symbol_hold::symbol_hold()
+    : is_nested(isolating_thread == GetCurrentThreadId()), held(is_nested || lock_symbols()) {}
+
 symbol_hold::~symbol_hold() {
-  if (held) symbol_lock().Unlock();
+  if (held && !is_nested) symbol_lock().Unlock();
 }
 
 std::array<void*, 2> heaps_of_run_times() noexcept {

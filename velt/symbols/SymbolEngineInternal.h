@@ -203,8 +203,11 @@ bool try_asking_engine(Query query) noexcept {
 // stopping threads or locking heaps.
 void prepare_walks();
 
+// The thread that has an engine_isolation; 0 if none has.
+extern std::atomic<unsigned long> isolating_thread;
+
 // While it lives, the engine does not look for unknown modules, and does not remember the
-// addresses that were asked for in vain. For holders of symbol_lock().
+// addresses that were asked for in vain. For holders of symbol_lock(), one at a time.
 class [[nodiscard]] engine_isolation {
 public:
   engine_isolation() noexcept;

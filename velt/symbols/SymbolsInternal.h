@@ -39,10 +39,11 @@ TMutex& symbol_lock();
 // the platform's engine may wait for the loader lock; false after that second.
 bool lock_symbols();
 
-// lock_symbols() for a scope.
+// lock_symbols() for a scope. Asks the platform for nothing in an engine_isolation, whose
+// thread has the lock.
 class [[nodiscard]] symbol_hold {
 public:
-  symbol_hold() : held(lock_symbols()) {}
+  symbol_hold();
   symbol_hold(symbol_hold const&) = delete;
   symbol_hold& operator=(symbol_hold const&) = delete;
   ~symbol_hold();
@@ -50,7 +51,8 @@ public:
   explicit operator bool() const noexcept { return held; }
 
 private:
-  bool held;
+  bool const is_nested;
+  bool const held;
 };
 
 // The heaps of the C run times that the engine or this library may use; null for a run
