@@ -3,8 +3,14 @@
 
 velt_build=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)/build
 
-wine=/usr/lib/wine/wine64
+wine64=/usr/lib/wine/wine64
 wineserver=/usr/lib/wine/wineserver
+
+# Programs start at addresses that are not random. Otherwise one start in some 4,000 fails
+# under Debian 12: the kernel places the heap of Wine, which is no position-independent
+# program, over a page at a fixed address that Wine needs. A container may forbid this.
+wine=("$wine64")
+! setarch --addr-no-randomize true 2>/dev/null || wine=(setarch --addr-no-randomize "$wine64")
 
 # use_wine_prefix NAME: for this process and those that it starts. Prefixes share nothing:
 # each has a server of its own.
@@ -44,7 +50,7 @@ start_wine() {
 
 # The server writes the registry to the disk only when it ends.
 make_wine_prefix() {
-  timeout 180 "$wine" wineboot -i </dev/null && stop_wine && touch "$WINEPREFIX/velt-ready"
+  timeout 180 "${wine[@]}" wineboot -i </dev/null && stop_wine && touch "$WINEPREFIX/velt-ready"
 }
 
 # Wine's services start with the first program and keep its output open while they run. A
@@ -54,7 +60,7 @@ start_wine_server() {
   local already_running=2 status=0
   "$wineserver" -p60 >/dev/null 2>&1 || status=$?
   [ "$status" != "$already_running" ] || return 0
-  "$wine" cmd /c exit </dev/null >/dev/null 2>&1
+  "${wine[@]}" cmd /c exit </dev/null >/dev/null 2>&1
 }
 
 # Ends every program in the prefix and waits until the server has ended. It is not a
