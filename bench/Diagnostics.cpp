@@ -269,7 +269,8 @@ void walk_all_bare() {
     CONTEXT context;
     context.ContextFlags = CONTEXT_FULL;
     if (!GetThreadContext(each.handle, &context)) abort();
-    keep(walk_bare<each_step::unguarded>(each.handle, context, frames, each.frames));
+    if (walk_bare<each_step::unguarded>(each.handle, context, frames, most_frames) != each.frames)
+      abort();
     ResumeThread(each.handle);
   }
   CONTEXT own;

@@ -60,9 +60,15 @@ void stop_all(std::vector<seen_thread>& threads) {
   CloseHandle(list);
 }
 
+// The calling thread goes on running and would overwrite the stack below a captured
+// context, so its walk uses none.
 void walk_and_resume(seen_thread& thread) {
-  thread.stack = walk_stopped(thread.handle);
-  if (!is_caller(thread.id)) ResumeThread(thread.handle);
+  if (is_caller(thread.id)) {
+    thread.stack = short_stack(nullptr, GetCurrentThread());
+  } else {
+    thread.stack = walk_stopped(thread.handle);
+    ResumeThread(thread.handle);
+  }
   CloseHandle(thread.handle);
 }
 

@@ -20,14 +20,11 @@ std::optional<short_stack> stop_and_walk(HANDLE thread) {
 
 }  // namespace
 
-// The calling thread goes on running and would overwrite the stack below a captured
-// context, so its walk uses none.
 std::optional<short_stack> walk_stopped(void* thread) {
   CONTEXT context{};
   context.ContextFlags = CONTEXT_FULL;
   if (!GetThreadContext(thread, &context)) return {};
-  bool const is_caller = GetThreadId(thread) == GetCurrentThreadId();
-  return short_stack(is_caller ? nullptr : &context, thread);
+  return short_stack(&context, thread);
 }
 
 std::string text_of_running_thread(void* thread) {

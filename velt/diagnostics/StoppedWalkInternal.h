@@ -8,9 +8,8 @@
 
 namespace velt::detail {
 
-// The thread must be stopped, or be the calling one. Empty if its registers cannot be
-// read. If other threads are stopped, the caller must hold process_locks and an
-// engine_isolation.
+// Of a thread that is stopped. Empty if its registers cannot be read. The caller must hold
+// process_locks and an engine_isolation.
 std::optional<short_stack> walk_stopped(void* thread);
 
 // Stops the thread, which must not be the calling one, for the walk, and resumes it
