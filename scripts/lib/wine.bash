@@ -7,8 +7,9 @@ wine64=/usr/lib/wine/wine64
 wineserver=/usr/lib/wine/wineserver
 
 # Programs start at addresses that are not random. Otherwise one start in some 4,000 fails
-# under Debian 12: the kernel places the heap of Wine, which is no position-independent
-# program, over a page at a fixed address that Wine needs. A container may forbid this.
+# under Debian 12: the kernel puts the heap of a program without position-independent code,
+# which Wine is, at a random place, now and then over a page that Wine needs. A container
+# may forbid fixed addresses; programs then start as usual.
 wine=("$wine64")
 ! setarch --addr-no-randomize true 2>/dev/null || wine=(setarch --addr-no-randomize "$wine64")
 

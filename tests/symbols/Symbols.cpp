@@ -17,6 +17,7 @@
 
 #include "tests/support/Imports.h"
 #include "tests/support/LoaderOwner.h"
+#include "velt/diagnostics/DebugSnapshot.h"
 #include "velt/diagnostics/Settings.h"
 #include "velt/exceptions/EGeneric.h"
 #include "velt/symbols/Symbols.h"
@@ -111,6 +112,15 @@ struct SymbolsOfThisProgram : testing::Test {
 };
 
 }  // namespace
+
+TEST_F(SymbolsOfThisProgram, SnapshotFollowsItsCallerThroughALibraryThatIsNew) {
+  TakeDebugSnapshot();
+  plugin const late("symbols_late_module");
+  static std::string text;
+  reinterpret_cast<int (*)(bool (*)())>(late.entry("call_back"))(
+      [] { return (text = TakeDebugSnapshot()).empty(); });
+  EXPECT_THAT(text, HasSubstr("-> symbols_late_module!call_back+"));
+}
 
 TEST_F(SymbolsOfThisProgram, OwnStackBeginsAtTheCallerOfTheWalk) {
   auto const stack = walk_outer(0);

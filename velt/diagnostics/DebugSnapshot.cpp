@@ -60,11 +60,9 @@ void stop_all(std::vector<seen_thread>& threads) {
   CloseHandle(list);
 }
 
-// The calling thread goes on running and would overwrite the stack below a captured
-// context, so its walk uses none.
-void walk_and_resume(seen_thread& thread) {
+void walk_and_resume(seen_thread& thread, short_stack const& callers) {
   if (is_caller(thread.id)) {
-    thread.stack = short_stack(nullptr, GetCurrentThread());
+    thread.stack = callers;
   } else {
     thread.stack = walk_stopped(thread.handle);
     ResumeThread(thread.handle);
@@ -72,13 +70,13 @@ void walk_and_resume(seen_thread& thread) {
   CloseHandle(thread.handle);
 }
 
-std::vector<seen_thread> see_all() {
+std::vector<seen_thread> see_all(short_stack const& callers) {
   auto threads = no_threads();
   process_locks const locks(when_taken::go_on);
   if (!locks.held()) return threads;
   engine_isolation const isolation;
   stop_all(threads);
-  for (auto& thread : threads) walk_and_resume(thread);
+  for (auto& thread : threads) walk_and_resume(thread, callers);
   return threads;
 }
 
@@ -95,9 +93,9 @@ std::string TakeDebugSnapshot() {
   if (!engine_is_loaded() && loader_hangs()) return {};
   engine_hold const engine;
   if (!engine) return {};
-  prepare_walks();
+  auto const own_stack = prepare_walks();
   auto text = "Snapshot taked on " + _time_t::time().ctime() + "\n";
-  auto const threads = see_all();
+  auto const threads = see_all(own_stack);
   for (auto const& thread : threads)
     if (thread.stack) text += block(thread);
   return threads.empty() ? std::string() : text;

@@ -44,11 +44,11 @@ void load_all_symbols() {
 
 }  // namespace
 
-// If no walk has shown yet whether walks need symbols, one of this thread's own stack does.
-void prepare_walks() {
-  if (engine_walks_without_symbols()) return;
-  short_stack(nullptr, GetCurrentThread());
+// The walk shows whether walks need symbols.
+[[gnu::noipa]] short_stack prepare_walks() {
+  short_stack own(nullptr, GetCurrentThread(), 1);
   if (!engine_walks_without_symbols()) load_all_symbols();
+  return own;
 }
 
 std::atomic<unsigned long> isolating_thread = 0;

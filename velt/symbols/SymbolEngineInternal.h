@@ -198,10 +198,11 @@ bool try_asking_engine(Query query) noexcept {
 
 // Use of the engine while threads are stopped.
 
-// Makes the engine read now what it would otherwise read in the middle of a walk. If its
+// Makes the engine read now what it would otherwise read in the middle of a walk, and find
+// the modules of the caller's stack, which it returns, from the calling function on. If its
 // walks need symbols, it reads those of all modules, which takes long. Call this before
 // stopping threads or locking heaps.
-void prepare_walks();
+short_stack prepare_walks();
 
 // The thread that has an engine_isolation; 0 if none has.
 extern std::atomic<unsigned long> isolating_thread;
